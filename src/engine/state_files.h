@@ -1,0 +1,51 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+
+#include "platform/clock.h"
+
+namespace vigilo {
+
+// The app folder and its files. Every file Vigilo keeps lives here; each
+// system change has one record here, written before the change and removed
+// only after it has been put back.
+class StateFiles {
+ public:
+  explicit StateFiles(std::string dir);
+
+  const std::string& dir() const { return dir_; }
+  std::string path(std::string_view name) const;
+
+  // Creates the folder (and its parents) when missing. False when it cannot.
+  bool ensureDir() const;
+
+  // Writes `data` to "<name>.vigilo-tmp" beside the target, with `mode`
+  // permissions when given, flushes it to disk and renames it over the
+  // target: a reader sees the old file or the new one, never half of one.
+  bool writeDurably(std::string_view name, std::string_view data, std::optional<mode_t> mode = std::nullopt) const;
+  // Creates the file empty when missing, else sets its modification time to
+  // now. False when it cannot.
+  bool touch(std::string_view name) const;
+  // Removes the file; a missing file is not an error. False when it exists
+  // and cannot be removed.
+  bool remove(std::string_view name) const;
+  bool exists(std::string_view name) const;
+  // The whole file, or nothing when it is missing or unreadable. Files larger
+  // than `limit` bytes count as unreadable so a damaged file cannot exhaust
+  // memory.
+  std::optional<std::string> read(std::string_view name, std::size_t limit = 16 * 1024 * 1024) const;
+  // Modification time in seconds since 1970, or nothing when missing.
+  std::optional<Time> modified(std::string_view name) const;
+
+ private:
+  std::string dir_;
+};
+
+// Durable write to any path (used for files outside the app folder too).
+bool writeFileDurably(const std::string& path, std::string_view data, std::optional<mode_t> mode = std::nullopt);
+std::optional<std::string> readWholeFile(const std::string& path, std::size_t limit = 16 * 1024 * 1024);
+
+}  // namespace vigilo

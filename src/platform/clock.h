@@ -1,0 +1,49 @@
+#pragma once
+
+namespace vigilo {
+
+// Wall time in seconds since 1970, as every file and message of Vigilo
+// stores it.
+using Time = double;
+
+// Where "now" comes from. The engine reads it once per tick; timers run on
+// the monotonic reading so that a change of the wall clock does not fire or
+// starve them. A laptop that slept shows up as a jump in both.
+class Clock {
+ public:
+  Clock() = default;
+  Clock(const Clock&) = delete;
+  Clock& operator=(const Clock&) = delete;
+  virtual ~Clock() = default;
+
+  // Seconds since 1970 (may jump when the user sets the clock).
+  virtual Time now() const = 0;
+  // Seconds since an arbitrary fixed point; never goes backwards.
+  virtual double monotonic() const = 0;
+};
+
+class SystemClock final : public Clock {
+ public:
+  Time now() const override;
+  double monotonic() const override;
+};
+
+// A clock that only moves when told to; wall and monotonic move together.
+class ManualClock final : public Clock {
+ public:
+  explicit ManualClock(Time start = 1'800'000'000.0) : now_(start) {}
+  Time now() const override { return now_; }
+  double monotonic() const override { return mono_; }
+  void advance(double seconds) {
+    now_ += seconds;
+    mono_ += seconds;
+  }
+  // Moves only the wall clock, as a user changing the time would.
+  void setWall(Time t) { now_ = t; }
+
+ private:
+  Time now_;
+  double mono_ = 1000.0;
+};
+
+}  // namespace vigilo

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/clock.h"
+#include "platform/power_control.h"
+#include "platform/processes.h"
+#include "platform/registry.h"
+#include "platform/run_loop.h"
+#include "platform/system_events.h"
+
+namespace vigilo {
+
+// One machine: every interface the core uses, from one backend. The
+// references stay valid for the platform's lifetime.
+class Platform {
+ public:
+  Platform() = default;
+  Platform(const Platform&) = delete;
+  Platform& operator=(const Platform&) = delete;
+  virtual ~Platform() = default;
+
+  // "sim", "linux" or "macos".
+  virtual std::string name() const = 0;
+  // The folder for Vigilo's files on this platform when VIGILO_HOME is unset.
+  virtual std::string defaultAppFolder() const = 0;
+
+  virtual Clock& clock() = 0;
+  virtual RunLoop& loop() = 0;
+  virtual Registry& registry() = 0;
+  virtual PowerControl& power() = 0;
+  virtual Displays& displays() = 0;
+  virtual Processes& processes() = 0;
+  virtual SystemEvents& events() = 0;
+
+  // Called at the start of every engine tick: a backend that mirrors outside
+  // state (the simulated laptop's state file) brings itself up to date.
+  virtual void refresh() {}
+};
+
+// The app folder: VIGILO_HOME when set and not empty, else the platform's.
+std::string appFolderFor(const Platform& platform);
+
+}  // namespace vigilo

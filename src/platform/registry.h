@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+namespace vigilo {
+
+// The battery controller's raw properties, as the I/O registry's
+// "AppleSmartBattery" service names them. Every field is optional because
+// controllers leave some out; the core decides what a missing one means.
+// Capacities in mAh, currents in mA (negative while discharging), voltage in
+// mV, time in minutes (65535 means unknown).
+struct BatteryProperties {
+  std::optional<std::int64_t> currentCapacity;  // "CurrentCapacity"
+  std::optional<std::int64_t> maxCapacity;      // "MaxCapacity"
+  std::optional<std::int64_t> instantAmperage;  // "InstantAmperage"
+  std::optional<std::int64_t> amperage;         // "Amperage"
+  std::optional<std::int64_t> voltage;          // "Voltage"
+  std::optional<std::int64_t> timeRemaining;    // "TimeRemaining"
+  std::optional<bool> externalConnected;        // "ExternalConnected"
+  std::optional<bool> isCharging;               // "IsCharging"
+};
+
+// Read-only hardware state: the battery controller and the power-management
+// root domain. Called on the main thread; each call reads afresh.
+class Registry {
+ public:
+  Registry() = default;
+  Registry(const Registry&) = delete;
+  Registry& operator=(const Registry&) = delete;
+  virtual ~Registry() = default;
+
+  // The battery controller's properties, or nothing when the machine has no
+  // battery service (a desktop, a container).
+  virtual std::optional<BatteryProperties> battery() = 0;
+  // "SleepDisabled" of the root domain: whether system sleep is switched off
+  // as a whole (by anyone). Nothing when it cannot be read.
+  virtual std::optional<bool> sleepDisabled() = 0;
+  // "AppleClamshellState": true while the lid is shut. Nothing on a machine
+  // without a lid.
+  virtual std::optional<bool> lidClosed() = 0;
+  // The system's thermal state: 0 nominal, 1 fair, 2 serious, 3 critical.
+  virtual int thermalState() = 0;
+};
+
+}  // namespace vigilo

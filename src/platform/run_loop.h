@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/clock.h"
+
+namespace vigilo {
+
+using TimerId = std::uint64_t;
+using WatchId = std::uint64_t;
+
+// The main thread's run loop. Everything Vigilo's engine does happens in a
+// callback of this loop, one at a time, so engine state needs no locks.
+// Every method but `post` and `stop` must be called on the loop's thread.
+class RunLoop {
+ public:
+  RunLoop() = default;
+  RunLoop(const RunLoop&) = delete;
+  RunLoop& operator=(const RunLoop&) = delete;
+  virtual ~RunLoop() = default;
+
+  // Calls `fn` every `interval` seconds; `tolerance` lets the loop fire late
+  // by up to that much to save wake-ups. The first call comes one interval
+  // from now.
+  virtual TimerId every(double interval, double tolerance, std::function<void()> fn) = 0;
+  // Calls `fn` once, `delay` seconds from now.
+  virtual TimerId after(double delay, std::function<void()> fn) = 0;
+  // Cancels a timer; unknown or finished ids are ignored.
+  virtual void cancel(TimerId id) = 0;
+
+  // Runs `fn` on the loop's thread soon. Safe from any thread.
+  virtual void post(std::function<void()> fn) = 0;
+
+  // Calls `fn` after the file at `path` is written, extended, renamed or
+  // deleted (including an editor's save-by-rename). Watching a file that does
+  // not exist yet watches for its creation. Spurious calls are possible: the
+  // handler compares what it cares about.
+  virtual WatchId watchFile(const std::string& path, std::function<void()> fn) = 0;
+  // Calls `fn` whenever `fd` is readable; the caller keeps owning `fd`.
+  virtual WatchId watchReadable(int fd, std::function<void()> fn) = 0;
+  virtual void unwatch(WatchId id) = 0;
+
+  // Calls `fn` on the loop's thread when signal `signo` arrives; the signal
+  // handler itself does no work.
+  virtual void onSignal(int signo, std::function<void()> fn) = 0;
+
+  // Runs until `stop`. `stop` is safe from any thread.
+  virtual void run() = 0;
+  virtual void stop() = 0;
+};
+
+// The real loop for Linux and the simulated laptop: poll(2) over a wake-up
+// pipe, inotify and signalfd.
+std::unique_ptr<RunLoop> makePollRunLoop(const Clock& clock);
+
+}  // namespace vigilo

@@ -1,0 +1,144 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "platform/platform.h"
+
+namespace vigilo {
+
+// One process of the simulated laptop.
+struct SimProcess {
+  std::int32_t pid = 0;
+  std::int32_t ppid = 1;
+  std::uint64_t startMicros = 0;
+  std::string path;
+  std::vector<std::string> args;
+  std::string cwd = "/";
+  double watts = 0.0;        // what it draws while running
+  bool stopped = false;      // paused by a stop signal
+  bool slowed = false;       // at background priority
+  std::uint64_t cpuMicros = 0;
+  std::uint64_t energyNanojoules = 0;
+};
+
+// A coherent simulated laptop: a product, not a mock. State stays as it is
+// put (sleep switched off stays off until switched back, a stopped process
+// stays stopped until continued), the battery charge falls with the draw and
+// rises on the charger as the clock moves, and a process id can be reused by
+// a new process with a new start time. Every privileged call is recorded, so
+// tests assert on what the laptop was asked to do.
+//
+// The default laptop (the state of `{}`): one-time setup in working order,
+// lid open, a 5000 mAh battery at 80 % on battery power drawing 6 W at
+// 11.4 V, nominal temperature, sleep enabled, nothing running but pid 1.
+class SimLaptop {
+ public:
+  explicit SimLaptop(const Clock& clock);
+
+  // --- Changes made from outside (a test, a person editing the state file).
+  void setLidClosed(bool closed);
+  void removeLid();
+  void setCharge(double percent);
+  // Adapter connected or not; `charging` only counts with the adapter.
+  void setAdapter(bool connected, bool charging);
+  // The whole machine's draw from the battery (or the adapter) in watts.
+  void setDraw(double watts);
+  void removeBattery();
+  void setThermalState(int state);
+  // Someone else switches sleep off or on (the user running pmset by hand).
+  void setSleepDisabledExternally(bool disabled);
+  void setSetup(bool ready, std::string reason = {});
+  // Makes the sleep switch refuse to switch sleep off (`refuseOff`) or back
+  // on (`refuseOn`), as a missing or broken setup would.
+  void setRefusals(bool refuseOff, bool refuseOn);
+  // Starts a process and returns its pid; `pid` reuses a given id (a process
+  // with that id must not be running).
+  std::int32_t startProcess(const std::string& path, std::vector<std::string> args = {}, std::int32_t ppid = 1,
+                            std::optional<std::int32_t> pid = std::nullopt);
+  void endProcess(std::int32_t pid);
+
+  // --- Reading the laptop.
+  bool sleepDisabled() const;
+  std::optional<bool> lidClosed() const;
+  int thermalState() const;
+  std::optional<double> chargePercent() const;  // nothing without a battery
+  std::optional<BatteryProperties> batteryProperties() const;
+  const std::vector<SimProcess>& processes() const;
+  const SimProcess* process(std::int32_t pid) const;
+  // Every privileged operation asked for, in order, as short text:
+  // "disablesleep 1", "disablesleep 0", "sleepnow", "powermode <key> <v>",
+  // "backups on|off", "display on|off", "brightness <v>", "stop <pid>",
+  // "resume <pid>", "slow <pid>", "unslow <pid>"; refused ones end in
+  // " (refused)".
+  const std::vector<std::string>& commandLog() const;
+  // Display and settings state put there by the privileged calls.
+  bool builtInDisplayOn() const;
+  double brightness() const;
+  bool automaticBackups() const;
+
+  // --- The privileged operations (what the platform interfaces forward to).
+  Result setSleepDisabled(bool disabled);
+  Result sleepNow();  // the laptop sleeps and wakes again at once
+  SetupStatus setupStatus() const;
+  Result restorePowerMode(const std::string& key, int value);
+  Result setAutomaticBackups(bool enabled);
+  Result setBuiltInDisplay(bool on);
+  Result setBrightness(double level);
+  Result stop(std::int32_t pid);
+  Result resume(std::int32_t pid);
+  Result slow(std::int32_t pid);
+  Result unslow(std::int32_t pid);
+
+  // Brings the battery up to the clock's now (charge, cpu and energy
+  // counters). Every reading calls it; `changed` tells whether anything
+  // visible moved since the last call.
+  bool advanceToNow();
+
+  // The whole state as the JSON of the state file (format in
+  // docs/simulator.md), and back. `fromJson` is lenient: a missing or
+  // wrongly typed key keeps the default laptop's value, and it never throws.
+  nlohmann::json toJson() const;
+  void fromJson(const nlohmann::json& state);
+
+ private:
+  struct State;
+  const Clock& clock_;
+  std::shared_ptr<State> s_;
+};
+
+// The platform over a simulated laptop. With a state file, the laptop's
+// state lives in that JSON file: `refresh` (each engine tick) re-reads it
+// when another process changed it, and every change made through the
+// platform writes it back at once (durably, under an advisory lock on
+// "<file>.lock" so that a tool editing it with the same lock never loses an
+// update).
+struct SimPlatformOptions {
+  std::string stateFile;   // empty: in memory only
+  std::string appFolder;   // the platform's default app folder
+};
+
+class SimPlatform;
+std::unique_ptr<SimPlatform> makeSimPlatform(Clock& clock, RunLoop& loop, SimPlatformOptions options);
+
+class SimPlatform : public Platform {
+ public:
+  // The laptop, for tests and for tools that change it.
+  virtual SimLaptop& laptop() = 0;
+  // Writes the state file now (after a test changed the laptop directly).
+  virtual bool save() = 0;
+  // Whether the last read of the state file failed, and why (shown by the
+  // app: a damaged state file never crashes it; the last good state is kept).
+  virtual std::string stateFileProblem() const = 0;
+};
+
+// Read-modify-write of a state file under its lock, for tests and tools: the
+// laptop in `edit` starts from the file's current content.
+bool editSimStateFile(const std::string& path, const Clock& clock, const std::function<void(SimLaptop&)>& edit);
+
+}  // namespace vigilo
