@@ -1,0 +1,3 @@
+#include "app/commands.h"
+
+int main(int argc, char** argv) { return vigilo::vigiloMain(argc, argv); }

@@ -1,0 +1,163 @@
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <fcntl.h>
+#include <memory>
+#include <optional>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include "app/commands.h"
+#include "engine/engine.h"
+#include "engine/log.h"
+#include "platform/sim/sim_laptop.h"
+
+namespace vigilo {
+namespace {
+
+constexpr std::string_view kAppLockFile = "app.lock";
+
+std::string clockStamp() {
+  std::time_t t = std::time(nullptr);
+  std::tm tm{};
+  localtime_r(&t, &tm);
+  char buf[16];
+  std::strftime(buf, sizeof buf, "%H:%M:%S", &tm);
+  return buf;
+}
+
+void say(const std::string& line) {
+  std::printf("%s  %s\n", clockStamp().c_str(), line.c_str());
+  std::fflush(stdout);
+}
+
+// One app per folder: two engines on the same records would undo each
+// other's changes. The lock dies with the process, so a crash never leaves
+// it behind.
+class FolderLock {
+ public:
+  explicit FolderLock(const StateFiles& files) {
+    if (!files.ensureDir()) return;
+    fd_ = ::open(files.path(kAppLockFile).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd_ >= 0 && ::flock(fd_, LOCK_EX | LOCK_NB) == 0) held_ = true;
+  }
+  ~FolderLock() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  FolderLock(const FolderLock&) = delete;
+  FolderLock& operator=(const FolderLock&) = delete;
+  bool held() const { return held_; }
+
+ private:
+  int fd_ = -1;
+  bool held_ = false;
+};
+
+struct AppOptions {
+  std::string simulate;
+  bool preview = false;
+};
+
+std::optional<AppOptions> parseAppOptions(const std::vector<std::string>& args) {
+  AppOptions o;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    if (a == "--preview") {
+      o.preview = true;
+    } else if (a == "--simulate") {
+      if (i + 1 >= args.size() || args[i + 1].empty()) {
+        std::fprintf(stderr, "vigilo: --simulate needs the path of the simulated laptop's state file.\n");
+        return std::nullopt;
+      }
+      o.simulate = args[++i];
+    } else if (a.rfind("--simulate=", 0) == 0 && a.size() > 11) {
+      o.simulate = a.substr(11);
+    } else {
+      std::fprintf(stderr, "vigilo: app doesn't know \"%s\". Usage: vigilo app [--simulate FILE] [--preview]\n",
+                   a.c_str());
+      return std::nullopt;
+    }
+  }
+  return o;
+}
+
+}  // namespace
+
+int runApp(const std::vector<std::string>& args) {
+  auto options = parseAppOptions(args);
+  if (!options) return 2;
+  if (options->simulate.empty()) {
+    std::fprintf(stderr,
+                 "vigilo: only the simulated laptop is available on this machine so far; the real backend for this "
+                 "system is not built yet. Run: vigilo app --simulate FILE\n");
+    return 1;
+  }
+
+  SystemClock clock;
+  std::unique_ptr<RunLoop> loop;
+  try {
+    loop = makePollRunLoop(clock);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "vigilo: couldn't start the run loop: %s\n", e.what());
+    return 1;
+  }
+  auto platform = makeSimPlatform(clock, *loop, SimPlatformOptions{options->simulate, {}});
+  const std::string folder = appFolderFor(*platform);
+  StateFiles files(folder);
+  std::optional<FolderLock> lock;
+  if (!options->preview) {
+    lock.emplace(files);
+    if (!lock->held()) {
+      std::fprintf(stderr, "vigilo: another Vigilo app is already running for %s\n", folder.c_str());
+      return 1;
+    }
+  }
+
+  Engine engine(*platform, folder, EngineOptions{options->preview, false});
+  std::string lastStatus, lastWarning, lastSetupError, lastSimProblem;
+  auto report = [&] {
+    std::string status = engine.statusLine();
+    if (status != lastStatus) say(status);
+    lastStatus = status;
+    std::string warning = engine.warning().value_or("");
+    if (warning != lastWarning && !warning.empty()) say("warning: " + warning);
+    lastWarning = warning;
+    std::string setupError = engine.setupError().value_or("");
+    if (setupError != lastSetupError && !setupError.empty()) say("warning: " + setupError);
+    lastSetupError = setupError;
+    std::string simProblem = platform->stateFileProblem();
+    if (simProblem != lastSimProblem && !simProblem.empty()) say("warning: " + simProblem);
+    lastSimProblem = simProblem;
+  };
+  engine.setNoticeHandler([](const Notice& n) {
+    if (n.kind == Notice::Kind::Alert) {
+      say(n.title + ": " + n.text);
+    } else {
+      say("» " + n.text);
+    }
+  });
+  engine.setChangeHandler(report);
+
+  bool quitting = false;
+  auto quit = [&] {
+    if (quitting) return;
+    quitting = true;
+    say("Quitting: putting everything back");
+    engine.shutdown();
+    loop->stop();
+  };
+  loop->onSignal(SIGINT, quit);
+  loop->onSignal(SIGTERM, quit);
+  // A closed terminal must not kill the app before it puts things back.
+  loop->onSignal(SIGHUP, quit);
+
+  say(std::string("Vigilo ") + (options->preview ? "(preview only: nothing is switched) " : "") +
+      "on the simulated laptop " + options->simulate + ", app folder " + folder);
+  engine.launch();
+  report();
+  loop->run();
+  return 0;
+}
+
+}  // namespace vigilo

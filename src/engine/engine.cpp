@@ -1,0 +1,816 @@
+#include "engine/engine.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+
+#include "engine/log.h"
+
+namespace vigilo {
+namespace {
+
+constexpr double kTickSeconds = 2.0;
+constexpr double kTickTolerance = 1.0;
+constexpr double kRefusalBackoff = 30.0;
+constexpr double kAdoptGrace = 30.0;
+constexpr double kHeatLimit = 300.0;
+constexpr int kSerious = 2;
+constexpr int kCritical = 3;
+
+constexpr const char* kRefusedWarning =
+    "macOS refused to switch sleep off, so closing the lid would sleep the Mac. Run Set Up again in Settings › "
+    "General.";
+constexpr const char* kPendingWarning = "Couldn't switch sleep back on yet; Vigilo keeps trying.";
+constexpr const char* kPowerChangeWarning = "macOS didn't keep sleep switched off after the power change";
+constexpr const char* kNotKeptWarning = "macOS didn't keep sleep switched off";
+constexpr const char* kFolderError = "Vigilo couldn't write to its folder, so it won't switch sleep off";
+
+}  // namespace
+
+std::string formatMinutes(long long minutes) {
+  if (minutes < 0) minutes = 0;
+  long long h = minutes / 60;
+  long long m = minutes % 60;
+  if (h == 0) return std::to_string(m) + "m";
+  if (m == 0) return std::to_string(h) + "h";
+  return std::to_string(h) + "h " + std::to_string(m) + "m";
+}
+
+std::string formatShortTime(Time t) {
+  std::time_t secs = static_cast<std::time_t>(std::floor(t));
+  std::tm tm{};
+  localtime_r(&secs, &tm);
+  char buf[16];
+  std::strftime(buf, sizeof buf, "%H:%M", &tm);
+  return buf;
+}
+
+Engine::Engine(Platform& platform, std::string appFolder, EngineOptions options)
+    : platform_(platform),
+      files_(std::move(appFolder)),
+      options_(options),
+      journal_(files_, platform.processes()),
+      alive_(std::make_shared<bool>(true)) {}
+
+Engine::~Engine() {
+  *alive_ = false;
+  if (timer_) platform_.loop().cancel(*timer_);
+  if (configWatch_) platform_.loop().unwatch(*configWatch_);
+  platform_.events().subscribe(nullptr);
+}
+
+Time Engine::now() const { return platform_.clock().now(); }
+
+void Engine::tell(const std::string& title, const std::string& text) {
+  if (notice_) notice_(Notice{Notice::Kind::Alert, title, text});
+}
+
+void Engine::announce(const std::string& text) {
+  if (notice_) notice_(Notice{Notice::Kind::Announcement, {}, text});
+}
+
+void Engine::setWarning(std::optional<std::string> w) { warning_ = std::move(w); }
+
+// ---------------------------------------------------------------- launch
+
+void Engine::launch() {
+  loadConfigAtLaunch();
+  enforceSafety();
+  if (options_.passive) {
+    restoreRuntime();
+    return;
+  }
+  if (slow_) slow_->refreshWatchdog(*this);
+  refreshSetup();
+  recoverFromCrash();
+  restoreRuntime();
+
+  std::weak_ptr<bool> weak = alive_;
+  platform_.events().subscribe([this, weak](SystemEvent e) {
+    if (weak.expired()) return;
+    switch (e) {
+      case SystemEvent::ThermalStateChanged:
+        readThermal();
+        evaluate();
+        break;
+      case SystemEvent::PowerSourceChanged:
+        readBattery();
+        evaluate();
+        break;
+      case SystemEvent::DidWake:
+        evaluate();
+        break;
+      case SystemEvent::WillSleep:
+        break;
+    }
+  });
+  configStamp_ = files_.modified(kConfigFile);
+  configWatch_ = platform_.loop().watchFile(files_.path(kConfigFile), [this, weak] {
+    if (weak.expired()) return;
+    auto stamp = files_.modified(kConfigFile);
+    if (!stamp || stamp == configStamp_) return;
+    configStamp_ = stamp;
+    reloadConfigFromDisk();
+  });
+
+  auto lid = platform_.registry().lidClosed();
+  lidClosed_ = lid.value_or(false);
+  readThermal();
+  readBattery();
+  if (power_) power_->sample(*this);
+  if (work_) work_->sample(*this);
+  evaluate();
+  settleAdoptedHold();
+
+  timer_ = platform_.loop().every(kTickSeconds, kTickTolerance, [this, weak] {
+    if (weak.expired()) return;
+    tick();
+  });
+}
+
+void Engine::loadConfigAtLaunch() {
+  std::optional<std::string> brokenCopy;
+  if (!options_.preview) brokenCopy = setAsideIfBroken(files_, now());
+  auto bytes = files_.read(kConfigFile);
+  std::optional<Config> read = bytes ? Config::decode(*bytes) : std::nullopt;
+  config_ = read.value_or(Config{});
+  if (brokenCopy) {
+    tell("Settings file couldn't be read", "Vigilo is using its defaults. Your file was kept as " + *brokenCopy);
+    writeConfig();
+  } else if (bytes && !read && !options_.preview) {
+    // Unreadable and not copied aside (too large to copy, say): the file
+    // stays as it is and the defaults are used without overwriting it.
+    tell("Settings file couldn't be read", "Vigilo is using its defaults and left your file as it is.");
+  }
+  configMTime_ = files_.modified(kConfigFile);
+}
+
+void Engine::writeConfig() {
+  if (options_.preview) return;
+  // A failed write is ignored: the record in memory stays valid and the next
+  // change writes again.
+  if (files_.writeDurably(kConfigFile, config_.encoded())) {
+    configMTime_ = files_.modified(kConfigFile);
+    configStamp_ = configMTime_;
+  }
+}
+
+// ---------------------------------------------------------------- settings
+
+void Engine::apply(const Config& config, bool save) {
+  config_ = config;
+  if (save) writeConfig();
+  if (!options_.preview) Safety::of(config_).save(files_);
+  evaluate();
+}
+
+void Engine::reloadConfigFromDisk() {
+  auto bytes = files_.read(kConfigFile);
+  if (!bytes) return;
+  auto j = nlohmann::json::parse(*bytes, nullptr, false);
+  if (!j.is_object()) return;
+  config_ = config_.mergedWith(j);
+  enforceSafety();
+  evaluate();
+}
+
+void Engine::reloadConfigIfEdited() {
+  auto mtime = files_.modified(kConfigFile);
+  if (!mtime) return;
+  if (configMTime_ && *mtime <= *configMTime_) return;
+  reloadConfigFromDisk();
+  configMTime_ = mtime;
+}
+
+void Engine::enforceSafety() {
+  if (options_.preview) return;
+  auto baseline = Safety::load(files_);
+  if (!baseline) {
+    Safety::of(config_).save(files_);
+    return;
+  }
+  SafetyVerdict verdict = checkSafety(config_, *baseline);
+  if (!verdict.phrases.empty()) {
+    config_ = verdict.config;
+    writeConfig();
+    tell("Settings file change ignored", verdict.message());
+  }
+  if (verdict.baselineChanged) verdict.baseline.save(files_);
+}
+
+// ---------------------------------------------------------------- the tick
+
+void Engine::writeHeartbeat() {
+  if (options_.preview) return;
+  files_.touch(kAliveFile);
+}
+
+void Engine::tick() {
+  platform_.refresh();
+  writeHeartbeat();
+  ++ticks_;
+
+  // Lid and closed-lid upkeep.
+  if (auto lid = platform_.registry().lidClosed(); lid && *lid != lidClosed_) lidChanged(*lid);
+  if (lidClosed_ && holding_ && closedLid_) closedLid_->reapply(*this, false);
+
+  readThermal();
+  readBattery();
+  if (work_) work_->sample(*this);
+  if (power_) power_->sample(*this);
+  if (!lidClosed_ && closedLid_) closedLid_->restoreAppsIfOpen(*this);
+
+  keepMarkerInStep();
+
+  if (ticks_ % 150 == 3 && slow_) slow_->checkWatchdog(*this);
+  if (ticks_ % 5 == 0) {
+    reloadConfigIfEdited();
+    if (slow_) slow_->checkScheduledWake(*this);
+    refreshSetup();
+    retryPendingRelease();
+    reassertSleep();
+    if (slow_) slow_->checkApprove(*this);
+  }
+
+  evaluate();
+  settleAdoptedHold();
+}
+
+void Engine::keepMarkerInStep() {
+  if (options_.preview) return;
+  if (holding_) {
+    files_.touch(kHoldMarker);
+    auto disabled = platform_.registry().sleepDisabled();
+    if (disabled && !*disabled) {
+      // Something switched sleep back on under us; the slow beat switches it
+      // off again.
+      setWarning(kNotKeptWarning);
+    } else if (warning_ == kNotKeptWarning) {
+      setWarning(std::nullopt);
+    }
+  } else if (!pendingRelease_ && !adoptedHoldUntil_) {
+    files_.remove(kHoldMarker);
+  }
+}
+
+void Engine::readThermal() {
+  thermal_ = std::clamp(platform_.registry().thermalState(), 0, 3);
+  if (thermal_ >= kSerious) {
+    if (!hotSince_) hotSince_ = now();
+  } else {
+    hotSince_.reset();
+  }
+}
+
+void Engine::readBattery() {
+  auto reading = readingFrom(platform_.registry().battery());
+  if (reading && reading->onAC != lastOnAC_ && holding_ && !options_.preview) {
+    // macOS may drop the switch when the power source changes; switch it
+    // again and check that it held.
+    Result r = platform_.power().setSleepDisabled(true);
+    auto disabled = platform_.registry().sleepDisabled();
+    if (!r || !disabled || !*disabled) setWarning(kPowerChangeWarning);
+  }
+  if (reading) lastOnAC_ = reading->onAC;
+  battery_ = reading;
+  // The floor's latch clears on power or once the charge is back 3 points
+  // above the limit; it is kept up to date even while nothing wants the
+  // machine awake, so a charge that fell meanwhile is still caught.
+  if (battery_ && (battery_->onPower() || battery_->percent >= config_.batteryFloor + 3)) floorLatched_ = false;
+}
+
+void Engine::refreshSetup() {
+  SetupStatus s = platform_.power().setupStatus();
+  setupReady_ = s.ready;
+  setupProblem_ = s.ready ? std::string() : s.reason;
+}
+
+// ---------------------------------------------------------------- evaluate
+
+std::optional<Time> Engine::onUntil() const {
+  if (config_.mode != Mode::On) return std::nullopt;
+  return config_.alwaysUntil;
+}
+
+std::optional<double> Engine::systemWatts() const {
+  if (power_) {
+    if (auto w = power_->systemWatts()) return w;
+  }
+  if (battery_ && battery_->watts > 0) return battery_->watts;
+  return std::nullopt;
+}
+
+void Engine::expireAlwaysUntil() {
+  if (config_.mode != Mode::On || !config_.alwaysUntil || *config_.alwaysUntil > now()) return;
+  Config c = config_;
+  c.mode = c.modeBeforeAlways.value_or(Mode::Auto);
+  c.alwaysUntil.reset();
+  c.modeBeforeAlways.reset();
+  config_ = c;
+  writeConfig();
+}
+
+bool Engine::blockedByFloor() const {
+  return blockedReason_ && blockedReason_->rfind("Battery at ", 0) == 0;
+}
+
+std::optional<std::string> Engine::guardReason() {
+  const bool onPower = battery_ && battery_->onPower();
+  if (config_.onlyOnPower && battery_ && !onPower) return std::string("Only on power");
+  if (config_.batteryFloor >= 1 && !floorOverride_ && battery_ && !onPower) {
+    if (battery_->percent <= config_.batteryFloor) floorLatched_ = true;
+    if (floorLatched_) return "Battery at " + std::to_string(battery_->percent) + "%";
+  }
+  if (config_.heatGuard && (thermal_ >= kCritical || (hotSince_ && now() - *hotSince_ >= kHeatLimit))) {
+    heatForced_ = true;
+    return std::string("Too hot");
+  }
+  return std::nullopt;
+}
+
+void Engine::evaluate() {
+  // 1. A broken setup ends any hold.
+  if (!setupReady_ && holding_) {
+    blockedReason_ = "Setup needs repair";
+    endHold("Setup needs repair");
+    if (changed_) changed_();
+    return;
+  }
+
+  // 2. Prune holds that ended or whose process is gone.
+  const Time t = now();
+  const std::size_t before = holds_.size();
+  std::erase_if(holds_, [&](const Hold& h) {
+    if (h.until && *h.until <= t) return true;
+    if (h.pid) {
+      auto info = platform_.processes().info(*h.pid);
+      if (!info) return true;
+      if (h.pidStart && info->startMicros != *h.pidStart) return true;
+    }
+    return false;
+  });
+  if (holds_.size() != before) saveRuntime();
+
+  // 3. What wants the machine awake, by mode.
+  expireAlwaysUntil();
+  std::optional<std::string> reason;
+  switch (config_.mode) {
+    case Mode::On:
+      reason = config_.alwaysUntil ? "Awake until " + formatShortTime(*config_.alwaysUntil) : "Always awake";
+      break;
+    case Mode::Auto:
+      if (!holds_.empty()) {
+        reason = holds_.back().reason;
+      } else if (!snoozed_ && work_) {
+        reason = work_->workReason(*this);
+      }
+      break;
+    case Mode::Off:
+      if (!holds_.empty()) reason = holds_.back().reason;
+      break;
+  }
+
+  // 4.
+  wantsHold_ = reason.has_value();
+  std::optional<std::string> blocked;
+  if (!reason) {
+    blockedReason_.reset();
+  } else {
+    // 5. The guards, first one wins.
+    blocked = guardReason();
+    if (blocked) {
+      // 6. The wanted reason stays visible beside what blocked it.
+      blockedReason_ = blocked;
+      holdReason_ = *reason;
+    } else {
+      // 7.
+      blockedReason_.reset();
+      holdReason_ = *reason;
+      if (!holding_) startHold(*reason);
+    }
+  }
+
+  // 8. Let the machine sleep.
+  if ((!reason || blocked) && holding_) endHold(blocked ? *blocked : endReason());
+
+  // 9. Heat follow-up.
+  if (holding_ && lidClosed_ && config_.heatGuard && thermal_ >= kSerious && closedLid_) {
+    closedLid_->reapply(*this, false);
+  }
+  if (heatForced_ && thermal_ < kSerious) heatForced_ = false;
+  if (changed_) changed_();
+}
+
+std::string Engine::endReason() const {
+  if (config_.mode == Mode::Off) return "Turned off";
+  if (snoozed_) return "Put to sleep";
+  if (work_) {
+    if (auto name = work_->lastWorker(const_cast<Engine&>(*this))) return *name + " finished";
+  }
+  return "Nothing left to wait for";
+}
+
+// ---------------------------------------------------------------- the switch
+
+bool Engine::sleepNotOurs() const { return files_.exists(kSleepOffBeforeMarker); }
+
+void Engine::noteOwner() {
+  if (options_.preview) return;
+  auto disabled = platform_.registry().sleepDisabled();
+  if (disabled && *disabled && !files_.exists(kHoldMarker) && !files_.exists(kSleepOffBeforeMarker)) {
+    files_.touch(kSleepOffBeforeMarker);
+  }
+}
+
+bool Engine::releaseSleepSwitch() {
+  if (options_.preview) return true;
+  if (sleepNotOurs()) {
+    files_.remove(kHoldMarker);
+    return true;
+  }
+  Result r = platform_.power().setSleepDisabled(false);
+  if (!r) {
+    logLine("Vigilo: couldn't switch sleep back on: " + r.message());
+    return false;
+  }
+  files_.remove(kHoldMarker);
+  return true;
+}
+
+void Engine::startHold(const std::string& reason) {
+  const Time t = now();
+  if (holdFailedAt_ && t - *holdFailedAt_ < kRefusalBackoff) return;
+
+  if (!options_.preview) {
+    noteOwner();
+    if (!files_.touch(kHoldMarker)) {
+      // Sleep is never switched off without the record that puts it back.
+      setupError_ = kFolderError;
+      return;
+    }
+    setupError_.reset();
+    Result r = platform_.power().setSleepDisabled(true);
+    if (!r) {
+      if (!sleepNotOurs()) files_.remove(kHoldMarker);
+      holdFailedAt_ = t;
+      setWarning(kRefusedWarning);
+      logLine("Vigilo: switching sleep off failed: " + r.message());
+      refreshSetup();
+      return;
+    }
+  }
+  holdFailedAt_.reset();
+  if (warning_ == kRefusedWarning) setWarning(std::nullopt);
+  holding_ = true;
+  holdReason_ = reason;
+  if (lidClosed_ && closedLid_) closedLid_->enter(*this);
+  announce(reason.empty() ? "Staying awake" : reason);
+}
+
+void Engine::endHold(const std::string& because) {
+  if (lidClosed_ && closedLid_) closedLid_->leave(*this);
+  if (!releaseSleepSwitch()) {
+    pendingRelease_ = true;
+    setWarning(kPendingWarning);
+  }
+  holding_ = false;
+  holdReason_.clear();
+  lastEndReason_ = because;
+  announce(because);
+}
+
+void Engine::retryPendingRelease() {
+  if (!pendingRelease_ || holding_) return;
+  if (releaseSleepSwitch()) {
+    pendingRelease_ = false;
+    if (warning_ == kPendingWarning) setWarning(std::nullopt);
+  }
+}
+
+void Engine::reassertSleep() {
+  if (options_.preview || pendingRelease_) return;
+  auto disabled = platform_.registry().sleepDisabled();
+  if (sleepNotOurs()) {
+    if (disabled && !*disabled) files_.remove(kSleepOffBeforeMarker);
+    return;
+  }
+  if (holding_) {
+    // The switch is ours and on: if something switched sleep back on, switch
+    // it off again.
+    if (disabled && !*disabled) {
+      if (platform_.power().setSleepDisabled(true)) {
+        if (warning_ == kNotKeptWarning) setWarning(std::nullopt);
+      }
+    }
+    return;
+  }
+  const Time t = now();
+  const bool checkIn = slow_ && slow_->checkInUntil() && *slow_->checkInUntil() > t;
+  const bool adopted = adoptedHoldUntil_ && *adoptedHoldUntil_ > t;
+  if (!setupReady_ || checkIn || adopted) return;
+  if (disabled && *disabled) {
+    // Sleep was left off by mistake (an earlier run, say).
+    if (!releaseSleepSwitch()) {
+      pendingRelease_ = true;
+      setWarning(kPendingWarning);
+      return;
+    }
+    if (lidClosed_) platform_.power().sleepNow();
+  }
+}
+
+void Engine::settleAdoptedHold() {
+  if (!adoptedHoldUntil_) return;
+  if (holding_) {
+    adoptedHoldUntil_.reset();
+    return;
+  }
+  if (setupReady_ && !blockedReason_ && now() < *adoptedHoldUntil_) return;
+  adoptedHoldUntil_.reset();
+  if (!releaseSleepSwitch()) {
+    pendingRelease_ = true;
+    setWarning(kPendingWarning);
+  }
+  if (lidClosed_ && !options_.preview) platform_.power().sleepNow();
+}
+
+// ---------------------------------------------------------------- holds
+
+Hold Engine::addHold(const std::string& reason, std::optional<double> minutes, std::optional<std::int32_t> pid,
+                     std::optional<std::int32_t> owner) {
+  Hold h;
+  h.id = newUuid();
+  h.reason = reason;
+  h.created = now();
+  if (minutes) h.until = h.created + *minutes * 60.0;
+  h.owner = owner;
+  if (pid) {
+    if (auto info = platform_.processes().info(*pid)) {
+      h.pid = pid;
+      h.pidStart = info->startMicros;
+    }
+  }
+  holds_.push_back(h);
+  saveRuntime();
+  evaluate();
+  announce(minutes ? "Staying awake for " + formatMinutes(static_cast<long long>(std::llround(*minutes)))
+                   : "Staying awake");
+  return h;
+}
+
+int Engine::releaseHold(const std::optional<std::string>& id) {
+  const std::size_t before = holds_.size();
+  if (id) {
+    std::erase_if(holds_, [&](const Hold& h) { return h.id == *id; });
+  } else {
+    holds_.clear();
+  }
+  const int removed = static_cast<int>(before - holds_.size());
+  saveRuntime();
+  evaluate();
+  return removed;
+}
+
+int Engine::releaseHolds(std::int32_t ownedBy, const std::optional<std::string>& id) {
+  const std::size_t before = holds_.size();
+  std::erase_if(holds_, [&](const Hold& h) { return h.owner == ownedBy && (!id || h.id == *id); });
+  const int removed = static_cast<int>(before - holds_.size());
+  saveRuntime();
+  evaluate();
+  return removed;
+}
+
+void Engine::stayAwakeFor(std::optional<int> minutes) {
+  Config c = config_;
+  if (c.mode != Mode::On) c.modeBeforeAlways = c.mode;
+  c.mode = Mode::On;
+  if (minutes) {
+    c.alwaysUntil = now() + *minutes * 60.0;
+  } else {
+    c.alwaysUntil.reset();
+  }
+  apply(c, true);
+}
+
+void Engine::stayAwakeUntil(Time until) {
+  Config c = config_;
+  if (c.mode != Mode::On) c.modeBeforeAlways = c.mode;
+  c.mode = Mode::On;
+  c.alwaysUntil = until;
+  apply(c, true);
+}
+
+void Engine::setMode(Mode mode) {
+  Config c = config_;
+  if (mode == Mode::On && c.mode != Mode::On) c.modeBeforeAlways = c.mode;
+  if (mode != Mode::On) {
+    c.alwaysUntil.reset();
+    c.modeBeforeAlways.reset();
+  }
+  c.mode = mode;
+  apply(c, true);
+}
+
+void Engine::sleepNow() {
+  if (config_.mode == Mode::On) {
+    Config c = config_;
+    c.mode = c.modeBeforeAlways.value_or(Mode::Auto);
+    c.alwaysUntil.reset();
+    c.modeBeforeAlways.reset();
+    config_ = c;
+    writeConfig();
+    if (!options_.preview) Safety::of(config_).save(files_);
+  }
+  snoozed_ = true;
+  saveRuntime();
+  evaluate();
+  if (!lidClosed_ && !holding_ && !options_.preview) {
+    Result r = platform_.power().sleepNow();
+    if (!r) logLine("Vigilo: sleeping now failed: " + r.message());
+  }
+}
+
+void Engine::overrideFloor(bool on) {
+  floorOverride_ = on;
+  if (!on) floorLatched_ = false;
+  evaluate();
+}
+
+void Engine::setSnoozed(bool on) {
+  snoozed_ = on;
+  evaluate();
+}
+
+void Engine::lidChanged(bool closed) {
+  if (closed == lidClosed_) return;
+  lidClosed_ = closed;
+  if (closed) {
+    if (holding_ && closedLid_) closedLid_->enter(*this);
+  } else {
+    // Opening the lid ends a snooze: agents keep the machine awake again.
+    snoozed_ = false;
+    if (closedLid_) closedLid_->leave(*this);
+  }
+  evaluate();
+}
+
+// ---------------------------------------------------------------- state files
+
+void Engine::saveRuntime() {
+  if (options_.preview) return;
+  files_.writeDurably(kRuntimeFile, encodeRuntime(holds_));
+}
+
+void Engine::restoreRuntime() {
+  auto bytes = files_.read(kRuntimeFile);
+  holds_ = bytes ? decodeRuntime(*bytes) : std::vector<Hold>{};
+}
+
+void Engine::recoverFromCrash() {
+  if (options_.preview) return;
+  journal_.undoLegacyFiles();
+
+  touched_ = journal_.undo(journal_.load());
+  journal_.save(touched_);
+
+  PowerControl& power = platform_.power();
+  if (auto line = files_.read(kPowerModeRestoreFile)) {
+    char key[32] = {0};
+    int value = 0;
+    if (std::sscanf(line->c_str(), "%31s %d", key, &value) == 2) {
+      if (power.restorePowerMode(key, value)) files_.remove(kPowerModeRestoreFile);
+    } else {
+      logLine("Vigilo: dropped an unreadable powermode-restore record: " + *line);
+      files_.remove(kPowerModeRestoreFile);
+    }
+  }
+  if (files_.exists(kTimeMachineRestoreFile) && power.setAutomaticBackups(true)) {
+    files_.remove(kTimeMachineRestoreFile);
+  }
+  if (files_.exists(kDisplayOffFile) && platform_.displays().setBuiltInEnabled(true)) {
+    files_.remove(kDisplayOffFile);
+  }
+  if (auto text = files_.read(kBrightnessRestoreFile)) {
+    char* end = nullptr;
+    double level = std::strtod(text->c_str(), &end);
+    if (end != text->c_str() && std::isfinite(level)) {
+      if (platform_.displays().setBrightness(std::clamp(level, 0.0, 1.0))) files_.remove(kBrightnessRestoreFile);
+    } else {
+      logLine("Vigilo: dropped an unreadable brightness-restore record");
+      files_.remove(kBrightnessRestoreFile);
+    }
+  }
+
+  noteOwner();
+  auto disabled = platform_.registry().sleepDisabled();
+  if (disabled && *disabled && files_.exists(kHoldMarker)) {
+    // A previous run switched sleep off and did not switch it back on. Keep
+    // it off for a short grace, so agents still working with the lid shut
+    // are not put to sleep in the gap.
+    adoptedHoldUntil_ = now() + kAdoptGrace;
+    return;
+  }
+  files_.remove(kHoldMarker);
+}
+
+std::vector<std::string> Engine::outstandingChanges() const {
+  std::vector<std::string> out;
+  auto disabled = platform_.registry().sleepDisabled();
+  if (files_.exists(kHoldMarker) && disabled.value_or(true) && !sleepNotOurs()) out.emplace_back(kHoldMarker);
+  for (std::string_view f : {kTouchedFile, kResumePidsFile, kPowerModeRestoreFile, kTimeMachineRestoreFile,
+                             kBrightnessRestoreFile, kDisplayOffFile}) {
+    if (files_.exists(f)) out.emplace_back(f);
+  }
+  return out;
+}
+
+void Engine::shutdown() {
+  if (timer_) {
+    platform_.loop().cancel(*timer_);
+    timer_.reset();
+  }
+  if (configWatch_) {
+    platform_.loop().unwatch(*configWatch_);
+    configWatch_.reset();
+  }
+  if (options_.preview || options_.passive) return;
+
+  const bool wasHolding = holding_;
+  auto disabled = platform_.registry().sleepDisabled();
+  const bool leftOff = disabled.value_or(false) && files_.exists(kHoldMarker);
+  if (holding_ || pendingRelease_ || leftOff) {
+    if (releaseSleepSwitch()) {
+      pendingRelease_ = false;
+    } else {
+      pendingRelease_ = true;
+    }
+    holding_ = false;
+  } else {
+    files_.remove(kHoldMarker);
+  }
+  if (wasHolding && lidClosed_ && closedLid_) closedLid_->leave(*this);
+  if (slow_) slow_->endApproveIfUnwatched(*this);
+  if (outstandingChanges().empty()) files_.remove(kAliveFile);
+}
+
+// ---------------------------------------------------------------- texts
+
+std::string Engine::statusLine() const {
+  if (!setupReady_) return "Needs a one-time setup";
+  if (blockedReason_) return *blockedReason_ + ", sleeps when closed";
+  switch (config_.mode) {
+    case Mode::On:
+      if (config_.alwaysUntil) {
+        long long left = static_cast<long long>(std::max(0.0, *config_.alwaysUntil - now()) / 60.0);
+        return "Awake until " + formatShortTime(*config_.alwaysUntil) + " · " + formatMinutes(left) + " left";
+      }
+      return "Awake until you turn it off";
+    case Mode::Auto:
+      if (holding_ && !holdReason_.empty()) return holdReason_ + " · stays awake closed";
+      if (snoozed_) return "Sleeping until the lid opens";
+      return "Nothing running · sleeps when closed";
+    case Mode::Off:
+      if (holding_ && !holdReason_.empty()) return holdReason_ + " · stays awake closed";
+      return "Sleeps normally";
+  }
+  return {};
+}
+
+std::string Engine::menuBarTitle() const {
+  char buf[32];
+  switch (config_.menuBarText) {
+    case MenuBarText::None:
+      return {};
+    case MenuBarText::Battery:
+      return battery_ ? std::to_string(battery_->percent) + "%" : std::string();
+    case MenuBarText::Timer: {
+      auto until = onUntil();
+      if (!until) return {};
+      long long mins = static_cast<long long>(std::max(0.0, *until - now()) / 60.0);
+      std::snprintf(buf, sizeof buf, "%lld:%02lld", mins / 60, mins % 60);
+      return buf;
+    }
+    case MenuBarText::TimeLeft: {
+      if (!battery_ || battery_->onPower()) return {};
+      std::optional<double> minutes;
+      if (battery_->minutesLeft) minutes = *battery_->minutesLeft;
+      if (!minutes) return {};
+      if (*minutes >= 60) {
+        std::snprintf(buf, sizeof buf, "%.0fh", *minutes / 60.0);
+      } else {
+        std::snprintf(buf, sizeof buf, "%.0fm", *minutes);
+      }
+      return buf;
+    }
+    case MenuBarText::Watts: {
+      auto w = systemWatts();
+      if (!w) return {};
+      std::snprintf(buf, sizeof buf, "%.1fW", *w);
+      return buf;
+    }
+  }
+  return {};
+}
+
+}  // namespace vigilo

@@ -1,0 +1,219 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "engine/battery.h"
+#include "engine/config.h"
+#include "engine/hold.h"
+#include "engine/journal.h"
+#include "engine/seams.h"
+#include "engine/state_files.h"
+#include "platform/platform.h"
+
+namespace vigilo {
+
+// Marker files: their existence is the information.
+inline constexpr std::string_view kHoldMarker = "hold";
+inline constexpr std::string_view kSleepOffBeforeMarker = "sleep-off-before";
+inline constexpr std::string_view kAliveFile = "alive";
+inline constexpr std::string_view kPowerModeRestoreFile = "powermode-restore";
+inline constexpr std::string_view kTimeMachineRestoreFile = "timemachine-restore";
+inline constexpr std::string_view kBrightnessRestoreFile = "brightness-restore";
+inline constexpr std::string_view kDisplayOffFile = "display-off";
+
+// Something the engine tells the person: a short announcement ("Staying
+// awake"), or an alert with a title and a text.
+struct Notice {
+  enum class Kind { Announcement, Alert };
+  Kind kind = Kind::Announcement;
+  std::string title;
+  std::string text;
+};
+
+struct EngineOptions {
+  // Preview-only mode: the engine writes no state files and runs no
+  // privileged command; it shows what it would do.
+  bool preview = false;
+  // For front ends that must not take holds of their own: no recovery, no
+  // watchers, no tick.
+  bool passive = false;
+};
+
+// The one controller: decides whether the machine stays awake and why,
+// switches sleep off and on, and puts every change back. Lives on the main
+// thread; every method must be called there.
+class Engine {
+ public:
+  Engine(Platform& platform, std::string appFolder, EngineOptions options = {});
+  ~Engine();
+  Engine(const Engine&) = delete;
+  Engine& operator=(const Engine&) = delete;
+
+  // Seams for other subsystems; set before `launch`. Null means none.
+  void setWorkSource(WorkSource* s) { work_ = s; }
+  void setClosedLidSavings(ClosedLidSavings* s) { closedLid_ = s; }
+  void setPowerMeter(PowerMeter* s) { power_ = s; }
+  void setSlowJobs(SlowJobs* s) { slow_ = s; }
+  // Receives every announcement and alert.
+  void setNoticeHandler(std::function<void(const Notice&)> fn) { notice_ = std::move(fn); }
+  // Called at the end of every evaluation, so a front end can redraw.
+  void setChangeHandler(std::function<void()> fn) { changed_ = std::move(fn); }
+
+  // Start-up in its fixed order, then the 2-second tick.
+  void launch();
+  // Puts everything back before quitting.
+  void shutdown();
+
+  void tick();
+  void evaluate();
+  void settleAdoptedHold();
+
+  // --- Settings.
+  const Config& config() const { return config_; }
+  // Stores a change made in the app itself, writes "config.json" when asked,
+  // takes its safety values as the new baseline and re-evaluates.
+  void apply(const Config& config, bool save);
+  void reloadConfigFromDisk();
+  void reloadConfigIfEdited();
+  void enforceSafety();
+
+  // --- Holds and the sleep switch.
+  Hold addHold(const std::string& reason, std::optional<double> minutes, std::optional<std::int32_t> pid,
+               std::optional<std::int32_t> owner);
+  int releaseHold(const std::optional<std::string>& id);
+  int releaseHolds(std::int32_t ownedBy, const std::optional<std::string>& id);
+  void stayAwakeFor(std::optional<int> minutes);
+  void stayAwakeUntil(Time until);
+  void setMode(Mode mode);
+  void sleepNow();
+  void reassertSleep();
+  void overrideFloor(bool on);
+  void setSnoozed(bool on);
+  // The lid opened or closed.
+  void lidChanged(bool closed);
+
+  // --- State files.
+  void saveRuntime();
+  void restoreRuntime();
+  void recoverFromCrash();
+  // The records of system changes still outstanding, by file name.
+  std::vector<std::string> outstandingChanges() const;
+
+  // --- What the engine shows.
+  std::string statusLine() const;
+  std::string menuBarTitle() const;
+  std::string endReason() const;
+
+  // Decision fields.
+  bool holding() const { return holding_; }
+  bool wantsHold() const { return wantsHold_; }
+  const std::string& holdReason() const { return holdReason_; }
+  const std::optional<std::string>& blockedReason() const { return blockedReason_; }
+  const std::vector<Hold>& holds() const { return holds_; }
+  bool snoozed() const { return snoozed_; }
+  bool floorOverride() const { return floorOverride_; }
+  bool floorLatched() const { return floorLatched_; }
+  bool blockedByFloor() const;
+  const std::optional<Time>& hotSince() const { return hotSince_; }
+  bool heatForced() const { return heatForced_; }
+  std::int64_t ticks() const { return ticks_; }
+  const std::optional<BatteryReading>& battery() const { return battery_; }
+  int thermal() const { return thermal_; }
+  bool lidClosed() const { return lidClosed_; }
+  bool setupReady() const { return setupReady_; }
+  const std::string& setupProblem() const { return setupProblem_; }
+  const std::optional<std::string>& setupError() const { return setupError_; }
+  const std::optional<std::string>& warning() const { return warning_; }
+  bool pendingRelease() const { return pendingRelease_; }
+  const std::optional<Time>& adoptedHoldUntil() const { return adoptedHoldUntil_; }
+  const std::optional<Time>& holdFailedAt() const { return holdFailedAt_; }
+  std::optional<Time> onUntil() const;
+  std::optional<double> systemWatts() const;
+  const std::vector<Touched>& touched() const { return touched_; }
+  bool preview() const { return options_.preview; }
+  Time now() const;
+
+  Platform& platform() { return platform_; }
+  const StateFiles& files() const { return files_; }
+
+  // The last reason a hold ended with ("Put to sleep", "Too hot", ...).
+  const std::string& lastEndReason() const { return lastEndReason_; }
+
+ private:
+  void loadConfigAtLaunch();
+  void writeConfig();
+  void readBattery();
+  void readThermal();
+  void refreshSetup();
+  void startHold(const std::string& reason);
+  void endHold(const std::string& because);
+  bool releaseSleepSwitch();
+  void noteOwner();
+  bool sleepNotOurs() const;
+  void keepMarkerInStep();
+  void retryPendingRelease();
+  void writeHeartbeat();
+  void expireAlwaysUntil();
+  std::optional<std::string> guardReason();
+  void tell(const std::string& title, const std::string& text);
+  void announce(const std::string& text);
+  void setWarning(std::optional<std::string> w);
+
+  Platform& platform_;
+  StateFiles files_;
+  EngineOptions options_;
+  Journal journal_;
+  Config config_;
+  std::optional<Time> configMTime_;
+  std::optional<Time> configStamp_;  // last stamp the watcher saw
+
+  WorkSource* work_ = nullptr;
+  ClosedLidSavings* closedLid_ = nullptr;
+  PowerMeter* power_ = nullptr;
+  SlowJobs* slow_ = nullptr;
+  std::function<void(const Notice&)> notice_;
+  std::function<void()> changed_;
+
+  bool holding_ = false;
+  bool wantsHold_ = false;
+  std::string holdReason_;
+  std::optional<std::string> blockedReason_;
+  std::vector<Hold> holds_;
+  bool snoozed_ = false;
+  bool floorOverride_ = false;
+  bool floorLatched_ = false;
+  std::optional<Time> hotSince_;
+  bool heatForced_ = false;
+  std::int64_t ticks_ = 0;
+  std::optional<BatteryReading> battery_;
+  bool lastOnAC_ = false;
+  int thermal_ = 0;
+  bool lidClosed_ = false;
+  bool setupReady_ = true;
+  std::string setupProblem_;
+  std::optional<Time> holdFailedAt_;
+  bool pendingRelease_ = false;
+  std::optional<std::string> setupError_;
+  std::optional<Time> adoptedHoldUntil_;
+  std::optional<std::string> warning_;
+  std::vector<Touched> touched_;
+  std::string lastEndReason_;
+
+  std::optional<TimerId> timer_;
+  std::optional<WatchId> configWatch_;
+  // Ticks arrive through the loop; this flag lets a tick that outlives the
+  // engine do nothing.
+  std::shared_ptr<bool> alive_;
+};
+
+// "1h 30m", "45m", "2h": a duration in whole minutes.
+std::string formatMinutes(long long minutes);
+// The short local time of day, "14:30".
+std::string formatShortTime(Time t);
+
+}  // namespace vigilo

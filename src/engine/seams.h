@@ -1,0 +1,73 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/clock.h"
+
+namespace vigilo {
+
+class Engine;
+
+// The engine's seams: each subsystem that grows around the keep-awake engine
+// fills one of these. The engine works with none of them (it then keeps the
+// machine awake for holds and mode Always only), so each arrives on its own.
+// All calls come on the main thread, from the places of the tick named here.
+
+// Agent detection: who is working, and the line that says so.
+class WorkSource {
+ public:
+  virtual ~WorkSource() = default;
+  // Each tick and at launch: sample agents and watched apps, fold in events.
+  virtual void sample(Engine& engine) = 0;
+  // The activity line that keeps the machine awake in mode "auto", or nothing.
+  virtual std::optional<std::string> workReason(Engine& engine) = 0;
+  // The name of the last agent that worked, for "<name> finished".
+  virtual std::optional<std::string> lastWorker(Engine& engine) = 0;
+};
+
+// What is done while the lid is shut and the machine is held awake.
+class ClosedLidSavings {
+ public:
+  virtual ~ClosedLidSavings() = default;
+  // The lid closed with the sleep switch on, or the switch went on with the
+  // lid closed.
+  virtual void enter(Engine& engine) = 0;
+  // The lid opened or the switch went off: count the savings and put every
+  // closed-lid change back.
+  virtual void leave(Engine& engine) = 0;
+  // Each tick while closed and held: keep the targets applied; `strictest`
+  // when the heat calls for the tightest savings.
+  virtual void reapply(Engine& engine, bool strictest) = 0;
+  // Each tick: put back apps still paused or slowed although the lid is open.
+  virtual void restoreAppsIfOpen(Engine& engine) = 0;
+};
+
+// Power measurement: one sample per tick.
+class PowerMeter {
+ public:
+  virtual ~PowerMeter() = default;
+  virtual void sample(Engine& engine) = 0;
+  // The whole machine's draw in watts, when known.
+  virtual std::optional<double> systemWatts() const = 0;
+};
+
+// Everything else that runs on the slow beats of the tick.
+class SlowJobs {
+ public:
+  virtual ~SlowJobs() = default;
+  // At launch, before recovery: write the watchdog script and its agent.
+  virtual void refreshWatchdog(Engine& engine) = 0;
+  // Every 150 ticks.
+  virtual void checkWatchdog(Engine& engine) = 0;
+  // Every 5 ticks.
+  virtual void checkScheduledWake(Engine& engine) = 0;
+  virtual void checkApprove(Engine& engine) = 0;
+  // At quit: end "Approve everything" when no agent watches it any more.
+  virtual void endApproveIfUnwatched(Engine& engine) = 0;
+  // A phone check-in keeps the machine awake until this time.
+  virtual std::optional<Time> checkInUntil() const = 0;
+};
+
+}  // namespace vigilo

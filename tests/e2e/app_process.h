@@ -1,0 +1,36 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+#include <sys/types.h>
+
+namespace vigilo::test {
+
+// The real `vigilo` binary run as a child process, its output going to a file.
+class AppProcess {
+ public:
+  // Starts `vigilo args...` with VIGILO_HOME set to `home`.
+  AppProcess(const std::vector<std::string>& args, const std::string& home, const std::string& outputFile);
+  ~AppProcess();
+  AppProcess(const AppProcess&) = delete;
+  AppProcess& operator=(const AppProcess&) = delete;
+
+  pid_t pid() const { return pid_; }
+  void signal(int signo);
+  // Waits for the exit; the exit status, or -1 when it did not end in time.
+  // A death by signal gives 128 + the signal number.
+  int wait(std::chrono::milliseconds limit);
+  std::string output() const;
+
+ private:
+  pid_t pid_ = -1;
+  std::string outputFile_;
+  bool reaped_ = false;
+};
+
+// Polls `done` every 20 ms until it holds or `limit` passes.
+bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds limit);
+
+}  // namespace vigilo::test

@@ -1,0 +1,138 @@
+#include <csignal>
+#include <filesystem>
+
+#include <gtest/gtest.h>
+
+#include "e2e/app_process.h"
+#include "engine/config.h"
+#include "platform/sim/sim_laptop.h"
+#include "test_support.h"
+
+namespace vigilo::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Given a temporary app folder and a simulated laptop's state file, both
+// driven only from outside, as a person would.
+class AppTest : public ::testing::Test {
+ protected:
+  AppTest() {
+    home_ = dir_.file("home");
+    state_ = dir_.file("laptop.json");
+    std::filesystem::create_directories(home_);
+  }
+  std::unique_ptr<AppProcess> start(std::vector<std::string> extra = {}) {
+    std::vector<std::string> args{"app", "--simulate", state_};
+    args.insert(args.end(), extra.begin(), extra.end());
+    return std::make_unique<AppProcess>(args, home_, dir_.file("out-" + std::to_string(++runs_) + ".txt"));
+  }
+  bool sleepDisabled() {
+    SystemClock clock;
+    SimLaptop laptop(clock);
+    auto bytes = readFile(state_);
+    auto j = nlohmann::json::parse(bytes, nullptr, false);
+    if (!j.is_object()) return false;
+    laptop.fromJson(j);
+    return laptop.sleepDisabled();
+  }
+  bool marker(const std::string& name) const { return fileExists(home_ + "/" + name); }
+
+  TempDir dir_;
+  std::string home_;
+  std::string state_;
+  int runs_ = 0;
+};
+
+TEST_F(AppTest, KilledWhileHoldingIsAdoptedThenReleasedAtTheNextLaunch) {
+  writeFile(home_ + "/config.json", R"({"mode": "on"})");
+  {
+    auto app = start();
+    ASSERT_TRUE(waitFor([&] { return sleepDisabled() && marker("hold"); }, 10s)) << app->output();
+    EXPECT_NE(app->output().find("Awake until you turn it off"), std::string::npos);
+    app->signal(SIGKILL);
+    EXPECT_EQ(app->wait(5s), 128 + SIGKILL);
+  }
+  // The crash left sleep off with its marker.
+  EXPECT_TRUE(sleepDisabled());
+  EXPECT_TRUE(marker("hold"));
+
+  // Next launch, with nothing wanting the machine awake: adopted for the
+  // grace period, then released.
+  writeFile(home_ + "/config.json", R"({"mode": "auto"})");
+  auto app = start();
+  ASSERT_TRUE(waitFor([&] { return app->output().find("sleeps when closed") != std::string::npos; }, 10s))
+      << app->output();
+  EXPECT_TRUE(sleepDisabled());
+  EXPECT_TRUE(marker("hold"));
+  ASSERT_TRUE(waitFor([&] { return !sleepDisabled() && !marker("hold"); }, 45s)) << app->output();
+  EXPECT_FALSE(marker("sleep-off-before"));
+  app->signal(SIGTERM);
+  EXPECT_EQ(app->wait(10s), 0) << app->output();
+  EXPECT_FALSE(marker("alive"));
+}
+
+TEST_F(AppTest, TerminatedWhileHoldingPutsSleepBackAndFollowsLiveEdits) {
+  auto app = start();
+  ASSERT_TRUE(waitFor([&] { return app->output().find("Nothing running") != std::string::npos; }, 10s))
+      << app->output();
+  EXPECT_FALSE(sleepDisabled());
+
+  // An edit of the settings file is picked up while running.
+  writeFile(home_ + "/config.json", R"({"mode": "on"})");
+  ASSERT_TRUE(waitFor([&] { return sleepDisabled(); }, 15s)) << app->output();
+
+  // So is a hotter laptop.
+  ASSERT_TRUE(editSimStateFile(state_, SystemClock(), [](SimLaptop& l) { l.setThermalState(3); }));
+  ASSERT_TRUE(waitFor([&] { return app->output().find("Too hot, sleeps when closed") != std::string::npos; }, 10s))
+      << app->output();
+  EXPECT_FALSE(sleepDisabled());
+  ASSERT_TRUE(editSimStateFile(state_, SystemClock(), [](SimLaptop& l) { l.setThermalState(0); }));
+  ASSERT_TRUE(waitFor([&] { return sleepDisabled(); }, 10s)) << app->output();
+
+  app->signal(SIGTERM);
+  EXPECT_EQ(app->wait(10s), 0) << app->output();
+  EXPECT_FALSE(sleepDisabled());
+  EXPECT_FALSE(marker("hold"));
+  EXPECT_FALSE(marker("alive"));
+}
+
+TEST_F(AppTest, DamagedFilesNeverCrashTheApp) {
+  const std::string huge(20 * 1024 * 1024, '{');
+  for (const std::string& content :
+       {std::string(), std::string("{\"mode\": \"on\", \"quietMin"), std::string("\x01\xff\xfe binary"),
+        std::string("{\"mode\": 5, \"batteryFloor\": \"high\", \"heatGuard\": []}"), huge}) {
+    writeFile(home_ + "/config.json", content);
+    writeFile(home_ + "/safety.json", content);
+    writeFile(home_ + "/runtime.json", content);
+    writeFile(state_, content);
+    auto app = start();
+    ASSERT_TRUE(waitFor([&] { return app->output().find("sleeps when closed") != std::string::npos; }, 15s))
+        << app->output();
+    app->signal(SIGTERM);
+    EXPECT_EQ(app->wait(10s), 0) << app->output();
+  }
+}
+
+TEST_F(AppTest, RefusesBadArgumentsPlainly) {
+  auto noSim = std::make_unique<AppProcess>(std::vector<std::string>{"app"}, home_, dir_.file("a.txt"));
+  EXPECT_EQ(noSim->wait(10s), 1);
+  EXPECT_NE(noSim->output().find("vigilo: only the simulated laptop is available"), std::string::npos);
+  auto bad = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--bogus"}, home_, dir_.file("b.txt"));
+  EXPECT_EQ(bad->wait(10s), 2);
+  EXPECT_NE(bad->output().find("vigilo: app doesn't know \"--bogus\""), std::string::npos);
+  auto unknown = std::make_unique<AppProcess>(std::vector<std::string>{"frobnicate"}, home_, dir_.file("c.txt"));
+  EXPECT_EQ(unknown->wait(10s), 2);
+
+  // A second app on the same folder is refused while the first runs.
+  auto first = start();
+  ASSERT_TRUE(waitFor([&] { return first->output().find("sleeps when closed") != std::string::npos; }, 10s));
+  auto second = start();
+  EXPECT_EQ(second->wait(10s), 1);
+  EXPECT_NE(second->output().find("another Vigilo app is already running"), std::string::npos);
+  first->signal(SIGTERM);
+  EXPECT_EQ(first->wait(10s), 0);
+}
+
+}  // namespace
+}  // namespace vigilo::test

@@ -1,0 +1,88 @@
+#pragma once
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "engine/engine.h"
+#include "platform/manual_run_loop.h"
+#include "platform/sim/sim_laptop.h"
+#include "test_support.h"
+
+namespace vigilo::test {
+
+// Stands in for agent detection: the test says what work is going on.
+class ScriptedWork final : public WorkSource {
+ public:
+  void sample(Engine&) override {}
+  std::optional<std::string> workReason(Engine&) override { return reason; }
+  std::optional<std::string> lastWorker(Engine&) override { return worker; }
+  std::optional<std::string> reason;
+  std::optional<std::string> worker;
+};
+
+// Records on which ticks the slow jobs ran.
+class RecordingSlowJobs final : public SlowJobs {
+ public:
+  void refreshWatchdog(Engine&) override { calls.push_back("refreshWatchdog"); }
+  void checkWatchdog(Engine& e) override { calls.push_back("watchdog@" + std::to_string(e.ticks())); }
+  void checkScheduledWake(Engine& e) override { calls.push_back("wake@" + std::to_string(e.ticks())); }
+  void checkApprove(Engine& e) override { calls.push_back("approve@" + std::to_string(e.ticks())); }
+  void endApproveIfUnwatched(Engine&) override { calls.push_back("endApprove"); }
+  std::optional<Time> checkInUntil() const override { return std::nullopt; }
+  std::vector<std::string> calls;
+};
+
+// Given a simulated laptop, a manual clock and an engine in a fresh app
+// folder. Tests arrange the laptop, call `launch()`, then move time.
+class EngineTest : public ::testing::Test {
+ protected:
+  EngineTest() : loop_(clock_) {
+    sim_ = makeSimPlatform(clock_, loop_, SimPlatformOptions{"", dir_.file("home")});
+    folder_ = dir_.file("home");
+  }
+  ~EngineTest() override { engine_.reset(); }
+
+  Engine& launch(EngineOptions options = {}) {
+    engine_ = std::make_unique<Engine>(*sim_, folder_, options);
+    engine_->setWorkSource(&work_);
+    engine_->setNoticeHandler([this](const Notice& n) {
+      notices_.push_back(n.kind == Notice::Kind::Alert ? n.title + ": " + n.text : n.text);
+    });
+    engine_->launch();
+    return *engine_;
+  }
+  Engine& engine() { return *engine_; }
+  SimLaptop& laptop() { return sim_->laptop(); }
+  StateFiles files() const { return StateFiles(folder_); }
+  void advance(double seconds) { loop_.advance(seconds); }
+  void writeConfig(const std::string& json) {
+    std::filesystem::create_directories(folder_);
+    writeFile(folder_ + "/config.json", json);
+  }
+  // How often the laptop was asked for a privileged operation.
+  long count(const std::string& command) const {
+    const auto& log = sim_->laptop().commandLog();
+    return std::count(log.begin(), log.end(), command);
+  }
+  bool sawNotice(const std::string& text) const {
+    return std::find(notices_.begin(), notices_.end(), text) != notices_.end();
+  }
+
+  TempDir dir_;
+  ManualClock clock_;
+  ManualRunLoop loop_;
+  std::unique_ptr<SimPlatform> sim_;
+  std::string folder_;
+  ScriptedWork work_;
+  std::unique_ptr<Engine> engine_;
+  std::vector<std::string> notices_;
+};
+
+}  // namespace vigilo::test

@@ -1,0 +1,521 @@
+#include "engine_fixture.h"
+
+namespace vigilo::test {
+namespace {
+
+using ::testing::ElementsAre;
+
+TEST_F(EngineTest, ModeOffSleepsNormallyButHonoursExplicitHolds) {
+  // Given mode off and nothing else.
+  writeConfig(R"({"mode": "off"})");
+  launch();
+  EXPECT_FALSE(engine().holding());
+  EXPECT_EQ(engine().statusLine(), "Sleeps normally");
+
+  engine().addHold("Deploying", std::nullopt, std::nullopt, std::nullopt);
+  EXPECT_TRUE(engine().holding());
+  EXPECT_TRUE(laptop().sleepDisabled());
+  EXPECT_EQ(engine().statusLine(), "Deploying · stays awake closed");
+  EXPECT_TRUE(files().exists("hold"));
+
+  EXPECT_EQ(engine().releaseHold(std::nullopt), 1);
+  EXPECT_FALSE(engine().holding());
+  EXPECT_FALSE(laptop().sleepDisabled());
+  EXPECT_FALSE(files().exists("hold"));
+  EXPECT_EQ(engine().lastEndReason(), "Turned off");
+}
+
+TEST_F(EngineTest, ModeAutoFollowsWorkAndSnooze) {
+  // Given mode auto with an agent at work.
+  work_.reason = "Claude Code is running a command";
+  work_.worker = "Claude Code";
+  launch();
+  EXPECT_TRUE(engine().holding());
+  EXPECT_EQ(engine().statusLine(), "Claude Code is running a command · stays awake closed");
+
+  // The work stops: the hold ends with the agent's name.
+  work_.reason.reset();
+  advance(2);
+  EXPECT_FALSE(engine().holding());
+  EXPECT_EQ(engine().lastEndReason(), "Claude Code finished");
+  EXPECT_EQ(engine().statusLine(), "Nothing running · sleeps when closed");
+
+  // Snoozed, work no longer counts, but an explicit hold still does.
+  work_.reason = "Claude Code is running a command";
+  engine().sleepNow();
+  EXPECT_FALSE(engine().holding());
+  EXPECT_EQ(engine().statusLine(), "Sleeping until the lid opens");
+  EXPECT_EQ(count("sleepnow"), 1);
+  engine().addHold("Uploading", std::nullopt, std::nullopt, std::nullopt);
+  EXPECT_TRUE(engine().holding());
+  EXPECT_EQ(engine().holdReason(), "Uploading");
+}
+
+TEST_F(EngineTest, ModeAlwaysWithAndWithoutEndTime) {
+  // Given mode Always without an end time, then with one.
+  launch();
+  engine().stayAwakeFor(std::nullopt);
+  EXPECT_TRUE(engine().holding());
+  EXPECT_EQ(engine().holdReason(), "Always awake");
+  EXPECT_EQ(engine().statusLine(), "Awake until you turn it off");
+  engine().addHold("Later hold", std::nullopt, std::nullopt, std::nullopt);
+  EXPECT_EQ(engine().holdReason(), "Always awake");
+
+  engine().releaseHold(std::nullopt);
+  engine().stayAwakeFor(80);
+  const Time until = clock_.now() + 80 * 60;
+  EXPECT_EQ(engine().holdReason(), "Awake until " + formatShortTime(until));
+  EXPECT_EQ(engine().statusLine(), "Awake until " + formatShortTime(until) + " · 1h 20m left");
+  EXPECT_EQ(engine().config().modeBeforeAlways, Mode::Auto);
+
+  // The end time passes: back to the mode before, and the hold ends.
+  advance(80 * 60 + 2);
+  EXPECT_EQ(engine().config().mode, Mode::Auto);
+  EXPECT_FALSE(engine().config().alwaysUntil);
+  EXPECT_FALSE(engine().holding());
+}
+
+TEST_F(EngineTest, AlwaysUntilPassedShowsNoTimeLeft) {
+  // Given a config already past its end time (as after a long sleep).
+  writeConfig(R"({"mode": "on", "alwaysUntil": 1700000000})");
+  launch(EngineOptions{true, true});  // passive: no evaluate yet
+  EXPECT_EQ(engine().statusLine(), "Awake until " + formatShortTime(1700000000) + " · 0m left");
+}
+
+TEST_F(EngineTest, NewestHoldGivesTheReason) {
+  writeConfig(R"({"mode": "off"})");
+  launch();
+  engine().addHold("First", std::nullopt, std::nullopt, std::nullopt);
+  Hold second = engine().addHold("Second", std::nullopt, std::nullopt, std::nullopt);
+  EXPECT_EQ(engine().holdReason(), "Second");
+  engine().releaseHold(second.id);
+  EXPECT_EQ(engine().holdReason(), "First");
+  EXPECT_EQ(count("disablesleep 1"), 1);
+}
+
+TEST_F(EngineTest, TimedHoldExpiresAndIsDroppedFromRuntimeFile) {
+  launch();
+  Hold h = engine().addHold("Build", 90, std::nullopt, std::nullopt);
+  EXPECT_DOUBLE_EQ(*h.until, h.created + 5400);
+  EXPECT_TRUE(sawNotice("Staying awake for 1h 30m"));
+  EXPECT_NE(readFile(folder_ + "/runtime.json").find(h.id), std::string::npos);
+
+  advance(5398);
+  EXPECT_TRUE(engine().holding());
+  advance(4);
+  EXPECT_FALSE(engine().holding());
+  EXPECT_EQ(engine().lastEndReason(), "Nothing left to wait for");
+  EXPECT_EQ(readFile(folder_ + "/runtime.json").find(h.id), std::string::npos);
+}
+
+TEST_F(EngineTest, HoldBoundToProcessEndsWithItAndIgnoresReusedPid) {
+  launch();
+  const std::int32_t pid = laptop().startProcess("/usr/bin/make", {"make", "-j8"});
+  Hold h = engine().addHold("make", std::nullopt, pid, std::nullopt);
+  ASSERT_EQ(h.pid, pid);
+  ASSERT_TRUE(h.pidStart);
+  advance(2);
+  EXPECT_TRUE(engine().holding());
+
+  // The process ends and another takes its id: the hold still ends.
+  laptop().endProcess(pid);
+  advance(1);
+  laptop().startProcess("/usr/bin/other", {}, 1, pid);
+  advance(2);
+  EXPECT_TRUE(engine().holds().empty());
+  EXPECT_FALSE(engine().holding());
+
+  // A pid that does not exist binds nothing.
+  Hold unbound = engine().addHold("ghost", std::nullopt, 999999, std::nullopt);
+  EXPECT_FALSE(unbound.pid);
+}
+
+TEST_F(EngineTest, ReleasingByOwnerLeavesOthersHolds) {
+  writeConfig(R"({"mode": "off"})");
+  launch();
+  engine().addHold("a", std::nullopt, std::nullopt, 42);
+  Hold b = engine().addHold("b", std::nullopt, std::nullopt, 42);
+  engine().addHold("c", std::nullopt, std::nullopt, 77);
+  engine().addHold("d", std::nullopt, std::nullopt, std::nullopt);
+
+  EXPECT_EQ(engine().releaseHolds(77, b.id), 0);
+  EXPECT_EQ(engine().releaseHolds(42, std::nullopt), 2);
+  ASSERT_EQ(engine().holds().size(), 2u);
+  EXPECT_EQ(engine().holds()[0].reason, "c");
+  EXPECT_TRUE(engine().holding());
+}
+
+TEST_F(EngineTest, RuntimeHoldsSurviveARestartAndExpiredOnesAreDropped) {
+  writeConfig(R"({"mode": "off"})");
+  std::filesystem::create_directories(folder_);
+  const Time now = clock_.now();
+  writeFile(folder_ + "/runtime.json",
+            R"({"holds":[{"id":"OLD","reason":"old","until":)" + std::to_string(now - 10) +
+                R"(,"created":1},{"id":"LIVE","reason":"live","created":1},{"id":7}]})");
+  launch();
+  ASSERT_EQ(engine().holds().size(), 1u);
+  EXPECT_EQ(engine().holds()[0].id, "LIVE");
+  EXPECT_TRUE(engine().holding());
+  EXPECT_EQ(readFile(folder_ + "/runtime.json").find("OLD"), std::string::npos);
+}
+
+TEST_F(EngineTest, BatteryFloorLatchesAndClearsThreePointsAbove) {
+  // Given a limit of 20 % and an agent at work on battery.
+  writeConfig(R"({"batteryFloor": 20})");
+  work_.reason = "Codex is running a command";
+  laptop().setDraw(0.0);  // hold the charge where the test puts it
+  laptop().setCharge(20);
+  launch();
+  EXPECT_FALSE(engine().holding());
+  EXPECT_EQ(engine().blockedReason(), "Battery at 20%");
+  EXPECT_TRUE(engine().blockedByFloor());
+  EXPECT_EQ(engine().statusLine(), "Battery at 20%, sleeps when closed");
+  EXPECT_EQ(engine().holdReason(), "Codex is running a command");
+
+  laptop().setCharge(22);
+  advance(2);
+  EXPECT_EQ(engine().blockedReason(), "Battery at 22%");
+  laptop().setCharge(23);
+  advance(2);
+  EXPECT_FALSE(engine().blockedReason());
+  EXPECT_TRUE(engine().holding());
+
+  // Back at the limit, then on power: the latch clears at once.
+  laptop().setCharge(19);
+  advance(2);
+  EXPECT_EQ(engine().lastEndReason(), "Battery at 19%");
+  laptop().setAdapter(true, true);
+  advance(2);
+  EXPECT_TRUE(engine().holding());
+
+  // "Keep Going Below" switches the limit off; 0 never blocks.
+  laptop().setAdapter(false, false);
+  advance(2);
+  EXPECT_FALSE(engine().holding());
+  engine().overrideFloor(true);
+  EXPECT_TRUE(engine().holding());
+}
+
+TEST_F(EngineTest, OnlyOnPowerUsesTheWeakAdapterRule) {
+  writeConfig(R"({"onlyOnPower": true, "batteryFloor": 0})");
+  work_.reason = "Gemini CLI is running a command";
+  launch();
+  EXPECT_EQ(engine().blockedReason(), "Only on power");
+
+  // On the adapter, not charging, the battery gives 0.2 W: on power.
+  laptop().setAdapter(true, false);
+  laptop().setAmperage(-18);  // 0.21 W at 11.4 V
+  advance(2);
+  ASSERT_TRUE(engine().battery());
+  EXPECT_TRUE(engine().battery()->onPower());
+  EXPECT_TRUE(engine().holding());
+
+  // An adapter too weak to stop a 0.5 W drain counts as battery.
+  laptop().setAmperage(-44);  // 0.50 W
+  advance(2);
+  EXPECT_FALSE(engine().battery()->onPower());
+  EXPECT_EQ(engine().blockedReason(), "Only on power");
+
+  // Without a battery the power guards do not apply.
+  laptop().removeBattery();
+  advance(2);
+  EXPECT_FALSE(engine().battery());
+  EXPECT_TRUE(engine().holding());
+}
+
+TEST_F(EngineTest, HeatGuardWaitsFiveMinutesOrActsAtOnceWhenCritical) {
+  work_.reason = "amp is running a command";
+  launch();
+  laptop().setThermalState(2);
+  loop_.drainPosted();
+  const Time hot = clock_.now();
+  advance(298);
+  engine().evaluate();
+  EXPECT_LT(clock_.now() - hot, 300);
+  EXPECT_TRUE(engine().holding());
+  advance(300 - (clock_.now() - hot));
+  engine().evaluate();
+  EXPECT_EQ(engine().blockedReason(), "Too hot");
+  EXPECT_TRUE(engine().heatForced());
+  EXPECT_EQ(engine().lastEndReason(), "Too hot");
+
+  // Cooling down clears the guard; critical acts without waiting.
+  laptop().setThermalState(0);
+  advance(2);
+  EXPECT_FALSE(engine().heatForced());
+  EXPECT_TRUE(engine().holding());
+  laptop().setThermalState(3);
+  advance(2);
+  EXPECT_EQ(engine().blockedReason(), "Too hot");
+
+  // With the heat guard off nothing blocks.
+  Config c = engine().config();
+  c.heatGuard = false;
+  engine().apply(c, true);
+  EXPECT_TRUE(engine().holding());
+}
+
+TEST_F(EngineTest, SetupMissingComesFirstInTheStatus) {
+  work_.reason = "Claude Code is running a command";
+  launch();
+  ASSERT_TRUE(engine().holding());
+  laptop().setSetup(false, "The sudoers rule is missing.");
+  laptop().setThermalState(3);
+  advance(10);
+  EXPECT_FALSE(engine().holding());
+  EXPECT_FALSE(laptop().sleepDisabled());
+  EXPECT_EQ(engine().statusLine(), "Needs a one-time setup");
+}
+
+TEST_F(EngineTest, RefusedSwitchIsRetriedAtMostEveryThirtySeconds) {
+  laptop().setRefusals(true, false);
+  work_.reason = "Claude Code is running a command";
+  launch();
+  EXPECT_FALSE(engine().holding());
+  EXPECT_FALSE(files().exists("hold"));
+  EXPECT_EQ(engine().warning(),
+            "macOS refused to switch sleep off, so closing the lid would sleep the Mac. Run Set Up again in "
+            "Settings › General.");
+  advance(28);
+  EXPECT_EQ(count("disablesleep 1 (refused)"), 1);
+
+  laptop().setRefusals(false, false);
+  advance(4);
+  EXPECT_TRUE(engine().holding());
+  EXPECT_FALSE(engine().warning());
+  EXPECT_TRUE(files().exists("hold"));
+}
+
+TEST_F(EngineTest, FailedReleaseStaysPendingAndKeepsItsMarkerUntilItWorks) {
+  writeConfig(R"({"mode": "off"})");
+  launch();
+  Hold h = engine().addHold("job", std::nullopt, std::nullopt, std::nullopt);
+  laptop().setRefusals(false, true);
+  engine().releaseHold(h.id);
+  EXPECT_FALSE(engine().holding());
+  EXPECT_TRUE(engine().pendingRelease());
+  EXPECT_EQ(engine().warning(), "Couldn't switch sleep back on yet; Vigilo keeps trying.");
+  advance(10);
+  EXPECT_TRUE(laptop().sleepDisabled());
+  EXPECT_TRUE(files().exists("hold"));
+
+  laptop().setRefusals(false, false);
+  advance(10);
+  EXPECT_FALSE(engine().pendingRelease());
+  EXPECT_FALSE(engine().warning());
+  EXPECT_FALSE(laptop().sleepDisabled());
+  EXPECT_FALSE(files().exists("hold"));
+}
+
+TEST_F(EngineTest, SleepThatWasOffBeforeIsNeverSwitchedOnByUs) {
+  // Given the user switched sleep off by hand before Vigilo held.
+  laptop().setSleepDisabledExternally(true);
+  writeConfig(R"({"mode": "off"})");
+  launch();
+  engine().addHold("job", std::nullopt, std::nullopt, std::nullopt);
+  EXPECT_TRUE(files().exists("sleep-off-before"));
+  engine().releaseHold(std::nullopt);
+  EXPECT_EQ(count("disablesleep 0"), 0);
+  EXPECT_TRUE(laptop().sleepDisabled());
+  EXPECT_FALSE(files().exists("hold"));
+
+  // The user switches it back on: the marker goes at the next check.
+  laptop().setSleepDisabledExternally(false);
+  advance(10);
+  EXPECT_FALSE(files().exists("sleep-off-before"));
+}
+
+TEST_F(EngineTest, SleepLeftOffByMistakeIsSwitchedBackOn) {
+  // Given sleep switched off without any marker of ours and no one holding.
+  launch();
+  advance(2);
+  files().touch("hold");
+  laptop().setSleepDisabledExternally(true);
+  files().remove("sleep-off-before");
+  advance(10);
+  EXPECT_FALSE(laptop().sleepDisabled());
+}
+
+TEST_F(EngineTest, UnwritableAppFolderNeverSwitchesSleepOff) {
+  // Given an app folder below a plain file, which no one can create.
+  writeFile(dir_.file("plain"), "x");
+  folder_ = dir_.file("plain") + "/home";
+  work_.reason = "Claude Code is running a command";
+  launch();
+  EXPECT_FALSE(engine().holding());
+  EXPECT_EQ(engine().setupError(), "Vigilo couldn't write to its folder, so it won't switch sleep off");
+  EXPECT_EQ(count("disablesleep 1"), 0);
+  EXPECT_FALSE(laptop().sleepDisabled());
+}
+
+TEST_F(EngineTest, SlowJobsRunOnTheirTicks) {
+  RecordingSlowJobs jobs;
+  engine_ = std::make_unique<Engine>(*sim_, folder_);
+  engine_->setSlowJobs(&jobs);
+  engine_->launch();
+  advance(2 * 10);
+  EXPECT_THAT(jobs.calls, ElementsAre("refreshWatchdog", "watchdog@3", "wake@5", "approve@5", "wake@10", "approve@10"));
+}
+
+TEST_F(EngineTest, SettingsFileEditsMergeAndNeverLoosenSafety) {
+  writeConfig(R"({"quietMinutes": 9, "batteryFloor": 30})");
+  launch();
+  EXPECT_EQ(readFile(folder_ + "/safety.json").find("\"batteryFloor\": 30") != std::string::npos, true);
+
+  // An edit with one key changes only that key.
+  clock_.advance(1);
+  writeConfig(R"({"preset": "max_battery"})");
+  advance(10);
+  EXPECT_EQ(engine().config().preset, Preset::MaxBattery);
+  EXPECT_EQ(engine().config().quietMinutes, 9);
+  EXPECT_EQ(engine().config().batteryFloor, 30);
+
+  // Loosening from the file is refused and the file is put right.
+  writeConfig(R"({"heatGuard": false, "batteryFloor": 10, "mode": "sideways"})");
+  loop_.fileChanged(folder_ + "/config.json");
+  EXPECT_TRUE(engine().config().heatGuard);
+  EXPECT_EQ(engine().config().batteryFloor, 30);
+  EXPECT_EQ(engine().config().mode, Mode::Auto);
+  EXPECT_TRUE(sawNotice(
+      "Settings file change ignored: Safety settings can only be loosened in Vigilo itself: the heat guard stays "
+      "on and the battery limit stays at 30%"));
+  auto onDisk = Config::decode(readFile(folder_ + "/config.json"));
+  ASSERT_TRUE(onDisk);
+  EXPECT_TRUE(onDisk->heatGuard);
+
+  // Stricter is accepted and becomes the baseline; the app itself may loosen.
+  writeConfig(R"({"onlyOnPower": true})");
+  loop_.fileChanged(folder_ + "/config.json");
+  EXPECT_TRUE(Safety::load(files())->onlyOnPower);
+  Config c = engine().config();
+  c.onlyOnPower = false;
+  engine().apply(c, true);
+  EXPECT_FALSE(Safety::load(files())->onlyOnPower);
+}
+
+TEST_F(EngineTest, BrokenSettingsFileIsKeptAsideAndDefaultsWritten) {
+  writeConfig("this is not json {");
+  launch();
+  const std::string copy = "config.broken-" + std::to_string(static_cast<long long>(clock_.now())) + ".json";
+  EXPECT_EQ(readFile(folder_ + "/" + copy), "this is not json {");
+  EXPECT_TRUE(sawNotice("Settings file couldn't be read: Vigilo is using its defaults. Your file was kept as " + copy));
+  EXPECT_EQ(Config::decode(readFile(folder_ + "/config.json")), Config{});
+}
+
+TEST_F(EngineTest, DamagedStateFilesNeverStopTheApp) {
+  std::filesystem::create_directories(folder_);
+  for (const std::string content : {std::string(), std::string("{\"holds\": [{\"id\": \"A\", \"reas"),
+                                    std::string("[1,2,3]"), std::string("{\"holds\": {\"id\": 5}}"),
+                                    std::string(100000, '[')}) {
+    writeFile(folder_ + "/runtime.json", content);
+    writeFile(folder_ + "/safety.json", content);
+    writeFile(folder_ + "/touched.json", content);
+    engine_.reset();
+    launch();
+    EXPECT_TRUE(engine().holds().empty());
+    EXPECT_FALSE(engine().holding());
+  }
+}
+
+TEST_F(EngineTest, CrashWhileHoldingIsAdoptedThenReleased) {
+  // Given a previous run that died holding: sleep off and its marker left.
+  std::filesystem::create_directories(folder_);
+  files().touch("hold");
+  laptop().setSleepDisabledExternally(true);
+  launch();
+  EXPECT_TRUE(engine().adoptedHoldUntil());
+  EXPECT_FALSE(files().exists("sleep-off-before"));
+  advance(28);
+  EXPECT_TRUE(laptop().sleepDisabled());
+  advance(4);
+  EXPECT_FALSE(laptop().sleepDisabled());
+  EXPECT_FALSE(files().exists("hold"));
+  EXPECT_FALSE(engine().adoptedHoldUntil());
+}
+
+TEST_F(EngineTest, CrashWhileHoldingIsKeptWhenSomethingStillWantsTheMachineAwake) {
+  std::filesystem::create_directories(folder_);
+  files().touch("hold");
+  laptop().setSleepDisabledExternally(true);
+  work_.reason = "Claude Code is running a command";
+  launch();
+  EXPECT_TRUE(engine().holding());
+  EXPECT_FALSE(engine().adoptedHoldUntil());
+  advance(60);
+  EXPECT_TRUE(laptop().sleepDisabled());
+  EXPECT_EQ(count("disablesleep 0"), 0);
+}
+
+TEST_F(EngineTest, RecoveryPutsBackPausedProcessesAndScreenRecords) {
+  const std::int32_t paused = laptop().startProcess("/usr/bin/xcodebuild");
+  const std::int32_t gone = laptop().startProcess("/usr/bin/gone");
+  laptop().stop(paused);
+  const std::uint64_t start = laptop().process(paused)->startMicros;
+  laptop().endProcess(gone);
+  std::filesystem::create_directories(folder_);
+  Journal(files(), sim_->processes())
+      .save({{paused, start, "/usr/bin/xcodebuild", true}, {gone, 1, "/usr/bin/gone", true}});
+  writeFile(folder_ + "/brightness-restore", "0.6\n");
+  files().touch("display-off");
+  launch();
+  EXPECT_FALSE(laptop().process(paused)->stopped);
+  EXPECT_FALSE(files().exists("touched.json"));
+  EXPECT_FALSE(files().exists("resume-pids"));
+  EXPECT_DOUBLE_EQ(laptop().brightness(), 0.6);
+  EXPECT_TRUE(laptop().builtInDisplayOn());
+  EXPECT_TRUE(engine().outstandingChanges().empty());
+}
+
+TEST_F(EngineTest, CleanQuitRemovesHeartbeatOnlyWhenNothingIsOutstanding) {
+  writeConfig(R"({"mode": "on"})");
+  launch();
+  advance(2);
+  EXPECT_TRUE(files().exists("alive"));
+  engine().shutdown();
+  EXPECT_FALSE(laptop().sleepDisabled());
+  EXPECT_FALSE(files().exists("hold"));
+  EXPECT_FALSE(files().exists("alive"));
+
+  // A record that the quit does not put back (the screen is still off) keeps
+  // the heartbeat, so the watchdog finishes the job.
+  engine_.reset();
+  launch();
+  advance(2);
+  files().touch("display-off");
+  engine().shutdown();
+  EXPECT_TRUE(files().exists("alive"));
+}
+
+TEST_F(EngineTest, PreviewWritesNothingAndSwitchesNothing) {
+  writeConfig(R"({"mode": "on"})");
+  launch(EngineOptions{true, false});
+  advance(20);
+  EXPECT_TRUE(engine().holding());
+  EXPECT_EQ(engine().statusLine(), "Awake until you turn it off");
+  EXPECT_TRUE(laptop().commandLog().empty());
+  EXPECT_FALSE(files().exists("hold"));
+  EXPECT_FALSE(files().exists("alive"));
+  EXPECT_FALSE(files().exists("safety.json"));
+}
+
+TEST_F(EngineTest, MenuBarTitleFollowsTheSetting) {
+  writeConfig(R"({"menuBarText": "battery"})");
+  launch();
+  EXPECT_EQ(engine().menuBarTitle(), "80%");
+  Config c = engine().config();
+  c.menuBarText = MenuBarText::Watts;
+  engine().apply(c, false);
+  EXPECT_EQ(engine().menuBarTitle(), "6.0W");
+  c.menuBarText = MenuBarText::Timer;
+  engine().apply(c, false);
+  EXPECT_EQ(engine().menuBarTitle(), "");
+  engine().stayAwakeFor(95);
+  EXPECT_EQ(engine().menuBarTitle(), "1:35");
+  c = engine().config();
+  c.menuBarText = MenuBarText::None;
+  engine().apply(c, false);
+  EXPECT_EQ(engine().menuBarTitle(), "");
+}
+
+}  // namespace
+}  // namespace vigilo::test
