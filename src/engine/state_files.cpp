@@ -7,64 +7,6 @@
 #include <unistd.h>
 
 namespace vigilo {
-namespace {
-
-constexpr std::string_view kTempSuffix = ".vigilo-tmp";
-
-bool writeAll(int fd, std::string_view data) {
-  while (!data.empty()) {
-    ssize_t n = ::write(fd, data.data(), data.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    data.remove_prefix(static_cast<std::size_t>(n));
-  }
-  return true;
-}
-
-}  // namespace
-
-bool writeFileDurably(const std::string& path, std::string_view data, std::optional<mode_t> mode) {
-  const std::string tmp = path + std::string(kTempSuffix);
-  int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode.value_or(0644));
-  if (fd < 0) return false;
-  // open() applies the umask; an explicit mode is meant exactly.
-  bool ok = (!mode || ::fchmod(fd, *mode) == 0) && writeAll(fd, data) && ::fsync(fd) == 0;
-  ok = (::close(fd) == 0) && ok;
-  if (ok && ::rename(tmp.c_str(), path.c_str()) == 0) return true;
-  ::unlink(tmp.c_str());
-  return false;
-}
-
-std::optional<std::string> readWholeFile(const std::string& path, std::size_t limit) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::nullopt;
-  struct stat st {};
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || static_cast<std::size_t>(st.st_size) > limit) {
-    ::close(fd);
-    return std::nullopt;
-  }
-  std::string out;
-  char buf[65536];
-  for (;;) {
-    ssize_t n = ::read(fd, buf, sizeof buf);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      ::close(fd);
-      return std::nullopt;
-    }
-    if (n == 0) break;
-    out.append(buf, static_cast<std::size_t>(n));
-    if (out.size() > limit) {
-      ::close(fd);
-      return std::nullopt;
-    }
-  }
-  ::close(fd);
-  return out;
-}
-
 StateFiles::StateFiles(std::string dir) : dir_(std::move(dir)) {}
 
 std::string StateFiles::path(std::string_view name) const {
@@ -79,7 +21,7 @@ bool StateFiles::ensureDir() const {
 
 bool StateFiles::writeDurably(std::string_view name, std::string_view data, std::optional<mode_t> mode) const {
   if (!ensureDir()) return false;
-  return writeFileDurably(path(name), data, mode);
+  return writeFileDurably(path(name), data, mode).isOk();
 }
 
 bool StateFiles::touch(std::string_view name) const {

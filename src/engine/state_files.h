@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include "platform/clock.h"
+#include "platform/files.h"
 
 namespace vigilo {
 
@@ -43,9 +44,5 @@ class StateFiles {
  private:
   std::string dir_;
 };
-
-// Durable write to any path (used for files outside the app folder too).
-bool writeFileDurably(const std::string& path, std::string_view data, std::optional<mode_t> mode = std::nullopt);
-std::optional<std::string> readWholeFile(const std::string& path, std::size_t limit = 16 * 1024 * 1024);
 
 }  // namespace vigilo

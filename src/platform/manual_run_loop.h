@@ -1,6 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -27,12 +29,16 @@ class ManualRunLoop final : public RunLoop {
   void stop() override { stopped_ = true; }
 
   // Moves the clock forward by `seconds`, running posted work and every timer
-  // due on the way.
+  // due on the way. A repeating timer left more than an interval behind by a
+  // direct move of the clock (a simulated sleep) fires once, not once per
+  // missed beat, as in the real loop.
   void advance(double seconds);
   // Runs work posted so far.
   void drainPosted();
   // Delivers a file event to every watcher of `path`.
   void fileChanged(const std::string& path);
+  // Calls the watchers of `fd`, as the real loop does when it is readable.
+  void fdReadable(int fd);
   // Delivers signal `signo` as the real loop would.
   void raise(int signo);
   // Number of live timers (to check that cancelled ones are gone).
@@ -47,11 +53,12 @@ class ManualRunLoop final : public RunLoop {
   ManualClock& clock_;
   TimerId next_ = 1;
   std::map<TimerId, Timer> timers_;
+  std::mutex postedMutex_;  // post() is safe from any thread
   std::vector<std::function<void()>> posted_;
   std::map<WatchId, std::pair<std::string, std::function<void()>>> fileWatches_;
   std::map<WatchId, std::pair<int, std::function<void()>>> fdWatches_;
   std::map<int, std::function<void()>> signals_;
-  bool stopped_ = false;
+  std::atomic<bool> stopped_{false};
 };
 
 }  // namespace vigilo

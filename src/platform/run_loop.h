@@ -52,8 +52,18 @@ class RunLoop {
   virtual void stop() = 0;
 };
 
-// The real loop for Linux and the simulated laptop: poll(2) over a wake-up
-// pipe, inotify and signalfd.
+// The real loop for Linux and the simulated laptop: poll(2) over an eventfd for
+// wake-ups, inotify and signalfd. Throws std::runtime_error when its eventfd or
+// signalfd cannot be created; without inotify (the user's instances used up)
+// file watches stay silent.
+//
+// `onSignal` blocks the signal in the calling thread and reads it from a
+// signalfd. Call it on the main thread before any other thread starts: only
+// threads started later inherit the blocked mask, and a thread that leaves
+// the signal unblocked takes it with the default action. The signal stays
+// blocked after the loop is gone, and children inherit the mask through
+// fork and exec, so code that starts processes resets it in the child.
+// SIGKILL, SIGSTOP and invalid numbers throw std::invalid_argument.
 std::unique_ptr<RunLoop> makePollRunLoop(const Clock& clock);
 
 }  // namespace vigilo

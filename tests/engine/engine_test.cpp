@@ -404,7 +404,7 @@ TEST_F(EngineTest, BrokenSettingsFileIsKeptAsideAndDefaultsWritten) {
 
 TEST_F(EngineTest, DamagedStateFilesNeverStopTheApp) {
   std::filesystem::create_directories(folder_);
-  for (const std::string content : {std::string(), std::string("{\"holds\": [{\"id\": \"A\", \"reas"),
+  for (const std::string& content : {std::string(), std::string("{\"holds\": [{\"id\": \"A\", \"reas"),
                                     std::string("[1,2,3]"), std::string("{\"holds\": {\"id\": 5}}"),
                                     std::string(100000, '[')}) {
     writeFile(folder_ + "/runtime.json", content);

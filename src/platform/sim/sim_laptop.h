@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -40,6 +41,9 @@ struct SimProcess {
 class SimLaptop {
  public:
   explicit SimLaptop(const Clock& clock);
+  // Copies would share one laptop's state; there is one laptop.
+  SimLaptop(const SimLaptop&) = delete;
+  SimLaptop& operator=(const SimLaptop&) = delete;
 
   // --- Changes made from outside (a test, a person editing the state file).
   void setLidClosed(bool closed);
@@ -49,6 +53,12 @@ class SimLaptop {
   void setAdapter(bool connected, bool charging);
   // The whole machine's draw from the battery (or the adapter) in watts.
   void setDraw(double watts);
+  // The battery's current in mA, in place of the one worked out from the
+  // draw and the adapter: negative drains, positive charges. An adapter too
+  // weak for the draw is `setAdapter(true, false)` then a negative current.
+  // Nothing goes back to the worked-out current; so do setAdapter, setDraw
+  // and removeBattery, since the situation it described is gone.
+  void setAmperage(std::optional<std::int64_t> milliamps);
   void removeBattery();
   void setThermalState(int state);
   // Someone else switches sleep off or on (the user running pmset by hand).
@@ -62,6 +72,15 @@ class SimLaptop {
   std::int32_t startProcess(const std::string& path, std::vector<std::string> args = {}, std::int32_t ppid = 1,
                             std::optional<std::int32_t> pid = std::nullopt);
   void endProcess(std::int32_t pid);
+  // What a process draws while running, in watts (its energy counter grows
+  // by it; a slowed process draws a quarter, a stopped one nothing).
+  void setProcessWatts(std::int32_t pid, double watts);
+
+  // Called after every change made through the methods above and below and
+  // after `fromJson`, not when the battery merely moves with time: the
+  // platform turns changes into system events. One observer; an empty
+  // function removes it.
+  void setObserver(std::function<void()> observer);
 
   // --- Reading the laptop.
   bool sleepDisabled() const;
