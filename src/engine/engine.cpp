@@ -281,6 +281,7 @@ void Engine::readBattery() {
 }
 
 void Engine::refreshSetup() {
+  capabilities_ = platform_.capabilities();
   SetupStatus s = platform_.power().setupStatus();
   setupReady_ = s.ready;
   setupProblem_ = s.ready ? std::string() : s.reason;
@@ -425,7 +426,7 @@ void Engine::noteOwner() {
 
 bool Engine::releaseSleepSwitch() {
   if (options_.preview) return true;
-  if (sleepNotOurs()) {
+  if (sleepNotOurs() && platform_.power().switchIsShared()) {
     files_.remove(kHoldMarker);
     return true;
   }
@@ -509,6 +510,9 @@ void Engine::reassertSleep() {
   const bool checkIn = slow_ && slow_->checkInUntil() && *slow_->checkInUntil() > t;
   const bool adopted = adoptedHoldUntil_ && *adoptedHoldUntil_ > t;
   if (!setupReady_ || checkIn || adopted) return;
+  // A switch of Vigilo's own dies with the app, so it cannot be left off by
+  // mistake; what reads as off then is someone else's doing.
+  if (!platform_.power().switchIsShared()) return;
   if (disabled && *disabled) {
     // Sleep was left off by mistake (an earlier run, say).
     if (!releaseSleepSwitch()) {
@@ -667,40 +671,65 @@ void Engine::restoreRuntime() {
   holds_ = bytes ? decodeRuntime(*bytes) : std::vector<Hold>{};
 }
 
-void Engine::recoverFromCrash() {
-  if (options_.preview) return;
+std::vector<std::string> Engine::putBackRecords() {
+  std::vector<std::string> failed;
   journal_.undoLegacyFiles();
-
   touched_ = journal_.undo(journal_.load());
   journal_.save(touched_);
+  for (const Touched& t : touched_) {
+    failed.push_back(std::string(t.paused ? "paused" : "slowed") + " process " + std::to_string(t.pid) + " (" +
+                     t.path + ")");
+  }
 
   PowerControl& power = platform_.power();
   if (auto line = files_.read(kPowerModeRestoreFile)) {
     char key[32] = {0};
     int value = 0;
     if (std::sscanf(line->c_str(), "%31s %d", key, &value) == 2) {
-      if (power.restorePowerMode(key, value)) files_.remove(kPowerModeRestoreFile);
+      if (Result r = power.restorePowerMode(key, value)) {
+        files_.remove(kPowerModeRestoreFile);
+      } else {
+        failed.push_back("the battery power mode (" + r.message() + ")");
+      }
     } else {
       logLine("Vigilo: dropped an unreadable powermode-restore record: " + *line);
       files_.remove(kPowerModeRestoreFile);
     }
   }
-  if (files_.exists(kTimeMachineRestoreFile) && power.setAutomaticBackups(true)) {
-    files_.remove(kTimeMachineRestoreFile);
+  if (files_.exists(kTimeMachineRestoreFile)) {
+    if (Result r = power.setAutomaticBackups(true)) {
+      files_.remove(kTimeMachineRestoreFile);
+    } else {
+      failed.push_back("automatic backups (" + r.message() + ")");
+    }
   }
-  if (files_.exists(kDisplayOffFile) && platform_.displays().setBuiltInEnabled(true)) {
-    files_.remove(kDisplayOffFile);
+  if (files_.exists(kDisplayOffFile)) {
+    if (Result r = platform_.displays().setBuiltInEnabled(true)) {
+      files_.remove(kDisplayOffFile);
+    } else {
+      failed.push_back("the built-in screen (" + r.message() + ")");
+    }
   }
   if (auto text = files_.read(kBrightnessRestoreFile)) {
     char* end = nullptr;
     double level = std::strtod(text->c_str(), &end);
     if (end != text->c_str() && std::isfinite(level)) {
-      if (platform_.displays().setBrightness(std::clamp(level, 0.0, 1.0))) files_.remove(kBrightnessRestoreFile);
+      if (Result r = platform_.displays().setBrightness(std::clamp(level, 0.0, 1.0))) {
+        files_.remove(kBrightnessRestoreFile);
+      } else {
+        failed.push_back("the screen brightness (" + r.message() + ")");
+      }
     } else {
       logLine("Vigilo: dropped an unreadable brightness-restore record");
       files_.remove(kBrightnessRestoreFile);
     }
   }
+  return failed;
+}
+
+void Engine::recoverFromCrash() {
+  if (options_.preview) return;
+  putBackRecords();
 
   noteOwner();
   auto disabled = platform_.registry().sleepDisabled();
@@ -723,6 +752,15 @@ std::vector<std::string> Engine::outstandingChanges() const {
     if (files_.exists(f)) out.emplace_back(f);
   }
   return out;
+}
+
+std::vector<std::string> Engine::rescue() {
+  std::vector<std::string> failed = putBackRecords();
+  // Sleep that was off before Vigilo switched it stays the person's;
+  // releasing the switch knows that from "sleep-off-before".
+  if (files_.exists(kHoldMarker) && !releaseSleepSwitch()) failed.push_back("sleep is still switched off");
+  if (outstandingChanges().empty()) files_.remove(kAliveFile);
+  return failed;
 }
 
 void Engine::shutdown() {

@@ -103,6 +103,13 @@ class Engine {
   void recoverFromCrash();
   // The records of system changes still outstanding, by file name.
   std::vector<std::string> outstandingChanges() const;
+  // Puts back every recorded change and switches sleep back on if it is
+  // Vigilo's, for a person rescuing the machine while the app is stopped.
+  // Gives a line for each change it could not put back.
+  std::vector<std::string> rescue();
+
+  // What the machine offers and lacks, read at launch and every 10 seconds.
+  const std::vector<Capability>& capabilities() const { return capabilities_; }
 
   // --- What the engine shows.
   std::string statusLine() const;
@@ -158,6 +165,9 @@ class Engine {
   void keepMarkerInStep();
   void retryPendingRelease();
   void writeHeartbeat();
+  // Puts back the process, power-mode, backup and screen records; gives a
+  // line for each one that failed (its record stays).
+  std::vector<std::string> putBackRecords();
   void expireAlwaysUntil();
   std::optional<std::string> guardReason();
   void tell(const std::string& title, const std::string& text);
@@ -203,6 +213,7 @@ class Engine {
   std::optional<std::string> warning_;
   std::vector<Touched> touched_;
   std::string lastEndReason_;
+  std::vector<Capability> capabilities_;
 
   std::optional<TimerId> timer_;
   std::optional<WatchId> configWatch_;

@@ -2,8 +2,8 @@
 
 #include <cmath>
 #include <cstdio>
-#include <openssl/rand.h>
 #include <random>
+#include <sys/random.h>
 
 namespace vigilo {
 
@@ -97,7 +97,8 @@ std::vector<Hold> decodeRuntime(std::string_view bytes) {
 
 std::string newUuid() {
   unsigned char b[16];
-  if (RAND_bytes(b, sizeof b) != 1) {
+  // The kernel's generator: no library to load for a short-lived tool.
+  if (::getrandom(b, sizeof b, 0) != static_cast<ssize_t>(sizeof b)) {
     std::random_device rd;
     for (auto& c : b) c = static_cast<unsigned char>(rd());
   }

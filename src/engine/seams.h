@@ -53,6 +53,17 @@ class PowerMeter {
   virtual std::optional<double> systemWatts() const = 0;
 };
 
+// The person's alerts about agents: one when a busy agent stops, one when
+// an agent starts waiting for them. Never called in preview-only mode.
+class AgentAlerts {
+ public:
+  virtual ~AgentAlerts() = default;
+  // `name` ("Agent" when unknown) worked `minutes`; `processGone` when it
+  // exited; `state` is "finished", "went idle" or "is still waiting".
+  virtual void finished(const std::string& name, int minutes, bool processGone, const std::string& state) = 0;
+  virtual void needsYou(const std::string& name) = 0;
+};
+
 // Everything else that runs on the slow beats of the tick.
 class SlowJobs {
  public:

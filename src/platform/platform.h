@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/clock.h"
 #include "platform/power_control.h"
@@ -11,6 +12,16 @@
 #include "platform/system_events.h"
 
 namespace vigilo {
+
+// One feature of the machine that Vigilo relies on, and whether this
+// machine offers it. `detail` says in plain English what is missing and
+// what the person can do ("No battery found under /sys/class/power_supply,
+// so the battery limit and only-on-power guards are off.").
+struct Capability {
+  std::string name;  // "sleep switch", "battery", "lid", "thermal", "processes", ...
+  bool available = false;
+  std::string detail;
+};
 
 // One machine: every interface the core uses, from one backend. The
 // references stay valid for the platform's lifetime.
@@ -33,6 +44,11 @@ class Platform {
   virtual Displays& displays() = 0;
   virtual Processes& processes() = 0;
   virtual SystemEvents& events() = 0;
+
+  // What this machine offers and lacks, for `vigilo status` and `vigilo
+  // doctor`. Reads afresh; may be slow-ish (a bus round trip), so not for
+  // every tick.
+  virtual std::vector<Capability> capabilities() { return {}; }
 
   // Called at the start of every engine tick: a backend that mirrors outside
   // state (the simulated laptop's state file) brings itself up to date.

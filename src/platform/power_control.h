@@ -27,6 +27,11 @@ class PowerControl {
 
   // Switches system sleep off (true) or back on (false) as a whole.
   virtual Result setSleepDisabled(bool disabled) = 0;
+  // True when the switch is one machine-wide flag that others set too (a
+  // Mac's "disablesleep"): sleep that was off before Vigilo then must never
+  // be switched on by it. False when Vigilo's switch is its own (a logind
+  // inhibitor lock), so switching it back on never touches anyone else's.
+  virtual bool switchIsShared() const { return true; }
   // Asks the machine to sleep at once.
   virtual Result sleepNow() = 0;
   // Whether the setup that permits these calls is in place.

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
+#include <vector>
 
 namespace vigilo {
 
@@ -19,6 +21,23 @@ struct BatteryProperties {
   std::optional<std::int64_t> timeRemaining;    // "TimeRemaining"
   std::optional<bool> externalConnected;        // "ExternalConnected"
   std::optional<bool> isCharging;               // "IsCharging"
+  // "PowerTelemetryData": the whole machine's draw as the controller sees
+  // it, also on the charger. SystemLoad in mW; the accumulator sums
+  // SystemLoad readings and the count says how many (it moves about every
+  // 30 s).
+  std::optional<std::int64_t> systemLoad;             // "SystemLoad"
+  std::optional<std::int64_t> accumulatedSystemLoad;  // "AccumulatedSystemLoad"
+  std::optional<std::int64_t> accumulatorCount;       // "SystemLoadAccumulatorCount"
+};
+
+// One power assertion held by a process against sleep.
+struct PowerAssertion {
+  std::int32_t pid = 0;            // the holding process
+  std::string processName;         // "Process Name"
+  std::string type;                // "AssertionTrueType", else "AssertType"
+  std::string name;                // "AssertName"
+  std::optional<std::int32_t> onBehalfOf;  // "AssertionOnBehalfOfPID"
+  std::optional<double> since;     // "AssertStartWhen", seconds since 1970
 };
 
 // Read-only hardware state: the battery controller and the power-management
@@ -41,6 +60,9 @@ class Registry {
   virtual std::optional<bool> lidClosed() = 0;
   // The system's thermal state: 0 nominal, 1 fair, 2 serious, 3 critical.
   virtual int thermalState() = 0;
+  // Every power assertion held against sleep, by process. Empty where the
+  // machine keeps no such list or it cannot be read.
+  virtual std::vector<PowerAssertion> powerAssertions() { return {}; }
 };
 
 }  // namespace vigilo
