@@ -1,44 +1,32 @@
 #include "app/commands.h"
 
-#include <cstdio>
-#include <string_view>
+#include <cstdlib>
+
+#include "commands/cli.h"
+#include "platform/sim/sim_laptop.h"
 
 namespace vigilo {
 namespace {
 
-struct Subcommand {
-  std::string_view name;
-  int (*run)(const std::vector<std::string>& args);
-  std::string_view summary;
-};
-
-int printHelp(const std::vector<std::string>&);
-
-constexpr Subcommand kSubcommands[] = {
-    {"app", runApp, "run Vigilo itself in the foreground (--simulate FILE, --preview)"},
-    {"help", printHelp, "show this help"},
-};
-
-int printHelp(const std::vector<std::string>&) {
-  std::printf("Vigilo keeps the computer awake while your coding agents work.\n\nUsage: vigilo <command> [options]\n\n");
-  for (const Subcommand& c : kSubcommands) {
-    std::printf("  %-6s %.*s\n", std::string(c.name).c_str(), static_cast<int>(c.summary.size()), c.summary.data());
+// The machine the tool reads when it works without the app: the simulated
+// laptop named by VIGILO_SIMULATE, else this machine's own backend.
+std::unique_ptr<Platform> toolPlatform(Clock& clock, RunLoop& loop) {
+  const char* simulate = std::getenv("VIGILO_SIMULATE");
+  if (simulate != nullptr && *simulate != '\0') {
+    return makeSimPlatform(clock, loop, SimPlatformOptions{simulate, toolAppFolder()});
   }
-  return 0;
+  return nullptr;
 }
+
+// The real machine's process table.
+std::unique_ptr<Processes> hostProcesses() { return nullptr; }
 
 }  // namespace
 
 int vigiloMain(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
-  if (args.empty() || args[0] == "--help" || args[0] == "-h") return printHelp({});
-  const std::string name = args[0];
-  args.erase(args.begin());
-  for (const Subcommand& c : kSubcommands) {
-    if (c.name == name) return c.run(args);
-  }
-  std::fprintf(stderr, "vigilo: unknown command \"%s\". Run \"vigilo help\" for the list.\n", name.c_str());
-  return 2;
+  if (!args.empty() && args[0] == "app") return runApp(std::vector<std::string>(args.begin() + 1, args.end()));
+  return runCli(args, ToolMachine{toolPlatform, hostProcesses});
 }
 
 }  // namespace vigilo

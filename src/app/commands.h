@@ -5,11 +5,12 @@
 
 namespace vigilo {
 
-// The whole executable: picks the subcommand from one table and runs it.
+// The whole executable: `vigilo app ...` runs the app, everything else is
+// the command-line tool.
 int vigiloMain(int argc, char** argv);
 
 // `vigilo app [--simulate FILE] [--preview]`: the engine on the main run
-// loop until SIGINT or SIGTERM.
+// loop until SIGINT, SIGTERM or SIGHUP, or a `quit` request.
 int runApp(const std::vector<std::string>& args);
 
 }  // namespace vigilo

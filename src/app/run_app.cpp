@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <cstdlib>
 #include <csignal>
 #include <cstdio>
 #include <ctime>
@@ -8,15 +9,19 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include "agents/agent_events.h"
+#include "agents/agent_work.h"
 #include "app/commands.h"
+#include "commands/channel.h"
+#include "commands/command_center.h"
 #include "engine/engine.h"
 #include "engine/log.h"
+#include "platform/linux/linux_platform.h"
 #include "platform/sim/sim_laptop.h"
+#include "power/power_watch.h"
 
 namespace vigilo {
 namespace {
-
-constexpr std::string_view kAppLockFile = "app.lock";
 
 std::string clockStamp() {
   std::time_t t = std::time(nullptr);
@@ -40,7 +45,14 @@ class FolderLock {
   explicit FolderLock(const StateFiles& files) {
     if (!files.ensureDir()) return;
     fd_ = ::open(files.path(kAppLockFile).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd_ >= 0 && ::flock(fd_, LOCK_EX | LOCK_NB) == 0) held_ = true;
+    if (fd_ >= 0 && ::flock(fd_, LOCK_EX | LOCK_NB) == 0) {
+      held_ = true;
+      // The pid lets `vigilo rescue` stop a stuck app.
+      const std::string pid = std::to_string(::getpid()) + "\n";
+      if (::ftruncate(fd_, 0) != 0 || ::pwrite(fd_, pid.data(), pid.size(), 0) < 0) {
+        // Only rescue reads it; the lock itself is what counts.
+      }
+    }
   }
   ~FolderLock() {
     if (fd_ >= 0) ::close(fd_);
@@ -53,6 +65,22 @@ class FolderLock {
   int fd_ = -1;
   bool held_ = false;
 };
+
+// Records the agent alerts in the app's output; the notifications a person
+// sees (system banners, phone) attach here.
+class PrintedAlerts final : public AgentAlerts {
+ public:
+  void finished(const std::string& name, int minutes, bool processGone, const std::string& state) override {
+    say("alert: " + name + " " + state + " after " + std::to_string(minutes) + " min of work" +
+        (processGone ? " (its process ended)" : ""));
+  }
+  void needsYou(const std::string& name) override { say("alert: " + name + " needs you"); }
+};
+
+std::string homeFolder() {
+  const char* home = std::getenv("HOME");
+  return home != nullptr ? home : "/";
+}
 
 struct AppOptions {
   std::string simulate;
@@ -88,10 +116,8 @@ int runApp(const std::vector<std::string>& args) {
   auto options = parseAppOptions(args);
   if (!options) return 2;
   if (options->simulate.empty()) {
-    std::fprintf(stderr,
-                 "vigilo: only the simulated laptop is available on this machine so far; the real backend for this "
-                 "system is not built yet. Run: vigilo app --simulate FILE\n");
-    return 1;
+    // The tool starts the app this way for a simulated laptop.
+    if (const char* env = std::getenv("VIGILO_SIMULATE"); env != nullptr && *env != '\0') options->simulate = env;
   }
 
   SystemClock clock;
@@ -102,7 +128,15 @@ int runApp(const std::vector<std::string>& args) {
     std::fprintf(stderr, "vigilo: couldn't start the run loop: %s\n", e.what());
     return 1;
   }
-  auto platform = makeSimPlatform(clock, *loop, SimPlatformOptions{options->simulate, {}});
+  // Without --simulate, the real machine.
+  std::unique_ptr<SimPlatform> sim;
+  std::unique_ptr<Platform> real;
+  if (options->simulate.empty()) {
+    real = makeLinuxPlatform(clock, *loop, LinuxPlatformOptions{});
+  } else {
+    sim = makeSimPlatform(clock, *loop, SimPlatformOptions{options->simulate, {}});
+  }
+  Platform* platform = sim ? static_cast<Platform*>(sim.get()) : real.get();
   const std::string folder = appFolderFor(*platform);
   StateFiles files(folder);
   std::optional<FolderLock> lock;
@@ -115,6 +149,11 @@ int runApp(const std::vector<std::string>& args) {
   }
 
   Engine engine(*platform, folder, EngineOptions{options->preview, false});
+  PrintedAlerts alerts;
+  AgentWork work(*platform, folder, homeFolder(), &alerts);
+  PowerWatch power(folder, &work);
+  engine.setWorkSource(&work);
+  engine.setPowerMeter(&power);
   std::string lastStatus, lastWarning, lastSetupError, lastSimProblem;
   auto report = [&] {
     std::string status = engine.statusLine();
@@ -126,7 +165,7 @@ int runApp(const std::vector<std::string>& args) {
     std::string setupError = engine.setupError().value_or("");
     if (setupError != lastSetupError && !setupError.empty()) say("warning: " + setupError);
     lastSetupError = setupError;
-    std::string simProblem = platform->stateFileProblem();
+    std::string simProblem = sim ? sim->stateFileProblem() : std::string();
     if (simProblem != lastSimProblem && !simProblem.empty()) say("warning: " + simProblem);
     lastSimProblem = simProblem;
   };
@@ -153,10 +192,34 @@ int runApp(const std::vector<std::string>& args) {
   loop->onSignal(SIGHUP, quit);
 
   say(std::string("Vigilo ") + (options->preview ? "(preview only: nothing is switched) " : "") +
-      "on the simulated laptop " + options->simulate + ", app folder " + folder);
+      (sim ? "on the simulated laptop " + options->simulate : std::string("on this Linux machine")) + ", app folder " +
+      folder);
   engine.launch();
+  // What this machine lacks, once.
+  for (const Capability& c : engine.capabilities()) {
+    if (!c.available) say("warning: " + c.detail);
+  }
   report();
+
+  // Requests from the command-line tool, the MCP server and hooks.
+  CommandCenter center(engine, [&] { loop->post(quit); });
+  center.setAgents(&work, &power);
+  std::unique_ptr<Notifications> notifications;
+  if (!options->preview) {
+    notifications = makeSocketNotifications(folder, loop.get());
+    Result listening = notifications->observe(kRequestNotification,
+                                              [&center](std::string payload) { center.receive(payload); });
+    if (!listening) say("warning: commands can't reach this app: " + listening.message());
+    // A hook wrote an event: fold it in and decide at once.
+    Result events = notifications->observe(kAgentEventNotification, [&](std::string) {
+      work.eventsChanged();
+      work.sample(engine);
+      engine.evaluate();
+    });
+    if (!events) say("warning: agent hooks can't reach this app: " + events.message());
+  }
   loop->run();
+  if (notifications) notifications->stopObserving();
   return 0;
 }
 

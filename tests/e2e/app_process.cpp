@@ -1,5 +1,6 @@
 #include "e2e/app_process.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -12,7 +13,8 @@
 
 namespace vigilo::test {
 
-AppProcess::AppProcess(const std::vector<std::string>& args, const std::string& home, const std::string& outputFile)
+AppProcess::AppProcess(const std::vector<std::string>& args, const std::string& home, const std::string& outputFile,
+                       const std::vector<std::string>& env)
     : outputFile_(outputFile) {
   std::vector<std::string> argv{VIGILO_BINARY};
   argv.insert(argv.end(), args.begin(), args.end());
@@ -25,6 +27,7 @@ AppProcess::AppProcess(const std::vector<std::string>& args, const std::string& 
       ::dup2(fd, 2);
     }
     ::setenv("VIGILO_HOME", home.c_str(), 1);
+    for (const auto& e : env) ::putenv(const_cast<char*>(e.c_str()));
     // The child must not inherit the test runner's blocked signals.
     sigset_t none;
     sigemptyset(&none);
@@ -64,6 +67,83 @@ int AppProcess::wait(std::chrono::milliseconds limit) {
 }
 
 std::string AppProcess::output() const { return readFile(outputFile_); }
+
+namespace {
+
+// Runs the tool to its end; `stdinFd` becomes its standard input, or it
+// shares the test's when -1.
+ToolRun runToolFrom(const std::vector<std::string>& args, const std::string& home,
+                    const std::vector<std::string>& env, int stdinFd) {
+  char outTmpl[] = "/tmp/vigilo-tool-out-XXXXXX";
+  char errTmpl[] = "/tmp/vigilo-tool-err-XXXXXX";
+  int outFd = ::mkstemp(outTmpl);
+  int errFd = ::mkstemp(errTmpl);
+  std::vector<std::string> argv{VIGILO_BINARY};
+  argv.insert(argv.end(), args.begin(), args.end());
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    if (stdinFd >= 0) ::dup2(stdinFd, 0);
+    ::dup2(outFd, 1);
+    ::dup2(errFd, 2);
+    ::setenv("VIGILO_HOME", home.c_str(), 1);
+    for (const auto& e : env) ::putenv(const_cast<char*>(e.c_str()));
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    std::vector<char*> cargs;
+    for (auto& a : argv) cargs.push_back(a.data());
+    cargs.push_back(nullptr);
+    ::execv(cargs[0], cargs.data());
+    ::_exit(127);
+  }
+  ::close(outFd);
+  ::close(errFd);
+  ToolRun run;
+  int status = 0;
+  bool done = waitFor([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, std::chrono::seconds(30));
+  if (!done) {
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, &status, 0);
+  } else if (WIFEXITED(status)) {
+    run.status = WEXITSTATUS(status);
+  }
+  run.out = readFile(outTmpl);
+  run.err = readFile(errTmpl);
+  ::unlink(outTmpl);
+  ::unlink(errTmpl);
+  return run;
+}
+
+}  // namespace
+
+ToolRun runTool(const std::vector<std::string>& args, const std::string& home, const std::vector<std::string>& env) {
+  return runToolFrom(args, home, env, -1);
+}
+
+ToolRun runToolWithInput(const std::vector<std::string>& args, const std::string& home, const std::string& input,
+                         const std::vector<std::string>& env) {
+  int fds[2];
+  if (::pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  std::thread writer([fd = fds[1], &input] {
+    // A tool that exits without reading everything must not kill the test.
+    sigset_t pipeSignal;
+    sigemptyset(&pipeSignal);
+    sigaddset(&pipeSignal, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipeSignal, nullptr);
+    std::size_t done = 0;
+    while (done < input.size()) {
+      const ssize_t n = ::write(fd, input.data() + done, input.size() - done);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      done += static_cast<std::size_t>(n);
+    }
+    ::close(fd);
+  });
+  ToolRun run = runToolFrom(args, home, env, fds[0]);
+  ::close(fds[0]);
+  writer.join();
+  return run;
+}
 
 bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;

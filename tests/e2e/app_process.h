@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 #include <sys/types.h>
@@ -11,8 +12,10 @@ namespace vigilo::test {
 // The real `vigilo` binary run as a child process, its output going to a file.
 class AppProcess {
  public:
-  // Starts `vigilo args...` with VIGILO_HOME set to `home`.
-  AppProcess(const std::vector<std::string>& args, const std::string& home, const std::string& outputFile);
+  // Starts `vigilo args...` with VIGILO_HOME set to `home`, plus `env`
+  // ("NAME=value" entries).
+  AppProcess(const std::vector<std::string>& args, const std::string& home, const std::string& outputFile,
+             const std::vector<std::string>& env = {});
   ~AppProcess();
   AppProcess(const AppProcess&) = delete;
   AppProcess& operator=(const AppProcess&) = delete;
@@ -29,6 +32,19 @@ class AppProcess {
   std::string outputFile_;
   bool reaped_ = false;
 };
+
+// Runs the real `vigilo args...` to its end (at most 30 s) and gives its exit
+// status with what it printed (standard output, then standard error).
+struct ToolRun {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+ToolRun runTool(const std::vector<std::string>& args, const std::string& home, const std::vector<std::string>& env = {});
+// The same with `input` on its standard input (written from another thread,
+// so a tool that stops reading early never blocks the test).
+ToolRun runToolWithInput(const std::vector<std::string>& args, const std::string& home, const std::string& input,
+                         const std::vector<std::string>& env = {});
 
 // Polls `done` every 20 ms until it holds or `limit` passes.
 bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds limit);

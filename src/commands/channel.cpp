@@ -1,0 +1,176 @@
+#include "commands/channel.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <spawn.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "engine/hold.h"
+#include "platform/files.h"
+
+extern char** environ;
+
+namespace vigilo {
+namespace {
+
+using Steady = std::chrono::steady_clock;
+
+std::string repliesFolder(const std::string& appFolder) { return appFolder + "/" + kRepliesFolder; }
+
+std::string selfExecutable() {
+  std::error_code ec;
+  auto p = std::filesystem::read_symlink("/proc/self/exe", ec);
+  return ec ? std::string("vigilo") : p.string();
+}
+
+// Runs argv detached from us (a new session, our blocked signals cleared) and
+// waits only for the starter itself when `wait` is set.
+bool spawn(const std::vector<std::string>& argv, const std::string& output, bool wait) {
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_adddup2(&actions, 1, 2);
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attr, &none);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSID);
+  std::vector<char*> args;
+  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  pid_t pid = 0;
+  int rc = posix_spawn(&pid, args[0], &actions, &attr, args.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attr);
+  if (rc != 0) return false;
+  if (!wait) return true;
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+std::optional<nlohmann::json> takeReply(const std::string& path) {
+  auto bytes = readWholeFile(path, 16 * 1024 * 1024);
+  if (!bytes) return std::nullopt;
+  auto j = nlohmann::json::parse(*bytes, nullptr, false);
+  if (!j.is_object()) return std::nullopt;
+  ::unlink(path.c_str());
+  return j;
+}
+
+}  // namespace
+
+std::optional<pid_t> runningApp(const std::string& appFolder) {
+  const std::string path = appFolder + "/" + kAppLockFile;
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  std::optional<pid_t> pid;
+  if (::flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+    char buf[32] = {0};
+    ssize_t n = ::pread(fd, buf, sizeof buf - 1, 0);
+    long value = n > 0 ? std::strtol(buf, nullptr, 10) : 0;
+    pid = value > 0 ? static_cast<pid_t>(value) : 0;
+  }
+  ::close(fd);
+  return pid;
+}
+
+bool launchApp(const std::string& appFolder) {
+  std::error_code ec;
+  std::filesystem::create_directories(appFolder, ec);
+  const char* home = std::getenv("HOME");
+  const char* xdgConfig = std::getenv("XDG_CONFIG_HOME");
+  std::string unitDir = xdgConfig && *xdgConfig ? std::string(xdgConfig) + "/systemd/user"
+                                                : std::string(home ? home : "") + "/.config/systemd/user";
+  const char* vigiloHome = std::getenv("VIGILO_HOME");
+  const char* simulate = std::getenv("VIGILO_SIMULATE");
+  const std::string log = appFolder + "/app.log";
+  // The unit runs the default folder on the real machine; a folder of its
+  // own (tests) or a simulated laptop starts the app directly.
+  const bool plain = (!vigiloHome || !*vigiloHome) && (!simulate || !*simulate);
+  if (plain && std::filesystem::exists(unitDir + "/vigilo.service", ec)) {
+    if (spawn({"/usr/bin/systemctl", "--user", "start", "vigilo.service"}, "/dev/null", true)) return true;
+  }
+  std::vector<std::string> argv{selfExecutable(), "app"};
+  if (simulate && *simulate) {
+    argv.push_back("--simulate");
+    argv.push_back(simulate);
+  }
+  return spawn(argv, log, false);
+}
+
+RequestClient::RequestClient(std::string appFolder)
+    : appFolder_(std::move(appFolder)), notifications_(makeSocketNotifications(appFolder_, nullptr)) {}
+
+std::optional<nlohmann::json> RequestClient::attempt(const std::string& cmd, const nlohmann::json& args,
+                                                     double timeout, double connectWait) {
+  const std::string id = newUuid();
+  const std::string folder = repliesFolder(appFolder_);
+  const std::string replyPath = folder + "/" + id + ".json";
+  std::error_code ec;
+  std::filesystem::create_directories(folder, ec);
+
+  nlohmann::json request = {{"id", id}, {"cmd", cmd}, {"args", args.is_object() ? args : nlohmann::json::object()}};
+  const std::string text = request.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  Result posted = notifications_->post(kRequestNotification, text);
+  // A freshly started app may not listen yet.
+  const auto connectDeadline = Steady::now() + std::chrono::duration<double>(connectWait);
+  while (!posted && Steady::now() < connectDeadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    posted = notifications_->post(kRequestNotification, text);
+  }
+  std::optional<nlohmann::json> reply;
+  if (!posted) return reply;
+  // Most replies come within a millisecond or two: look often at first,
+  // then back off to the 0.05 s that bounds the wait. (A file watch would
+  // wake sooner, but closing an inotify descriptor costs the kernel several
+  // milliseconds, more than it saves.)
+  const auto start = Steady::now();
+  const auto deadline = start + std::chrono::duration<double>(timeout);
+  for (;;) {
+    if ((reply = takeReply(replyPath))) break;
+    const auto now = Steady::now();
+    if (now >= deadline) break;
+    const auto waited = now - start;
+    std::this_thread::sleep_for(waited < std::chrono::milliseconds(20)    ? std::chrono::microseconds(250)
+                                : waited < std::chrono::milliseconds(500) ? std::chrono::microseconds(5000)
+                                                                          : std::chrono::microseconds(50000));
+  }
+  return reply;
+}
+
+nlohmann::json RequestClient::send(const std::string& cmd, const nlohmann::json& args, double timeout) {
+  launched_ = false;
+  // An app that holds its folder's lock but does not listen yet is still
+  // starting: keep trying to reach it within the time-out.
+  if (auto reply = attempt(cmd, args, timeout, runningApp(appFolder_) ? timeout : 0)) return *reply;
+  if (!runningApp(appFolder_)) {
+    launched_ = launchApp(appFolder_);
+    // Give the app up to 2.5 s to start listening, then try once more.
+    if (launched_) {
+      if (auto reply = attempt(cmd, args, timeout, 2.5)) return *reply;
+    }
+  }
+  return {{"ok", false}, {"error", kTimeoutError}};
+}
+
+bool writeReply(const std::string& appFolder, const std::string& id, const nlohmann::json& reply) {
+  const std::string folder = repliesFolder(appFolder);
+  std::error_code ec;
+  std::filesystem::create_directories(folder, ec);
+  return writeFileAtomically(folder + "/" + id + ".json",
+                          reply.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n")
+      .isOk();
+}
+
+}  // namespace vigilo

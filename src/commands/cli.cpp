@@ -1,0 +1,812 @@
+#include "commands/cli.h"
+
+#include <cctype>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "agents/agent_events.h"
+#include "commands/channel.h"
+#include "commands/mcp_server.h"
+#include "commands/setup_prompt.h"
+#include "engine/engine.h"
+#include "platform/files.h"
+
+extern char** environ;
+
+namespace vigilo {
+namespace {
+
+using json = nlohmann::json;
+
+constexpr double kRequestTimeout = 8.0;
+constexpr double kRunReleaseTimeout = 4.0;
+constexpr int kUsage = 2;
+
+void err(const std::string& message) { std::fprintf(stderr, "vigilo: %s\n", message.c_str()); }
+void out(const std::string& line) { std::printf("%s\n", line.c_str()); }
+
+// One command line after its subcommand: flags may stand anywhere; a flag
+// that takes a value takes the next argument.
+struct Invocation {
+  std::vector<std::string> words;              // positional arguments
+  std::map<std::string, std::string> values;   // --for, --reason, --pid, --where
+  std::map<std::string, bool> switches;        // --json, --detailed, --screen
+  std::vector<std::string> command;            // after "--" (run)
+  bool sawDashDash = false;
+  std::string error;
+
+  bool has(const std::string& flag) const { return switches.count(flag) > 0; }
+  std::optional<std::string> value(const std::string& flag) const {
+    auto it = values.find(flag);
+    if (it == values.end()) return std::nullopt;
+    return it->second;
+  }
+};
+
+Invocation parse(const std::vector<std::string>& args) {
+  static const char* const kValued[] = {"--for", "--reason", "--pid"};
+  static const char* const kSwitches[] = {"--json", "--detailed", "--screen"};
+  Invocation inv;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    if (a == "--") {
+      inv.sawDashDash = true;
+      inv.command.assign(args.begin() + static_cast<long>(i) + 1, args.end());
+      break;
+    }
+    bool known = false;
+    for (const char* f : kValued) {
+      if (a == f) {
+        known = true;
+        if (i + 1 >= args.size()) {
+          inv.error = a + " needs a value";
+          return inv;
+        }
+        inv.values[a] = args[++i];
+      }
+    }
+    for (const char* f : kSwitches) {
+      if (a == f) {
+        known = true;
+        inv.switches[a] = true;
+      }
+    }
+    if (!known) {
+      if (a.size() > 2 && a.rfind("--", 0) == 0) {
+        inv.error = "unknown option " + a + ". Run \"vigilo help\" for the commands.";
+        return inv;
+      }
+      inv.words.push_back(a);
+    }
+  }
+  return inv;
+}
+
+std::string shortTime(double t) { return formatShortTime(t); }
+
+std::string valueText(const json& v) {
+  if (v.is_string()) return v.get<std::string>();
+  if (v.is_boolean()) return v.get<bool>() ? "on" : "off";
+  if (v.is_null()) return "";
+  return v.dump();
+}
+
+// Prints a failed reply and gives the exit status for it.
+int failed(const json& reply) {
+  auto e = reply.find("error");
+  err(e != reply.end() && e->is_string() ? e->get<std::string>() : "failed");
+  return 1;
+}
+
+bool isOk(const json& reply) {
+  auto it = reply.find("ok");
+  return it != reply.end() && it->is_boolean() && it->get<bool>();
+}
+
+std::string statusOf(const json& reply) { return reply.value("status", std::string()); }
+
+std::string holdLine(const json& h) {
+  std::string line = "  hold " + h.value("id", std::string()) + ": " + h.value("reason", std::string());
+  if (h.contains("end") && h["end"].is_number()) {
+    line += " until " + shortTime(h["end"].get<double>());
+  } else if (h.contains("pid") && h["pid"].is_number_integer()) {
+    line += " while process " + std::to_string(h["pid"].get<long long>()) + " runs";
+  } else {
+    line += " until released";
+  }
+  return line;
+}
+
+void printStatus(const json& r) {
+  out(statusOf(r));
+  if (r.contains("holds") && r["holds"].is_array()) {
+    for (const auto& h : r["holds"]) {
+      if (h.is_object()) out(holdLine(h));
+    }
+  }
+  if (r.contains("battery") && r["battery"].is_object()) {
+    const json& b = r["battery"];
+    char buf[128];
+    if (b.value("on_power", false)) {
+      std::snprintf(buf, sizeof buf, "Battery: %d%% · on power%s", b.value("percent", 0),
+                    b.value("charging", false) ? " (charging)" : "");
+    } else {
+      std::snprintf(buf, sizeof buf, "Battery: %d%% · %.1f W", b.value("percent", 0), b.value("watts", 0.0));
+    }
+    out(buf);
+  } else {
+    out("Battery: none");
+  }
+  if (r.contains("hours_left_closed") && r["hours_left_closed"].is_number()) {
+    char buf[128];
+    std::snprintf(buf, sizeof buf, "Lid closed: about %.1f h left at %.1f W", r["hours_left_closed"].get<double>(),
+                  r.value("closed_estimate_watts", 0.0));
+    out(buf);
+  }
+  if (r.contains("warning") && r["warning"].is_string()) out("note: " + r["warning"].get<std::string>());
+  if (r.contains("not_put_back_yet") && r["not_put_back_yet"].is_array() && !r["not_put_back_yet"].empty()) {
+    out("not put back yet:");
+    for (const auto& item : r["not_put_back_yet"]) out("  " + valueText(item));
+  }
+  if (r.contains("watching") && r["watching"].is_array()) {
+    for (const auto& w : r["watching"]) {
+      if (!w.is_object()) continue;
+      std::string line = "  " + w.value("name", std::string()) + (w.value("working", false) ? " working" : " idle");
+      if (w.contains("project") && w["project"].is_string()) line += " in " + w["project"].get<std::string>();
+      out(line);
+    }
+  }
+  if (r.contains("apps_using_energy") && r["apps_using_energy"].is_array()) {
+    for (const auto& a : r["apps_using_energy"]) {
+      if (!a.is_object()) continue;
+      char buf[256];
+      std::snprintf(buf, sizeof buf, "%6.2f W  %s (%s while closed)", a.value("watts", 0.0),
+                    a.value("name", std::string()).c_str(), a.value("while_closed", std::string("leave")).c_str());
+      out(buf);
+    }
+  }
+  if (r.contains("unavailable") && r["unavailable"].is_array()) {
+    for (const auto& u : r["unavailable"]) {
+      if (u.is_object()) out("unavailable: " + u.value("detail", u.value("name", std::string())));
+    }
+  }
+}
+
+void printSettings(const json& r) {
+  std::string topic;
+  if (r.contains("settings") && r["settings"].is_array()) {
+    for (const auto& s : r["settings"]) {
+      if (!s.is_object()) continue;
+      const std::string t = s.value("topic", std::string());
+      if (t != topic) {
+        if (!topic.empty()) out("");
+        out(t);
+        topic = t;
+      }
+      std::string line = "  " + s.value("key", std::string()) + " = " + valueText(s.value("value", json()));
+      std::vector<std::string> allowed;
+      if (s.contains("allowed") && s["allowed"].is_array()) {
+        for (const auto& a : s["allowed"]) allowed.push_back(valueText(a));
+      }
+      if (allowed.empty() && s.value("type", std::string()) == "bool") allowed = {"on", "off"};
+      if (!allowed.empty()) {
+        line += "  [";
+        for (std::size_t i = 0; i < allowed.size(); ++i) line += (i ? ", " : "") + allowed[i];
+        line += "]";
+      }
+      out(line);
+      out("      " + s.value("description", std::string()));
+      if (s.contains("note") && s["note"].is_string()) out("      " + s["note"].get<std::string>());
+    }
+  }
+  if (r.contains("lists") && r["lists"].is_array()) {
+    out("");
+    for (const auto& l : r["lists"]) {
+      if (!l.is_object()) continue;
+      std::string items;
+      if (l.contains("items")) {
+        const json& it = l["items"];
+        if (it.is_array()) {
+          for (const auto& x : it) items += (items.empty() ? "" : ", ") + valueText(x.is_object() ? x.value("name", json()) : x);
+        } else if (it.is_object()) {
+          for (auto& [k, v] : it.items()) items += (items.empty() ? "" : ", ") + k + ": " + valueText(v);
+        }
+      }
+      out("  " + l.value("name", std::string()) + " = [" + items + "]");
+      out("      " + l.value("what", std::string()));
+      out("      " + l.value("how", std::string()));
+    }
+  }
+  out("\nChange with: vigilo set <key> <value>. Per-app rules: vigilo rule <app> leave|slow|pause. File: " +
+      r.value("path", std::string()));
+}
+
+class Cli {
+ public:
+  explicit Cli(ToolMachine machine)
+      : factory_(std::move(machine.platform)),
+        hostProcesses_(std::move(machine.hostProcesses)),
+        folder_(toolAppFolder()),
+        client_(folder_) {}
+
+  int run(const std::vector<std::string>& args) {
+    if (args.empty() || args[0] == "help" || args[0] == "-h" || args[0] == "--help") {
+      std::fputs(kHelpText, stdout);
+      return 0;
+    }
+    const std::string name = args[0];
+    inv_ = parse(std::vector<std::string>(args.begin() + 1, args.end()));
+    if (!inv_.error.empty()) {
+      err(inv_.error);
+      return kUsage;
+    }
+    struct Entry {
+      const char* name;
+      int (Cli::*handler)();
+    };
+    static const Entry kCommands[] = {
+        {"status", &Cli::status},     {"auto", &Cli::modeAuto},    {"off", &Cli::modeOff},
+        {"on", &Cli::modeAlways},     {"always", &Cli::modeAlways}, {"sleep", &Cli::sleep},
+        {"hold", &Cli::hold},         {"release", &Cli::release},  {"wake-at", &Cli::wakeAt},
+        {"check-in", &Cli::checkIn},  {"run", &Cli::runCommand},   {"preset", &Cli::preset},
+        {"rule", &Cli::rule},         {"watch", &Cli::watch},      {"unwatch", &Cli::unwatch},
+        {"set", &Cli::set},           {"settings", &Cli::settings}, {"config", &Cli::config},
+        {"power", &Cli::power},       {"measure", &Cli::measure},  {"anyway", &Cli::anyway},
+        {"open", &Cli::open},         {"snapshot", &Cli::snapshot}, {"island", &Cli::island},
+        {"energy", &Cli::energy},     {"doctor", &Cli::doctor},    {"rescue", &Cli::rescue},
+        {"connect", &Cli::notBuilt},  {"prompt", &Cli::prompt},    {"mcp", &Cli::mcp},
+        {"event", &Cli::event},
+    };
+    for (const Entry& e : kCommands) {
+      if (name == e.name) {
+        name_ = name;
+        return (this->*e.handler)();
+      }
+    }
+    err("unknown command \"" + name + "\". Run \"vigilo help\" for the commands.");
+    return kUsage;
+  }
+
+ private:
+  json request(const std::string& cmd, const json& args = json::object(), double timeout = kRequestTimeout) {
+    return client_.send(cmd, args, timeout);
+  }
+
+  // Sends a request and prints the status line (or the JSON) on success.
+  int simple(const std::string& cmd, const json& args = json::object()) {
+    json r = request(cmd, args);
+    if (!isOk(r)) return failed(r);
+    if (inv_.has("--json")) {
+      out(r.dump(2));
+    } else {
+      out(statusOf(r));
+    }
+    return 0;
+  }
+
+  int usage(const std::string& text) {
+    err("usage: " + text);
+    return kUsage;
+  }
+
+  std::optional<double> duration(bool& bad) {
+    bad = false;
+    auto text = inv_.value("--for");
+    if (!text) return std::nullopt;
+    auto minutes = parseDuration(*text);
+    if (!minutes) {
+      err("--for needs a duration like 90m, 2h or 1h30m");
+      bad = true;
+    }
+    return minutes;
+  }
+
+  int status() {
+    json r = request("status");
+    if (!isOk(r)) return failed(r);
+    if (inv_.has("--json")) {
+      out(r.dump(2));
+    } else {
+      printStatus(r);
+    }
+    return 0;
+  }
+
+  int modeAuto() { return simple("mode", {{"mode", "auto"}}); }
+  int modeOff() { return simple("mode", {{"mode", "off"}}); }
+  int modeAlways() {
+    bool bad = false;
+    auto minutes = duration(bad);
+    if (bad) return kUsage;
+    json args = {{"mode", "always"}};
+    if (minutes) args["minutes"] = *minutes;
+    return simple("mode", args);
+  }
+  int sleep() { return simple("sleep_now"); }
+
+  int hold() {
+    bool bad = false;
+    auto minutes = duration(bad);
+    if (bad) return kUsage;
+    json args = {{"reason", inv_.value("--reason").value_or("Kept awake from the terminal")},
+                 {"owner", static_cast<long long>(::getppid())}};
+    if (minutes) args["minutes"] = *minutes;
+    if (auto pid = inv_.value("--pid")) {
+      char* end = nullptr;
+      long value = std::strtol(pid->c_str(), &end, 10);
+      if (pid->empty() || *end != '\0' || value < 1 || value > 2147483647) {
+        err("--pid needs a process id, like --pid 4242");
+        return kUsage;
+      }
+      args["pid"] = value;
+    }
+    json r = request("hold", args);
+    if (!isOk(r)) return failed(r);
+    if (inv_.has("--json")) {
+      out(r.dump(2));
+    } else {
+      out(r["hold"].value("id", std::string()));
+    }
+    return 0;
+  }
+
+  int release() {
+    json args = inv_.words.empty() ? json{{"all", true}} : json{{"id", inv_.words[0]}};
+    json r = request("release", args);
+    if (!isOk(r)) return failed(r);
+    if (inv_.has("--json")) {
+      out(r.dump(2));
+      return 0;
+    }
+    const std::size_t n = r.contains("released") && r["released"].is_array() ? r["released"].size() : 0;
+    out(n == 0 ? "No holds to release." : "Released " + std::to_string(n) + (n == 1 ? " hold." : " holds."));
+    out(statusOf(r));
+    return 0;
+  }
+
+  int wakeAt() {
+    if (inv_.words.size() != 1) return usage("vigilo wake-at HH:MM [--for 30m] | off");
+    bool bad = false;
+    auto minutes = duration(bad);
+    if (bad) return kUsage;
+    json args = {{"time", inv_.words[0]}};
+    if (minutes) args["minutes"] = *minutes;
+    return simple("wake_at", args);
+  }
+
+  int checkIn() {
+    if (inv_.words.size() != 1 ||
+        (inv_.words[0] != "0" && inv_.words[0] != "15" && inv_.words[0] != "30" && inv_.words[0] != "60")) {
+      return usage("vigilo check-in 0|15|30|60");
+    }
+    return simple("set", {{"key", "check_in_minutes"}, {"value", std::stoi(inv_.words[0])}});
+  }
+
+  int runCommand() {
+    if (!inv_.sawDashDash || inv_.command.empty()) {
+      std::fprintf(stderr, "vigilo run [--reason text] -- <command> [args…]\n");
+      return kUsage;
+    }
+    const std::string& program = inv_.command[0];
+    const std::string reason =
+        inv_.value("--reason").value_or("Running " + std::filesystem::path(program).filename().string());
+    const long long self = ::getpid();
+    json held = request("hold", {{"reason", reason}, {"owner", self}, {"pid", self}});
+    std::optional<std::string> holdId;
+    if (isOk(held)) {
+      holdId = held["hold"].value("id", std::string());
+    } else {
+      auto e = held.find("error");
+      err((e != held.end() && e->is_string() ? e->get<std::string>() : std::string("failed")) + " (running anyway)");
+    }
+
+    int status = 127;
+    if (!findExecutable(program)) {
+      err("couldn't start " + program);
+    } else {
+      status = spawnAndWait(inv_.command);
+      if (status < 0) {
+        err("couldn't start " + program);
+        status = 127;
+      }
+    }
+    if (holdId) client_.send("release", {{"id", *holdId}}, kRunReleaseTimeout);
+    return status;
+  }
+
+  // Runs the command through /usr/bin/env as a child in our terminal; while
+  // it runs, Ctrl-C is the child's to handle, so we stay to end the hold.
+  static int spawnAndWait(const std::vector<std::string>& command) {
+    std::vector<std::string> argv{"/usr/bin/env"};
+    argv.insert(argv.end(), command.begin(), command.end());
+    std::vector<char*> cargs;
+    for (auto& a : argv) cargs.push_back(const_cast<char*>(a.c_str()));
+    cargs.push_back(nullptr);
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t none, defaults;
+    sigemptyset(&none);
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGINT);
+    sigaddset(&defaults, SIGQUIT);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setsigdefault(&attr, &defaults);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    struct sigaction ignore {}, oldInt {}, oldQuit {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGINT, &ignore, &oldInt);
+    sigaction(SIGQUIT, &ignore, &oldQuit);
+    pid_t pid = 0;
+    int rc = posix_spawn(&pid, "/usr/bin/env", nullptr, &attr, cargs.data(), environ);
+    posix_spawnattr_destroy(&attr);
+    int result = -1;
+    if (rc == 0) {
+      int status = 0;
+      while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+      }
+      if (WIFEXITED(status)) result = WEXITSTATUS(status);
+      if (WIFSIGNALED(status)) result = 128 + WTERMSIG(status);
+    }
+    sigaction(SIGINT, &oldInt, nullptr);
+    sigaction(SIGQUIT, &oldQuit, nullptr);
+    return result;
+  }
+
+  int preset() {
+    if (inv_.words.size() != 1) return usage("vigilo preset max_battery|balanced|full_speed");
+    return simple("preset", {{"preset", inv_.words[0]}});
+  }
+
+  int rule() {
+    if (inv_.words.size() != 2) return usage("vigilo rule <app> leave|slow|pause");
+    return simple("rule", {{"app", inv_.words[0]}, {"rule", inv_.words[1]}});
+  }
+
+  int watchOrUnwatch(bool remove) {
+    if (inv_.words.size() != 1) return usage(std::string("vigilo ") + (remove ? "unwatch" : "watch") + " <app>");
+    json args = {{"app", inv_.words[0]}};
+    if (remove) args["remove"] = true;
+    json r = request("watch", args);
+    if (!isOk(r)) return failed(r);
+    if (inv_.has("--json")) {
+      out(r.dump(2));
+      return 0;
+    }
+    std::string list;
+    for (const auto& w : r.value("watch_list", json::array())) list += (list.empty() ? "" : ", ") + valueText(w);
+    out((remove ? "No longer watching " : "Watching ") + inv_.words[0] + ". Watched: " + (list.empty() ? "none" : list));
+    return 0;
+  }
+  int watch() { return watchOrUnwatch(false); }
+  int unwatch() { return watchOrUnwatch(true); }
+
+  int set() {
+    if (inv_.words.size() != 2) return usage("vigilo set <key> <value>");
+    json r = request("set", {{"key", inv_.words[0]}, {"value", inv_.words[1]}});
+    if (!isOk(r)) return failed(r);
+    if (inv_.has("--json")) {
+      out(r.dump(2));
+    } else {
+      out(inv_.words[0] + " = " + inv_.words[1]);
+      out(statusOf(r));
+    }
+    return 0;
+  }
+
+  int settings() {
+    json r = request("schema");
+    if (!isOk(r)) return failed(r);
+    if (inv_.has("--json")) {
+      out(r.dump(2));
+    } else {
+      printSettings(r);
+    }
+    return 0;
+  }
+
+  int config() {
+    json r = request("config");
+    if (!isOk(r)) return failed(r);
+    if (inv_.has("--json")) {
+      out(r.dump(2));
+      return 0;
+    }
+    out("Settings file: " + r.value("path", std::string()) + " (edit it; it reloads at once)");
+    out(r.value("config", json::object()).dump(2));
+    return 0;
+  }
+
+  int power() {
+    if (!inv_.words.empty() && inv_.words[0] == "test") {
+      json args = {{"detailed", inv_.has("--detailed")}, {"screen", inv_.has("--screen")}};
+      return simple("power_test", args);
+    }
+    json r = request("power", json::object(), 10.0);
+    if (!isOk(r)) return failed(r);
+    if (inv_.has("--json")) {
+      out(r.dump(2));
+      return 0;
+    }
+    auto number = [&](const char* key) -> std::optional<double> {
+      return r.contains(key) && r[key].is_number() ? std::optional<double>(r[key].get<double>()) : std::nullopt;
+    };
+    char buf[160];
+    if (auto w = number("system_watts")) {
+      std::snprintf(buf, sizeof buf, "Whole machine: %.1f W", *w);
+    } else {
+      std::snprintf(buf, sizeof buf, "Whole machine: not measured (no battery reading)");
+    }
+    out(buf);
+    if (auto e = number("closed_estimate_watts")) {
+      std::snprintf(buf, sizeof buf, "Lid closed: about %.1f W expected", *e);
+      std::string line = buf;
+      if (auto h = number("hours_left_closed")) {
+        std::snprintf(buf, sizeof buf, ", %.1f h of battery", *h);
+        line += buf;
+      }
+      out(line);
+    }
+    printApps(r);
+    return 0;
+  }
+
+  static void printApps(const json& r) {
+    if (!r.contains("apps") || !r["apps"].is_array()) return;
+    for (const auto& a : r["apps"]) {
+      if (!a.is_object()) continue;
+      char buf[256];
+      std::snprintf(buf, sizeof buf, "%6.2f W  %s (%s while closed)", a.value("watts", 0.0),
+                    a.value("name", std::string()).c_str(), a.value("while_closed", std::string("leave")).c_str());
+      out(buf);
+    }
+  }
+
+  int measure() {
+    json r = request("measure", json::object(), 20.0);
+    if (!isOk(r)) return failed(r);
+    out(inv_.has("--json") ? r.dump(2) : statusOf(r));
+    return 0;
+  }
+
+  int anyway() {
+    if (inv_.words.size() == 1 && inv_.words[0] == "on") {
+      err("going below the battery limit can only be allowed in Vigilo itself (it's the person's call)");
+      return 1;
+    }
+    if (inv_.words.size() != 1 || inv_.words[0] != "off") return usage("vigilo anyway off");
+    return simple("override_floor", {{"on", false}});
+  }
+
+  int open() {
+    json args = json::object();
+    if (!inv_.words.empty()) args["where"] = inv_.words[0];
+    return simple("open", args);
+  }
+  int snapshot() {
+    if (inv_.words.size() != 1) return usage("vigilo snapshot <path>");
+    return simple("snapshot", {{"path", inv_.words[0]}});
+  }
+  int island() {
+    if (inv_.words.empty() || inv_.words.size() > 2) return usage("vigilo island <title> [subtitle]");
+    json args = {{"title", inv_.words[0]}};
+    if (inv_.words.size() == 2) args["subtitle"] = inv_.words[1];
+    return simple("island", args);
+  }
+  int energy() {
+    json r = request("energy");
+    if (!isOk(r)) return failed(r);
+    if (inv_.has("--json")) {
+      out(r.dump(2));
+    } else if (r.value("apps", json::array()).empty()) {
+      out("No app has used measurable energy yet (the first reading needs two samples).");
+    } else {
+      printApps(r);
+    }
+    return 0;
+  }
+
+  // `vigilo event <agent>`, run by an agent's hook on every prompt: it never
+  // fails, never prints and never waits for the app, so the agent is never
+  // held up by it.
+  int event() {
+    if (inv_.words.empty()) return 0;
+    auto input = AgentEvents::readHookInput(STDIN_FILENO);
+    if (!input) return 0;
+    std::unique_ptr<Processes> procs;
+    try {
+      if (hostProcesses_) procs = hostProcesses_();
+    } catch (...) {
+      procs = nullptr;  // no walk up to the agent then
+    }
+    AgentEvents::record(folder_, inv_.words[0], *input, SystemClock().now(), procs.get(), ::getppid());
+    return 0;
+  }
+
+  // `vigilo mcp`: the MCP server on standard input and output until the
+  // input ends. Holds it takes belong to the agent session that started it.
+  int mcp() {
+    // Nothing else reads or writes the standard streams in this mode, so
+    // they need not stay in step with C stdio; the streams then read whole
+    // chunks instead of a character at a time.
+    std::ios::sync_with_stdio(false);
+    // A client that hangs up mid-answer must not kill us with SIGPIPE: the
+    // failed write ends the server instead.
+    std::signal(SIGPIPE, SIG_IGN);
+    McpContext context{[this](const std::string& cmd, const json& args, double timeout) {
+                         return client_.send(cmd, args, timeout);
+                       },
+                       static_cast<std::int64_t>(::getppid()), &std::cerr};
+    return runMcpServer(std::cin, std::cout, std::move(context));
+  }
+
+  int prompt() {
+    out(setupPrompt());
+    return 0;
+  }
+
+  int notBuilt() {
+    err(name_ + " isn't part of this build of Vigilo yet.");
+    return 1;
+  }
+
+  // The machine, read directly, for the commands that work without the app.
+  struct Machine {
+    SystemClock clock;
+    std::unique_ptr<RunLoop> loop;
+    std::unique_ptr<Platform> platform;
+  };
+  std::unique_ptr<Machine> machine() {
+    auto m = std::make_unique<Machine>();
+    try {
+      m->loop = makePollRunLoop(m->clock);
+    } catch (const std::exception&) {
+      return nullptr;
+    }
+    m->platform = factory_ ? factory_(m->clock, *m->loop) : nullptr;
+    if (!m->platform) return nullptr;
+    return m;
+  }
+
+  static std::string describeChange(const std::string& file) {
+    if (file == kHoldMarker) return "sleep is switched off (record: hold)";
+    if (file == kTouchedFile) return "apps paused or slowed (record: touched.json)";
+    if (file == kResumePidsFile) return "paused apps for the watchdog to continue (record: resume-pids)";
+    if (file == kPowerModeRestoreFile) return "the battery power mode (record: powermode-restore)";
+    if (file == kTimeMachineRestoreFile) return "automatic backups switched off (record: timemachine-restore)";
+    if (file == kBrightnessRestoreFile) return "the screen brightness (record: brightness-restore)";
+    if (file == kDisplayOffFile) return "the built-in screen switched off (record: display-off)";
+    return file;
+  }
+
+  int doctor() {
+    out("Vigilo folder: " + folder_);
+    auto pid = runningApp(folder_);
+    out(pid ? "App: running (process " + std::to_string(*pid) + ")" : std::string("App: not running"));
+    auto m = machine();
+    if (!m) {
+      out("Sleep permission: unknown (this machine's backend couldn't be started)");
+      return 1;
+    }
+    SetupStatus setup = m->platform->power().setupStatus();
+    out("Sleep permission: " + (setup.ready ? std::string("in place") : "missing (" + setup.reason + ")"));
+    auto disabled = m->platform->registry().sleepDisabled();
+    out(std::string("Sleep switched off right now: ") + (!disabled ? "unknown" : *disabled ? "yes" : "no"));
+    Engine engine(*m->platform, folder_, EngineOptions{false, true});
+    auto changes = engine.outstandingChanges();
+    if (changes.empty()) {
+      out("Changes Vigilo has made right now: none");
+    } else {
+      out("Changes Vigilo has made right now:");
+      for (const auto& c : changes) out("  " + describeChange(c));
+    }
+    for (const Capability& c : m->platform->capabilities()) {
+      if (!c.available) out("Not available: " + c.detail);
+    }
+    return 0;
+  }
+
+  int rescue() {
+    if (auto pid = runningApp(folder_); pid && *pid > 0) {
+      // The app puts things back itself when it quits; one that is stuck is
+      // killed, and the records below finish the job.
+      ::kill(*pid, SIGTERM);
+      auto stopped = [&] { return !runningApp(folder_); };
+      for (int i = 0; i < 250 && !stopped(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      if (!stopped()) {
+        ::kill(*pid, SIGKILL);
+        for (int i = 0; i < 100 && !stopped(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      }
+    }
+    auto m = machine();
+    if (!m) {
+      err("couldn't reach this machine's backend to put things back.");
+      out("By hand: sudo pmset -a disablesleep 0 switches sleep back on; quit and reopen any app listed above.");
+      return 1;
+    }
+    Engine engine(*m->platform, folder_, EngineOptions{false, true});
+    auto failedItems = engine.rescue();
+    if (failedItems.empty()) {
+      out("Everything Vigilo changed is back to how it was. Vigilo is stopped; open it again when you want it.");
+      return 0;
+    }
+    out("Couldn't undo:");
+    for (const auto& f : failedItems) out("  " + f);
+    out("By hand: sudo pmset -a disablesleep 0 switches sleep back on; quit and reopen any app listed above.");
+    return 1;
+  }
+
+  PlatformFactory factory_;
+  ProcessesFactory hostProcesses_;
+  std::string folder_;
+  RequestClient client_;
+  Invocation inv_;
+  std::string name_;
+};
+
+}  // namespace
+
+std::optional<double> parseDuration(const std::string& text) {
+  if (text.empty()) return std::nullopt;
+  auto cut = [](double m) { return std::min(m, 10080.0); };
+  char* end = nullptr;
+  double bare = std::strtod(text.c_str(), &end);
+  if (end == text.c_str() + text.size() && std::isfinite(bare) && std::isdigit(static_cast<unsigned char>(text[0]))) {
+    return cut(bare);
+  }
+  double total = 0;
+  std::size_t i = 0;
+  while (i < text.size()) {
+    std::size_t start = i;
+    bool dot = false;
+    while (i < text.size() && (std::isdigit(static_cast<unsigned char>(text[i])) || (text[i] == '.' && !dot))) {
+      if (text[i] == '.') dot = true;
+      ++i;
+    }
+    if (i == start || i >= text.size()) return std::nullopt;
+    const std::string number = text.substr(start, i - start);
+    if (number == ".") return std::nullopt;
+    const double value = std::strtod(number.c_str(), nullptr);
+    const char unit = static_cast<char>(std::tolower(static_cast<unsigned char>(text[i])));
+    if (unit == 'h') {
+      total += value * 60;
+    } else if (unit == 'm') {
+      total += value;
+    } else {
+      return std::nullopt;
+    }
+    ++i;
+  }
+  if (!std::isfinite(total)) return std::nullopt;
+  return cut(total);
+}
+
+std::string toolAppFolder() {
+  const char* home = std::getenv("VIGILO_HOME");
+  if (home != nullptr && *home != '\0') return home;
+  const char* data = std::getenv("XDG_DATA_HOME");
+  if (data != nullptr && data[0] == '/') return std::string(data) + "/vigilo";
+  const char* user = std::getenv("HOME");
+  return std::string(user ? user : "") + "/.local/share/vigilo";
+}
+
+int runCli(const std::vector<std::string>& args, ToolMachine machine) {
+  Cli cli(std::move(machine));
+  int status = cli.run(args);
+  std::fflush(stdout);
+  return status;
+}
+
+}  // namespace vigilo

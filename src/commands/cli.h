@@ -1,0 +1,43 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/platform.h"
+
+namespace vigilo {
+
+// The help text, exactly as `vigilo help` prints it.
+extern const char* const kHelpText;
+
+// Makes the machine's platform for the commands that read or put back the
+// machine without the app (`doctor`, `rescue`); null when it cannot.
+using PlatformFactory = std::function<std::unique_ptr<Platform>(Clock&, RunLoop&)>;
+// The real machine's process table, for tools that look at the processes
+// around them (the hook walking up to its agent); null when unreadable.
+using ProcessesFactory = std::function<std::unique_ptr<Processes>()>;
+
+// What the tool needs from the machine, given by the executable.
+struct ToolMachine {
+  PlatformFactory platform;
+  ProcessesFactory hostProcesses;
+};
+
+// `vigilo <command> ...`: the terminal front end. Nearly every command is
+// one request to the running app; `doctor` and `rescue` work without it.
+// Gives the process's exit status.
+int runCli(const std::vector<std::string>& args, ToolMachine machine);
+
+// A duration for --for in minutes: a bare number is minutes; otherwise
+// numbers (a decimal point allowed) each followed by h or m, in either case,
+// summed ("90m", "2h", "1h30m"). Cut to 10080. Nothing when malformed.
+std::optional<double> parseDuration(const std::string& text);
+
+// The app folder the tool talks to: VIGILO_HOME, else
+// ${XDG_DATA_HOME:-~/.local/share}/vigilo.
+std::string toolAppFolder();
+
+}  // namespace vigilo

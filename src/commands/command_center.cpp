@@ -1,0 +1,490 @@
+#include "commands/command_center.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <unistd.h>
+
+#include "agents/agent_work.h"
+#include "commands/channel.h"
+#include "commands/settings_schema.h"
+#include "platform/files.h"
+#include "power/power_watch.h"
+
+namespace vigilo {
+namespace {
+
+using json = nlohmann::json;
+
+constexpr double kMaxPid = 2147483647;
+constexpr double kMaxMinutes = 10080;
+// Rows of the energy list.
+constexpr std::size_t kEnergyRows = 12;
+
+bool validId(const std::string& id) {
+  if (id.empty() || id.size() > 64) return false;
+  for (unsigned char c : id) {
+    if (!std::isalnum(c) && c != '-') return false;
+  }
+  return true;
+}
+
+json timeOrNull(const std::optional<Time>& t) { return t ? json(*t) : json(nullptr); }
+
+std::string modeText(Mode m) {
+  switch (m) {
+    case Mode::Off:
+      return "off";
+    case Mode::Auto:
+      return "auto";
+    case Mode::On:
+      return "always";
+  }
+  return "auto";
+}
+
+// The next time the local clock shows `hour`:00, after `now`.
+Time nextHour(Time now, int hour) {
+  std::time_t secs = static_cast<std::time_t>(now);
+  std::tm tm{};
+  localtime_r(&secs, &tm);
+  tm.tm_hour = hour;
+  tm.tm_min = 0;
+  tm.tm_sec = 0;
+  tm.tm_isdst = -1;
+  std::time_t at = std::mktime(&tm);
+  if (static_cast<Time>(at) <= now) {
+    tm.tm_mday += 1;
+    tm.tm_isdst = -1;
+    at = std::mktime(&tm);
+  }
+  return static_cast<Time>(at);
+}
+
+}  // namespace
+
+std::optional<std::string> textArg(const json& args, const char* key) {
+  auto it = args.find(key);
+  if (it == args.end() || !it->is_string()) return std::nullopt;
+  return it->get<std::string>();
+}
+
+std::optional<double> numberArg(const json& args, const char* key, double bound) {
+  auto it = args.find(key);
+  if (it == args.end()) return std::nullopt;
+  double value = 0;
+  if (it->is_number()) {
+    value = it->get<double>();
+  } else if (it->is_string()) {
+    const std::string s = it->get<std::string>();
+    if (s.empty() || std::isspace(static_cast<unsigned char>(s.front())) ||
+        std::isspace(static_cast<unsigned char>(s.back()))) {
+      return std::nullopt;
+    }
+    char* end = nullptr;
+    value = std::strtod(s.c_str(), &end);
+    if (end != s.c_str() + s.size()) return std::nullopt;
+  } else {
+    return std::nullopt;
+  }
+  if (!std::isfinite(value)) return std::nullopt;
+  return value > bound ? bound : value;
+}
+
+std::optional<bool> truthArg(const json& args, const char* key) {
+  auto it = args.find(key);
+  if (it == args.end()) return std::nullopt;
+  if (it->is_boolean()) return it->get<bool>();
+  if (it->is_number()) return it->get<double>() != 0;
+  return std::nullopt;
+}
+
+CommandCenter::CommandCenter(Engine& engine, std::function<void()> quit) : engine_(engine), quit_(std::move(quit)) {}
+
+json CommandCenter::ok(json fields) {
+  json reply = {{"ok", true}, {"status", engine_.statusLine()}};
+  for (auto& [k, v] : fields.items()) reply[k] = v;
+  return reply;
+}
+
+json CommandCenter::fail(const std::string& error) { return {{"ok", false}, {"error", error}}; }
+
+void CommandCenter::receive(const std::string& text) {
+  json request = json::parse(text, nullptr, false);
+  if (!request.is_object()) return;
+  auto id = request.find("id");
+  auto cmd = request.find("cmd");
+  if (id == request.end() || !id->is_string() || cmd == request.end() || !cmd->is_string()) return;
+  const std::string idText = id->get<std::string>();
+  if (!validId(idText)) return;
+  auto args = request.find("args");
+  const json argObject = (args != request.end() && args->is_object()) ? *args : json::object();
+  const std::string name = cmd->get<std::string>();
+  json reply = handle(name, argObject);
+  writeReply(engine_.files().dir(), idText, reply);
+  if (name == "quit" && quit_) quit_();
+}
+
+json CommandCenter::handle(const std::string& cmd, const json& args) {
+  try {
+    if (cmd == "status") return statusDictionary();
+    if (cmd == "mode") return mode(args);
+    if (cmd == "sleep_now") {
+      engine_.sleepNow();
+      return ok();
+    }
+    if (cmd == "release_own") return releaseOwn(args);
+    if (cmd == "release_pid") return releasePid(args);
+    if (cmd == "quit") return ok({{"quitting", true}});
+    if (cmd == "hold") return hold(args);
+    if (cmd == "release") return release(args);
+    if (cmd == "preset") return preset(args);
+    if (cmd == "watch") return watch(args);
+    if (cmd == "agent") return agent(args);
+    if (cmd == "set") return set(args);
+    if (cmd == "schema") {
+      json d = SettingsSchema::describe(engine_.config(), engine_.files().path(kConfigFile));
+      return ok(d);
+    }
+    if (cmd == "config") {
+      return ok({{"path", engine_.files().path(kConfigFile)}, {"config", engine_.config().toJson()}});
+    }
+    if (cmd == "override_floor") return overrideFloor(args);
+    if (cmd == "track") return track(args);
+    if (cmd == "energy") return energy();
+    if (cmd == "power") return power();
+  } catch (const std::exception& e) {
+    // A request never takes the app down; the person learns what went wrong.
+    return fail(std::string("Vigilo couldn't do that: ") + e.what());
+  }
+  return fail("Unknown command " + cmd);
+}
+
+json CommandCenter::holdDictionary(const Hold& h) {
+  json d = {{"id", h.id}, {"reason", h.reason}, {"owner", h.owner ? json(*h.owner) : json(nullptr)},
+            {"start", h.created}, {"end", timeOrNull(h.until)}};
+  d["pid"] = h.pid ? json(*h.pid) : json(nullptr);
+  return d;
+}
+
+json CommandCenter::statusDictionary() {
+  const Engine& e = engine_;
+  const Config& c = e.config();
+  json holds = json::array();
+  for (const Hold& h : e.holds()) holds.push_back(holdDictionary(h));
+  json watchList = json::array();
+  for (const auto& w : c.watchedApps) watchList.push_back(w.name);
+  json rules = json::object();
+  for (const auto& [app, rule] : c.appRules) rules[app] = std::string(toText(rule));
+  json battery = nullptr;
+  if (e.battery()) {
+    const BatteryReading& b = *e.battery();
+    battery = {{"percent", b.percent}, {"watts", b.watts}, {"on_power", b.onPower()}, {"charging", b.charging}};
+    battery["minutes_left"] = b.minutesLeft ? json(*b.minutesLeft) : json(nullptr);
+  }
+  std::optional<std::string> warning = e.warning();
+  if (!warning) warning = e.setupError();
+  json notPutBack = json::array();
+  for (const auto& f : e.outstandingChanges()) notPutBack.push_back(f);
+  json unavailable = json::array();
+  for (const Capability& cap : engine_.capabilities()) {
+    if (!cap.available) unavailable.push_back({{"name", cap.name}, {"detail", cap.detail}});
+  }
+  auto watts = e.systemWatts();
+  json watching = json::array();
+  json sessions = json::array();
+  if (work_) {
+    const Time now = e.now();
+    for (const AgentSession& s : work_->sessions()) {
+      const bool busy = WorkDetection::busy(s, now);
+      json pid = s.pids.empty() ? json(nullptr) : json(s.pids.front());
+      auto since = work_->detection().workingSince().find(s.id);
+      json w = {{"name", s.kind.name}, {"kind", s.kind.id}, {"pid", pid}, {"working", busy},
+                {"since", since != work_->detection().workingSince().end() ? json(since->second) : timeOrNull(s.lastActive)},
+                {"project", s.project ? json(*s.project) : json(nullptr)}};
+      watching.push_back(w);
+      json d = {{"id", s.id},
+                {"name", s.kind.name},
+                {"state", s.state ? json(std::string(toText(*s.state))) : json(nullptr)},
+                {"state_since", timeOrNull(s.stateSince)},
+                {"last_active", timeOrNull(s.lastActive)},
+                {"working", busy},
+                {"tool_running", s.toolRunning},
+                {"watts", s.watts},
+                {"instances", s.instances},
+                {"project", s.project ? json(*s.project) : json(nullptr)},
+                {"detail", s.detail},
+                {"description", WorkDetection::describe(s, now)}};
+      sessions.push_back(d);
+    }
+  }
+  json extra = json::object();
+  if (power_) {
+    auto hours = power_->hoursLeftClosed(e);
+    extra["hours_left_closed"] = hours ? json(*hours) : json(nullptr);
+    extra["closed_estimate_watts"] = power_->closedEstimate(e);
+    extra["apps_using_energy"] = appsUsingEnergy(5);
+  }
+  json reply = ok({
+      {"mode", modeText(c.mode)},
+      {"keeping_awake", e.holding()},
+      {"lid_closed", e.lidClosed()},
+      {"preset", std::string(toText(c.preset))},
+      {"system_watts", watts ? json(*watts) : json(nullptr)},
+      {"power_measured", false},
+      {"config_path", e.files().path(kConfigFile)},
+      {"holds", holds},
+      {"watch_list", watchList},
+      {"app_rules", rules},
+      {"watching", watching},
+      {"battery", battery},
+      {"sessions", sessions},
+      {"blocked_by", e.blockedReason() ? json(*e.blockedReason()) : json(nullptr)},
+      {"warning", warning ? json(*warning) : json(nullptr)},
+      {"reason", e.holding() || e.wantsHold() ? json(e.holdReason()) : json(nullptr)},
+      {"setup_done", e.setupReady()},
+      {"setup_problem", e.setupReady() ? json(nullptr) : json(e.setupProblem())},
+      {"always_until", timeOrNull(e.onUntil())},
+      {"pending_release", e.pendingRelease()},
+      {"not_put_back_yet", notPutBack},
+      {"unavailable", unavailable},
+      {"platform", engine_.platform().name()},
+  });
+  for (auto& [k, v] : extra.items()) reply[k] = v;
+  return reply;
+}
+
+json CommandCenter::appsUsingEnergy(std::size_t limit) {
+  json apps = json::array();
+  if (!power_) return apps;
+  for (const AppUsage& a : power_->apps()) {
+    if (apps.size() >= limit) break;
+    apps.push_back({{"name", a.name},
+                    {"bundle_id", a.bundleID ? json(*a.bundleID) : json(nullptr)},
+                    {"watts", a.watts},
+                    {"cores", a.cores},
+                    {"pids", a.pids},
+                    {"system", a.system},
+                    {"while_closed", power_->whileClosed(engine_, a)}});
+  }
+  return apps;
+}
+
+json CommandCenter::energy() {
+  if (!power_) return fail("Vigilo isn't measuring energy in this mode");
+  return ok({{"apps", appsUsingEnergy(kEnergyRows)}});
+}
+
+json CommandCenter::power() {
+  if (!power_) return fail("Vigilo isn't measuring power in this mode");
+  const WholeMachinePower& w = power_->whole();
+  auto watts = w.systemWatts();
+  auto hours = power_->hoursLeftClosed(engine_);
+  const LearnedPower& learned = w.learned();
+  auto opt = [](const std::optional<double>& v) { return v ? json(*v) : json(nullptr); };
+  return ok({{"system_watts", opt(watts)},
+             {"learned_open_watts", opt(learned.openDraw)},
+             {"learned_closed_watts", opt(learned.closedDraw)},
+             {"full_wh", w.fullWh()},
+             {"closed_estimate_watts", power_->closedEstimate(engine_)},
+             {"hours_left_closed", opt(hours)},
+             {"apps", appsUsingEnergy(kEnergyRows)},
+             // The power test switches the lid-closed savings off and on;
+             // until this machine has them there is nothing to measure.
+             {"power_test", "not available"}});
+}
+
+json CommandCenter::track(const json& args) {
+  auto agent = textArg(args, "agent");
+  if (!agent || agent->empty()) return fail("needs agent");
+  auto lower = [](std::string s) {
+    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return std::tolower(c); });
+    return s;
+  };
+  const AgentSession* found = nullptr;
+  if (work_) {
+    for (const AgentSession& s : work_->sessions()) {
+      if (lower(s.kind.name) == lower(*agent) || lower(s.kind.id) == lower(*agent)) {
+        found = &s;
+        break;
+      }
+    }
+  }
+  if (!found) return fail("no agent " + *agent + " is running");
+  Config c = engine_.config();
+  auto it = std::find(c.trackOnly.begin(), c.trackOnly.end(), found->kind.name);
+  const bool tracked = it != c.trackOnly.end();
+  const bool keeps = truthArg(args, "keeps").value_or(tracked);
+  if (keeps && tracked) c.trackOnly.erase(it);
+  if (!keeps && !tracked) c.trackOnly.push_back(found->kind.name);
+  saveFromOutside(c);
+  return ok({{"agent", found->kind.name}, {"keeps", keeps}});
+}
+
+void CommandCenter::saveFromOutside(const Config& config) {
+  if (!engine_.preview()) writeFileDurably(engine_.files().path(kConfigFile), config.encoded());
+  engine_.reloadConfigFromDisk();
+}
+
+json CommandCenter::mode(const json& args) {
+  auto m = textArg(args, "mode");
+  if (!m || (*m != "off" && *m != "auto" && *m != "when_busy" && *m != "always")) {
+    return fail("mode must be off, when_busy (auto) or always");
+  }
+  if (*m == "off") {
+    engine_.setMode(Mode::Off);
+  } else if (*m == "auto" || *m == "when_busy") {
+    engine_.setMode(Mode::Auto);
+  } else if (auto minutes = numberArg(args, "minutes", kMaxMinutes)) {
+    if (*minutes <= 0) return fail("minutes must be more than 0");
+    engine_.stayAwakeUntil(engine_.now() + *minutes * 60.0);
+  } else if (auto hour = numberArg(args, "until_hour", 23)) {
+    if (*hour < 0) return fail("until_hour must be an hour from 0 to 23");
+    engine_.stayAwakeUntil(nextHour(engine_.now(), static_cast<int>(*hour)));
+  } else {
+    engine_.stayAwakeFor(std::nullopt);
+  }
+  return ok({{"mode", modeText(engine_.config().mode)}, {"always_until", timeOrNull(engine_.onUntil())}});
+}
+
+json CommandCenter::hold(const json& args) {
+  std::string reason = textArg(args, "reason").value_or("");
+  if (reason.empty()) reason = "Asked to stay awake";
+  auto owner = numberArg(args, "owner", kMaxPid);
+  auto minutes = numberArg(args, "minutes", kMaxMinutes);
+  auto pid = numberArg(args, "pid", kMaxPid);
+  if (minutes && *minutes <= 0) return fail("minutes must be more than 0");
+  std::optional<std::int32_t> pidValue;
+  if (pid) {
+    if (*pid < 1 || !engine_.platform().processes().info(static_cast<std::int32_t>(*pid))) {
+      return fail("pid must be a running process id");
+    }
+    pidValue = static_cast<std::int32_t>(*pid);
+  }
+  std::optional<std::int32_t> ownerValue;
+  if (owner && *owner >= 1) ownerValue = static_cast<std::int32_t>(*owner);
+  Hold h = engine_.addHold(reason, minutes, pidValue, ownerValue);
+  return ok({{"hold", holdDictionary(h)}});
+}
+
+json CommandCenter::release(const json& args) {
+  auto id = textArg(args, "id");
+  auto all = truthArg(args, "all");
+  json released = json::array();
+  if (id && !id->empty()) {
+    if (engine_.releaseHold(*id) == 0) return fail("no hold " + *id);
+    released.push_back(*id);
+  } else if (all && *all) {
+    for (const Hold& h : engine_.holds()) released.push_back(h.id);
+    engine_.releaseHold(std::nullopt);
+  } else {
+    return fail("id: the hold to end (see vigilo status), or all: true");
+  }
+  return ok({{"released", released}});
+}
+
+json CommandCenter::releaseOwn(const json& args) {
+  auto id = textArg(args, "id");
+  auto pid = numberArg(args, "pid", kMaxPid);
+  if (!id || id->empty() || !pid) return fail("needs id and pid");
+  if (engine_.releaseHolds(static_cast<std::int32_t>(*pid), *id) == 0) {
+    return fail("no hold " + *id + " made by this session");
+  }
+  return ok({{"released", json::array({*id})}});
+}
+
+json CommandCenter::releasePid(const json& args) {
+  auto pid = numberArg(args, "pid", kMaxPid);
+  if (!pid) return fail("needs pid");
+  const auto owner = static_cast<std::int32_t>(*pid);
+  json released = json::array();
+  for (const Hold& h : engine_.holds()) {
+    if (h.owner == owner) released.push_back(h.id);
+  }
+  engine_.releaseHolds(owner, std::nullopt);
+  return ok({{"released", released}});
+}
+
+json CommandCenter::preset(const json& args) {
+  auto text = textArg(args, "preset");
+  auto p = text ? parsePreset(*text) : std::nullopt;
+  if (!p) return fail("preset must be max_battery, balanced or full_speed");
+  Config c = engine_.config();
+  c.preset = *p;
+  saveFromOutside(c);
+  return ok({{"preset", std::string(toText(engine_.config().preset))}});
+}
+
+json CommandCenter::watch(const json& args) {
+  auto app = textArg(args, "app");
+  if (!app || app->empty()) return fail("needs app");
+  const bool remove = truthArg(args, "remove").value_or(false);
+  Config c = engine_.config();
+  auto it = std::find_if(c.watchedApps.begin(), c.watchedApps.end(), [&](const WatchedApp& w) { return w.name == *app; });
+  if (remove) {
+    if (it == c.watchedApps.end()) return fail(*app + " isn't on the list");
+    c.watchedApps.erase(it);
+  } else if (it == c.watchedApps.end()) {
+    c.watchedApps.push_back({*app});
+  }
+  saveFromOutside(c);
+  json list = json::array();
+  for (const auto& w : engine_.config().watchedApps) list.push_back(w.name);
+  return ok({{remove ? "removed" : "added", *app}, {"watch_list", list}});
+}
+
+json CommandCenter::agent(const json& args) {
+  auto name = textArg(args, "name");
+  Config c = engine_.config();
+  auto byName = [&](const CustomAgent& a) { return name && a.name == *name; };
+  if (truthArg(args, "remove").value_or(false)) {
+    if (!name || name->empty()) return fail("needs name");
+    auto it = std::find_if(c.customAgents.begin(), c.customAgents.end(), byName);
+    if (it == c.customAgents.end()) return fail(*name + " isn't on the list");
+    c.customAgents.erase(it);
+  } else {
+    auto executable = textArg(args, "executable");
+    if (!name || name->empty() || !executable || executable->empty()) return fail("needs name and executable");
+    if (!findExecutable(*executable)) return fail("Couldn't find " + *executable);
+    const std::string exeName = std::filesystem::path(*executable).filename().string();
+    auto it = std::find_if(c.customAgents.begin(), c.customAgents.end(), byName);
+    if (it == c.customAgents.end()) {
+      c.customAgents.push_back({*name, {exeName}, 0.05});
+      it = c.customAgents.end() - 1;
+    } else if (std::find(it->executables.begin(), it->executables.end(), exeName) == it->executables.end()) {
+      it->executables.push_back(exeName);
+    }
+    if (auto watts = numberArg(args, "idle_watts", 1000); watts && *watts >= 0) it->idleWatts = *watts;
+  }
+  saveFromOutside(c);
+  json agents = json::array();
+  for (const auto& a : engine_.config().customAgents) {
+    agents.push_back({{"name", a.name}, {"executables", a.executables}, {"idle_watts", a.idleWatts}});
+  }
+  return ok({{"agent", name.value_or("")}, {"custom_agents", agents}});
+}
+
+json CommandCenter::set(const json& args) {
+  auto key = textArg(args, "key");
+  if (!key || key->empty()) return fail("needs key");
+  std::optional<json> value;
+  if (auto it = args.find("value"); it != args.end() && !it->is_null()) value = *it;
+  SettingsSchema::Change change = SettingsSchema::change(engine_.config(), *key, value);
+  if (!change.ok) return fail(change.error);
+  // Going below the limit is the engine's state, not a setting; from here
+  // it can only be ended.
+  if (change.endBelowFloor) engine_.overrideFloor(false);
+  saveFromOutside(change.config);
+  return ok();
+}
+
+json CommandCenter::overrideFloor(const json& args) {
+  if (truthArg(args, "on").value_or(false)) return fail("Going below the battery limit can only be allowed in Vigilo itself");
+  engine_.overrideFloor(false);
+  return ok();
+}
+
+}  // namespace vigilo

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "engine/engine.h"
+
+namespace vigilo {
+class AgentWork;
+class PowerWatch;
+}
+
+namespace vigilo {
+
+// The argument readers every request uses.
+// The value when it is a string.
+std::optional<std::string> textArg(const nlohmann::json& args, const char* key);
+// A JSON number, or a string that is wholly a decimal number; non-finite
+// values count as absent, values above `bound` are cut to it.
+std::optional<double> numberArg(const nlohmann::json& args, const char* key, double bound);
+// A JSON boolean, or a number as its truth value.
+std::optional<bool> truthArg(const nlohmann::json& args, const char* key);
+
+// Runs requests from outside the app against the engine, one at a time on
+// the main thread, and answers each well-formed one exactly once.
+class CommandCenter {
+ public:
+  // `quit` is called (after the reply is written) for the `quit` request.
+  CommandCenter(Engine& engine, std::function<void()> quit);
+
+  // Takes one request text: drops it silently when it is not a JSON object,
+  // lacks `cmd`, or has an `id` that is empty, longer than 64 characters or
+  // holds anything but letters, digits and "-". Otherwise handles it and
+  // writes the reply file.
+  void receive(const std::string& text);
+
+  // Agent detection and power measurement, when the app runs them.
+  void setAgents(const AgentWork* work, const PowerWatch* power) {
+    work_ = work;
+    power_ = power;
+  }
+
+  // Handles one request and gives the reply object.
+  nlohmann::json handle(const std::string& cmd, const nlohmann::json& args);
+
+  // The status dictionary (reply of `status`).
+  nlohmann::json statusDictionary();
+
+ private:
+  nlohmann::json ok(nlohmann::json fields = nlohmann::json::object());
+  nlohmann::json fail(const std::string& error);
+  nlohmann::json holdDictionary(const Hold& h);
+  // Saves a changed record through the settings file and lets the engine
+  // reload it, as an edit by hand would be: safety settings stay as strict.
+  void saveFromOutside(const Config& config);
+
+  nlohmann::json mode(const nlohmann::json& args);
+  nlohmann::json hold(const nlohmann::json& args);
+  nlohmann::json release(const nlohmann::json& args);
+  nlohmann::json releaseOwn(const nlohmann::json& args);
+  nlohmann::json releasePid(const nlohmann::json& args);
+  nlohmann::json preset(const nlohmann::json& args);
+  nlohmann::json watch(const nlohmann::json& args);
+  nlohmann::json agent(const nlohmann::json& args);
+  nlohmann::json set(const nlohmann::json& args);
+  nlohmann::json overrideFloor(const nlohmann::json& args);
+  nlohmann::json track(const nlohmann::json& args);
+  nlohmann::json energy();
+  nlohmann::json power();
+  nlohmann::json appsUsingEnergy(std::size_t limit);
+
+  Engine& engine_;
+  std::function<void()> quit_;
+  const AgentWork* work_ = nullptr;
+  const PowerWatch* power_ = nullptr;
+};
+
+}  // namespace vigilo

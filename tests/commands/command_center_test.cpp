@@ -1,0 +1,139 @@
+#include "commands/command_center.h"
+
+#include <cmath>
+
+#include "commands/cli.h"
+#include "engine/engine_fixture.h"
+
+namespace vigilo::test {
+namespace {
+
+using json = nlohmann::json;
+
+TEST(ArgumentReadersTest, ReadNumbersTextAndTruthLeniently) {
+  json args = json::parse(R"({"n": 5, "s": "12.5", "pad": " 3", "big": 99999, "neg": -2, "word": "x",
+                              "inf": "inf", "flag": true, "zero": 0, "t": "yes", "name": "a"})");
+  EXPECT_EQ(numberArg(args, "n", 100), 5);
+  EXPECT_EQ(numberArg(args, "s", 100), 12.5);
+  EXPECT_FALSE(numberArg(args, "pad", 100));
+  EXPECT_EQ(numberArg(args, "big", 10080), 10080);
+  EXPECT_EQ(numberArg(args, "neg", 100), -2);
+  EXPECT_FALSE(numberArg(args, "word", 100));
+  EXPECT_FALSE(numberArg(args, "inf", 100));
+  EXPECT_FALSE(numberArg(args, "missing", 100));
+  EXPECT_EQ(truthArg(args, "flag"), true);
+  EXPECT_EQ(truthArg(args, "zero"), false);
+  EXPECT_EQ(truthArg(args, "n"), true);
+  EXPECT_FALSE(truthArg(args, "t"));
+  EXPECT_EQ(textArg(args, "name"), "a");
+  EXPECT_FALSE(textArg(args, "n"));
+}
+
+TEST(DurationTest, ParsesMinutesHoursAndMixes) {
+  struct Row {
+    const char* text;
+    std::optional<double> minutes;
+  } rows[] = {{"90", 90},     {"90m", 90},  {"2h", 120},    {"1h30m", 90},   {"1H30M", 90}, {"1.5h", 90},
+              {"20000", 10080}, {"0.5m", 0.5}, {"", std::nullopt}, {"h", std::nullopt}, {"2d", std::nullopt},
+              {"1h30", std::nullopt}, {"-5", std::nullopt}, {"soon", std::nullopt}, {"1..5h", std::nullopt}};
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.text);
+    EXPECT_EQ(parseDuration(r.text), r.minutes);
+  }
+}
+
+// Given the engine on a simulated laptop with the command center in front.
+class CommandCenterTest : public EngineTest {
+ protected:
+  void SetUp() override {
+    writeConfig(R"({"mode": "off"})");
+    launch();
+    center_ = std::make_unique<CommandCenter>(engine(), [this] { quitAsked_ = true; });
+  }
+  json call(const std::string& cmd, const json& args = json::object()) { return center_->handle(cmd, args); }
+  static std::string error(const json& reply) { return reply.value("error", std::string()); }
+
+  std::unique_ptr<CommandCenter> center_;
+  bool quitAsked_ = false;
+};
+
+TEST_F(CommandCenterTest, HoldArgumentsAreBoundedAndChecked) {
+  json r = call("hold", {{"minutes", 20000}, {"owner", 42}});
+  ASSERT_TRUE(r["ok"]);
+  EXPECT_EQ(r["hold"]["reason"], "Asked to stay awake");
+  EXPECT_DOUBLE_EQ(r["hold"]["end"].get<double>() - r["hold"]["start"].get<double>(), 10080 * 60.0);
+  EXPECT_EQ(r["hold"]["owner"], 42);
+  EXPECT_EQ(r["status"], "Asked to stay awake · stays awake closed");
+
+  EXPECT_EQ(error(call("hold", {{"pid", 999999}})), "pid must be a running process id");
+  EXPECT_EQ(error(call("hold", {{"minutes", -3}})), "minutes must be more than 0");
+  const std::int32_t pid = laptop().startProcess("/usr/bin/make");
+  EXPECT_EQ(call("hold", {{"pid", std::to_string(pid)}})["hold"]["pid"], pid);
+}
+
+TEST_F(CommandCenterTest, ClientsOnlyReleaseTheirOwnHolds) {
+  const std::string mine = call("hold", {{"owner", 42}})["hold"]["id"];
+  const std::string theirs = call("hold", {{"owner", 77}})["hold"]["id"];
+
+  EXPECT_EQ(error(call("release_own", {{"id", theirs}, {"pid", 42}})), "no hold " + theirs + " made by this session");
+  EXPECT_EQ(error(call("release_own", {{"id", mine}})), "needs id and pid");
+  EXPECT_EQ(call("release_own", {{"id", mine}, {"pid", 42}})["released"], json::array({mine}));
+  EXPECT_EQ(call("release_pid", {{"pid", 42}})["released"], json::array());
+  EXPECT_EQ(error(call("release_pid")), "needs pid");
+  EXPECT_EQ(engine().holds().size(), 1u);
+  EXPECT_EQ(error(call("release")), "id: the hold to end (see vigilo status), or all: true");
+  EXPECT_EQ(call("release", {{"all", true}})["released"], json::array({theirs}));
+  EXPECT_FALSE(engine().holding());
+}
+
+TEST_F(CommandCenterTest, ModesPresetsWatchesAndRefusals) {
+  call("mode", {{"mode", "when_busy"}});
+  EXPECT_EQ(engine().config().mode, Mode::Auto);
+  call("mode", {{"mode", "off"}});
+  call("mode", {{"mode", "auto"}});
+  EXPECT_EQ(engine().config().mode, Mode::Auto);
+  EXPECT_EQ(error(call("mode", {{"mode", "sometimes"}})), "mode must be off, when_busy (auto) or always");
+  json always = call("mode", {{"mode", "always"}, {"minutes", 90}});
+  EXPECT_EQ(always["mode"], "always");
+  EXPECT_DOUBLE_EQ(always["always_until"].get<double>(), clock_.now() + 5400);
+  EXPECT_TRUE(engine().holding());
+
+  EXPECT_EQ(error(call("preset", {{"preset", "turbo"}})), "preset must be max_battery, balanced or full_speed");
+  EXPECT_EQ(call("preset", {{"preset", "max_battery"}})["preset"], "max_battery");
+  EXPECT_EQ(Config::decode(readFile(folder_ + "/config.json"))->preset, Preset::MaxBattery);
+
+  EXPECT_EQ(call("watch", {{"app", "Xcode"}})["watch_list"], json::array({"Xcode"}));
+  EXPECT_EQ(error(call("watch", {{"app", "Safari"}, {"remove", true}})), "Safari isn't on the list");
+  EXPECT_EQ(error(call("watch")), "needs app");
+  EXPECT_EQ(error(call("agent", {{"name", "aider"}, {"executable", "no-such-tool-here"}})),
+            "Couldn't find no-such-tool-here");
+  EXPECT_EQ(call("agent", {{"name", "shell"}, {"executable", "sh"}})["custom_agents"][0]["executables"],
+            json::array({"sh"}));
+
+  for (const json& args : {json{{"on", true}}, json{{"on", 1}, {"force", true}}}) {
+    EXPECT_EQ(error(call("override_floor", args)), "Going below the battery limit can only be allowed in Vigilo itself");
+  }
+  EXPECT_EQ(error(call("set", {{"key", "below_floor_allowed"}, {"value", true}})),
+            "Going below the battery limit can only be allowed in Vigilo itself");
+  EXPECT_EQ(error(call("set", {{"value", 3}})), "needs key");
+  EXPECT_EQ(error(call("set", {{"key", "battery_floor"}, {"value", 5}})),
+            "battery_floor needs to be lowered in Vigilo itself (it can only be raised from here)");
+  EXPECT_TRUE(call("set", {{"key", "battery_floor"}, {"value", 40}})["ok"]);
+  EXPECT_EQ(engine().config().batteryFloor, 40);
+  EXPECT_EQ(error(call("frobnicate")), "Unknown command frobnicate");
+}
+
+TEST_F(CommandCenterTest, ReceiveAnswersWellFormedRequestsOnly) {
+  center_->receive(R"({"id":"A-1","cmd":"status"})");
+  center_->receive(R"({"id":"A_2","cmd":"status"})");
+  center_->receive(R"({"id":"A-3","cmd":"quit"})");
+  EXPECT_TRUE(fileExists(folder_ + "/replies/A-1.json"));
+  EXPECT_FALSE(fileExists(folder_ + "/replies/A_2.json"));
+  EXPECT_TRUE(quitAsked_);
+  json reply = json::parse(readFile(folder_ + "/replies/A-1.json"));
+  EXPECT_EQ(reply["status"], "Sleeps normally");
+  EXPECT_EQ(reply["mode"], "off");
+}
+
+}  // namespace
+}  // namespace vigilo::test

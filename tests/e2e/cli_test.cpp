@@ -1,0 +1,178 @@
+#include <csignal>
+#include <filesystem>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "commands/channel.h"
+#include "e2e/app_process.h"
+#include "platform/notifications.h"
+#include "test_support.h"
+
+namespace vigilo::test {
+namespace {
+
+using namespace std::chrono_literals;
+using json = nlohmann::json;
+
+// Given a running `vigilo app --simulate` in a temporary app folder, driven
+// only through the real `vigilo` binary.
+class CliTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    home_ = dir_.file("home");
+    state_ = dir_.file("laptop.json");
+    std::filesystem::create_directories(home_);
+    app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", state_}, home_,
+                                        dir_.file("app.txt"));
+    // The tool starts an app of its own when none runs, so wait for ours.
+    ASSERT_TRUE(waitFor([&] { return runningApp(home_).has_value(); }, 10s)) << app_->output();
+    ASSERT_EQ(vigilo({"status"}).status, 0) << app_->output();
+  }
+  void TearDown() override {
+    if (app_) {
+      app_->signal(SIGTERM);
+      EXPECT_EQ(app_->wait(10s), 0) << app_->output();
+    }
+  }
+  ToolRun vigilo(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
+    return runTool(args, home_, env);
+  }
+  json status() { return json::parse(vigilo({"status", "--json"}).out); }
+
+  TempDir dir_;
+  std::string home_;
+  std::string state_;
+  std::unique_ptr<AppProcess> app_;
+};
+
+TEST_F(CliTest, HoldsWithDurationsAndReleases) {
+  ToolRun first = vigilo({"hold", "--for", "1h30m", "--reason", "training"});
+  ASSERT_EQ(first.status, 0) << first.err;
+  const std::string id = first.out.substr(0, first.out.find('\n'));
+  ASSERT_EQ(vigilo({"hold", "--for", "20000"}).status, 0);
+
+  json s = status();
+  ASSERT_EQ(s["holds"].size(), 2u);
+  EXPECT_EQ(s["holds"][0]["id"], id);
+  EXPECT_EQ(s["holds"][0]["reason"], "training");
+  EXPECT_NEAR(s["holds"][0]["end"].get<double>() - s["holds"][0]["start"].get<double>(), 5400, 0.01);
+  EXPECT_NEAR(s["holds"][1]["end"].get<double>() - s["holds"][1]["start"].get<double>(), 10080 * 60, 0.01);
+  EXPECT_EQ(s["holds"][1]["reason"], "Kept awake from the terminal");
+  EXPECT_EQ(s["keeping_awake"], true);
+  EXPECT_EQ(s["status"], "Kept awake from the terminal · stays awake closed");
+
+  ToolRun one = vigilo({"release", id});
+  EXPECT_EQ(one.status, 0);
+  EXPECT_NE(one.out.find("Released 1 hold."), std::string::npos);
+  EXPECT_EQ(vigilo({"release", id}).err, "vigilo: no hold " + id + "\n");
+  ASSERT_EQ(vigilo({"hold"}).status, 0);
+  ToolRun all = vigilo({"release"});
+  EXPECT_NE(all.out.find("Released 2 holds."), std::string::npos);
+  EXPECT_EQ(status()["keeping_awake"], false);
+
+  ToolRun bad = vigilo({"hold", "--for", "soon"});
+  EXPECT_EQ(bad.status, 2);
+  EXPECT_EQ(bad.err, "vigilo: --for needs a duration like 90m, 2h or 1h30m\n");
+}
+
+TEST_F(CliTest, RunKeepsAwakeExactlyAsLongAsTheCommand) {
+  ToolRun ok = vigilo({"run", "--reason", "tests", "--", "sh", "-c", "vigilo_home=$VIGILO_HOME; exit 7"});
+  EXPECT_EQ(ok.status, 7) << ok.err;
+  ToolRun f = vigilo({"run", "--", "false"});
+  EXPECT_EQ(f.status, 1) << f.err;
+  EXPECT_EQ(f.err, "");
+  ToolRun missing = vigilo({"run", "--", "no-such-program"});
+  EXPECT_EQ(missing.status, 127);
+  EXPECT_EQ(missing.err, "vigilo: couldn't start no-such-program\n");
+  EXPECT_EQ(vigilo({"run", "false"}).status, 2);
+  EXPECT_TRUE(status()["holds"].empty());
+}
+
+TEST_F(CliTest, ModesSettingsAndTheStatusKeys) {
+  ASSERT_EQ(vigilo({"on", "--for", "2h"}).status, 0);
+  json s = status();
+  EXPECT_EQ(s["mode"], "always");
+  EXPECT_NEAR(s["always_until"].get<double>(), std::chrono::duration<double>(
+                                                   std::chrono::system_clock::now().time_since_epoch()).count() + 7200,
+              30);
+  EXPECT_EQ(vigilo({"auto"}).out, "Nothing running · sleeps when closed\n");
+  EXPECT_EQ(status()["mode"], "auto");
+
+  ToolRun lower = vigilo({"set", "battery_floor", "5"});
+  EXPECT_EQ(lower.status, 1);
+  EXPECT_EQ(lower.err, "vigilo: battery_floor needs to be lowered in Vigilo itself (it can only be raised from here)\n");
+  EXPECT_EQ(vigilo({"set", "Battery-Floor", "30"}).status, 0);
+  EXPECT_EQ(vigilo({"set", "heat_guard", "off"}).err,
+            "vigilo: heat_guard needs to be turned off in Vigilo's Settings (it can only be turned on from here)\n");
+  EXPECT_EQ(vigilo({"set", "mode", "sometimes"}).err, "vigilo: mode needs auto, on or off\n");
+  EXPECT_EQ(json::parse(vigilo({"config", "--json"}).out)["config"]["batteryFloor"], 30);
+
+  EXPECT_EQ(vigilo({"anyway", "on"}).err,
+            "vigilo: going below the battery limit can only be allowed in Vigilo itself (it's the person's call)\n");
+  EXPECT_EQ(vigilo({"check-in", "20"}).status, 2);
+  EXPECT_EQ(vigilo({"measure"}).err, "vigilo: Unknown command measure\n");
+
+  s = status();
+  for (const char* key : {"status", "mode", "keeping_awake", "lid_closed", "preset", "system_watts", "power_measured",
+                          "config_path", "holds", "watch_list", "app_rules", "watching", "battery", "sessions",
+                          "blocked_by", "warning", "reason"}) {
+    EXPECT_TRUE(s.contains(key)) << key;
+  }
+  EXPECT_EQ(s["battery"]["percent"], 80);
+}
+
+TEST_F(CliTest, ChannelDropsMalformedRequestsAndAnswersEachGoodOneOnce) {
+  auto post = makeSocketNotifications(home_, nullptr);
+  const std::string replies = home_ + "/replies";
+  const std::string longId(65, 'a');
+  for (const std::string& bad :
+       {std::string("not json"), std::string("[1]"), std::string(R"({"id":"","cmd":"status"})"),
+        R"({"id":")" + longId + R"(","cmd":"status"})", std::string(R"({"id":"a_b","cmd":"status"})"),
+        std::string(R"({"id":"a b","cmd":"status"})"), std::string(R"({"id":"abc"})"),
+        std::string(R"({"cmd":"status"})")}) {
+    ASSERT_TRUE(post->post(kRequestNotification, bad));
+  }
+  ASSERT_TRUE(post->post(kRequestNotification, R"({"id":"good-1","cmd":"status","args":7})"));
+  ASSERT_TRUE(waitFor([&] { return fileExists(replies + "/good-1.json"); }, 5s));
+  std::this_thread::sleep_for(200ms);
+  std::size_t files = 0;
+  for ([[maybe_unused]] auto& e : std::filesystem::directory_iterator(replies)) ++files;
+  EXPECT_EQ(files, 1u);
+
+  // Many tools at once each get their own reply, and read it only once.
+  std::atomic<int> good{0};
+  std::vector<std::thread> tools;
+  for (int t = 0; t < 4; ++t) {
+    tools.emplace_back([&] {
+      RequestClient client(home_);
+      for (int i = 0; i < 250; ++i) {
+        json r = client.send("status", json::object(), 8);
+        if (r.value("ok", false)) ++good;
+      }
+    });
+  }
+  for (auto& t : tools) t.join();
+  EXPECT_EQ(good.load(), 1000);
+  files = 0;
+  for ([[maybe_unused]] auto& e : std::filesystem::directory_iterator(replies)) ++files;
+  EXPECT_EQ(files, 1u);  // only the one never read
+}
+
+TEST_F(CliTest, AStoppedAppIsStartedOnceAndThenAnswers) {
+  ASSERT_EQ(vigilo({"quit"}).status, 2);  // not a command of the tool
+  RequestClient(home_).send("quit", json::object(), 8);
+  EXPECT_EQ(app_->wait(10s), 0) << app_->output();
+  app_.reset();
+
+  ToolRun started = vigilo({"status", "--json"}, {"VIGILO_SIMULATE=" + state_});
+  ASSERT_EQ(started.status, 0) << started.err;
+  EXPECT_EQ(json::parse(started.out)["mode"], "auto");
+  auto pid = runningApp(home_);
+  ASSERT_TRUE(pid && *pid > 0);
+  ::kill(*pid, SIGTERM);
+  EXPECT_TRUE(waitFor([&] { return !runningApp(home_); }, 10s));
+}
+
+}  // namespace
+}  // namespace vigilo::test

@@ -1,0 +1,209 @@
+#include <csignal>
+#include <filesystem>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "commands/channel.h"
+#include "commands/settings_schema.h"
+#include "e2e/app_process.h"
+#include "e2e/piped_process.h"
+#include "platform/sim/sim_laptop.h"
+#include "test_support.h"
+
+namespace vigilo::test {
+namespace {
+
+using namespace std::chrono_literals;
+using json = nlohmann::json;
+
+// Given a running `vigilo app --simulate` in a temporary app folder, and
+// `vigilo mcp` run by this test process the way an agent runs it: this
+// process is the server's parent, so it is the session holds belong to.
+class McpEndToEndTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    home_ = dir_.file("home");
+    state_ = dir_.file("laptop.json");
+    std::filesystem::create_directories(home_);
+    // The simulated laptop knows only its own processes; this one stands for
+    // the agent session, so holds tied to it are taken.
+    ASSERT_TRUE(editSimStateFile(state_, SystemClock(), [](SimLaptop& l) {
+      l.startProcess("/usr/local/bin/claude", {"claude"}, 1, static_cast<std::int32_t>(::getpid()));
+    }));
+    app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", state_}, home_,
+                                        dir_.file("app.txt"));
+    ASSERT_TRUE(waitFor([&] { return runTool({"status"}, home_).status == 0; }, 10s)) << app_->output();
+  }
+  void TearDown() override {
+    if (app_) {
+      app_->signal(SIGTERM);
+      EXPECT_EQ(app_->wait(10s), 0) << app_->output();
+    }
+  }
+
+  std::unique_ptr<PipedProcess> startServer() {
+    return std::make_unique<PipedProcess>(std::vector<std::string>{VIGILO_BINARY, "mcp"},
+                                          std::vector<std::string>{"VIGILO_HOME=" + home_}, dir_.file("mcp-err.txt"));
+  }
+  // Writes one message line and reads the next answer line.
+  static json exchange(PipedProcess& server, const std::string& line) {
+    EXPECT_TRUE(server.write(line + "\n"));
+    auto answer = server.readLine(15s);
+    if (!answer) return nullptr;
+    return json::parse(*answer);
+  }
+  static json request(const json& id, const std::string& method, const json& params = json::object()) {
+    return {{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", params}};
+  }
+  static json toolCall(PipedProcess& server, const std::string& tool, const json& arguments = json::object()) {
+    json r = exchange(server, request(7, "tools/call", {{"name", tool}, {"arguments", arguments}}).dump());
+    return r;
+  }
+  static json replyOf(const json& response) {
+    return json::parse(response["result"]["content"][0]["text"].get<std::string>());
+  }
+  json holdIds() {
+    json ids = json::array();
+    json s = json::parse(runTool({"status", "--json"}, home_).out);
+    for (const auto& h : s["holds"]) ids.push_back(h["id"]);
+    return ids;
+  }
+
+  TempDir dir_;
+  std::string home_;
+  std::string state_;
+  std::unique_ptr<AppProcess> app_;
+};
+
+TEST_F(McpEndToEndTest, ToolCallsReachTheAppAndHoldsBelongToTheSession) {
+  auto server = startServer();
+  json init = exchange(*server, request(0, "initialize", {{"protocolVersion", "2025-11-25"}}).dump());
+  EXPECT_EQ(init["result"]["protocolVersion"], "2025-06-18");
+  // The initialized notification gets no line: the next line answers the ping.
+  ASSERT_TRUE(server->write(R"({"jsonrpc":"2.0","method":"notifications/initialized"})"
+                            "\n"));
+  EXPECT_EQ(exchange(*server, request("p", "ping").dump()), json::parse(R"({"jsonrpc":"2.0","id":"p","result":{}})"));
+
+  // Given no bounds, the hold lasts as long as this session, at most 2 hours.
+  json held = toolCall(*server, "vigilo_keep_awake", {{"reason", "end-to-end"}});
+  ASSERT_EQ(held["result"]["isError"], false) << held;
+  json hold = replyOf(held)["hold"];
+  EXPECT_EQ(hold["owner"], ::getpid());
+  EXPECT_EQ(hold["pid"], ::getpid());
+  EXPECT_NEAR(hold["end"].get<double>() - hold["start"].get<double>(), 7200, 0.01);
+
+  // Given a hold another session made: this one can neither end it by id
+  // nor with "all of mine".
+  RequestClient other(home_);
+  json foreign = other.send("hold", {{"reason", "another agent"}, {"owner", 999999}, {"minutes", 10}}, 8);
+  ASSERT_EQ(foreign["ok"], true) << foreign;
+  const std::string foreignId = foreign["hold"]["id"];
+  json refused = toolCall(*server, "vigilo_release", {{"hold_id", foreignId}});
+  EXPECT_EQ(refused["result"]["isError"], true);
+  EXPECT_EQ(replyOf(refused)["error"], "no hold " + foreignId + " made by this session");
+  json released = toolCall(*server, "vigilo_release");
+  EXPECT_EQ(released["result"]["isError"], false);
+  EXPECT_EQ(replyOf(released)["released"], json::array({hold["id"]}));
+  EXPECT_EQ(holdIds(), json::array({foreignId}));
+
+  json set = toolCall(*server, "vigilo_set_setting", {{"key", "heat_guard"}, {"value", "off"}});
+  EXPECT_EQ(set["result"]["isError"], true);
+  EXPECT_EQ(replyOf(set)["error"],
+            "heat_guard needs to be turned off in Vigilo's Settings (it can only be turned on from here)");
+
+  // A last message without a newline is still answered before the exit.
+  ASSERT_TRUE(server->write(request(9, "ping").dump()));
+  server->closeInput();
+  EXPECT_EQ(server->readLine(10s), std::optional<std::string>(R"({"id":9,"jsonrpc":"2.0","result":{}})"));
+  EXPECT_EQ(server->wait(10s), 0);
+}
+
+TEST_F(McpEndToEndTest, ProtocolEdgeCasesNeitherStopNorConfuseTheServer) {
+  auto server = startServer();
+  EXPECT_EQ(exchange(*server, request(0, "initialize", {{"protocolVersion", "2024-11-05"}}).dump())["result"]
+                    ["protocolVersion"],
+            "2024-11-05");
+  EXPECT_EQ(exchange(*server, request(1, "initialize", {{"protocolVersion", "2099-01-01"}}).dump())["result"]
+                    ["protocolVersion"],
+            "2025-06-18");
+
+  // Garbage and notifications get nothing; each request after them gets its
+  // own answer, in order.
+  ASSERT_TRUE(server->write("not json\n[1,2\n42\n\n{\"jsonrpc\":\"2.0\",\"method\":\"notifications/cancelled\"}\n"));
+  json unknownTool = toolCall(*server, "vigilo_fly");
+  EXPECT_EQ(unknownTool["error"]["code"], -32602);
+  EXPECT_EQ(unknownTool["error"]["message"], "Unknown tool vigilo_fly");
+  json discover = exchange(*server, request(2, "server/discover").dump());
+  EXPECT_EQ(discover["id"], 2);
+  EXPECT_EQ(discover["error"]["code"], -32601);
+  EXPECT_EQ(discover["error"]["message"], "Method not found: server/discover");
+  for (const std::string& line : {std::string(R"([{"jsonrpc":"2.0","id":3,"method":"ping"}])"),
+                                  std::string(R"({"jsonrpc":"2.0","id":{"n":3},"method":"ping"})")}) {
+    json r = exchange(*server, line);
+    EXPECT_TRUE(r["id"].is_null()) << line;
+    EXPECT_EQ(r["error"]["code"], -32600) << line;
+  }
+
+  // A 10 MB message is read whole.
+  const std::string pad(10 * 1024 * 1024, 'v');
+  json big = exchange(*server, R"({"jsonrpc":"2.0","id":"big","method":"ping","params":{"pad":")" + pad + "\"}}");
+  EXPECT_EQ(big, json::parse(R"({"jsonrpc":"2.0","id":"big","result":{}})"));
+
+  // The client hangs up halfway through a message: the server ends at once,
+  // cleanly, having written nothing more.
+  ASSERT_TRUE(server->write(R"({"jsonrpc":"2.0","id":4,"method":"tools/ca)"));
+  server->closeInput();
+  EXPECT_EQ(server->wait(5s), 0);
+  EXPECT_EQ(server->readToEnd(1s), "");
+  EXPECT_NE(readFile(dir_.file("mcp-err.txt")).find("skipped a line that is not a JSON object"), std::string::npos);
+}
+
+TEST_F(McpEndToEndTest, TheOfficialSdkClientWorksWithTheServer) {
+  const auto clientDir = std::filesystem::path(__FILE__).parent_path().parent_path() / "mcp-client";
+  ASSERT_TRUE(std::filesystem::exists(clientDir / "node_modules" / "@modelcontextprotocol" / "sdk"))
+      << "The MCP SDK is not installed: run scripts/setup (it runs npm ci --prefix tests/mcp-client).";
+  PipedProcess node({"/usr/bin/env", "node", (clientDir / "client.mjs").string(), VIGILO_BINARY},
+                    {"VIGILO_HOME=" + home_}, dir_.file("node-err.txt"));
+  node.closeInput();
+  const std::string out = node.readToEnd(90s);
+  ASSERT_EQ(node.wait(10s), 0) << out << readFile(dir_.file("node-err.txt"));
+  // The summary is the last line it printed. Not const: a key the client
+  // left out then reads as null and fails an expectation instead of aborting.
+  std::string last = out;
+  while (!last.empty() && last.back() == '\n') last.pop_back();
+  json s = json::parse(last.substr(last.rfind('\n') + 1), nullptr, false);
+  ASSERT_TRUE(s.is_object()) << out;
+  ASSERT_FALSE(s.contains("failure")) << s["failure"];
+
+  EXPECT_EQ(s["protocolVersion"], "2025-06-18");
+  EXPECT_EQ(s["serverInfo"], json::parse(R"({"name":"vigilo","version":"1.0"})"));
+  ASSERT_EQ(s["tools"].size(), 16u);
+  EXPECT_EQ(s["tools"][0], "vigilo_status");
+  EXPECT_EQ(s["tools"][15], "vigilo_get_config");
+  EXPECT_EQ(s["settingKeys"].size(), SettingsSchema::all().size());
+  EXPECT_EQ(s["status"], json::parse(R"({"isError":false,"ok":true,"holds":0})"));
+
+  // Each client's server is its own session.
+  EXPECT_EQ(s["holdA"]["isError"], false);
+  EXPECT_EQ(s["holdB"]["isError"], false);
+  EXPECT_EQ(s["holdA"]["owner"], s["nodePid"]);
+  EXPECT_TRUE(s["holdB"]["owner"].is_number());
+  EXPECT_NE(s["holdB"]["owner"], s["nodePid"]);
+  const json idA = s["holdA"]["id"], idB = s["holdB"]["id"];
+  EXPECT_EQ(s["crossById"]["isError"], true);
+  EXPECT_EQ(s["crossById"]["error"], "no hold " + idA.get<std::string>() + " made by this session");
+  EXPECT_EQ(s["releaseB"]["released"], json::array({idB}));
+  EXPECT_EQ(s["holdsAfterB"], json::array({idA}));
+  EXPECT_EQ(s["releaseA"]["released"], json::array({idA}));
+  EXPECT_EQ(holdIds(), json::array());
+
+  EXPECT_EQ(s["raiseFloor"]["isError"], false);
+  EXPECT_EQ(s["lowerFloor"]["isError"], true);
+  EXPECT_EQ(s["batteryFloor"], 30);
+  EXPECT_EQ(s["unknownTool"]["code"], -32602);
+  EXPECT_EQ(s["ping"], json::object());
+}
+
+}  // namespace
+}  // namespace vigilo::test
