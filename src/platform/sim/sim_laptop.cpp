@@ -32,6 +32,9 @@ constexpr double kMaxWatts = 10000.0;
 constexpr double kMaxMilliampHours = 1e6;
 constexpr double kMaxMillivolts = 1e6;
 constexpr std::int64_t kMaxMilliamps = 1'000'000;
+constexpr std::size_t kAssertionLimit = 1000;
+// The controller adds SystemLoad to its accumulator about this often.
+constexpr double kAccumulatorPeriod = 30.0;
 constexpr std::int32_t kInitPid = 1;
 constexpr const char* kInitPath = "/sbin/launchd";
 
@@ -45,10 +48,20 @@ std::uint64_t saturatingAdd(std::uint64_t a, double b) {
   return a + static_cast<std::uint64_t>(b);
 }
 
+std::int64_t saturatingAdd(std::int64_t a, std::int64_t b) {
+  if (b > 0 && a > std::numeric_limits<std::int64_t>::max() - b) return std::numeric_limits<std::int64_t>::max();
+  return a + b;
+}
+
 std::uint64_t toMicros(Time t) {
   if (!(t > 0)) return 0;
   if (t >= 1.8e13) return std::numeric_limits<std::uint64_t>::max() / 2;
   return static_cast<std::uint64_t>(std::llround(t * 1e6));
+}
+
+std::string baseNameOf(const std::string& path) {
+  const auto slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
 std::string formatNumber(double v) {
@@ -126,8 +139,12 @@ struct SimLaptop::State {
   std::int64_t voltage = 11400;
   bool adapter = false;
   bool charging = false;
-  double watts = 6.0;
+  double watts = 6.0;  // the base draw, without the processes
   std::optional<std::int64_t> amperage;
+  bool telemetry = false;
+  std::int64_t accumulated = 0;       // mW readings summed
+  std::int64_t accumulatorCount = 0;  // readings summed
+  double accumulatorSeconds = 0;      // since the accumulator last moved
 
   int thermal = 0;
   bool sleepDisabled = false;
@@ -139,6 +156,7 @@ struct SimLaptop::State {
   std::map<std::string, int> powerModes = {{"lowpowermode", 0}, {"powermode", 0}};
 
   std::vector<SimProcess> processes;  // sorted by pid
+  std::vector<PowerAssertion> assertions;
   std::vector<std::string> log;
   Time updated = 0;  // when the charge and counters were last brought up to date
   std::int32_t nextPid = kFirstPid;
@@ -201,8 +219,23 @@ struct SimLaptop::State {
     return std::llround(percent * static_cast<double>(maxCapacity) / 100.0);
   }
 
-  // The battery's current in mA: the override, else the draw on battery, the
-  // charger while charging, and nothing while the adapter carries the load.
+  // What a process draws now: nothing stopped, a quarter slowed.
+  static double drawOf(const SimProcess& p) {
+    if (p.stopped) return 0.0;
+    return p.slowed ? p.watts * kSlowedShare : p.watts;
+  }
+
+  double wholeDraw() const {
+    double w = watts;
+    for (const auto& p : processes) w += drawOf(p);
+    return std::min(w, kMaxWatts);
+  }
+
+  std::int64_t systemLoad() const { return std::llround(wholeDraw() * 1000.0); }
+
+  // The battery's current in mA: the override, else the whole draw on
+  // battery, the charger while charging, and nothing while the adapter
+  // carries the load.
   std::int64_t current() const {
     std::int64_t c;
     if (amperage) {
@@ -210,7 +243,7 @@ struct SimLaptop::State {
     } else if (adapter) {
       c = charging ? kChargeMilliamps : 0;
     } else {
-      c = -std::llround(watts * 1e6 / static_cast<double>(voltage));
+      c = -std::llround(wholeDraw() * 1e6 / static_cast<double>(voltage));
     }
     return percent >= 100.0 && c > 0 ? 0 : c;
   }
@@ -271,7 +304,22 @@ struct SimLaptop::State {
     return Result::ok();
   }
 
+  // The draws are constant over `dt`: every change of one brings the laptop
+  // up to date first.
   void advance(double dt) {
+    if (telemetry) {
+      accumulatorSeconds += dt;
+      if (accumulatorSeconds >= kAccumulatorPeriod) {
+        const double periods = std::floor(accumulatorSeconds / kAccumulatorPeriod);
+        accumulatorSeconds -= periods * kAccumulatorPeriod;
+        const std::int64_t n = periods >= 9e15 ? std::numeric_limits<std::int64_t>::max()
+                                                : static_cast<std::int64_t>(periods);
+        const double added = periods * static_cast<double>(systemLoad());
+        accumulated = added >= 9e18 ? std::numeric_limits<std::int64_t>::max()
+                                    : saturatingAdd(accumulated, static_cast<std::int64_t>(added));
+        accumulatorCount = saturatingAdd(accumulatorCount, n);
+      }
+    }
     if (batteryPresent) {
       const double c = static_cast<double>(current());
       percent += c * dt / 36.0 / static_cast<double>(maxCapacity);
@@ -280,7 +328,7 @@ struct SimLaptop::State {
     }
     for (auto& p : processes) {
       if (p.stopped) continue;
-      const double w = p.slowed ? p.watts * kSlowedShare : p.watts;
+      const double w = drawOf(p);
       p.energyNanojoules = saturatingAdd(p.energyNanojoules, w * dt * 1e9);
       p.cpuMicros = saturatingAdd(p.cpuMicros, std::min(kCores, w / kWattsPerBusyCore) * dt * 1e6);
     }
@@ -327,6 +375,12 @@ void SimLaptop::setDraw(double watts) {
   advanceToNow();
   s_->watts = std::clamp(watts, 0.0, kMaxWatts);
   s_->amperage.reset();
+  s_->notify();
+}
+
+void SimLaptop::setTelemetry(bool on) {
+  advanceToNow();
+  s_->telemetry = on;
   s_->notify();
 }
 
@@ -401,6 +455,11 @@ void SimLaptop::endProcess(std::int32_t pid) {
   // Orphans go to pid 1, as the kernel reparents them.
   for (auto& p : ps)
     if (p.ppid == pid) p.ppid = kInitPid;
+  // The system releases the assertions of a process that ended.
+  auto& as = s_->assertions;
+  as.erase(std::remove_if(as.begin(), as.end(),
+                          [pid](const PowerAssertion& a) { return a.pid == pid || a.onBehalfOf == pid; }),
+           as.end());
   s_->notify();
 }
 
@@ -411,6 +470,38 @@ void SimLaptop::setProcessWatts(std::int32_t pid, double watts) {
     p->watts = std::clamp(watts, 0.0, kMaxWatts);
     s_->notify();
   }
+}
+
+void SimLaptop::setProcessCwd(std::int32_t pid, const std::string& cwd) {
+  advanceToNow();
+  if (SimProcess* p = s_->find(pid)) {
+    p->cwd = cwd;
+    s_->notify();
+  }
+}
+
+Result SimLaptop::addPowerAssertion(PowerAssertion a) {
+  advanceToNow();
+  const SimProcess* p = s_->find(a.pid);
+  if (p == nullptr) return Result::fail("No process with id " + std::to_string(a.pid) + " is running.");
+  if (s_->assertions.size() >= kAssertionLimit) return Result::fail("The simulated laptop holds too many assertions.");
+  if (a.processName.empty()) a.processName = baseNameOf(p->path);
+  if (a.since && !std::isfinite(*a.since)) a.since.reset();
+  s_->assertions.push_back(std::move(a));
+  s_->notify();
+  return Result::ok();
+}
+
+bool SimLaptop::removePowerAssertion(std::int32_t pid, const std::string& name) {
+  advanceToNow();
+  auto& as = s_->assertions;
+  const auto before = as.size();
+  as.erase(std::remove_if(as.begin(), as.end(),
+                          [&](const PowerAssertion& a) { return a.pid == pid && (name.empty() || a.name == name); }),
+           as.end());
+  if (as.size() == before) return false;
+  s_->notify();
+  return true;
 }
 
 // --- Readings.
@@ -450,6 +541,11 @@ std::optional<BatteryProperties> SimLaptop::batteryProperties() const {
     minutes = static_cast<std::int64_t>(std::min(65534.0, std::floor(remaining * 60.0 / static_cast<double>(-c))));
   }
   b.timeRemaining = minutes;
+  if (s.telemetry) {
+    b.systemLoad = s.systemLoad();
+    b.accumulatedSystemLoad = s.accumulated;
+    b.accumulatorCount = s.accumulatorCount;
+  }
   return b;
 }
 
@@ -461,6 +557,13 @@ const std::vector<SimProcess>& SimLaptop::processes() const {
 const SimProcess* SimLaptop::process(std::int32_t pid) const {
   s_->advanceTo(clock_.now());
   return s_->find(pid);
+}
+
+double SimLaptop::wholeDraw() const { return s_->wholeDraw(); }
+
+const std::vector<PowerAssertion>& SimLaptop::powerAssertions() const {
+  s_->advanceTo(clock_.now());
+  return s_->assertions;
 }
 
 const std::vector<std::string>& SimLaptop::commandLog() const { return s_->log; }
@@ -562,6 +665,12 @@ json SimLaptop::toJson() const {
                   {"voltage", s.voltage},        {"adapter", s.adapter},   {"charging", s.charging},
                   {"watts", s.watts}};
   if (s.amperage) battery["amperage"] = *s.amperage;
+  if (s.telemetry) battery["telemetry"] = true;
+  if (s.telemetry || s.accumulatorCount > 0) {
+    battery["accumulatedSystemLoad"] = s.accumulated;
+    battery["systemLoadAccumulatorCount"] = s.accumulatorCount;
+    battery["accumulatorSeconds"] = s.accumulatorSeconds;
+  }
   json processes = json::array();
   for (const auto& p : s.processes) {
     processes.push_back({{"pid", p.pid},
@@ -576,6 +685,13 @@ json SimLaptop::toJson() const {
                          {"cpuMicros", p.cpuMicros},
                          {"energyNanojoules", p.energyNanojoules}});
   }
+  json assertions = json::array();
+  for (const auto& a : s.assertions) {
+    json e = {{"pid", a.pid}, {"processName", a.processName}, {"type", a.type}, {"name", a.name}};
+    if (a.onBehalfOf) e["onBehalfOf"] = *a.onBehalfOf;
+    if (a.since) e["since"] = *a.since;
+    assertions.push_back(std::move(e));
+  }
   json modes = json::object();
   for (const auto& [k, v] : s.powerModes) modes[k] = v;
   return {{"setup", {{"ready", s.setupReady}, {"reason", s.setupReason}}},
@@ -588,6 +704,7 @@ json SimLaptop::toJson() const {
           {"automaticBackups", s.automaticBackups},
           {"powerModes", std::move(modes)},
           {"processes", std::move(processes)},
+          {"powerAssertions", std::move(assertions)},
           {"nextPid", s.nextPid},
           {"lastStartMicros", s.lastStartMicros},
           {"log", s.log},
@@ -620,6 +737,12 @@ void SimLaptop::fromJson(const json& j) {
     if (auto v = boolean(b, "charging")) s.charging = *v;
     if (auto v = numberIn(b, "watts", 0.0, kMaxWatts)) s.watts = *v;
     if (auto v = numberIn(b, "amperage", -kMaxMilliamps, kMaxMilliamps)) s.amperage = std::llround(*v);
+    if (auto v = boolean(b, "telemetry")) s.telemetry = *v;
+    const double kMaxCounter = 9e18;
+    if (auto v = numberIn(b, "accumulatedSystemLoad", 0.0, kMaxCounter)) s.accumulated = static_cast<std::int64_t>(*v);
+    if (auto v = numberIn(b, "systemLoadAccumulatorCount", 0.0, kMaxCounter))
+      s.accumulatorCount = static_cast<std::int64_t>(*v);
+    if (auto v = numberIn(b, "accumulatorSeconds", 0.0, kAccumulatorPeriod)) s.accumulatorSeconds = *v;
   }
   if (auto v = numberIn(j, "thermal", 0.0, 3.0)) s.thermal = static_cast<int>(std::lround(*v));
   if (auto v = boolean(j, "sleepDisabled")) s.sleepDisabled = *v;
@@ -695,6 +818,27 @@ void SimLaptop::fromJson(const json& j) {
     }
     for (auto& p : s.processes)
       if (p.startMicros == 0) p.startMicros = s.newStart(now);
+  }
+
+  // Assertions after the processes: one of a process that is not running
+  // is dropped, as the system releases it.
+  if (const json* list = member(j, "powerAssertions"); list != nullptr && list->is_array()) {
+    for (const auto& e : *list) {
+      if (!e.is_object() || s.assertions.size() >= kAssertionLimit) continue;
+      PowerAssertion a;
+      const auto pid = numberIn(e, "pid", 0, std::numeric_limits<std::int32_t>::max());
+      if (!pid) continue;
+      a.pid = static_cast<std::int32_t>(*pid);
+      const SimProcess* p = s.find(a.pid);
+      if (p == nullptr) continue;
+      a.processName = text(e, "processName").value_or(baseNameOf(p->path));
+      a.type = text(e, "type").value_or("PreventUserIdleSystemSleep");
+      a.name = text(e, "name").value_or("");
+      if (auto v = numberIn(e, "onBehalfOf", 1, std::numeric_limits<std::int32_t>::max()))
+        a.onBehalfOf = static_cast<std::int32_t>(*v);
+      a.since = number(e, "since");
+      s.assertions.push_back(std::move(a));
+    }
   }
 
   if (auto v = number(j, "updated")) s.updated = *v;

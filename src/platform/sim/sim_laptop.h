@@ -36,8 +36,9 @@ struct SimProcess {
 // tests assert on what the laptop was asked to do.
 //
 // The default laptop (the state of `{}`): one-time setup in working order,
-// lid open, a 5000 mAh battery at 80 % on battery power drawing 6 W at
-// 11.4 V, nominal temperature, sleep enabled, nothing running but pid 1.
+// lid open, a 5000 mAh battery at 80 % on battery power with a base draw of
+// 6 W at 11.4 V and no power telemetry, nominal temperature, sleep enabled,
+// nothing running but pid 1, no power assertions.
 class SimLaptop {
  public:
   explicit SimLaptop(const Clock& clock);
@@ -51,8 +52,15 @@ class SimLaptop {
   void setCharge(double percent);
   // Adapter connected or not; `charging` only counts with the adapter.
   void setAdapter(bool connected, bool charging);
-  // The whole machine's draw from the battery (or the adapter) in watts.
+  // The laptop's base draw in watts: everything but the listed processes
+  // (screen, chips at rest). The whole draw, which the battery (or the
+  // adapter) delivers, is this plus what the running processes draw.
   void setDraw(double watts);
+  // The battery controller's power telemetry: while on, the battery reports
+  // SystemLoad (the whole draw in mW) and an accumulator that adds the
+  // SystemLoad once every 30 s of clock time, with its count. The counters
+  // keep their values while it is off.
+  void setTelemetry(bool on);
   // The battery's current in mA, in place of the one worked out from the
   // draw and the adapter: negative drains, positive charges. An adapter too
   // weak for the draw is `setAdapter(true, false)` then a negative current.
@@ -75,6 +83,14 @@ class SimLaptop {
   // What a process draws while running, in watts (its energy counter grows
   // by it; a slowed process draws a quarter, a stopped one nothing).
   void setProcessWatts(std::int32_t pid, double watts);
+  void setProcessCwd(std::int32_t pid, const std::string& cwd);
+  // A process takes a power assertion. `processName` defaults to the last
+  // component of the process's path. Fails when `pid` is not running; an
+  // assertion ends with its process (or the process it was taken for).
+  Result addPowerAssertion(PowerAssertion assertion);
+  // Releases the assertions of `pid` named `name`, or all of them when
+  // `name` is empty; false when there was none.
+  bool removePowerAssertion(std::int32_t pid, const std::string& name = {});
 
   // Called after every change made through the methods above and below and
   // after `fromJson`, not when the battery merely moves with time: the
@@ -90,6 +106,9 @@ class SimLaptop {
   std::optional<BatteryProperties> batteryProperties() const;
   const std::vector<SimProcess>& processes() const;
   const SimProcess* process(std::int32_t pid) const;
+  // The whole draw in watts: the base draw plus the running processes'.
+  double wholeDraw() const;
+  const std::vector<PowerAssertion>& powerAssertions() const;
   // Every privileged operation asked for, in order, as short text:
   // "disablesleep 1", "disablesleep 0", "sleepnow", "powermode <key> <v>",
   // "backups on|off", "display on|off", "brightness <v>", "stop <pid>",
@@ -140,6 +159,11 @@ class SimLaptop {
 struct SimPlatformOptions {
   std::string stateFile;   // empty: in memory only
   std::string appFolder;   // the platform's default app folder
+  // The real machine's processes, asked about a pid the laptop does not
+  // simulate: the tools that talk to a simulated app (`vigilo run`, an MCP
+  // session) are real processes, and holds bound to them must work. Null:
+  // only simulated processes exist.
+  std::function<std::optional<ProcessInfo>(std::int32_t)> hostProcess = nullptr;
 };
 
 class SimPlatform;

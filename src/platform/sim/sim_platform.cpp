@@ -169,9 +169,28 @@ std::uint64_t counterIn(const json& process, const char* key) {
   return 0;
 }
 
+// Neither does the battery controller's accumulator.
+void keepAccumulator(json& incoming, const json& running) {
+  auto runningBattery = running.find("battery");
+  if (runningBattery == running.end() || !runningBattery->is_object()) return;
+  auto seconds = [](const json& b) {
+    auto it = b.find("accumulatorSeconds");
+    return it != b.end() && it->is_number() ? it->get<double>() : 0.0;
+  };
+  const auto ahead = std::pair(counterIn(*runningBattery, "systemLoadAccumulatorCount"), seconds(*runningBattery));
+  if (ahead == std::pair<std::uint64_t, double>(0, 0.0)) return;
+  auto battery = incoming.find("battery");
+  if (battery == incoming.end() || !battery->is_object()) return;
+  if (std::pair(counterIn(*battery, "systemLoadAccumulatorCount"), seconds(*battery)) >= ahead) return;
+  for (const char* key : {"accumulatedSystemLoad", "systemLoadAccumulatorCount", "accumulatorSeconds"}) {
+    if (auto v = runningBattery->find(key); v != runningBattery->end()) (*battery)[key] = *v;
+  }
+}
+
 // A process's cpu and energy counters never go backwards: the file holds
 // them as they were at its last write, the running laptop has moved on.
 void keepCounters(json& incoming, const json& running) {
+  keepAccumulator(incoming, running);
   auto list = incoming.find("processes");
   if (list == incoming.end() || !list->is_array()) return;
   for (auto& e : *list) {
@@ -228,6 +247,7 @@ class SimRegistry final : public Registry {
     laptop_.advanceToNow();
     return laptop_.thermalState();
   }
+  std::vector<PowerAssertion> powerAssertions() override { return laptop_.powerAssertions(); }
 
  private:
   SimLaptop& laptop_;
@@ -275,11 +295,13 @@ class SimDisplays final : public Displays {
 
 class SimProcesses final : public Processes {
  public:
-  SimProcesses(std::function<Result(const Change&)> change, SimLaptop& l) : change_(std::move(change)), laptop_(l) {}
+  SimProcesses(std::function<Result(const Change&)> change, SimLaptop& l,
+               std::function<std::optional<ProcessInfo>(std::int32_t)> host)
+      : change_(std::move(change)), laptop_(l), host_(std::move(host)) {}
 
   std::optional<ProcessInfo> info(std::int32_t pid) override {
     const SimProcess* p = laptop_.process(pid);
-    if (p == nullptr) return std::nullopt;
+    if (p == nullptr) return host_ ? host_(pid) : std::nullopt;
     return toInfo(*p);
   }
   std::vector<ProcessInfo> list() override {
@@ -316,6 +338,7 @@ class SimProcesses final : public Processes {
   }
   std::function<Result(const Change&)> change_;
   SimLaptop& laptop_;
+  std::function<std::optional<ProcessInfo>(std::int32_t)> host_;
 };
 
 class SimEvents final : public SystemEvents {
@@ -346,7 +369,7 @@ class SimPlatformImpl final : public SimPlatform {
         registry_(laptop_),
         power_([this](const Change& c) { return change(c); }, laptop_),
         displays_([this](const Change& c) { return change(c); }),
-        processes_([this](const Change& c) { return change(c); }, laptop_) {
+        processes_([this](const Change& c) { return change(c); }, laptop_, options_.hostProcess) {
     if (!options_.stateFile.empty()) {
       FileLock lock(options_.stateFile);
       if (syncLocked(true) == Sync::Missing) writeLocked();
@@ -363,7 +386,9 @@ class SimPlatformImpl final : public SimPlatform {
     // XDG: an unset, empty or relative XDG_DATA_HOME means ~/.local/share.
     const char* data = std::getenv("XDG_DATA_HOME");
     std::string base = data != nullptr && data[0] == '/' ? data : homeFolder() + "/.local/share";
-    return base + "/vigilo-sim";
+    // The same folder as on the real machine: one app per person, whichever
+    // machine it runs on, so the command-line tool always finds it.
+    return base + "/vigilo";
   }
   Clock& clock() override { return clock_; }
   RunLoop& loop() override { return loop_; }

@@ -1,0 +1,193 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "agents/agent_types.h"
+#include "engine/config.h"
+#include "platform/clock.h"
+#include "platform/processes.h"
+#include "platform/registry.h"
+#include "power/energy_sampler.h"
+
+namespace vigilo {
+
+// A requester counts for at most this long after its request was first
+// seen, so that a forgotten assertion does not keep the machine awake for
+// ever.
+inline constexpr double kRequestLimitSeconds = 21600.0;
+
+// The search for the newest transcript of a kind: at most this many folder
+// levels below a transcript folder and this many entries per search,
+// subfolders changed last first (a folder's time moves when a file is added
+// to it), so the budget goes where work happens. A search looks at no more
+// than kTranscriptEntriesPerLook entries per call and goes on at the next,
+// so that no tick pays for a whole search; a new search starts
+// kTranscriptSearchInterval seconds after the last one ended. On every call
+// the few newest transcripts found are looked at again: the file an agent is
+// writing is almost always among them.
+inline constexpr int kTranscriptDepth = 5;
+inline constexpr int kTranscriptEntryBudget = 2000;
+inline constexpr int kTranscriptEntriesPerLook = 250;
+inline constexpr double kTranscriptSearchInterval = 10.0;
+
+// A direct child of an agent that is not a shell counts as a tool only when
+// it started this long after the agent: the helpers an agent starts with it
+// (MCP and language servers) are part of the agent.
+inline constexpr double kHelperStartWindow = 10.0;
+
+// Watches the process table for agents, watched apps and sleep requests.
+// One per engine, on the main thread.
+//
+// Sessions. Each top-most process of an agent kind in its chain of parents
+// (its root) is one session: the first, by start time, has the kind's id,
+// others "<kind id>#<pid>". Processes of the same kind below a root are
+// merged into it (`instances`). A watched app or the Claude app is one
+// session whatever its number of processes. A session's process tree is
+// its roots and all their descendants.
+//
+// Power. A tree's watts are the growth of its processes' energy counters
+// since the previous sample over the seconds between: a process seen last
+// time counts its growth, one started since counts all its energy. The
+// first sample of a tree has no power yet.
+//
+// Tools. A descendant runs a tool (a command the agent started) when it is
+// a command shell (agents run their commands through one) or lives below
+// one, or when it is a direct child of the agent that is neither an agent
+// nor an interpreter and started more than kHelperStartWindow seconds after
+// it (a command exec'd by `bash -c`). `toolSince` is the earliest start
+// among them.
+class AgentWatcher {
+ public:
+  // `home` is the person's home folder, under which the agents keep their
+  // transcripts. `bundles` reads an app bundle's id and name.
+  AgentWatcher(Processes& processes, Registry& registry, std::string home, const Clock& clock,
+               BundleLookup bundles = readBundleMeta);
+
+  // One sampling pass at `now`: sessions, blockers, protected pids and
+  // bundles. `extraKinds` are the custom agents' kinds; the Claude app's
+  // kind among them (claudeAppKind()) makes the Claude app count.
+  // `requestsCount`: sleep requests become "request:<name>" sessions.
+  void sample(const std::vector<WatchedApp>& watchedApps, bool requestsCount, const std::vector<AgentKind>& extraKinds,
+              Time now);
+  // The same over a process list already taken this tick.
+  void sample(const std::vector<ProcessInfo>& processes, const std::vector<WatchedApp>& watchedApps,
+              bool requestsCount, const std::vector<AgentKind>& extraKinds, Time now);
+
+  const std::vector<AgentSession>& sessions() const { return sessions_; }
+  const std::vector<SleepBlocker>& blockers() const { return blockers_; }
+  // Every process of every session, trees included, and their app bundles
+  // (by id where the bundle tells it, and always by folder, "…/Foo.app").
+  const std::set<std::int32_t>& protectedPids() const { return protectedPids_; }
+  bool isProtected(std::int32_t pid) const { return protectedPids_.count(pid) != 0; }
+  const std::set<std::string>& protectedBundles() const { return protectedBundles_; }
+  std::optional<Time> lastSample() const { return lastSample_; }
+  const std::vector<AgentKind>& extraKinds() const { return extraKinds_; }
+
+  // The agent kind of a running process (reading its arguments when the
+  // executable is an interpreter), with the extra kinds of the last sample.
+  std::optional<AgentKind> match(std::int32_t pid, const std::string& path);
+  // The last component of the process's working folder; nothing when it
+  // can't be read or is the root folder.
+  std::optional<std::string> workingDirectoryName(std::int32_t pid);
+  // The processes holding sleep assertions that count: blocking types, not
+  // ignored, user-facing. One blocker per process, oldest start of its
+  // assertions.
+  std::vector<SleepBlocker> sleepRequests();
+  bool isUserFacing(std::int32_t pid, const std::string& name);
+  // Whether a transcript of this kind is newer than the newest seen before.
+  // The first complete search only takes note of what is there.
+  bool transcriptsChanged(const AgentKind& kind);
+
+ private:
+  // What carries over for one session between samples.
+  struct RootState {
+    std::optional<Time> lastActive;
+    std::optional<Time> readAt;  // when the tree's energy was last read
+  };
+  // A folder being searched: its entry names, read at once, are looked at
+  // one by one, possibly over several calls.
+  struct TranscriptFolder {
+    std::string path;
+    int depth = 0;
+    bool listed = false;
+    std::vector<std::string> names;
+    std::size_t next = 0;
+    std::vector<std::pair<Time, std::string>> subfolders;
+  };
+  struct TranscriptSearch {
+    std::vector<TranscriptFolder> stack;  // the folder on top is searched first
+    int entries = 0;
+    std::optional<Time> newest;
+    std::vector<std::pair<Time, std::string>> recent;  // newest first
+  };
+  struct TranscriptState {
+    bool looked = false;  // a first search has ended
+    std::optional<Time> newest;
+    std::optional<double> searchedAt;  // monotonic time the last search ended
+    std::optional<TranscriptSearch> search;
+    std::vector<std::pair<Time, std::string>> recent;  // the newest files of the last search
+  };
+
+  int classify(const ProcessInfo& p);
+  // The requesting processes with the name of their first assertion.
+  std::vector<std::pair<SleepBlocker, std::string>> requestsHeld();
+  bool watchedAppMatches(const WatchedApp& app, const ProcessInfo& p, const std::optional<std::string_view>& bundle,
+                         const BundleMeta& meta) const;
+  const BundleMeta& bundleMeta(std::string_view bundle);
+  void setKinds(const std::vector<WatchedApp>& watchedApps, const std::vector<AgentKind>& extraKinds);
+  bool transcriptsChanged(const AgentKind& kind, double monotonic);
+
+  Processes& processes_;
+  Registry& registry_;
+  std::string home_;
+  const Clock& clock_;
+  BundleLookup bundles_;
+
+  // The kinds of the current sample, in the order that decides ties:
+  // built-in agents, custom agents, watched apps, the Claude app.
+  std::vector<AgentKind> kinds_;
+  std::vector<WatchedApp> watched_;
+  std::size_t agentKinds_ = 0;  // kinds_[0, agentKinds_) are agents, the rest apps
+  std::optional<std::size_t> claudeApp_;
+  std::vector<AgentKind> extraKinds_;
+  std::vector<AgentKind> customKinds_;  // the extra kinds that are agents
+
+  // Classification per process, kept while the process (pid and start) and
+  // the kinds stay the same.
+  struct Classified {
+    std::uint64_t start = 0;
+    std::string path;
+    int kind = -1;
+    std::uint64_t generation = 0;  // the last sample that saw the process
+  };
+  std::unordered_map<std::int32_t, Classified> classified_;
+  std::uint64_t generation_ = 0;
+  std::unordered_map<std::string, BundleMeta> bundleMeta_;
+
+  // Energy per process at the previous sample, for the trees' power.
+  struct Energy {
+    std::int32_t pid = 0;
+    std::uint64_t start = 0;
+    std::uint64_t nanojoules = 0;
+  };
+  std::vector<Energy> lastEnergy_;  // by pid
+  // Per session key (root pid and start, or an app's kind id).
+  std::map<std::string, RootState> roots_;
+  std::map<std::string, TranscriptState> transcripts_;
+  std::map<std::string, Time> requestFirstSeen_;
+
+  std::vector<AgentSession> sessions_;
+  std::vector<SleepBlocker> blockers_;
+  std::set<std::int32_t> protectedPids_;
+  std::set<std::string> protectedBundles_;
+  std::optional<Time> lastSample_;
+};
+
+}  // namespace vigilo

@@ -1,0 +1,193 @@
+#include "power/energy_sampler.h"
+
+#include <algorithm>
+#include <map>
+
+#include "platform/files.h"
+
+namespace vigilo {
+namespace {
+
+constexpr std::size_t kInfoPlistLimit = 1024 * 1024;
+// Distinct executables seen; past this the caches start over rather than
+// grow without end on a machine that runs ever new binaries.
+constexpr std::size_t kMetaLimit = 20000;
+
+bool startsWith(std::string_view s, std::string_view prefix) { return s.substr(0, prefix.size()) == prefix; }
+
+std::string_view lastComponent(std::string_view path) {
+  const auto slash = path.rfind('/');
+  return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
+// The text of the <string> element that follows <key>name</key>, with the
+// five XML entities decoded.
+std::optional<std::string> plistString(std::string_view xml, std::string_view key) {
+  const std::string tag = "<key>" + std::string(key) + "</key>";
+  const auto at = xml.find(tag);
+  if (at == std::string_view::npos) return std::nullopt;
+  std::size_t i = at + tag.size();
+  while (i < xml.size() && (xml[i] == ' ' || xml[i] == '\t' || xml[i] == '\r' || xml[i] == '\n')) ++i;
+  constexpr std::string_view kOpen = "<string>";
+  constexpr std::string_view kClose = "</string>";
+  if (xml.substr(i, kOpen.size()) != kOpen) return std::nullopt;
+  i += kOpen.size();
+  const auto end = xml.find(kClose, i);
+  if (end == std::string_view::npos) return std::nullopt;
+  std::string raw(xml.substr(i, end - i));
+  std::string out;
+  out.reserve(raw.size());
+  static const std::pair<std::string_view, char> kEntities[] = {
+      {"&amp;", '&'}, {"&lt;", '<'}, {"&gt;", '>'}, {"&quot;", '"'}, {"&apos;", '\''}};
+  for (std::size_t k = 0; k < raw.size();) {
+    bool decoded = false;
+    if (raw[k] == '&') {
+      for (const auto& [entity, c] : kEntities) {
+        if (std::string_view(raw).substr(k, entity.size()) == entity) {
+          out += c;
+          k += entity.size();
+          decoded = true;
+          break;
+        }
+      }
+    }
+    if (!decoded) out += raw[k++];
+  }
+  if (out.empty()) return std::nullopt;
+  return out;
+}
+
+}  // namespace
+
+std::optional<std::string_view> outermostBundle(std::string_view path) {
+  const auto at = path.find(".app/");
+  if (at == std::string_view::npos) return std::nullopt;
+  const std::string_view bundle = path.substr(0, at + 4);
+  // ".app/" at the very start, or right after a slash, names no bundle.
+  if (lastComponent(bundle) == ".app") return std::nullopt;
+  return bundle;
+}
+
+BundleMeta bundleMetaFromInfoPlist(std::string_view xml) {
+  BundleMeta m;
+  if (xml.find("<plist") == std::string_view::npos) return m;  // binary plists start "bplist00"
+  m.displayName = plistString(xml, "CFBundleDisplayName");
+  if (!m.displayName) m.displayName = plistString(xml, "CFBundleName");
+  m.bundleID = plistString(xml, "CFBundleIdentifier");
+  return m;
+}
+
+BundleMeta readBundleMeta(const std::string& bundlePath) {
+  auto text = readWholeFile(bundlePath + "/Contents/Info.plist", kInfoPlistLimit);
+  if (!text) return {};
+  return bundleMetaFromInfoPlist(*text);
+}
+
+bool isSystemLocation(std::string_view path) {
+  if (path.empty()) return true;
+  // The apps that come with the system are the person's apps.
+  if (startsWith(path, "/System/Applications/") ||
+      path.find("/Cryptexes/App/System/Applications/") != std::string_view::npos) {
+    return false;
+  }
+  static constexpr std::string_view kSystem[] = {"/System/",   "/Library/Apple/", "/usr/libexec/", "/usr/sbin/",
+                                                 "/sbin/",     "/usr/lib/",       "/lib/"};
+  for (std::string_view prefix : kSystem) {
+    if (startsWith(path, prefix)) return true;
+  }
+  return false;
+}
+
+const EnergySampler::Attribution& EnergySampler::attribute(const ProcessInfo& p) {
+  // Without a path the argument list still names the process.
+  std::string key = p.path;
+  if (key.empty() && !p.args.empty()) key = "\n" + p.args.front();  // cannot clash with a path
+  if (auto it = meta_.find(key); it != meta_.end()) return it->second;
+
+  Attribution a;
+  a.path = p.path;
+  a.system = isSystemLocation(p.path);
+  if (auto bundle = outermostBundle(p.path)) {
+    const std::string folder(*bundle);
+    auto b = bundles_.find(folder);
+    if (b == bundles_.end()) {
+      b = bundles_.emplace(folder, lookup_ ? lookup_(folder) : BundleMeta{}).first;
+    }
+    std::string_view folderName = lastComponent(*bundle);
+    a.name = b->second.displayName.value_or(std::string(folderName.substr(0, folderName.size() - 4)));
+    a.bundleID = b->second.bundleID;
+  } else if (!p.path.empty()) {
+    a.name = std::string(lastComponent(p.path));
+  } else if (!p.args.empty()) {
+    a.name = std::string(lastComponent(p.args.front()));
+  }
+  return meta_.emplace(std::move(key), std::move(a)).first->second;
+}
+
+std::vector<AppUsage> EnergySampler::sample(Processes& processes, Time now) { return sample(processes.list(), now); }
+
+std::vector<AppUsage> EnergySampler::sample(const std::vector<ProcessInfo>& processes, Time now) {
+  const std::optional<Time> previous = lastTime_;
+  const double interval = previous ? now - *previous : 0.0;
+  // Processes that started after the previous sample did all their work
+  // within the interval.
+  const double previousMicros = previous ? *previous * 1e6 : 0.0;
+  // Cleared only here: the entries below point into these maps.
+  if (meta_.size() >= kMetaLimit || bundles_.size() >= kMetaLimit) {
+    meta_.clear();
+    bundles_.clear();
+    for (Counters& c : last_) c.attribution = nullptr;
+  }
+
+  std::vector<Counters> current;
+  current.reserve(processes.size());
+  std::map<std::string_view, AppUsage> apps;  // by name; names live in meta_
+  for (const ProcessInfo& p : processes) {
+    const auto it = std::lower_bound(last_.begin(), last_.end(), p.pid,
+                                     [](const Counters& c, std::int32_t pid) { return c.pid < pid; });
+    const bool seen = it != last_.end() && it->pid == p.pid && it->start == p.startMicros;
+    // The attribution found last time, unless exec() changed the path.
+    const Attribution* a = seen && it->attribution != nullptr && it->attribution->path == p.path ? it->attribution
+                                                                                                 : &attribute(p);
+    current.push_back(Counters{p.pid, p.startMicros, p.energyNanojoules, p.cpuMicros, a});
+    if (!(interval > 0)) continue;
+    std::uint64_t energy = 0;
+    std::uint64_t cpu = 0;
+    if (seen) {
+      // A counter that went backwards is a fault of the reading, not work.
+      energy = p.energyNanojoules > it->energy ? p.energyNanojoules - it->energy : 0;
+      cpu = p.cpuMicros > it->cpu ? p.cpuMicros - it->cpu : 0;
+    } else if (static_cast<double>(p.startMicros) >= previousMicros) {
+      energy = p.energyNanojoules;
+      cpu = p.cpuMicros;
+    }
+    if (a->name.empty()) continue;
+    auto [entry, added] = apps.try_emplace(a->name);
+    AppUsage& u = entry->second;
+    if (added) {
+      u.name = a->name;
+      u.bundleID = a->bundleID;
+      u.system = a->system;
+    }
+    u.system = u.system && a->system;  // one user process makes the entry the user's
+    if (!u.bundleID) u.bundleID = a->bundleID;
+    u.watts += static_cast<double>(energy) / 1e9 / interval;
+    u.cores += static_cast<double>(cpu) / 1e6 / interval;
+    u.pids.push_back(p.pid);
+  }
+  std::sort(current.begin(), current.end(), [](const Counters& a, const Counters& b) { return a.pid < b.pid; });
+  last_ = std::move(current);
+  lastTime_ = now;
+
+  std::vector<AppUsage> out;
+  out.reserve(apps.size());
+  for (auto& [name, usage] : apps) {
+    std::sort(usage.pids.begin(), usage.pids.end());
+    out.push_back(std::move(usage));
+  }
+  // Equal draws keep the name order of the map: stable sort.
+  std::stable_sort(out.begin(), out.end(), [](const AppUsage& a, const AppUsage& b) { return a.watts > b.watts; });
+  return out;
+}
+
+}  // namespace vigilo

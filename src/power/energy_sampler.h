@@ -1,0 +1,96 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/clock.h"
+#include "platform/processes.h"
+
+namespace vigilo {
+
+// One app or tool among the top users of power.
+struct AppUsage {
+  std::string name;                     // identifies the entry
+  std::optional<std::string> bundleID;  // where the app's bundle tells it
+  double watts = 0;                     // its draw over the last interval
+  double cores = 0;                     // CPU use in cores over the interval
+  std::vector<std::int32_t> pids;       // the processes it covers, ascending
+  bool system = false;                  // it lives at a system location
+  bool operator==(const AppUsage&) const = default;
+};
+
+// What an app bundle says about itself.
+struct BundleMeta {
+  std::optional<std::string> displayName;  // "CFBundleDisplayName", else "CFBundleName"
+  std::optional<std::string> bundleID;     // "CFBundleIdentifier"
+};
+
+// Reads a bundle's facts from its folder ("/Applications/Foo.app"); nothing
+// when it has none to give.
+using BundleLookup = std::function<BundleMeta(const std::string& bundlePath)>;
+
+// The outermost app bundle of an executable path, up to and including its
+// first ".app" followed by "/" ("/Applications/Foo.app"); nothing when the
+// path lies in no bundle.
+std::optional<std::string_view> outermostBundle(std::string_view path);
+
+// The facts of an XML property list (a bundle's Contents/Info.plist). A
+// binary or damaged list gives nothing.
+BundleMeta bundleMetaFromInfoPlist(std::string_view xml);
+// Reads "<bundle>/Contents/Info.plist" (at most 1 MB) from disk.
+BundleMeta readBundleMeta(const std::string& bundlePath);
+
+// Whether an executable lives where the operating system keeps its own
+// programs: "/System/" and "/Library/Apple/" (but not the apps that come with
+// the system under "/System/Applications/" or a cryptex's
+// "/Cryptexes/App/System/Applications/"), "/usr/libexec/", "/usr/sbin/",
+// "/sbin/", and on Linux "/usr/lib/" and "/lib/" (systemd and its helpers).
+// A process with no readable path is the system's too (the kernel hides
+// other users' processes and kernel threads have none).
+bool isSystemLocation(std::string_view path);
+
+// The top users of power, from the kernel's per-process energy and CPU-time
+// counters. One per engine, on the main thread.
+class EnergySampler {
+ public:
+  explicit EnergySampler(BundleLookup lookup = readBundleMeta) : lookup_(std::move(lookup)) {}
+
+  // The apps' draw and CPU use since the previous sample, summed per app
+  // (a process in an app bundle counts for the app; others by executable
+  // name), largest draw first. A process seen last time counts its counters'
+  // growth; one started since then counts all of its counters. The first
+  // sample has no interval and gives an empty list.
+  std::vector<AppUsage> sample(Processes& processes, Time now);
+  std::vector<AppUsage> sample(const std::vector<ProcessInfo>& processes, Time now);
+
+ private:
+  struct Attribution {
+    std::string path;  // what it was found for
+    std::string name;
+    std::optional<std::string> bundleID;
+    bool system = false;
+  };
+  struct Counters {
+    std::int32_t pid = 0;
+    std::uint64_t start = 0;
+    std::uint64_t energy = 0;
+    std::uint64_t cpu = 0;
+    const Attribution* attribution = nullptr;  // into meta_, which never moves its entries
+  };
+  const Attribution& attribute(const ProcessInfo& p);
+
+  BundleLookup lookup_;
+  std::vector<Counters> last_;  // by pid
+  std::optional<Time> lastTime_;
+  // Attribution per executable path, and per bundle folder (one Info.plist
+  // read per app).
+  std::unordered_map<std::string, Attribution> meta_;
+  std::unordered_map<std::string, BundleMeta> bundles_;
+};
+
+}  // namespace vigilo

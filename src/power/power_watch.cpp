@@ -1,0 +1,71 @@
+#include "power/power_watch.h"
+
+#include "agents/agent_work.h"
+#include "engine/engine.h"
+
+namespace vigilo {
+namespace {
+
+// The learned values go to disk every this many ticks (a minute).
+constexpr std::int64_t kSaveEvery = 30;
+
+AppRule presetRule(Preset p) {
+  switch (p) {
+    case Preset::MaxBattery:
+      return AppRule::Pause;
+    case Preset::Balanced:
+      return AppRule::Slow;
+    case Preset::FullSpeed:
+      return AppRule::Leave;
+  }
+  return AppRule::Slow;
+}
+
+}  // namespace
+
+PowerWatch::PowerWatch(std::string appFolder, const AgentWork* work)
+    : store_(std::move(appFolder)), work_(work), whole_(store_.load()) {}
+
+void PowerWatch::sample(Engine& engine) {
+  const Time now = engine.now();
+  whole_.update(engine.platform().registry().battery(), engine.battery(),
+                PowerContext{engine.lidClosed(), engine.holding(), false}, now);
+  apps_ = work_ ? energy_.sample(work_->processes(), now) : energy_.sample(engine.platform().processes(), now);
+  if (!engine.preview() && engine.ticks() > 0 && engine.ticks() % kSaveEvery == 0) store_.save(whole_.learned());
+}
+
+std::string PowerWatch::whileClosed(const Engine& engine, const AppUsage& app) const {
+  if (work_) {
+    for (std::int32_t pid : app.pids) {
+      if (work_->watcher().protectedPids().count(pid)) return "leave";
+    }
+  }
+  const Config& c = engine.config();
+  auto own = c.appRules.find(app.name);
+  if (own == c.appRules.end() && app.bundleID) own = c.appRules.find(*app.bundleID);
+  return std::string(toText(own != c.appRules.end() ? own->second : presetRule(c.preset)));
+}
+
+double PowerWatch::closedEstimate(const Engine& engine) const {
+  WholeMachinePower::ClosedInputs in;
+  in.lidClosed = engine.lidClosed();
+  in.held = engine.holding();
+  in.reading = engine.battery();
+  in.apps = &apps_;
+  in.isProtected = [this](const AppUsage& a) {
+    if (!work_) return false;
+    for (std::int32_t pid : a.pids) {
+      if (work_->watcher().protectedPids().count(pid)) return true;
+    }
+    return false;
+  };
+  in.ruleFor = [&](const AppUsage& a) { return *parseAppRule(whileClosed(engine, a)); };
+  return whole_.closedEstimate(in);
+}
+
+std::optional<double> PowerWatch::hoursLeftClosed(const Engine& engine) const {
+  if (!engine.battery()) return std::nullopt;
+  return whole_.hoursLeft(engine.battery()->percent, closedEstimate(engine));
+}
+
+}  // namespace vigilo

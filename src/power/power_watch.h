@@ -1,0 +1,44 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "engine/seams.h"
+#include "power/energy_sampler.h"
+#include "power/learned_store.h"
+#include "power/power_sensor.h"
+
+namespace vigilo {
+
+class AgentWork;
+
+// Power measurement for the engine: the whole machine's draw each tick,
+// what it learns from it (kept across launches), and which apps use energy.
+class PowerWatch final : public PowerMeter {
+ public:
+  // `work` gives the process table already read this tick; it may be null.
+  PowerWatch(std::string appFolder, const AgentWork* work);
+
+  void sample(Engine& engine) override;
+  std::optional<double> systemWatts() const override { return whole_.systemWatts(); }
+
+  const WholeMachinePower& whole() const { return whole_; }
+  // The apps using the most energy, largest first.
+  const std::vector<AppUsage>& apps() const { return apps_; }
+  // Hours left with the lid shut at the expected draw, and that draw.
+  std::optional<double> hoursLeftClosed(const Engine& engine) const;
+  double closedEstimate(const Engine& engine) const;
+  // What an app does while the lid is shut: "leave", "slow" or "pause",
+  // by its own rule or the preset; apps kept awake are left alone.
+  std::string whileClosed(const Engine& engine, const AppUsage& app) const;
+
+ private:
+  LearnedStore store_;
+  const AgentWork* work_;
+  WholeMachinePower whole_;
+  EnergySampler energy_;
+  std::vector<AppUsage> apps_;
+};
+
+}  // namespace vigilo

@@ -1,0 +1,379 @@
+#include <fcntl.h>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <tuple>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "agents/catalogue.h"
+#include "agents/watcher.h"
+#include "platform/manual_run_loop.h"
+#include "platform/sim/sim_laptop.h"
+#include "test_support.h"
+
+namespace vigilo {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsSupersetOf;
+using ::testing::UnorderedElementsAre;
+
+// Given a simulated laptop, a temporary home folder and a watcher over them.
+class WatcherTest : public ::testing::Test {
+ protected:
+  WatcherTest() : loop_(clock_) {
+    SimPlatformOptions options;
+    options.appFolder = dir_.file("app");
+    sim_ = makeSimPlatform(clock_, loop_, options);
+    watcher_ = std::make_unique<AgentWatcher>(sim_->processes(), sim_->registry(), home(), clock_,
+                                              [this](const std::string& bundle) { return bundles_[bundle]; });
+  }
+
+  SimLaptop& laptop() { return sim_->laptop(); }
+  std::string home() const { return dir_.file("home"); }
+
+  std::int32_t start(const std::string& path, std::vector<std::string> args = {}, std::int32_t ppid = 1,
+                     double watts = 0.0, const std::string& cwd = "/") {
+    const std::int32_t pid = laptop().startProcess(path, std::move(args), ppid);
+    laptop().setProcessWatts(pid, watts);
+    laptop().setProcessCwd(pid, cwd);
+    return pid;
+  }
+
+  // Moves time on and samples, as the engine's tick would.
+  void sampleAfter(double seconds) {
+    clock_.advance(seconds);
+    watcher_->sample(watched_, requestsCount_, extra_, clock_.now());
+  }
+
+  const AgentSession* session(const std::string& id) const {
+    for (const auto& s : watcher_->sessions())
+      if (s.id == id) return &s;
+    return nullptr;
+  }
+  std::vector<std::string> ids() const {
+    std::vector<std::string> out;
+    for (const auto& s : watcher_->sessions()) out.push_back(s.id);
+    return out;
+  }
+
+  test::TempDir dir_;
+  ManualClock clock_;
+  ManualRunLoop loop_;
+  std::unique_ptr<SimPlatform> sim_;
+  std::map<std::string, BundleMeta> bundles_;
+  std::unique_ptr<AgentWatcher> watcher_;
+  std::vector<WatchedApp> watched_;
+  bool requestsCount_ = true;
+  std::vector<AgentKind> extra_;
+};
+
+TEST_F(WatcherTest, RecognisesAgentsByExecutableOrByTheScriptAnInterpreterRuns) {
+  const CustomAgent bot{"Bot", {"mybot"}, 0.05};
+  extra_ = {kindFor(bot)};
+  watcher_->sample(watched_, true, extra_, clock_.now());  // takes in the custom kind
+  struct Case {
+    std::string path;
+    std::vector<std::string> args;
+    std::optional<std::string> kind;
+  } cases[] = {
+      {"/usr/local/bin/claude", {"claude"}, "claude-code"},
+      {"/usr/local/bin/node", {"node", "/usr/local/lib/node_modules/@anthropic-ai/claude-code/cli.js"}, "claude-code"},
+      {"/usr/local/bin/node", {"node", "/home/me/server.js", "--port", "3000"}, std::nullopt},
+      {"/usr/local/bin/node", {"node", "--a", "--b", "/lib/node_modules/@openai/codex/bin/codex.js"}, std::nullopt},
+      {"/usr/bin/python3.12", {"python3.12", "/opt/homebrew/bin/aider", "--yes"}, "aider"},
+      {"/usr/bin/pythonw", {"pythonw", "/usr/lib/aider-chat/main.py"}, "aider"},
+      {"/usr/local/bin/bun", {"bun", "/x/node_modules/@google/gemini-cli/dist/index.js"}, "gemini"},
+      {"/usr/bin/ruby", {"ruby", "/usr/local/bin/claude"}, std::nullopt},
+      {"/opt/homebrew/bin/ollama", {"ollama", "serve"}, "ollama"},
+      {"/home/me/bin/mybot", {"mybot"}, "custom:Bot"},
+      {"", {}, std::nullopt},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.path + (c.args.empty() ? "" : " " + c.args.back()));
+    const std::int32_t pid = start(c.path, c.args);
+    const auto kind = watcher_->match(pid, c.path);
+    EXPECT_EQ(kind ? std::optional(kind->id) : std::nullopt, c.kind);
+  }
+  EXPECT_TRUE(isInterpreter("python3.12"));
+}
+
+TEST_F(WatcherTest, EachKindIsBusyAtItsOwnIdleThreshold) {
+  // Given one process of each kind drawing just below, then at or just
+  // above, its threshold: ollama 0.5 W, a built-in agent 0.02 W, a watched
+  // app 0.15 W, a custom agent 0.05 W unless set.
+  watched_ = {{"Editor"}};
+  extra_ = {kindFor(CustomAgent{"Bot", {"mybot"}, 0.05}), kindFor(CustomAgent{"Greedy", {"greedy"}, 1.0})};
+  struct Case {
+    std::string id;
+    std::string path;
+    double threshold;
+    double busy;
+  } cases[] = {
+      {"ollama", "/usr/local/bin/ollama", 0.5, 0.5},  // exactly at it counts
+      {"claude-code", "/usr/local/bin/claude", 0.02, 0.021},
+      {"app:Editor", "/Applications/Editor.app/Contents/MacOS/Editor", 0.15, 0.16},
+      {"custom:Bot", "/usr/local/bin/mybot", 0.05, 0.055},
+      {"custom:Greedy", "/usr/local/bin/greedy", 1.0, 1.05},
+  };
+  std::map<std::string, std::int32_t> pids;
+  for (const Case& c : cases) pids[c.id] = start(c.path, {}, 1, c.threshold * 0.95);
+  sampleAfter(2);
+  for (const Case& c : cases) {
+    ASSERT_NE(session(c.id), nullptr) << c.id;
+    EXPECT_FALSE(session(c.id)->lastActive) << c.id << ": no power before a second sample";
+  }
+  sampleAfter(2);
+  const Time idleAt = clock_.now();
+  for (const Case& c : cases) {
+    EXPECT_NEAR(session(c.id)->watts, c.threshold * 0.95, 1e-6) << c.id;
+    EXPECT_FALSE(session(c.id)->lastActive) << c.id << " is idle below its threshold";
+    laptop().setProcessWatts(pids[c.id], c.busy);
+  }
+  sampleAfter(2);
+  for (const Case& c : cases) EXPECT_EQ(session(c.id)->lastActive, clock_.now()) << c.id;
+  // Idle again: lastActive keeps the last busy time.
+  for (const Case& c : cases) laptop().setProcessWatts(pids[c.id], 0);
+  const Time busyAt = clock_.now();
+  sampleAfter(2);
+  for (const Case& c : cases) EXPECT_EQ(session(c.id)->lastActive, busyAt) << c.id;
+  EXPECT_LT(idleAt, busyAt);
+}
+
+TEST_F(WatcherTest, EachAgentRootIsOneSessionWithItsWholeTreeAndItsRunningTools) {
+  // Given two Claude Code sessions: one in "api" with a worker, an MCP
+  // server and a shell running make; one started later in "web", idle.
+  const std::int32_t api = start("/usr/local/bin/claude", {"claude"}, 1, 0.1, "/home/me/api/");
+  const std::int32_t worker =
+      start("/usr/local/bin/node", {"node", "/x/@anthropic-ai/claude-code/worker.js"}, api, 0.2);
+  const std::int32_t mcp = start("/usr/local/bin/github-mcp-server", {"github-mcp-server"}, api, 0.05);
+  const std::int32_t npx = start("/usr/local/bin/node", {"node", "/x/npx-cli.js", "some-mcp"}, api);
+  clock_.advance(30);
+  const std::int32_t web = start("/usr/local/bin/claude", {"claude"}, 1, 0.01, "/home/me/web");
+  const Time shellStart = clock_.now();
+  const std::int32_t shell = start("/bin/zsh", {"/bin/zsh", "-c", "make test"}, api);
+  clock_.advance(1);
+  const std::int32_t make = start("/usr/bin/make", {"make", "test"}, shell, 3.0);
+  const std::int32_t cc = start("/usr/bin/cc", {"cc"}, make, 1.0);
+  const std::int32_t unrelated = start("/usr/bin/vim", {"vim"}, 1, 5.0);
+
+  sampleAfter(2);
+  EXPECT_THAT(ids(), ElementsAre("claude-code", "claude-code#" + std::to_string(web)));
+  const AgentSession* first = session("claude-code");
+  EXPECT_EQ(std::tuple(first->pids, first->instances, first->project, first->watts),
+            std::tuple(std::vector<std::int32_t>{api}, 2, std::optional<std::string>("api"), 0.0));
+  EXPECT_TRUE(first->toolRunning);
+  EXPECT_NEAR(first->toolSince.value_or(0), shellStart, 1e-6) << "the shell's start, before its children's";
+  const AgentSession* second = session("claude-code#" + std::to_string(web));
+  EXPECT_EQ(std::tuple(second->project, second->toolRunning, second->instances),
+            std::tuple(std::optional<std::string>("web"), false, 1));
+  EXPECT_THAT(watcher_->protectedPids(), UnorderedElementsAre(api, worker, mcp, npx, shell, make, cc, web));
+  EXPECT_EQ(watcher_->protectedPids().count(unrelated), 0u);
+
+  // The tree's power counts children of children; the idle session is not busy.
+  sampleAfter(10);
+  EXPECT_NEAR(session("claude-code")->watts, 0.1 + 0.2 + 0.05 + 3.0 + 1.0, 1e-6);
+  EXPECT_EQ(session("claude-code")->lastActive, clock_.now());
+  EXPECT_NEAR(session("claude-code#" + std::to_string(web))->watts, 0.01, 1e-6);
+  EXPECT_FALSE(session("claude-code#" + std::to_string(web))->lastActive);
+
+  // A compile that started and did its work within the interval counts; the
+  // command ends and no tool runs; a command run directly later is a tool.
+  const std::int32_t ld = start("/usr/bin/ld", {"ld"}, make, 4.0);
+  clock_.advance(5);
+  laptop().setProcessWatts(ld, 0);
+  sampleAfter(5);
+  EXPECT_NEAR(session("claude-code")->watts, 0.35 + 3.0 + 1.0 + 4.0 * 5 / 10, 1e-6);
+  for (std::int32_t pid : {ld, cc, make, shell}) laptop().endProcess(pid);
+  sampleAfter(2);
+  EXPECT_FALSE(session("claude-code")->toolRunning);
+  const Time rgStart = clock_.now();
+  const std::int32_t rg = start("/usr/local/bin/rg", {"rg", "TODO"}, api);
+  sampleAfter(2);
+  EXPECT_TRUE(session("claude-code")->toolRunning);
+  EXPECT_NEAR(session("claude-code")->toolSince.value_or(0), rgStart, 1e-6);
+  laptop().endProcess(rg);
+
+  // The first session ends: the later one is now the kind's first.
+  for (std::int32_t pid : {api, worker, mcp, npx}) laptop().endProcess(pid);
+  sampleAfter(2);
+  EXPECT_THAT(ids(), ElementsAre("claude-code"));
+  EXPECT_EQ(session("claude-code")->pids, std::vector<std::int32_t>{web});
+}
+
+TEST_F(WatcherTest, ADamagedProcessTableNeitherLoopsNorCrashes) {
+  // Given processes that are their own parents or each other's, as a
+  // hand-edited state file can say.
+  laptop().fromJson(nlohmann::json::parse(R"({"processes": [
+    {"pid": 1, "ppid": 0, "path": "/sbin/launchd"},
+    {"pid": 10, "ppid": 11, "path": "/usr/local/bin/claude", "watts": 1},
+    {"pid": 11, "ppid": 10, "path": "/bin/zsh"},
+    {"pid": 12, "ppid": 12, "path": "/usr/local/bin/codex"},
+    {"pid": 13, "ppid": 12, "path": "", "args": []},
+    {"pid": 14, "ppid": 99999, "path": "/usr/local/bin/gemini", "cwd": ""}
+  ]})"));
+  sampleAfter(2);
+  sampleAfter(2);
+  EXPECT_THAT(ids(), ElementsAre("claude-code", "codex", "gemini"));
+  EXPECT_NEAR(session("claude-code")->watts, 1.0, 1e-6);
+  EXPECT_FALSE(session("gemini")->project);
+}
+
+TEST_F(WatcherTest, WatchedAppsMatchByNameBundleIdPathOrExecutable) {
+  watched_ = {{"Xcode"}, {"com.example.editor"}, {"/Applications/Tool.app/"}, {"ffmpeg"}, {"/opt/run/job"}};
+  bundles_["/Applications/Editor Pro.app"] = BundleMeta{"Editor Pro", "com.example.editor"};
+  const std::int32_t xcode = start("/Applications/Xcode.app/Contents/MacOS/Xcode");
+  // A helper the system started for Xcode, not Xcode itself: still Xcode's.
+  const std::int32_t build = start("/Applications/Xcode.app/Contents/Developer/usr/bin/xcodebuild");
+  const std::int32_t clang = start("/usr/bin/clang", {}, build, 2.0);
+  start("/Applications/Xcodes.app/Contents/MacOS/Xcodes");
+  start("/Applications/Editor Pro.app/Contents/MacOS/Editor Pro");
+  start("/Applications/Tool.app/Contents/MacOS/tool");
+  start("/Applications/Toolbox.app/Contents/MacOS/tool");
+  start("/usr/local/bin/ffmpeg", {"ffmpeg", "-i", "in.mov"});
+  start("/opt/run/job");
+  start("/opt/run/jobs");
+  start("/Applications/Claude.app/Contents/MacOS/Claude");
+  sampleAfter(2);
+  EXPECT_THAT(ids(), ElementsAre("app:Xcode", "app:com.example.editor", "app:/Applications/Tool.app/", "app:ffmpeg",
+                                 "app:/opt/run/job"));
+  const AgentSession* x = session("app:Xcode");
+  EXPECT_EQ(std::tuple(x->instances, x->pids, x->kind.idleWatts),
+            std::tuple(2, std::vector<std::int32_t>{xcode, build}, 0.15));
+  EXPECT_EQ(watcher_->protectedPids().count(clang), 1u);
+  EXPECT_THAT(watcher_->protectedBundles(),
+              IsSupersetOf({"/Applications/Xcode.app", "/Applications/Editor Pro.app", "com.example.editor"}));
+
+  // The Claude app counts only when its kind is asked for; its bundle id
+  // decides where the bundle tells one.
+  extra_ = {claudeAppKind()};
+  sampleAfter(2);
+  ASSERT_NE(session("claude-app"), nullptr);
+  EXPECT_EQ(session("claude-app")->kind.idleWatts, 0.12);
+  const std::int32_t renamed = start("/Applications/Claude Beta.app/Contents/MacOS/Claude");
+  bundles_["/Applications/Claude Beta.app"] = BundleMeta{"Claude", std::string(kClaudeAppBundle)};
+  sampleAfter(2);
+  EXPECT_EQ(session("claude-app")->instances, 2);
+  EXPECT_THAT(session("claude-app")->pids, ::testing::Contains(renamed));
+}
+
+TEST_F(WatcherTest, SleepRequestsThatCountAndTheSixHourLimit) {
+  const std::int32_t caffeinate = start("/usr/bin/caffeinate", {"caffeinate", "-i"});
+  const std::int32_t player = start("/Applications/Player.app/Contents/MacOS/Player");
+  const std::int32_t updater = start("/Applications/Acme Updater.app/Contents/MacOS/Acme Updater");
+  const std::int32_t system = start("/System/Library/CoreServices/Backup.app/Contents/MacOS/backupd");
+  const std::int32_t daemon = start("/usr/libexec/someday");
+  const std::int32_t powerd = start("/System/Library/CoreServices/powerd.bundle/powerd");
+  const std::int32_t audio = start("/usr/sbin/coreaudiod");
+  const std::int32_t music = start("/Applications/Music Box.app/Contents/MacOS/Music Box");
+  const Time t0 = clock_.now();
+  auto take = [&](std::int32_t pid, std::string type, std::string name, std::optional<double> since,
+                  std::optional<std::int32_t> onBehalf = std::nullopt) {
+    PowerAssertion a;
+    a.pid = pid;
+    a.type = std::move(type);
+    a.name = std::move(name);
+    a.since = since;
+    a.onBehalfOf = onBehalf;
+    ASSERT_TRUE(laptop().addPowerAssertion(a));
+  };
+  take(caffeinate, "PreventUserIdleSystemSleep", "caffeinate command-line tool", t0 - 60);
+  take(player, "NoIdleSleepAssertion", "Playing", std::nullopt);
+  take(player, "PreventSystemSleep", "Exporting", t0 - 30);
+  take(player, "PreventSystemSleep", "Exporting more", t0 - 90);
+  take(updater, "PreventUserIdleSystemSleep", "Updating", t0);
+  take(system, "PreventUserIdleSystemSleep", "Backing up", t0);
+  take(daemon, "PreventSystemSleep", "Working", t0);
+  take(powerd, "PreventUserIdleSystemSleep", "Powerd", t0);
+  take(player, "PreventUserIdleDisplaySleep", "Screen on", t0);
+  take(audio, "PreventUserIdleSystemSleep", "Audio", std::nullopt, music);
+
+  const auto requests = watcher_->sleepRequests();
+  std::vector<std::tuple<std::int32_t, std::string, std::optional<Time>, bool>> seen;
+  for (const auto& b : requests) seen.emplace_back(b.pid, b.name, b.since, b.sinceUnknown);
+  EXPECT_THAT(seen, ElementsAre(std::tuple(caffeinate, "caffeinate", std::optional<Time>(t0 - 60), false),
+                                std::tuple(player, "Player", std::optional<Time>(t0 - 90), false),
+                                std::tuple(music, "Music Box", std::nullopt, true)));
+
+  sampleAfter(2);
+  EXPECT_THAT(ids(), ElementsAre("request:caffeinate", "request:Player", "request:Music Box"));
+  EXPECT_EQ(std::tuple(session("request:caffeinate")->detail, session("request:caffeinate")->lastActive),
+            std::tuple("caffeinate command-line tool", std::optional<Time>(clock_.now())));
+  EXPECT_EQ(watcher_->protectedPids().count(player), 1u);
+  requestsCount_ = false;
+  sampleAfter(2);
+  EXPECT_THAT(ids(), ElementsAre());
+  EXPECT_EQ(watcher_->blockers().size(), 3u) << "blockers are listed whether requests count or not";
+
+  // Six hours after they were first seen, requests stop counting; one
+  // released and taken again counts afresh.
+  requestsCount_ = true;
+  sampleAfter(kRequestLimitSeconds - 4);
+  EXPECT_EQ(ids().size(), 3u);
+  laptop().removePowerAssertion(caffeinate);
+  sampleAfter(2);
+  EXPECT_THAT(ids(), ElementsAre("request:Player", "request:Music Box")) << "six hours to the second still count";
+  take(caffeinate, "PreventUserIdleSystemSleep", "caffeinate command-line tool", clock_.now());
+  sampleAfter(2);
+  EXPECT_THAT(ids(), ElementsAre("request:caffeinate"));
+  laptop().endProcess(caffeinate);
+  sampleAfter(2);
+  EXPECT_THAT(ids(), ElementsAre());
+}
+
+// Sets a file's modification time (creating it and its folders first).
+void touchAt(const std::string& path, Time t) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  if (!test::fileExists(path)) test::writeFile(path, "{}\n");
+  const timespec times[2] = {{static_cast<time_t>(t), 0}, {static_cast<time_t>(t), 0}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
+
+TEST_F(WatcherTest, TranscriptsShowActivityOfAnIdleAgent) {
+  const AgentKind& claude = builtInAgents().front();
+  const std::string projects = home() + "/.claude/projects";
+  EXPECT_FALSE(watcher_->transcriptsChanged(claude)) << "no folder, no activity";
+  touchAt(projects + "/-home-me-api/a.jsonl", 1000);
+  clock_.advance(kTranscriptSearchInterval);
+  EXPECT_TRUE(watcher_->transcriptsChanged(claude)) << "a first transcript after a look at none";
+  EXPECT_FALSE(watcher_->transcriptsChanged(claude));
+  // The file an agent writes is noticed at once; a new file in a new folder
+  // at the next full search.
+  touchAt(projects + "/-home-me-api/a.jsonl", 2000);
+  EXPECT_TRUE(watcher_->transcriptsChanged(claude));
+  touchAt(projects + "/-home-me-web/sub/b.jsonl", 3000);
+  EXPECT_FALSE(watcher_->transcriptsChanged(claude));
+  clock_.advance(kTranscriptSearchInterval);
+  EXPECT_TRUE(watcher_->transcriptsChanged(claude));
+  // Five folder levels below the transcript folder are searched, not six.
+  touchAt(projects + "/1/2/3/4/5/deep.jsonl", 4000);
+  touchAt(projects + "/1/2/3/4/5/6/deeper.jsonl", 5000);
+  clock_.advance(kTranscriptSearchInterval);
+  EXPECT_TRUE(watcher_->transcriptsChanged(claude));
+  touchAt(projects + "/1/2/3/4/5/deep.jsonl", 4500);
+  clock_.advance(kTranscriptSearchInterval);
+  EXPECT_TRUE(watcher_->transcriptsChanged(claude)) << "4500 is newer than 4000; 5000 was never seen";
+  // An older file, or a folder link that loops, changes nothing.
+  touchAt(projects + "/old.jsonl", 10);
+  std::filesystem::create_directory_symlink(projects, projects + "/loop");
+  clock_.advance(kTranscriptSearchInterval);
+  EXPECT_FALSE(watcher_->transcriptsChanged(claude));
+
+  // Given an idle Codex whose transcripts move: it is active.
+  start("/usr/local/bin/codex", {"codex"});
+  touchAt(home() + "/.codex/sessions/2026/01/02/rollout-1.jsonl", 1000);
+  sampleAfter(2);
+  sampleAfter(2);
+  EXPECT_FALSE(session("codex")->lastActive) << "a first look only takes note";
+  touchAt(home() + "/.codex/sessions/2026/01/02/rollout-1.jsonl", 1100);
+  sampleAfter(2);
+  EXPECT_EQ(session("codex")->lastActive, clock_.now());
+}
+
+}  // namespace
+}  // namespace vigilo
