@@ -3,6 +3,8 @@
 #include <cstdlib>
 
 #include "commands/cli.h"
+#include "platform/linux/host_processes.h"
+#include "platform/linux/linux_platform.h"
 #include "platform/sim/sim_laptop.h"
 
 namespace vigilo {
@@ -13,13 +15,13 @@ namespace {
 std::unique_ptr<Platform> toolPlatform(Clock& clock, RunLoop& loop) {
   const char* simulate = std::getenv("VIGILO_SIMULATE");
   if (simulate != nullptr && *simulate != '\0') {
-    return makeSimPlatform(clock, loop, SimPlatformOptions{simulate, toolAppFolder()});
+    return makeSimPlatform(clock, loop, SimPlatformOptions{simulate, toolAppFolder(), hostProcessInfo});
   }
-  return nullptr;
+  return makeLinuxPlatform(clock, loop, LinuxPlatformOptions{});
 }
 
 // The real machine's process table.
-std::unique_ptr<Processes> hostProcesses() { return nullptr; }
+std::unique_ptr<Processes> hostProcesses() { return makeHostProcesses(); }
 
 }  // namespace
 

@@ -16,6 +16,7 @@
 #include "commands/command_center.h"
 #include "engine/engine.h"
 #include "engine/log.h"
+#include "platform/linux/host_processes.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/sim/sim_laptop.h"
 #include "power/power_watch.h"
@@ -134,7 +135,7 @@ int runApp(const std::vector<std::string>& args) {
   if (options->simulate.empty()) {
     real = makeLinuxPlatform(clock, *loop, LinuxPlatformOptions{});
   } else {
-    sim = makeSimPlatform(clock, *loop, SimPlatformOptions{options->simulate, {}});
+    sim = makeSimPlatform(clock, *loop, SimPlatformOptions{options->simulate, {}, hostProcessInfo});
   }
   Platform* platform = sim ? static_cast<Platform*>(sim.get()) : real.get();
   const std::string folder = appFolderFor(*platform);

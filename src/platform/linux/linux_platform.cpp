@@ -1,0 +1,1060 @@
+#include "platform/linux/linux_platform.h"
+
+#include <dirent.h>
+#include <pwd.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/files.h"
+#include "platform/linux/logind.h"
+#include "platform/linux/procfs_text.h"
+#include "platform/linux/sysfs_text.h"
+#include "platform/linux/unique_fd.h"
+
+namespace vigilo {
+namespace {
+
+// The lock: only a handle-lid-switch lock in block mode stops logind's own
+// lid suspend, whatever LidSwitchIgnoreInhibited says (logind.conf(5));
+// "sleep" blocks every other suspend request, "idle" the idle action.
+constexpr const char* kLockWhat = "handle-lid-switch:sleep:idle";
+constexpr const char* kLockWho = "Vigilo";
+constexpr const char* kLockWhy = "Keeping the laptop awake, also with the lid shut, while coding agents work";
+constexpr const char* kProbeWhy = "Checking that Vigilo may keep the laptop awake";
+constexpr const char* kBlock = "block";
+
+// How long a probe of the lock's permission stands. Permission changes
+// only with the session (a login, an SSH-only session), and every probe
+// briefly shows a lock to whoever watches logind's list.
+constexpr double kProbeSeconds = 60.0;
+// The power-source and thermal watch, as often as the engine's tick.
+constexpr double kEventPollSeconds = 2.0;
+// The machine's draw is shared out among processes at most this often.
+constexpr double kEnergySampleSeconds = 1.0;
+
+// sysfs attributes are a page at most; /proc/PID/cmdline may be long.
+constexpr std::size_t kSysfsLimit = 64 * 1024;
+constexpr std::size_t kCmdlineLimit = 1024 * 1024;
+
+// <linux/ioprio.h> is missing from older kernel headers.
+constexpr int kIoprioWhoProcess = 1;
+constexpr int kIoprioClassShift = 13;
+constexpr int kIoprioClassRealtime = 1;
+constexpr int kIoprioClassIdle = 3;
+constexpr int ioprioClass(int value) { return value >> kIoprioClassShift; }
+constexpr int kIoprioIdle = kIoprioClassIdle << kIoprioClassShift;
+constexpr int kCapSysNice = 23;
+
+std::string homeFolder() {
+  const char* home = std::getenv("HOME");
+  if (home != nullptr && *home != '\0') return home;
+  if (const passwd* pw = ::getpwuid(::getuid()); pw != nullptr && pw->pw_dir != nullptr) return pw->pw_dir;
+  return "/tmp";
+}
+
+bool isNumber(std::string_view s) {
+  return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// The parts of a colon-separated "what" of a lock.
+bool lockCovers(const Inhibitor& lock, std::string_view kind) {
+  std::string_view what = lock.what;
+  while (!what.empty()) {
+    const auto colon = what.find(':');
+    if (what.substr(0, colon) == kind) return true;
+    if (colon == std::string_view::npos) break;
+    what.remove_prefix(colon + 1);
+  }
+  return false;
+}
+
+bool blocksSleep(const Inhibitor& lock) {
+  return lock.mode == kBlock && (lockCovers(lock, "sleep") || lockCovers(lock, "handle-lid-switch"));
+}
+
+// Logind drops a closed lock from its list only when its event loop gets to
+// it, so a probe or the lock this process just released may still show for a
+// moment; neither is someone else keeping the machine awake.
+bool isOursOrAProbe(const Inhibitor& lock) {
+  return lock.who == kLockWho && (lock.why == kProbeWhy || lock.pid == static_cast<std::uint32_t>(::getpid()));
+}
+
+// A program other than Vigilo that handles the lid switch itself, said in
+// plain English; nothing when logind handles it. While such a lock exists
+// logind leaves the lid alone (the Inhibitor Locks document of systemd) and
+// the program's own lid setting decides.
+std::optional<std::string> desktopLidOwner(const std::vector<Inhibitor>& locks) {
+  for (const Inhibitor& lock : locks) {
+    if (lock.who == kLockWho || lock.mode != kBlock || !lockCovers(lock, "handle-lid-switch")) continue;
+    std::string name = lock.who;
+    if (lock.who == "PowerDevil") name = "KDE's power management (PowerDevil)";
+    if (lock.who == "xfce4-power-manager") name = "Xfce's power manager";
+    return name +
+           " handles the lid itself, so its own setting for closing the lid decides whether the laptop "
+           "sleeps when shut. Set it to do nothing on lid close if Vigilo should keep the laptop awake shut.";
+  }
+  return std::nullopt;
+}
+
+// What a refused or impossible lock means to the person, and what to do.
+std::string sleepSwitchProblem(BusFailure failure, const std::string& message) {
+  switch (failure) {
+    case BusFailure::NoBus:
+      return "There's no system D-Bus here (" + message +
+             "), as in a container, so Vigilo can't ask logind to keep the machine awake. Run Vigilo on the "
+             "laptop itself, in your desktop session.";
+    case BusFailure::NoLogind:
+      return "logind (systemd-logind) isn't running on the system bus (" + message +
+             "), so Vigilo can't take the lock that keeps the laptop awake. Vigilo needs a system that runs "
+             "systemd-logind.";
+    case BusFailure::Refused:
+      return "logind refused Vigilo's lock that keeps the laptop awake (" + message +
+             "): it needs a local login session. Start Vigilo from your desktop session on the laptop, not over "
+             "SSH or as a user service that lingers without a session.";
+    case BusFailure::Failed:
+    case BusFailure::None:
+      break;
+  }
+  return "logind couldn't give Vigilo the lock that keeps the laptop awake (" + message + "). Vigilo tries again.";
+}
+
+// ---------------------------------------------------------------- the tree
+
+// /sys and /proc under a root prefix.
+class SysTree {
+ public:
+  explicit SysTree(std::string root) : root_(std::move(root)) {}
+
+  std::string path(std::string_view p) const { return root_ + std::string(p); }
+  std::optional<std::string> read(std::string_view p, std::size_t limit = kSysfsLimit) const {
+    return readWholeFile(path(p), limit);
+  }
+  std::optional<std::string> link(std::string_view p) const {
+    char buf[4096];
+    const ssize_t n = ::readlink(path(p).c_str(), buf, sizeof buf);
+    if (n <= 0 || static_cast<std::size_t>(n) >= sizeof buf) return std::nullopt;
+    return std::string(buf, static_cast<std::size_t>(n));
+  }
+  // The names in a folder, sorted, without "." and "..".
+  std::vector<std::string> list(std::string_view folder) const {
+    std::vector<std::string> out;
+    std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(path(folder).c_str()), ::closedir);
+    if (!dir) return out;
+    while (const dirent* e = ::readdir(dir.get())) {
+      std::string name = e->d_name;
+      if (name != "." && name != "..") out.push_back(std::move(name));
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+  }
+  std::vector<PowerSupplyText> supplies() const {
+    std::vector<PowerSupplyText> out;
+    for (const std::string& name : list("/sys/class/power_supply")) {
+      PowerSupplyText s;
+      s.name = name;
+      const std::string base = "/sys/class/power_supply/" + name + "/";
+      for (const std::string& attribute : powerSupplyAttributeNames()) {
+        // A driver may fail one read (EIO, ENODATA) and not the others.
+        if (auto text = read(base + attribute)) s.attributes.emplace(attribute, std::move(*text));
+      }
+      out.push_back(std::move(s));
+    }
+    return out;
+  }
+
+  std::vector<ThermalZone> zones() const {
+    std::vector<ThermalZone> out;
+    for (const std::string& name : list("/sys/class/thermal")) {
+      if (name.rfind("thermal_zone", 0) != 0) continue;
+      const std::string base = "/sys/class/thermal/" + name + "/";
+      ThermalZoneText t;
+      t.name = name;
+      t.type = read(base + "type").value_or("");
+      t.temp = read(base + "temp").value_or("");
+      for (int i = 0; i < 64; ++i) {
+        const std::string trip = base + "trip_point_" + std::to_string(i) + "_";
+        auto type = read(trip + "type");
+        if (!type) break;
+        t.trips.emplace_back(std::move(*type), read(trip + "temp").value_or(""));
+      }
+      out.push_back(parseThermalZone(t));
+    }
+    return out;
+  }
+
+  // The first readable /proc/acpi/button/lid/*/state: its path and state.
+  std::optional<std::pair<std::string, bool>> acpiLid() const {
+    std::optional<std::pair<std::string, bool>> found;
+    for (const std::string& name : list("/proc/acpi/button/lid")) {
+      const std::string p = "/proc/acpi/button/lid/" + name + "/state";
+      auto text = read(p);
+      auto closed = text ? lidClosedFromAcpiState(*text) : std::nullopt;
+      if (!closed) continue;
+      if (!found) found = std::make_pair(p, *closed);
+      if (*closed) found->second = true;  // two lid buttons: shut if either says so
+    }
+    return found;
+  }
+
+  bool hasLidSwitchInput() const {
+    for (const std::string& name : list("/sys/class/input")) {
+      if (name.rfind("input", 0) != 0) continue;
+      auto sw = read("/sys/class/input/" + name + "/capabilities/sw");
+      if (sw && hasLidSwitchBit(*sw)) return true;
+    }
+    return false;
+  }
+
+  std::optional<std::string> backlight() const {
+    std::vector<std::pair<std::string, std::string>> all;
+    for (const std::string& name : list("/sys/class/backlight")) {
+      all.emplace_back(name, read("/sys/class/backlight/" + name + "/type").value_or(""));
+    }
+    return chooseBacklight(all);
+  }
+
+ private:
+  std::string root_;
+};
+
+// ---------------------------------------------------------------- the sleep switch
+
+// Vigilo's own inhibitor lock; held while the descriptor is open.
+struct SleepLock {
+  UniqueFd fd;
+};
+
+class LinuxPower final : public PowerControl {
+ public:
+  LinuxPower(Logind& logind, SleepLock& lock, Clock& clock) : logind_(logind), lock_(lock), clock_(clock) {}
+
+  Result setSleepDisabled(bool disabled) override {
+    if (!disabled) {
+      // Closing our descriptor ends our lock and nobody else's.
+      lock_.fd.reset();
+      return Result::ok();
+    }
+    if (lock_.fd) return Result::ok();
+    auto answer = logind_.inhibit(kLockWhat, kLockWho, kLockWhy, kBlock);
+    if (!answer.ok()) {
+      SetupStatus refused{false, sleepSwitchProblem(answer.failure, answer.message)};
+      remember(refused);
+      return Result::fail(refused.reason);
+    }
+    lock_.fd = std::move(*answer.value);
+    remember(SetupStatus{true, {}});
+    return Result::ok();
+  }
+
+  bool switchIsShared() const override { return false; }
+
+  Result sleepNow() override {
+    auto answer = logind_.suspend();
+    if (answer.ok()) return Result::ok();
+    if (answer.failure == BusFailure::Refused) {
+      return Result::fail("logind refused to suspend the machine (" + answer.message +
+                          "); suspending needs a local login session.");
+    }
+    return Result::fail("Couldn't ask logind to suspend the machine: " + answer.message);
+  }
+
+  // Whether logind would give the lock, asked the one precise way: a lock
+  // of the same kind taken and closed at once. CanSuspend would answer
+  // polkit's question for suspending, which differs from the one for the
+  // lid-switch lock exactly in the remote and lingering sessions that
+  // matter here. Holding our lock proves it without asking.
+  SetupStatus setupStatus() override {
+    if (lock_.fd) return SetupStatus{true, {}};
+    const double now = clock_.monotonic();
+    if (probe_ && now - probedAt_ < kProbeSeconds && now >= probedAt_) return *probe_;
+    auto answer = logind_.inhibit(kLockWhat, kLockWho, kProbeWhy, kBlock);
+    remember(answer.ok() ? SetupStatus{true, {}}
+                         : SetupStatus{false, sleepSwitchProblem(answer.failure, answer.message)});
+    return *probe_;  // the probe's descriptor closes here
+  }
+
+  Result restorePowerMode(const std::string& key, int value) override {
+    return Result::fail("Power modes aren't available on Linux yet, so Vigilo can't put back \"" + key + " " +
+                        std::to_string(value) + "\".");
+  }
+  Result setAutomaticBackups(bool) override {
+    return Result::fail("Automatic backups (Time Machine) aren't available on Linux, so there is nothing to switch.");
+  }
+
+ private:
+  void remember(SetupStatus s) {
+    probe_ = std::move(s);
+    probedAt_ = clock_.monotonic();
+  }
+
+  Logind& logind_;
+  SleepLock& lock_;
+  Clock& clock_;
+  std::optional<SetupStatus> probe_;
+  double probedAt_ = 0.0;
+};
+
+// ---------------------------------------------------------------- readings
+
+class LinuxRegistry final : public Registry {
+ public:
+  LinuxRegistry(const SysTree& tree, Logind& logind, const SleepLock& lock)
+      : tree_(tree), logind_(logind), lock_(lock) {}
+
+  std::optional<BatteryProperties> battery() override { return batteryFromSupplies(tree_.supplies()); }
+
+  std::optional<bool> sleepDisabled() override {
+    if (lock_.fd) return true;
+    auto locks = logind_.listInhibitors();
+    if (!locks.ok()) return std::nullopt;
+    return std::any_of(locks.value->begin(), locks.value->end(),
+                       [](const Inhibitor& lock) { return blocksSleep(lock) && !isOursOrAProbe(lock); });
+  }
+
+  std::optional<bool> lidClosed() override {
+    if (auto acpi = tree_.acpiLid()) return acpi->second;
+    if (!lidSwitchInput()) return std::nullopt;
+    auto closed = logind_.lidClosed();
+    return closed.value;
+  }
+
+  int thermalState() override {
+    thermal_ = thermalLevel(tree_.zones(), thermal_);
+    return thermal_;
+  }
+
+  // Whether the machine runs on an adapter; nothing without battery or
+  // adapter.
+  std::optional<bool> adapter() {
+    const auto supplies = tree_.supplies();
+    if (auto b = batteryFromSupplies(supplies)) return b->externalConnected;
+    return adapterOnline(supplies);
+  }
+
+  // What the machine draws from its battery, in watts; nothing on an adapter
+  // or without a battery.
+  std::optional<double> batteryDraw() {
+    auto b = battery();
+    if (!b || !b->amperage || !b->voltage || *b->amperage >= 0) return std::nullopt;
+    return static_cast<double>(*b->voltage) * static_cast<double>(-*b->amperage) / 1e6;
+  }
+
+  // The lid switch does not come and go, so the input devices are looked at
+  // once.
+  bool lidSwitchInput() {
+    if (!lidSwitchInput_) lidSwitchInput_ = tree_.hasLidSwitchInput();
+    return *lidSwitchInput_;
+  }
+
+ private:
+  const SysTree& tree_;
+  Logind& logind_;
+  const SleepLock& lock_;
+  int thermal_ = 0;
+  std::optional<bool> lidSwitchInput_;
+};
+
+// ---------------------------------------------------------------- displays
+
+class LinuxDisplays final : public Displays {
+ public:
+  LinuxDisplays(const SysTree& tree, Logind& logind) : tree_(tree), logind_(logind) {}
+
+  Result setBuiltInEnabled(bool) override {
+    return Result::fail("Switching the built-in screen off and on isn't available on Linux yet.");
+  }
+
+  Result setBrightness(double level) override {
+    auto name = tree_.backlight();
+    if (!name) {
+      return Result::fail("No screen backlight found under /sys/class/backlight, so Vigilo can't set the brightness.");
+    }
+    auto max = tree_.read("/sys/class/backlight/" + *name + "/max_brightness");
+    auto maxValue = max ? sysfsInteger(*max) : std::nullopt;
+    if (!maxValue || *maxValue < 1 || *maxValue > UINT32_MAX) {
+      return Result::fail("The backlight " + *name +
+                          " doesn't say its maximum brightness, so Vigilo leaves it as it is.");
+    }
+    if (!std::isfinite(level)) return Result::fail("That brightness isn't a number.");
+    const auto value =
+        static_cast<std::uint32_t>(std::lround(std::clamp(level, 0.0, 1.0) * static_cast<double>(*maxValue)));
+    auto answer = logind_.setBrightness("backlight", *name, value);
+    if (answer.ok()) return Result::ok();
+    return Result::fail("logind didn't set the brightness of " + *name + " (" + answer.message +
+                        "); it does so only for the active local session.");
+  }
+
+ private:
+  const SysTree& tree_;
+  Logind& logind_;
+};
+
+// ---------------------------------------------------------------- processes
+
+// Shares the machine's measured draw out among processes by their share of
+// the CPU time all processes used in the same stretch.
+class EnergyShare {
+ public:
+  // The machine's counters now: busy CPU ticks, and the draw in watts.
+  void sample(double monotonic, std::uint64_t busyTicks, double watts) {
+    if (sampled_ && monotonic > lastAt_ && busyTicks >= lastBusy_) {
+      joules_ += watts * (monotonic - lastAt_);
+      busy_ += busyTicks - lastBusy_;
+    }
+    sampled_ = true;
+    lastAt_ = monotonic;
+    lastBusy_ = busyTicks;
+  }
+
+  // The energy of one process so far, counted from when it was first seen.
+  std::uint64_t energyOf(std::int32_t pid, std::uint64_t startTicks, std::uint64_t cpuTicks) {
+    Seen& s = seen_[pid];
+    if (!s.known || s.startTicks != startTicks) {
+      s = Seen{true, startTicks, cpuTicks, joules_, busy_, 0.0};
+      return 0;
+    }
+    const double machine = joules_ - s.joulesAt;
+    const std::uint64_t busy = busy_ - s.busyAt;
+    if (busy > 0 && cpuTicks > s.cpuTicks) {
+      const double share = std::min(1.0, static_cast<double>(cpuTicks - s.cpuTicks) / static_cast<double>(busy));
+      s.nanojoules += machine * share * 1e9;
+    }
+    s.cpuTicks = cpuTicks;
+    s.joulesAt = joules_;
+    s.busyAt = busy_;
+    return static_cast<std::uint64_t>(s.nanojoules);
+  }
+
+  // Forgets processes that are gone.
+  void keepOnly(const std::vector<std::int32_t>& pids) {
+    std::erase_if(seen_, [&](const auto& entry) { return !std::binary_search(pids.begin(), pids.end(), entry.first); });
+  }
+
+ private:
+  struct Seen {
+    bool known = false;
+    std::uint64_t startTicks = 0;
+    std::uint64_t cpuTicks = 0;
+    double joulesAt = 0.0;
+    std::uint64_t busyAt = 0;
+    double nanojoules = 0.0;
+  };
+  bool sampled_ = false;
+  double lastAt_ = 0.0;
+  std::uint64_t lastBusy_ = 0;
+  double joules_ = 0.0;     // the machine's energy since the first sample
+  std::uint64_t busy_ = 0;  // busy ticks since the first sample
+  std::map<std::int32_t, Seen> seen_;
+};
+
+// One thread's scheduling, as read before Vigilo changed it.
+struct ThreadPriority {
+  int ioprio = 0;
+  int policy = SCHED_OTHER;  // with SCHED_RESET_ON_FORK when set
+  int nice = 0;
+};
+
+int basePolicy(int policy) { return policy & ~SCHED_RESET_ON_FORK; }
+
+std::optional<ThreadPriority> readPriority(pid_t tid, int& err) {
+  ThreadPriority p;
+  const long io = ::syscall(SYS_ioprio_get, kIoprioWhoProcess, tid);
+  if (io < 0) {
+    err = errno;
+    return std::nullopt;
+  }
+  p.ioprio = static_cast<int>(io);
+  p.policy = ::sched_getscheduler(tid);
+  if (p.policy < 0) {
+    err = errno;
+    return std::nullopt;
+  }
+  errno = 0;
+  const int nice = ::getpriority(PRIO_PROCESS, static_cast<id_t>(tid));
+  if (nice == -1 && errno != 0) {
+    err = errno;
+    return std::nullopt;
+  }
+  p.nice = nice;
+  return p;
+}
+
+int setIoprio(pid_t tid, int value) {
+  return ::syscall(SYS_ioprio_set, kIoprioWhoProcess, tid, value) == 0 ? 0 : errno;
+}
+
+int setPolicy(pid_t tid, int policy) {
+  sched_param param{};
+  param.sched_priority = 0;
+  return ::sched_setscheduler(tid, policy, &param) == 0 ? 0 : errno;
+}
+
+class LinuxProcesses final : public Processes {
+ public:
+  LinuxProcesses(const SysTree& tree, Clock& clock, std::function<std::optional<double>()> draw)
+      : tree_(tree), clock_(clock), draw_(std::move(draw)) {
+    hz_ = ::sysconf(_SC_CLK_TCK);
+    if (hz_ <= 0) hz_ = 100;
+    // Read once: the kernel works btime out afresh from the wall clock on
+    // every read, so it can move by a second and would change the start
+    // time that, with the pid, names a process.
+    if (auto stat = tree_.read("/proc/stat", kCmdlineLimit)) bootTime_ = bootTimeFromProcStat(*stat);
+    auto status = tree_.read("/proc/self/status");
+    auto caps = status ? effectiveCapabilities(*status) : std::nullopt;
+    auto uidMap = tree_.read("/proc/self/uid_map");
+    capSysNice_ = caps && (*caps >> kCapSysNice & 1U) != 0 && uidMap && isInitialUserNamespace(*uidMap);
+  }
+
+  bool readable() const { return bootTime_.has_value(); }
+  bool mayLowerCpu() const { return capSysNice_; }
+
+  std::optional<ProcessInfo> info(std::int32_t pid) override {
+    if (pid <= 0) return std::nullopt;
+    sampleMachine();
+    return read(pid);
+  }
+
+  std::vector<ProcessInfo> list() override {
+    sampleMachine();
+    std::vector<ProcessInfo> out;
+    std::vector<std::int32_t> pids;
+    for (const std::string& name : tree_.list("/proc")) {
+      if (!isNumber(name) || name.size() > 9) continue;
+      if (auto p = read(static_cast<std::int32_t>(std::stol(name)))) {
+        pids.push_back(p->pid);
+        out.push_back(std::move(*p));
+      }
+    }
+    std::sort(pids.begin(), pids.end());
+    energy_.keepOnly(pids);
+    return out;
+  }
+
+  Result stop(std::int32_t pid) override { return signal(pid, SIGSTOP, "pause"); }
+  Result resume(std::int32_t pid) override { return signal(pid, SIGCONT, "continue"); }
+
+  // Lowers every thread to the idle I/O class (always reversible), and to
+  // SCHED_IDLE only where the thread's RLIMIT_NICE or Vigilo's CAP_SYS_NICE
+  // lets it be put back: an unprivileged user cannot leave SCHED_IDLE
+  // otherwise (sched(7)). Each thread's old values are recorded before they
+  // change.
+  Result slow(std::int32_t pid) override {
+    if (Result r = checkTarget(pid, "slow"); !r) return r;
+    auto stat = statOf(pid);
+    if (!stat) return Result::fail("Process " + std::to_string(pid) + " isn't running.");
+    SlowRecord& rec = slowed_[pid];
+    if (rec.startTicks != stat->starttime) {
+      rec = SlowRecord{};
+      rec.startTicks = stat->starttime;
+    }
+    const std::uint64_t niceLimit = niceLimitOf(pid);
+    int denied = 0;
+    for (pid_t tid : threadsOf(pid)) {
+      auto known = rec.threads.find(tid);
+      if (known != rec.threads.end()) {
+        reapply(tid, known->second);
+        continue;
+      }
+      int err = 0;
+      auto now = readPriority(tid, err);
+      if (!now) {
+        if (err == EPERM || err == EACCES) denied = err;
+        continue;  // ESRCH: the thread just ended
+      }
+      SlowedThread t;
+      // A thread started since the last slow inherited the slowed values;
+      // what it would have had is the process's own.
+      const bool inherited = rec.original && ioprioClass(now->ioprio) == kIoprioClassIdle &&
+                             (!rec.cpu || basePolicy(now->policy) == SCHED_IDLE);
+      t.original = inherited ? *rec.original : *now;
+      const int ioClass = ioprioClass(t.original.ioprio);
+      t.io = ioClass != kIoprioClassRealtime && ioClass != kIoprioClassIdle;
+      const int policy = basePolicy(t.original.policy);
+      t.cpu =
+          (policy == SCHED_OTHER || policy == SCHED_BATCH) && canRestoreNice(t.original.nice, niceLimit, capSysNice_);
+      if (inherited) t.cpu = t.cpu && rec.cpu;
+      rec.threads[tid] = t;  // the record comes before the change
+      if (!rec.original) {
+        rec.original = t.original;
+        rec.cpu = t.cpu;
+      }
+      reapply(tid, rec.threads[tid]);
+      if (rec.threads[tid].denied) denied = EPERM;
+    }
+    if (denied != 0 && std::none_of(rec.threads.begin(), rec.threads.end(),
+                                    [](const auto& e) { return e.second.io || e.second.cpu; })) {
+      slowed_.erase(pid);
+      return Result::fail("Vigilo isn't allowed to change the priority of process " + std::to_string(pid) +
+                              " (it belongs to another user).",
+                          denied);
+    }
+    return Result::ok();
+  }
+
+  Result unslow(std::int32_t pid) override {
+    if (Result r = checkTarget(pid, "put back"); !r) return r;
+    auto stat = statOf(pid);
+    if (!stat) {
+      slowed_.erase(pid);
+      return Result::fail("Process " + std::to_string(pid) + " isn't running.");
+    }
+    auto found = slowed_.find(pid);
+    if (found != slowed_.end() && found->second.startTicks != stat->starttime) {
+      slowed_.erase(found);  // the pid was reused
+      found = slowed_.end();
+    }
+    const std::uint64_t niceLimit = niceLimitOf(pid);
+    int failedErr = 0;
+    for (pid_t tid : threadsOf(pid)) {
+      int err = 0;
+      auto now = readPriority(tid, err);
+      if (!now) {
+        if (err != ESRCH) failedErr = err;
+        continue;
+      }
+      std::optional<ThreadPriority> original;
+      bool cpu = false;
+      if (found != slowed_.end()) {
+        const SlowRecord& rec = found->second;
+        if (auto t = rec.threads.find(tid); t != rec.threads.end()) {
+          original = t->second.original;
+          cpu = t->second.cpu;
+        } else if (rec.original && ioprioClass(now->ioprio) == kIoprioClassIdle) {
+          original = rec.original;  // started since, with the slowed values
+          cpu = rec.cpu;
+        }
+      } else {
+        // Never slowed by this run (Vigilo restarted since): put back the
+        // defaults of what slowing changes, where they can be.
+        ThreadPriority defaults = *now;
+        if (ioprioClass(now->ioprio) == kIoprioClassIdle) defaults.ioprio = 0;  // "none": follows the nice value
+        if (basePolicy(now->policy) == SCHED_IDLE && canRestoreNice(now->nice, niceLimit, capSysNice_)) {
+          defaults.policy = SCHED_OTHER | (now->policy & SCHED_RESET_ON_FORK);
+          cpu = true;
+        }
+        original = defaults;
+      }
+      if (!original) continue;
+      if (now->ioprio != original->ioprio) {
+        if (int e = setIoprio(tid, original->ioprio); e != 0 && e != ESRCH) failedErr = e;
+      }
+      if (cpu && now->policy != original->policy) {
+        if (int e = setPolicy(tid, original->policy); e != 0 && e != ESRCH) failedErr = e;
+      }
+    }
+    if (failedErr != 0) {
+      return Result::fail(errnoMessage("Couldn't put back the priority of process " + std::to_string(pid), failedErr),
+                          failedErr);
+    }
+    if (found != slowed_.end()) slowed_.erase(found);
+    return Result::ok();
+  }
+
+ private:
+  struct SlowedThread {
+    ThreadPriority original;
+    bool io = false;   // its I/O class was lowered
+    bool cpu = false;  // its policy was lowered
+    bool denied = false;
+  };
+  struct SlowRecord {
+    std::uint64_t startTicks = 0;
+    std::optional<ThreadPriority> original;  // of the first thread recorded
+    bool cpu = false;
+    std::map<pid_t, SlowedThread> threads;
+  };
+
+  std::optional<ProcStat> statOf(std::int32_t pid) const {
+    auto text = tree_.read("/proc/" + std::to_string(pid) + "/stat");
+    return text ? parseProcStat(*text) : std::nullopt;
+  }
+
+  std::optional<ProcessInfo> read(std::int32_t pid) {
+    const std::string base = "/proc/" + std::to_string(pid);
+    auto stat = statOf(pid);
+    if (!stat) return std::nullopt;
+    ProcessInfo p;
+    p.pid = pid;
+    p.ppid = stat->ppid;
+    p.startMicros = startMicros(bootTime_.value_or(0), stat->starttime, hz_);
+    p.cpuMicros = ticksToMicros(stat->utime + stat->stime, hz_);
+    p.stopped = stat->state == 'T';
+    if (auto cmdline = tree_.read(base + "/cmdline", kCmdlineLimit)) p.args = splitCmdline(*cmdline);
+    if (auto exe = tree_.link(base + "/exe")) {
+      p.path = exePathFromLink(*exe);
+    } else if (!p.args.empty()) {
+      // Another user's process hides its exe link; argv[0] is what is left.
+      p.path = p.args.front();
+    }
+    if (auto cwd = tree_.link(base + "/cwd")) p.cwd = *cwd;
+    p.energyNanojoules = energy_.energyOf(pid, stat->starttime, stat->utime + stat->stime);
+    return p;
+  }
+
+  void sampleMachine() {
+    const double now = clock_.monotonic();
+    if (sampledAt_ && now - *sampledAt_ < kEnergySampleSeconds && now >= *sampledAt_) return;
+    auto stat = tree_.read("/proc/stat", kCmdlineLimit);
+    auto busy = stat ? busyTicksFromProcStat(*stat) : std::nullopt;
+    if (!busy) return;
+    sampledAt_ = now;
+    energy_.sample(now, *busy, draw_().value_or(0.0));
+  }
+
+  Result checkTarget(std::int32_t pid, const std::string& verb) const {
+    if (pid <= 1) return Result::fail("Vigilo won't " + verb + " process " + std::to_string(pid) + ".");
+    if (pid == ::getpid()) return Result::fail("Vigilo won't " + verb + " itself.");
+    return Result::ok();
+  }
+
+  Result signal(std::int32_t pid, int signo, const std::string& verb) {
+    if (Result r = checkTarget(pid, verb); !r) return r;
+    if (::kill(pid, signo) == 0) return Result::ok();
+    const int err = errno;
+    if (err == ESRCH) return Result::fail("Process " + std::to_string(pid) + " isn't running.", err);
+    if (err == EPERM) {
+      return Result::fail(
+          "Vigilo isn't allowed to " + verb + " process " + std::to_string(pid) + " (it belongs to another user).",
+          err);
+    }
+    return Result::fail(errnoMessage("Couldn't " + verb + " process " + std::to_string(pid), err), err);
+  }
+
+  std::vector<pid_t> threadsOf(std::int32_t pid) const {
+    std::vector<pid_t> out{pid};  // the main thread first: its values are the process's
+    for (const std::string& name : tree_.list("/proc/" + std::to_string(pid) + "/task")) {
+      if (!isNumber(name) || name.size() > 9) continue;
+      const auto tid = static_cast<pid_t>(std::stol(name));
+      if (tid != pid) out.push_back(tid);
+    }
+    return out;
+  }
+
+  std::uint64_t niceLimitOf(std::int32_t pid) const {
+    auto limits = tree_.read("/proc/" + std::to_string(pid) + "/limits");
+    return limits ? niceLimitFromLimits(*limits).value_or(0) : 0;
+  }
+
+  static void reapply(pid_t tid, SlowedThread& t) {
+    int err = 0;
+    auto now = readPriority(tid, err);
+    if (!now) return;
+    if (t.io && ioprioClass(now->ioprio) != kIoprioClassIdle) {
+      if (int e = setIoprio(tid, kIoprioIdle); e != 0) {
+        t.io = false;
+        t.denied = t.denied || e == EPERM;
+      }
+    }
+    if (t.cpu && basePolicy(now->policy) != SCHED_IDLE) {
+      if (int e = setPolicy(tid, SCHED_IDLE | (t.original.policy & SCHED_RESET_ON_FORK)); e != 0) {
+        t.cpu = false;
+        t.denied = t.denied || e == EPERM;
+      }
+    }
+  }
+
+  const SysTree& tree_;
+  Clock& clock_;
+  std::function<std::optional<double>()> draw_;
+  long hz_ = 100;
+  std::optional<std::int64_t> bootTime_;
+  bool capSysNice_ = false;
+  std::optional<double> sampledAt_;
+  EnergyShare energy_;
+  std::map<std::int32_t, SlowRecord> slowed_;
+};
+
+// ---------------------------------------------------------------- events
+
+// Linux sends no thermal or power-source notification that a user process
+// can rely on, so both are polled; sleep and wake come from logind's
+// PrepareForSleep where the bus is there.
+class LinuxEvents final : public SystemEvents {
+ public:
+  LinuxEvents(RunLoop& loop, LinuxRegistry& registry, Logind& logind)
+      : loop_(loop), registry_(registry), logind_(logind) {}
+  ~LinuxEvents() override { stop(); }
+
+  void subscribe(std::function<void(SystemEvent)> handler) override {
+    handler_ = std::move(handler);
+    if (!handler_) {
+      stop();
+      return;
+    }
+    if (!timer_) {
+      thermal_ = registry_.thermalState();
+      adapter_ = registry_.adapter();
+      timer_ = loop_.every(kEventPollSeconds, 1.0, [this] { poll(); });
+    }
+    logind_.watchSleep([this](bool start) { deliver(start ? SystemEvent::WillSleep : SystemEvent::DidWake); });
+  }
+
+ private:
+  void stop() {
+    if (timer_) loop_.cancel(*timer_);
+    timer_.reset();
+    logind_.watchSleep(nullptr);
+  }
+
+  void poll() {
+    logind_.dispatch();
+    const int thermal = registry_.thermalState();
+    if (thermal != thermal_) {
+      thermal_ = thermal;
+      deliver(SystemEvent::ThermalStateChanged);
+    }
+    const auto adapter = registry_.adapter();
+    if (adapter != adapter_) {
+      adapter_ = adapter;
+      deliver(SystemEvent::PowerSourceChanged);
+    }
+  }
+
+  void deliver(SystemEvent e) {
+    auto handler = handler_;  // it may unsubscribe itself
+    if (handler) handler(e);
+  }
+
+  RunLoop& loop_;
+  LinuxRegistry& registry_;
+  Logind& logind_;
+  std::function<void(SystemEvent)> handler_;
+  std::optional<TimerId> timer_;
+  int thermal_ = 0;
+  std::optional<bool> adapter_;
+};
+
+// ---------------------------------------------------------------- the platform
+
+std::string joined(const std::vector<std::string>& names) {
+  std::string out;
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    if (i > 0) out += i + 1 == names.size() ? " and " : ", ";
+    out += names[i];
+  }
+  return out;
+}
+
+class LinuxPlatformImpl final : public Platform {
+ public:
+  LinuxPlatformImpl(Clock& clock, RunLoop& loop, LinuxPlatformOptions options)
+      : clock_(clock),
+        loop_(loop),
+        tree_(options.root),
+        logind_(options.systemBus, loop),
+        power_(logind_, lock_, clock),
+        registry_(tree_, logind_, lock_),
+        displays_(tree_, logind_),
+        processes_(tree_, clock, [this] { return registry_.batteryDraw(); }),
+        events_(loop, registry_, logind_) {}
+
+  std::string name() const override { return "linux"; }
+  std::string defaultAppFolder() const override {
+    // XDG: an unset, empty or relative XDG_DATA_HOME means ~/.local/share.
+    const char* data = std::getenv("XDG_DATA_HOME");
+    const std::string base = data != nullptr && data[0] == '/' ? data : homeFolder() + "/.local/share";
+    return base + "/vigilo";
+  }
+  Clock& clock() override { return clock_; }
+  RunLoop& loop() override { return loop_; }
+  Registry& registry() override { return registry_; }
+  PowerControl& power() override { return power_; }
+  Displays& displays() override { return displays_; }
+  Processes& processes() override { return processes_; }
+  SystemEvents& events() override { return events_; }
+
+  void refresh() override { logind_.dispatch(); }
+
+  std::vector<Capability> capabilities() override {
+    auto locks = logind_.listInhibitors();
+    return {sleepSwitchCapability(locks), batteryCapability(),   lidCapability(),        thermalCapability(),
+            processesCapability(),        powerModeCapability(), screenCapability(locks)};
+  }
+
+ private:
+  Capability sleepSwitchCapability(const BusAnswer<std::vector<Inhibitor>>& locks) {
+    Capability c{"sleep switch", false, {}};
+    const SetupStatus s = power_.setupStatus();
+    c.available = s.ready;
+    if (!s.ready) {
+      c.detail = s.reason;
+      return c;
+    }
+    c.detail =
+        "Vigilo keeps the laptop awake with a logind lock on the lid switch, sleep and idle; the lock ends with "
+        "Vigilo, even if it crashes.";
+    if (locks.ok()) {
+      if (auto owner = desktopLidOwner(*locks.value)) c.detail += " " + *owner;
+    }
+    return c;
+  }
+
+  Capability batteryCapability() {
+    Capability c{"battery", false, {}};
+    const auto supplies = tree_.supplies();
+    const auto names = systemBatteryNames(supplies);
+    if (names.empty()) {
+      c.detail =
+          "No battery found under /sys/class/power_supply, so the battery limit and only-on-power guards "
+          "are off.";
+      return c;
+    }
+    auto props = batteryFromSupplies(supplies);
+    if (!props || !props->currentCapacity || !props->maxCapacity || *props->maxCapacity < 1) {
+      c.detail = "The battery " + joined(names) +
+                 " doesn't show its charge (no energy_now or charge_now under /sys/class/power_supply), so the "
+                 "battery limit is off.";
+      return c;
+    }
+    c.available = true;
+    c.detail = "The battery " + joined(names) + " is read from /sys/class/power_supply" +
+               (adapterOnline(supplies) ? ", and the adapter from its online flag."
+                                        : "; this machine shows no adapter, so its status tells when it charges.");
+    return c;
+  }
+
+  Capability lidCapability() {
+    Capability c{"lid", false, {}};
+    if (auto acpi = tree_.acpiLid()) {
+      c.available = true;
+      c.detail = "The lid is read from " + acpi->first + ".";
+      return c;
+    }
+    if (registry_.lidSwitchInput()) {
+      auto closed = logind_.lidClosed();
+      c.available = closed.ok();
+      c.detail = closed.ok() ? "The lid is read from logind's LidClosed, every two seconds."
+                             : "This machine has a lid switch, but its state can't be read: there is no "
+                               "/proc/acpi/button/lid and logind can't be asked (" +
+                                   closed.message + "). Vigilo treats the lid as open.";
+      return c;
+    }
+    c.detail =
+        "No lid found (no /proc/acpi/button/lid and no lid switch among the input devices), so Vigilo treats "
+        "the lid as always open and never starts closed-lid savings.";
+    return c;
+  }
+
+  Capability thermalCapability() {
+    Capability c{"thermal", false, {}};
+    const auto zones = tree_.zones();
+    std::vector<std::string> watched, blind;
+    for (const auto& z : zones) {
+      const std::string label = z.type.empty() ? z.name : z.type;
+      (z.hasTrips() && z.celsius ? watched : blind).push_back(label);
+    }
+    if (!watched.empty()) {
+      c.available = true;
+      c.detail = "The heat guard reads the temperature and trip points of " + joined(watched) + ".";
+    } else if (!blind.empty()) {
+      c.detail = "The thermal zones here (" + joined(blind) +
+                 ") show no trip points or no temperature, so Vigilo can't tell when the machine is too hot: the "
+                 "heat guard is off.";
+    } else {
+      c.detail =
+          "No thermal zones under /sys/class/thermal, so Vigilo can't tell when the machine is too hot: the "
+          "heat guard is off.";
+    }
+    return c;
+  }
+
+  Capability processesCapability() {
+    Capability c{"processes", processes_.readable(), {}};
+    if (!c.available) {
+      c.detail = "/proc can't be read, so Vigilo can't see or control processes.";
+      return c;
+    }
+    c.detail =
+        std::string("Processes are read from /proc. Slowing one moves it to the idle I/O class") +
+        (processes_.mayLowerCpu() ? " and the idle CPU policy"
+                                  : ", and to the idle CPU policy only where its nice limit lets Vigilo put it back") +
+        "; both are put back exactly. Energy per process is its share of the battery's draw while on "
+        "battery.";
+    return c;
+  }
+
+  Capability powerModeCapability() {
+    return Capability{"power mode", false,
+                      "Power modes (power-profiles-daemon) aren't supported on Linux yet, so Vigilo leaves the power "
+                      "profile as it is."};
+  }
+
+  Capability screenCapability(const BusAnswer<std::vector<Inhibitor>>& bus) {
+    Capability c{"screen", false, {}};
+    auto name = tree_.backlight();
+    if (!name) {
+      c.detail = "No screen backlight under /sys/class/backlight, so Vigilo can't darken the built-in screen.";
+      return c;
+    }
+    if (!bus.ok()) {
+      c.detail = "The backlight " + *name + " is set through logind, which can't be reached (" + bus.message +
+                 "), so Vigilo can't darken the built-in screen.";
+      return c;
+    }
+    c.available = true;
+    c.detail = "The brightness of " + *name +
+               " is set through logind (only while your local session is active); switching the built-in screen "
+               "off isn't available on Linux.";
+    return c;
+  }
+
+  Clock& clock_;
+  RunLoop& loop_;
+  SysTree tree_;
+  Logind logind_;
+  SleepLock lock_;
+  LinuxPower power_;
+  LinuxRegistry registry_;
+  LinuxDisplays displays_;
+  LinuxProcesses processes_;
+  LinuxEvents events_;
+};
+
+}  // namespace
+
+std::unique_ptr<Platform> makeLinuxPlatform(Clock& clock, RunLoop& loop, LinuxPlatformOptions options) {
+  return std::make_unique<LinuxPlatformImpl>(clock, loop, std::move(options));
+}
+
+std::string runtimeFolder(std::string* problem) {
+  auto refuse = [&](const std::string& why) {
+    if (problem != nullptr) *problem = why;
+    return std::string();
+  };
+  const uid_t uid = ::getuid();
+  const char* xdg = std::getenv("XDG_RUNTIME_DIR");
+  const bool useXdg = xdg != nullptr && xdg[0] == '/';
+  const std::string folder = useXdg ? std::string(xdg) + "/vigilo" : "/tmp/vigilo-" + std::to_string(uid);
+  if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
+    return refuse(errnoMessage("Couldn't create " + folder, errno));
+  }
+  struct stat st {};
+  // lstat: a symbolic link planted in /tmp by someone else must not lead
+  // Vigilo's sockets into their folder.
+  if (::lstat(folder.c_str(), &st) != 0) return refuse(errnoMessage("Couldn't look at " + folder, errno));
+  if (!S_ISDIR(st.st_mode)) return refuse(folder + " isn't a folder, so Vigilo won't use it.");
+  if (st.st_uid != uid) return refuse(folder + " belongs to another user, so Vigilo won't use it.");
+  if ((st.st_mode & 0777) != 0700 && ::chmod(folder.c_str(), 0700) != 0) {
+    return refuse(errnoMessage("Couldn't make " + folder + " private", errno));
+  }
+  if (problem != nullptr) problem->clear();
+  return folder;
+}
+
+}  // namespace vigilo

@@ -1,0 +1,614 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "e2e/app_process.h"
+#include "engine/engine.h"
+#include "platform/linux/linux_fixture.h"
+#include "platform/linux/logind.h"
+
+namespace vigilo::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* kLogind = "org.freedesktop.login1";
+constexpr const char* kPath = "/org/freedesktop/login1";
+constexpr const char* kManager = "org.freedesktop.login1.Manager";
+constexpr const char* kMock = "org.freedesktop.DBus.Mock";
+
+pid_t spawn(const std::vector<std::string>& argv, int out, int err, const std::vector<std::string>& env = {}) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (out >= 0) ::dup2(out, 1);
+    if (err >= 0) ::dup2(err, 2);
+    for (const auto& e : env) ::putenv(const_cast<char*>(e.c_str()));
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    ::execv(args[0], args.data());
+    ::_exit(127);
+  }
+  return pid;
+}
+
+void endChild(pid_t& pid) {
+  if (pid <= 0) return;
+  ::kill(pid, SIGTERM);
+  if (!waitFor([&] { return ::waitpid(pid, nullptr, WNOHANG) == pid; }, 5s)) {
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+  }
+  pid = -1;
+}
+
+struct BusUnref {
+  void operator()(sd_bus* b) const { sd_bus_flush_close_unref(b); }
+};
+struct MessageUnref {
+  void operator()(sd_bus_message* m) const { sd_bus_message_unref(m); }
+};
+using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
+
+// A private dbus-daemon standing in for the system bus, with
+// python3-dbusmock's logind template on it. The test talks to the mock over
+// its own connection, independent of the code under test.
+class MockLogind {
+ public:
+  MockLogind(const std::string& folder, bool withLogind) {
+    if (::access("/usr/bin/dbus-daemon", X_OK) != 0) {
+      missing_ = "dbus-daemon is not installed (scripts/setup installs it)";
+      return;
+    }
+    int devnull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    pid_t probe = spawn({"/usr/bin/python3", "-c", "import dbusmock"}, devnull, devnull);
+    ::close(devnull);
+    int status = 0;
+    ::waitpid(probe, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+      missing_ = "python3-dbusmock is not installed for /usr/bin/python3 (scripts/setup installs it)";
+      return;
+    }
+    const int log = ::open((folder + "/dbus.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    daemon_ = spawn({"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"}, fds[1], log);
+    ::close(fds[1]);
+    // Kept open for the daemon's life: a closed pipe would kill it with
+    // SIGPIPE at its next line of output.
+    addressPipe_ = UniqueFd(fds[0]);
+    std::string line;
+    pollfd p{fds[0], POLLIN, 0};
+    while (line.find('\n') == std::string::npos && ::poll(&p, 1, 5000) > 0) {
+      char buf[256];
+      const ssize_t n = ::read(fds[0], buf, sizeof buf);
+      if (n <= 0) break;
+      line.append(buf, static_cast<std::size_t>(n));
+    }
+    address_ = line.substr(0, line.find('\n'));
+    if (address_.empty()) throw std::runtime_error("dbus-daemon printed no address");
+    sd_bus* raw = nullptr;
+    if (sd_bus_new(&raw) < 0) throw std::runtime_error("sd_bus_new failed");
+    bus_.reset(raw);
+    sd_bus_set_address(raw, address_.c_str());
+    sd_bus_set_bus_client(raw, 1);
+    if (sd_bus_start(raw) < 0) throw std::runtime_error("can't connect to the private bus");
+    if (!withLogind) {
+      ::close(log);
+      return;
+    }
+    mock_ = spawn({"/usr/bin/python3", "-m", "dbusmock", "--template", "logind"}, log, log,
+                  {"DBUS_SYSTEM_BUS_ADDRESS=" + address_});
+    ::close(log);
+    if (!waitFor([&] { return hasOwner(); }, 20s)) {
+      throw std::runtime_error("dbusmock's logind didn't come up: " + readFile(folder + "/dbus.log"));
+    }
+  }
+  ~MockLogind() {
+    bus_.reset();
+    endChild(mock_);
+    endChild(daemon_);
+  }
+  MockLogind(const MockLogind&) = delete;
+  MockLogind& operator=(const MockLogind&) = delete;
+
+  const std::string& missing() const { return missing_; }
+  const std::string& address() const { return address_; }
+
+  std::vector<Inhibitor> inhibitors() {
+    Message reply = call(kManager, "ListInhibitors", "");
+    std::vector<Inhibitor> out;
+    sd_bus_message_enter_container(reply.get(), 'a', "(ssssuu)");
+    const char *what, *who, *why, *mode;
+    std::uint32_t uid, pid;
+    while (sd_bus_message_read(reply.get(), "(ssssuu)", &what, &who, &why, &mode, &uid, &pid) > 0) {
+      out.push_back(Inhibitor{what, who, why, mode, uid, pid});
+    }
+    return out;
+  }
+
+  // Another program's lock, held until the descriptor closes.
+  UniqueFd inhibit(const std::string& what, const std::string& who, const std::string& mode) {
+    Message reply = call(kManager, "Inhibit", "ssss", what.c_str(), who.c_str(), "a test", mode.c_str());
+    int fd = -1;
+    sd_bus_message_read(reply.get(), "h", &fd);
+    return UniqueFd(::fcntl(fd, F_DUPFD_CLOEXEC, 3));
+  }
+
+  // Replaces or adds a method of the mock (python code in `code`).
+  void addMethod(const std::string& iface, const std::string& name, const std::string& in, const std::string& out,
+                 const std::string& code, const char* path = kPath) {
+    callAt(path, kMock, "AddMethod", "sssss", iface.c_str(), name.c_str(), in.c_str(), out.c_str(), code.c_str());
+  }
+  void addProperty(const char* name, bool value) {
+    call(kMock, "AddProperty", "ssv", kManager, name, "b", static_cast<int>(value));
+  }
+  void setProperty(const char* name, bool value) {
+    call("org.freedesktop.DBus.Properties", "Set", "ssv", kManager, name, "b", static_cast<int>(value));
+  }
+  void emitPrepareForSleep(bool start) {
+    sd_bus_message* m = nullptr;
+    sd_bus_message_new_method_call(bus_.get(), &m, kLogind, kPath, kMock, "EmitSignal");
+    Message msg(m);
+    sd_bus_message_append(m, "sss", kManager, "PrepareForSleep", "b");
+    sd_bus_message_open_container(m, 'a', "v");
+    sd_bus_message_append(m, "v", "b", static_cast<int>(start));
+    sd_bus_message_close_container(m);
+    send(m);
+  }
+  // The arguments of every call of `method`, as text.
+  std::vector<std::vector<std::string>> calls(const std::string& method, const char* path = kPath) {
+    Message reply = callAt(path, kMock, "GetMethodCalls", "s", method.c_str());
+    std::vector<std::vector<std::string>> out;
+    sd_bus_message_enter_container(reply.get(), 'a', "(tav)");
+    while (sd_bus_message_enter_container(reply.get(), 'r', "tav") > 0) {
+      std::uint64_t when = 0;
+      sd_bus_message_read(reply.get(), "t", &when);
+      sd_bus_message_enter_container(reply.get(), 'a', "v");
+      std::vector<std::string> args;
+      char type = 0;
+      const char* contents = nullptr;
+      while (sd_bus_message_peek_type(reply.get(), &type, &contents) > 0) {
+        sd_bus_message_enter_container(reply.get(), 'v', contents);
+        if (contents[0] == 's') {
+          const char* s = nullptr;
+          sd_bus_message_read(reply.get(), "s", &s);
+          args.emplace_back(s);
+        } else if (contents[0] == 'u') {
+          std::uint32_t u = 0;
+          sd_bus_message_read(reply.get(), "u", &u);
+          args.push_back(std::to_string(u));
+        } else if (contents[0] == 'b') {
+          int b = 0;
+          sd_bus_message_read(reply.get(), "b", &b);
+          args.emplace_back(b ? "true" : "false");
+        } else {
+          sd_bus_message_skip(reply.get(), contents);
+          args.emplace_back("?");
+        }
+        sd_bus_message_exit_container(reply.get());
+      }
+      sd_bus_message_exit_container(reply.get());
+      sd_bus_message_exit_container(reply.get());
+      out.push_back(std::move(args));
+    }
+    return out;
+  }
+  void addObject(const std::string& path, const std::string& iface) {
+    sd_bus_message* m = nullptr;
+    sd_bus_message_new_method_call(bus_.get(), &m, kLogind, kPath, kMock, "AddObject");
+    Message msg(m);
+    sd_bus_message_append(m, "ssa{sv}a(ssss)", path.c_str(), iface.c_str(), 0, 0);
+    send(m);
+  }
+
+ private:
+  bool hasOwner() {
+    sd_bus_message* reply = nullptr;
+    int has = 0;
+    if (sd_bus_call_method(bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                           "NameHasOwner", nullptr, &reply, "s", kLogind) < 0) {
+      return false;
+    }
+    Message r(reply);
+    sd_bus_message_read(reply, "b", &has);
+    return has != 0;
+  }
+  template <class... Args>
+  Message call(const char* iface, const char* method, const char* types, Args... args) {
+    return callAt(kPath, iface, method, types, args...);
+  }
+  template <class... Args>
+  Message callAt(const char* path, const char* iface, const char* method, const char* types, Args... args) {
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_message* reply = nullptr;
+    int r = sd_bus_call_method(bus_.get(), kLogind, path, iface, method, &error, &reply, types, args...);
+    std::string message = error.message ? error.message : "";
+    sd_bus_error_free(&error);
+    if (r < 0) throw std::runtime_error(std::string("mock call ") + method + " failed: " + message);
+    return Message(reply);
+  }
+  void send(sd_bus_message* m) {
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_message* reply = nullptr;
+    int r = sd_bus_call(bus_.get(), m, 0, &error, &reply);
+    sd_bus_error_free(&error);
+    sd_bus_message_unref(reply);
+    if (r < 0) throw std::runtime_error("mock call failed");
+  }
+
+  std::string missing_;
+  std::string address_;
+  pid_t daemon_ = -1;
+  pid_t mock_ = -1;
+  UniqueFd addressPipe_;
+  std::unique_ptr<sd_bus, BusUnref> bus_;
+};
+
+const Capability* find(const std::vector<Capability>& caps, const std::string& name) {
+  auto it = std::find_if(caps.begin(), caps.end(), [&](const Capability& c) { return c.name == name; });
+  return it == caps.end() ? nullptr : &*it;
+}
+
+bool isVigilosHold(const Inhibitor& i) {
+  return i.what == "handle-lid-switch:sleep:idle" && i.mode == "block" && i.who == "Vigilo" &&
+         i.why.rfind("Keeping", 0) == 0;
+}
+
+// Given a fixture tree and dbusmock's logind on a private bus.
+class LinuxLogindTest : public LinuxTreeTest {
+ protected:
+  void SetUp() override {
+    mock_ = std::make_unique<MockLogind>(dir_.path(), true);
+    if (!mock_->missing().empty()) GTEST_SKIP() << mock_->missing();
+  }
+  std::unique_ptr<Platform> platform() { return LinuxTreeTest::platform(mock_->address()); }
+  std::unique_ptr<MockLogind> mock_;
+};
+
+TEST_F(LinuxLogindTest, HoldingTakesExactlyOneBlockLockAndReleasingClosesIt) {
+  auto p = platform();
+  EXPECT_FALSE(p->power().switchIsShared());
+  SetupStatus s = p->power().setupStatus();
+  EXPECT_TRUE(s.ready) << s.reason;
+  // The permission probe leaves nothing behind.
+  ASSERT_TRUE(waitFor([&] { return mock_->inhibitors().empty(); }, 5s));
+  EXPECT_EQ(p->registry().sleepDisabled(), false);
+
+  ASSERT_TRUE(p->power().setSleepDisabled(true));
+  ASSERT_TRUE(p->power().setSleepDisabled(true));  // already held: still one lock
+  auto locks = mock_->inhibitors();
+  ASSERT_EQ(locks.size(), 1u);
+  EXPECT_TRUE(isVigilosHold(locks[0])) << locks[0].what << " / " << locks[0].mode << " / " << locks[0].why;
+  EXPECT_EQ(p->registry().sleepDisabled(), true);
+
+  ASSERT_TRUE(p->power().setSleepDisabled(false));
+  EXPECT_TRUE(waitFor([&] { return mock_->inhibitors().empty(); }, 5s));
+  EXPECT_TRUE(p->power().setSleepDisabled(false));  // nothing held: nothing to do
+
+  // The lock dies with the platform, as with the process.
+  ASSERT_TRUE(p->power().setSleepDisabled(true));
+  ASSERT_EQ(mock_->inhibitors().size(), 1u);
+  p.reset();
+  EXPECT_TRUE(waitFor([&] { return mock_->inhibitors().empty(); }, 5s));
+}
+
+TEST_F(LinuxLogindTest, OthersLocksReadAsSleepOffAndADesktopThatOwnsTheLidIsNamed) {
+  auto p = platform();
+  struct Row {
+    std::string what, who, mode;
+    bool sleepOff;
+  };
+  const std::vector<Row> rows{
+      {"sleep", "caffeine", "block", true},
+      {"handle-lid-switch", "systemd-inhibit", "block", true},
+      {"shutdown:sleep", "Unattended Upgrades Shutdown", "delay", false},
+      {"idle", "GNOME Shell", "block", false},
+      {"handle-power-key:handle-suspend-key", "gsd-power", "block", false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what + " " + row.mode);
+    UniqueFd lock = mock_->inhibit(row.what, row.who, row.mode);
+    ASSERT_TRUE(lock);
+    EXPECT_EQ(p->registry().sleepDisabled(), row.sleepOff);
+    lock.reset();
+    ASSERT_TRUE(waitFor([&] { return mock_->inhibitors().empty(); }, 5s));
+  }
+
+  // KDE's PowerDevil takes the lid over: the switch works, and says who
+  // decides.
+  UniqueFd kde = mock_->inhibit("handle-power-key:handle-suspend-key:handle-hibernate-key:handle-lid-switch",
+                                "PowerDevil", "block");
+  auto caps = p->capabilities();
+  const Capability* sw = find(caps, "sleep switch");
+  ASSERT_NE(sw, nullptr);
+  EXPECT_TRUE(sw->available);
+  EXPECT_NE(sw->detail.find("KDE's power management (PowerDevil) handles the lid itself, so its own setting for "
+                            "closing the lid decides"),
+            std::string::npos)
+      << sw->detail;
+}
+
+TEST_F(LinuxLogindTest, ARefusedLockMeansSetupNeedsRepairWithThePlainReason) {
+  // polkit's answer to a remote or lingering session.
+  mock_->addMethod(kManager, "Inhibit", "ssss", "h",
+                   "raise dbus.exceptions.DBusException('Access denied', "
+                   "name='org.freedesktop.DBus.Error.AccessDenied')");
+  auto p = platform();
+  SetupStatus s = p->power().setupStatus();
+  EXPECT_FALSE(s.ready);
+  EXPECT_NE(s.reason.find("logind refused Vigilo's lock that keeps the laptop awake (Access denied): it needs a "
+                          "local login session."),
+            std::string::npos)
+      << s.reason;
+  Result r = p->power().setSleepDisabled(true);
+  EXPECT_FALSE(r);
+  EXPECT_EQ(r.message(), s.reason);
+  const Capability* sw = nullptr;
+  auto caps = p->capabilities();
+  sw = find(caps, "sleep switch");
+  ASSERT_NE(sw, nullptr);
+  EXPECT_FALSE(sw->available);
+  EXPECT_EQ(sw->detail, s.reason);
+
+  // The engine on it: the machine sleeps normally and says why.
+  writeFile(dir_.file("config.json"), R"({"mode": "on"})");
+  Engine engine(*p, dir_.path(), {});
+  engine.launch();
+  EXPECT_FALSE(engine.setupReady());
+  EXPECT_EQ(engine.setupProblem(), s.reason);
+  EXPECT_EQ(engine.statusLine(), "Needs a one-time setup");
+  EXPECT_FALSE(engine.holding());
+  EXPECT_TRUE(mock_->inhibitors().empty());
+  engine.shutdown();
+}
+
+TEST_F(LinuxLogindTest, WithoutLogindOrWithoutABusTheReasonSaysWhichIsMissing) {
+  MockLogind bare(dir_.path(), false);
+  auto noLogind = LinuxTreeTest::platform(bare.address());
+  SetupStatus s = noLogind->power().setupStatus();
+  EXPECT_FALSE(s.ready);
+  EXPECT_EQ(s.reason.rfind("logind (systemd-logind) isn't running on the system bus", 0), 0u) << s.reason;
+  EXPECT_FALSE(noLogind->registry().sleepDisabled().has_value());
+
+  auto noBus = LinuxTreeTest::platform(kNoBus);
+  s = noBus->power().setupStatus();
+  EXPECT_FALSE(s.ready);
+  EXPECT_EQ(s.reason.rfind("There's no system D-Bus here", 0), 0u) << s.reason;
+  EXPECT_FALSE(noBus->registry().sleepDisabled().has_value());
+  EXPECT_FALSE(noBus->power().sleepNow());
+}
+
+TEST_F(LinuxLogindTest, SleepAndWakeArriveFromPrepareForSleep) {
+  auto p = platform();
+  std::vector<SystemEvent> seen;
+  p->events().subscribe([&](SystemEvent e) { seen.push_back(e); });
+  mock_->emitPrepareForSleep(true);
+  ASSERT_TRUE(waitFor(
+      [&] {
+        loop_.advance(2.0);
+        return !seen.empty();
+      },
+      5s));
+  EXPECT_EQ(seen, std::vector<SystemEvent>{SystemEvent::WillSleep});
+  mock_->emitPrepareForSleep(false);
+  ASSERT_TRUE(waitFor(
+      [&] {
+        loop_.advance(2.0);
+        return seen.size() == 2;
+      },
+      5s));
+  EXPECT_EQ(seen[1], SystemEvent::DidWake);
+
+  // Unsubscribed: nothing more arrives.
+  p->events().subscribe(nullptr);
+  mock_->emitPrepareForSleep(true);
+  loop_.advance(4.0);
+  EXPECT_EQ(seen.size(), 2u);
+}
+
+TEST_F(LinuxLogindTest, PowerSourceAndHeatChangesArriveByPolling) {
+  const std::string ps = "/sys/class/power_supply/";
+  putAll({{ps + "AC/type", "Mains\n"},
+          {ps + "AC/online", "0\n"},
+          {ps + "BAT0/type", "Battery\n"},
+          {ps + "BAT0/status", "Discharging\n"},
+          {ps + "BAT0/charge_now", "1000000\n"},
+          {ps + "BAT0/charge_full", "2000000\n"},
+          {"/sys/class/thermal/thermal_zone0/type", "acpitz\n"},
+          {"/sys/class/thermal/thermal_zone0/temp", "40000\n"},
+          {"/sys/class/thermal/thermal_zone0/trip_point_0_type", "critical\n"},
+          {"/sys/class/thermal/thermal_zone0/trip_point_0_temp", "100000\n"}});
+  auto p = platform();
+  std::vector<SystemEvent> seen;
+  p->events().subscribe([&](SystemEvent e) { seen.push_back(e); });
+  loop_.advance(2.0);
+  EXPECT_TRUE(seen.empty());
+  put(ps + "AC/online", "1\n");
+  put(ps + "BAT0/status", "Charging\n");
+  loop_.advance(2.0);
+  EXPECT_EQ(seen, std::vector<SystemEvent>{SystemEvent::PowerSourceChanged});
+  put("/sys/class/thermal/thermal_zone0/temp", "100000\n");
+  loop_.advance(2.0);
+  EXPECT_EQ(seen.back(), SystemEvent::ThermalStateChanged);
+  EXPECT_EQ(seen.size(), 2u);
+}
+
+TEST_F(LinuxLogindTest, LidFromLogindWhereThereIsNoAcpiButton) {
+  // A lid switch among the input devices (gpio-keys on ARM laptops), no
+  // /proc/acpi: logind's LidClosed is polled.
+  put("/sys/class/input/input2/name", "Lid Switch\n");
+  put("/sys/class/input/input2/capabilities/sw", "1\n");
+  auto p = platform();
+  mock_->addProperty("LidClosed", true);
+  EXPECT_EQ(p->registry().lidClosed(), true);
+  mock_->setProperty("LidClosed", false);
+  EXPECT_EQ(p->registry().lidClosed(), false);
+  auto caps = p->capabilities();
+  ASSERT_NE(find(caps, "lid"), nullptr);
+  EXPECT_TRUE(find(caps, "lid")->available);
+  EXPECT_EQ(find(caps, "lid")->detail, "The lid is read from logind's LidClosed, every two seconds.");
+
+  // The ACPI button wins where there is one.
+  put("/proc/acpi/button/lid/LID/state", "state:      closed\n");
+  EXPECT_EQ(p->registry().lidClosed(), true);
+}
+
+TEST_F(LinuxLogindTest, SuspendAndBrightnessGoThroughLogind) {
+  auto p = platform();
+  ASSERT_TRUE(p->power().sleepNow());
+  EXPECT_EQ(mock_->calls("Suspend"), (std::vector<std::vector<std::string>>{{"false"}}));
+
+  mock_->addMethod(kManager, "Suspend", "b", "",
+                   "raise dbus.exceptions.DBusException('Access denied', "
+                   "name='org.freedesktop.DBus.Error.AccessDenied')");
+  Result refused = p->power().sleepNow();
+  EXPECT_EQ(refused.message(),
+            "logind refused to suspend the machine (Access denied); suspending needs a local login session.");
+
+  // No backlight: said so, nothing sent.
+  Result none = p->displays().setBrightness(0.5);
+  EXPECT_EQ(none.message(),
+            "No screen backlight found under /sys/class/backlight, so Vigilo can't set the brightness.");
+
+  // The firmware interface is preferred over the raw one.
+  putAll({{"/sys/class/backlight/intel_backlight/type", "raw\n"},
+          {"/sys/class/backlight/intel_backlight/max_brightness", "19393\n"},
+          {"/sys/class/backlight/acpi_video0/type", "firmware\n"},
+          {"/sys/class/backlight/acpi_video0/max_brightness", "15\n"}});
+  const std::string session = "/org/freedesktop/login1/session/auto";
+  mock_->addObject(session, "org.freedesktop.login1.Session");
+  mock_->addMethod("org.freedesktop.login1.Session", "SetBrightness", "ssu", "", "", session.c_str());
+  ASSERT_TRUE(p->displays().setBrightness(0.5));
+  ASSERT_TRUE(p->displays().setBrightness(7.0));  // clamped
+  EXPECT_EQ(
+      mock_->calls("SetBrightness", session.c_str()),
+      (std::vector<std::vector<std::string>>{{"backlight", "acpi_video0", "8"}, {"backlight", "acpi_video0", "15"}}));
+  EXPECT_FALSE(p->displays().setBuiltInEnabled(false));
+  EXPECT_FALSE(p->power().restorePowerMode("lowpowermode", 1));
+}
+
+TEST_F(LinuxLogindTest, CapabilitiesNameEveryFeatureAndWhatIsMissing) {
+  const std::vector<std::string> names{"sleep switch", "battery",    "lid",   "thermal",
+                                       "processes",    "power mode", "screen"};
+  auto names_of = [](const std::vector<Capability>& caps) {
+    std::vector<std::string> out;
+    for (const auto& c : caps) out.push_back(c.name);
+    return out;
+  };
+  // An empty machine without a bus, as in a container.
+  auto bare = LinuxTreeTest::platform(kNoBus);
+  auto caps = bare->capabilities();
+  EXPECT_EQ(names_of(caps), names);
+  for (const auto& c : caps) {
+    EXPECT_FALSE(c.available) << c.name;
+    EXPECT_FALSE(c.detail.empty()) << c.name;
+  }
+  EXPECT_EQ(find(caps, "processes")->detail, "/proc can't be read, so Vigilo can't see or control processes.");
+
+  // A laptop: everything but the power mode.
+  const std::string ps = "/sys/class/power_supply/";
+  putAll({{ps + "AC/type", "Mains\n"},
+          {ps + "AC/online", "1\n"},
+          {ps + "BAT0/type", "Battery\n"},
+          {ps + "BAT0/status", "Charging\n"},
+          {ps + "BAT0/charge_now", "1000000\n"},
+          {ps + "BAT0/charge_full", "2000000\n"},
+          {"/proc/acpi/button/lid/LID0/state", "state:      open\n"},
+          {"/sys/class/thermal/thermal_zone0/type", "acpitz\n"},
+          {"/sys/class/thermal/thermal_zone0/temp", "40000\n"},
+          {"/sys/class/thermal/thermal_zone0/trip_point_0_type", "critical\n"},
+          {"/sys/class/thermal/thermal_zone0/trip_point_0_temp", "100000\n"},
+          {"/proc/stat", "cpu  1 0 1 1 0 0 0 0 0 0\nbtime 1795243647\n"},
+          {"/sys/class/backlight/intel_backlight/type", "raw\n"}});
+  auto laptop = platform();
+  caps = laptop->capabilities();
+  EXPECT_EQ(names_of(caps), names);
+  for (const auto& c : caps) EXPECT_EQ(c.available, c.name != "power mode") << c.name << ": " << c.detail;
+  EXPECT_EQ(find(caps, "lid")->detail, "The lid is read from /proc/acpi/button/lid/LID0/state.");
+}
+
+// Given a laptop at 10 % on battery, the default battery limit (15 %) and
+// mode "on".
+TEST_F(LinuxLogindTest, TheEngineHoldsThroughTheLockAndTheBatteryLimitLetsItSleep) {
+  const std::string ps = "/sys/class/power_supply/";
+  auto charge = [&](int percent) { put(ps + "BAT0/energy_now", std::to_string(percent * 500000) + "\n"); };
+  putAll({{ps + "AC/type", "Mains\n"},
+          {ps + "AC/online", "0\n"},
+          {ps + "BAT0/type", "Battery\n"},
+          {ps + "BAT0/status", "Discharging\n"},
+          {ps + "BAT0/energy_full", "50000000\n"},
+          {ps + "BAT0/power_now", "6000000\n"},
+          {ps + "BAT0/voltage_now", "12000000\n"},
+          {ps + "BAT0/voltage_min_design", "11100000\n"}});
+  charge(10);
+  const std::string home = dir_.file("home");
+  std::filesystem::create_directories(home);
+  writeFile(home + "/config.json", R"({"mode": "on"})");
+  auto p = platform();
+  Engine engine(*p, home, {});
+  engine.launch();
+  EXPECT_EQ(engine.statusLine(), "Battery at 10%, sleeps when closed");
+  EXPECT_FALSE(engine.holding());
+  ASSERT_TRUE(waitFor([&] { return mock_->inhibitors().empty(); }, 5s));
+
+  charge(60);
+  loop_.advance(2.0);
+  EXPECT_TRUE(engine.holding());
+  EXPECT_EQ(engine.statusLine(), "Awake until you turn it off");
+  ASSERT_TRUE(waitFor(
+      [&] {
+        auto locks = mock_->inhibitors();
+        return locks.size() == 1 && isVigilosHold(locks[0]);
+      },
+      5s));
+  EXPECT_FALSE(fileExists(home + "/sleep-off-before"));
+
+  charge(14);
+  loop_.advance(2.0);
+  EXPECT_FALSE(engine.holding());
+  EXPECT_EQ(engine.statusLine(), "Battery at 14%, sleeps when closed");
+  EXPECT_TRUE(waitFor([&] { return mock_->inhibitors().empty(); }, 5s));
+  engine.shutdown();
+  EXPECT_FALSE(fileExists(home + "/hold"));
+}
+
+TEST_F(LinuxLogindTest, KillingTheAppReleasesItsLock) {
+  const std::string home = dir_.file("home");
+  std::filesystem::create_directories(home);
+  writeFile(home + "/config.json", R"({"mode": "on"})");
+  AppProcess app({"app"}, home, dir_.file("app.txt"), {"DBUS_SYSTEM_BUS_ADDRESS=" + mock_->address()});
+  ASSERT_TRUE(waitFor(
+      [&] {
+        auto locks = mock_->inhibitors();
+        return std::count_if(locks.begin(), locks.end(), isVigilosHold) == 1;
+      },
+      15s))
+      << app.output();
+  EXPECT_NE(app.output().find("Awake until you turn it off"), std::string::npos) << app.output();
+  EXPECT_TRUE(fileExists(home + "/hold"));
+
+  app.signal(SIGKILL);
+  EXPECT_EQ(app.wait(5s), 128 + SIGKILL);
+  EXPECT_TRUE(waitFor([&] { return mock_->inhibitors().empty(); }, 5s));
+}
+
+}  // namespace
+}  // namespace vigilo::test

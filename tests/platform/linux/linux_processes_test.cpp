@@ -1,0 +1,427 @@
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <limits>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "e2e/app_process.h"
+#include "platform/clock.h"
+#include "platform/linux/linux_fixture.h"
+#include "platform/linux/procfs_text.h"
+
+namespace vigilo::test {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+
+// ---------------------------------------------------------------- the text
+
+TEST(LinuxProcText, StatLinesOfRealProcesses) {
+  struct Row {
+    std::string line;
+    std::optional<ProcStat> expected;
+  };
+  auto stat = [](std::int32_t pid, std::string comm, char state, std::int32_t ppid, std::uint64_t utime,
+                 std::uint64_t stime, std::int64_t nice, std::uint64_t start) {
+    return ProcStat{pid, std::move(comm), state, ppid, utime, stime, nice, start};
+  };
+  const std::vector<Row> rows{
+      {"15546 (cat) R 15540 15540 12915 0 -1 4194304 99 0 0 0 0 0 0 0 20 0 1 0 146810 3133440 409 "
+       "18446744073709551615 94611056517120 94611056537001 140733640362320 0 0 0 0 0 0 0 0 0 17 1 0 0 0 0 0\n",
+       stat(15546, "cat", 'R', 15540, 0, 0, 0, 146810)},
+      {"812 (tmux: server) S 1 812 812 0 -1 4194368 2915 0 0 0 1520 893 0 0 20 0 1 0 8512 9953280 1024 "
+       "18446744073709551615 1 1 0 0 0 0 0 3 1 0 0 0 17 0 0 0 0 0 0\n",
+       stat(812, "tmux: server", 'S', 1, 1520, 893, 0, 8512)},
+      {"1234 ((sd-pam)) S 1233 1233 1233 0 -1 1077936448 41 0 0 0 0 0 0 0 20 0 1 0 950 105684992 1014 "
+       "18446744073709551615 1 1 0 0 0 0 0 4096 0 0 0 0 17 1 0 0 0 0 0\n",
+       stat(1234, "(sd-pam)", 'S', 1233, 0, 0, 0, 950)},
+      // A name chosen to fool a parser that stops at the first ')'.
+      {"4242 (a) b) T 1 4242 4242 0 -1 4194560 10 0 0 0 7 3 0 0 39 19 1 0 777 1 1 18446744073709551615 1 1 0 0 0 "
+       "0 0 0 0 0 0 0 17 0 0 0 0 0 0\n",
+       stat(4242, "a) b", 'T', 1, 7, 3, 19, 777)},
+      {"99 (renice) S 1 99 99 0 -1 0 0 0 0 0 5 5 0 0 15 -5 1 0 4096 0 0", stat(99, "renice", 'S', 1, 5, 5, -5, 4096)},
+      {"", std::nullopt},
+      {"12 cat R 1", std::nullopt},
+      {"x (y) R 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 0 0", std::nullopt},
+      {"15546 (cat) R 15540 15540 12915 0 -1 4194304 99", std::nullopt},
+      {"15546 (cat) R 15540 15540 12915 0 -1 4194304 99 0 0 0 x 0 0 0 20 0 1 0 146810 0 0", std::nullopt},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.line);
+    auto got = parseProcStat(row.line);
+    ASSERT_EQ(got.has_value(), row.expected.has_value());
+    if (!got) continue;
+    EXPECT_EQ(got->pid, row.expected->pid);
+    EXPECT_EQ(got->comm, row.expected->comm);
+    EXPECT_EQ(got->state, row.expected->state);
+    EXPECT_EQ(got->ppid, row.expected->ppid);
+    EXPECT_EQ(got->utime, row.expected->utime);
+    EXPECT_EQ(got->stime, row.expected->stime);
+    EXPECT_EQ(got->nice, row.expected->nice);
+    EXPECT_EQ(got->starttime, row.expected->starttime);
+  }
+}
+
+TEST(LinuxProcText, MachineCountersCommandLinesLimitsAndCapabilities) {
+  const std::string procStat =
+      "cpu  107773 0 14520 169703 617 0 111 56 0 0\n"
+      "cpu0 48828 0 6331 90971 144 0 21 24 0 0\n"
+      "cpu1 58944 0 8188 78732 473 0 89 31 0 0\n"
+      "intr 615093 0 0 0\n"
+      "ctxt 775586\n"
+      "btime 1795243647\n"
+      "processes 15548\n";
+  EXPECT_EQ(bootTimeFromProcStat(procStat), 1795243647);
+  EXPECT_EQ(busyTicksFromProcStat(procStat), 107773u + 0 + 14520 + 0 + 111 + 56);
+  EXPECT_FALSE(bootTimeFromProcStat("cpu 1 2 3 4\n").has_value());
+
+  EXPECT_EQ(splitCmdline("node\0/usr/bin/claude\0--resume\0"s),
+            (std::vector<std::string>{"node", "/usr/bin/claude", "--resume"}));
+  EXPECT_EQ(splitCmdline("postgres: checkpointer "s), std::vector<std::string>{"postgres: checkpointer "});
+  EXPECT_EQ(splitCmdline("a\0\0b\0"s), (std::vector<std::string>{"a", "", "b"}));
+  EXPECT_TRUE(splitCmdline("").empty());
+  EXPECT_EQ(exePathFromLink("/usr/lib/node_modules/.bin/claude (deleted)"), "/usr/lib/node_modules/.bin/claude");
+
+  const std::string limits =
+      "Limit                     Soft Limit           Hard Limit           Units     \n"
+      "Max cpu time              unlimited            unlimited            seconds   \n"
+      "Max nice priority         0                    0                    \n"
+      "Max realtime priority     0                    0                    \n";
+  EXPECT_EQ(niceLimitFromLimits(limits), 0u);
+  EXPECT_EQ(niceLimitFromLimits("Max nice priority         unlimited            unlimited            \n"),
+            std::numeric_limits<std::uint64_t>::max());
+  EXPECT_EQ(effectiveCapabilities("CapPrm:\t000001fffeffffff\nCapEff:\t000001fffeffffff\n"), 0x1fffeffffffULL);
+  EXPECT_TRUE(isInitialUserNamespace("         0          0 4294967295\n"));
+  EXPECT_FALSE(isInitialUserNamespace("         0     100000      65536\n"));
+}
+
+TEST(LinuxProcText, NiceIsLoweredOnlyWhereItCanBePutBack) {
+  struct Row {
+    int nice;
+    std::uint64_t limit;
+    bool cap;
+    bool restorable;
+  };
+  const std::vector<Row> rows{
+      {0, 0, false, false},  {0, 20, false, true}, {5, 15, false, true},
+      {5, 14, false, false}, {19, 1, false, true}, {-5, 20, false, false},
+      {-5, 25, false, true}, {0, 0, true, true},   {0, std::numeric_limits<std::uint64_t>::max(), false, true},
+  };
+  for (const Row& r : rows) {
+    EXPECT_EQ(canRestoreNice(r.nice, r.limit, r.cap), r.restorable) << r.nice << " " << r.limit << " " << r.cap;
+  }
+}
+
+// ---------------------------------------------------------------- the real /proc
+
+// A child process, killed and reaped at the end.
+class Child {
+ public:
+  // Runs `argv` after `setup` ran in the child.
+  explicit Child(std::vector<std::string> argv, const std::function<void()>& setup = {}) {
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      sigset_t none;
+      sigemptyset(&none);
+      sigprocmask(SIG_SETMASK, &none, nullptr);
+      if (setup) setup();
+      std::vector<char*> args;
+      for (auto& a : argv) args.push_back(a.data());
+      args.push_back(nullptr);
+      ::execv(args[0], args.data());
+      ::_exit(127);
+    }
+  }
+  ~Child() {
+    if (pid_ > 0) {
+      ::kill(pid_, SIGKILL);
+      ::waitpid(pid_, nullptr, 0);
+    }
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  pid_t pid() const { return pid_; }
+
+ private:
+  pid_t pid_ = -1;
+};
+
+char stateOf(pid_t pid) {
+  auto s = parseProcStat(readFile("/proc/" + std::to_string(pid) + "/stat"));
+  return s ? s->state : '?';
+}
+
+std::vector<pid_t> threadsOf(pid_t pid) {
+  std::vector<pid_t> out;
+  std::error_code ec;
+  for (const auto& e : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ec)) {
+    out.push_back(std::stoi(e.path().filename().string()));
+  }
+  return out;
+}
+
+int ioprioOf(pid_t tid) { return static_cast<int>(::syscall(SYS_ioprio_get, 1, tid)); }
+
+// Given the real /proc of this machine, a real clock and a loop.
+class LinuxProcessesTest : public ::testing::Test {
+ protected:
+  LinuxProcessesTest() { platform_ = makeLinuxPlatform(clock_, loop_, LinuxPlatformOptions{"", kNoBus}); }
+  Processes& processes() { return platform_->processes(); }
+
+  SystemClock clock_;
+  ManualClock loopClock_;
+  ManualRunLoop loop_{loopClock_};
+  std::unique_ptr<Platform> platform_;
+};
+
+TEST_F(LinuxProcessesTest, FindsItselfAndAChildWithParentStartPathArgumentsAndFolder) {
+  auto self = processes().info(::getpid());
+  ASSERT_TRUE(self.has_value());
+  EXPECT_EQ(self->ppid, ::getppid());
+  EXPECT_EQ(self->path, std::filesystem::read_symlink("/proc/self/exe").string());
+  EXPECT_EQ(self->cwd, std::filesystem::current_path().string());
+  EXPECT_LE(self->startMicros, static_cast<std::uint64_t>(clock_.now() * 1e6));
+
+  const double before = clock_.now();
+  Child child({"/bin/sleep", "30"});
+  // Until exec the child still shows this program.
+  ASSERT_TRUE(waitFor(
+      [&] {
+        auto p = processes().info(child.pid());
+        return p && !p->args.empty() && p->args[0] == "/bin/sleep";
+      },
+      5s));
+  const double after = clock_.now();
+  auto info = processes().info(child.pid());
+  EXPECT_EQ(info->ppid, ::getpid());
+  // Boot time is whole seconds and start ticks hundredths: within a
+  // couple of seconds of the measured fork.
+  const double start = static_cast<double>(info->startMicros) / 1e6;
+  EXPECT_GE(start, before - 2.0);
+  EXPECT_LE(start, after + 2.0);
+  EXPECT_EQ(info->path, std::filesystem::canonical("/bin/sleep").string());
+  EXPECT_EQ(info->args, (std::vector<std::string>{"/bin/sleep", "30"}));
+  EXPECT_EQ(info->cwd, std::filesystem::current_path().string());
+  EXPECT_FALSE(info->stopped);
+
+  // The same records come in the full list; the start time names one
+  // process for as long as it lives.
+  auto all = processes().list();
+  auto mine = std::find_if(all.begin(), all.end(), [&](const ProcessInfo& p) { return p.pid == child.pid(); });
+  ASSERT_NE(mine, all.end());
+  EXPECT_EQ(mine->startMicros, info->startMicros);
+  EXPECT_TRUE(std::any_of(all.begin(), all.end(), [](const ProcessInfo& p) { return p.pid == ::getpid(); }));
+  EXPECT_FALSE(processes().info(0).has_value());
+  EXPECT_FALSE(processes().info(std::numeric_limits<std::int32_t>::max()).has_value());
+}
+
+TEST_F(LinuxProcessesTest, StopAndResumeReallyStopAndContinueAChild) {
+  Child child({"/bin/sleep", "30"});
+  ASSERT_TRUE(waitFor([&] { return stateOf(child.pid()) == 'S'; }, 5s));
+
+  ASSERT_TRUE(processes().stop(child.pid())) << processes().stop(child.pid()).message();
+  ASSERT_TRUE(waitFor([&] { return stateOf(child.pid()) == 'T'; }, 5s));
+  EXPECT_TRUE(processes().info(child.pid())->stopped);
+
+  ASSERT_TRUE(processes().resume(child.pid()));
+  ASSERT_TRUE(waitFor([&] { return stateOf(child.pid()) != 'T'; }, 5s));
+  EXPECT_FALSE(processes().info(child.pid())->stopped);
+
+  // What must never be signalled, and what is gone.
+  for (std::int32_t pid : {0, 1, -1, static_cast<std::int32_t>(::getpid())}) {
+    Result r = processes().stop(pid);
+    EXPECT_FALSE(r) << pid;
+    EXPECT_NE(r.message().find("Vigilo won't pause"), std::string::npos) << r.message();
+  }
+  Result gone = processes().resume(std::numeric_limits<std::int32_t>::max());
+  EXPECT_EQ(gone.message(), "Process 2147483647 isn't running.");
+}
+
+// Given a Python child with a second thread, at I/O priority best-effort 3
+// and nice 5 (values the slowing must put back exactly); SIGUSR1 makes it
+// start one more thread.
+TEST_F(LinuxProcessesTest, SlowThenUnslowPutsEveryThreadBackExactly) {
+  if (::access("/usr/bin/python3", X_OK) != 0) GTEST_SKIP() << "/usr/bin/python3 is not installed";
+  constexpr int kBestEffort3 = (2 << 13) | 3;
+  const std::string script =
+      "import signal, threading, time\n"
+      "def spawn(*_): threading.Thread(target=time.sleep, args=(60,), daemon=True).start()\n"
+      "signal.signal(signal.SIGUSR1, spawn)\n"
+      "spawn()\n"
+      "while True: time.sleep(0.05)\n";
+  Child child({"/usr/bin/python3", "-c", script}, [] {
+    ::syscall(SYS_ioprio_set, 1, 0, kBestEffort3);
+    ::setpriority(PRIO_PROCESS, 0, 5);
+  });
+  ASSERT_TRUE(waitFor([&] { return threadsOf(child.pid()).size() == 2; }, 10s));
+
+  ASSERT_TRUE(processes().slow(child.pid()));
+  bool cpuLowered = false;
+  for (pid_t tid : threadsOf(child.pid())) {
+    EXPECT_EQ(ioprioOf(tid) >> 13, 3) << "thread " << tid << " not in the idle I/O class";
+    const int policy = ::sched_getscheduler(tid) & ~SCHED_RESET_ON_FORK;
+    EXPECT_TRUE(policy == SCHED_IDLE || policy == SCHED_OTHER);
+    cpuLowered = cpuLowered || policy == SCHED_IDLE;
+    EXPECT_EQ(::getpriority(PRIO_PROCESS, static_cast<id_t>(tid)), 5);
+  }
+  // Slowing twice keeps the first record: the put-back is still exact.
+  ASSERT_TRUE(processes().slow(child.pid()));
+
+  // A thread started while slowed inherits the slowed values.
+  ::kill(child.pid(), SIGUSR1);
+  ASSERT_TRUE(waitFor([&] { return threadsOf(child.pid()).size() == 3; }, 10s));
+
+  ASSERT_TRUE(processes().unslow(child.pid()));
+  for (pid_t tid : threadsOf(child.pid())) {
+    EXPECT_EQ(ioprioOf(tid), kBestEffort3) << "thread " << tid;
+    EXPECT_EQ(::sched_getscheduler(tid), SCHED_OTHER) << "thread " << tid;
+    EXPECT_EQ(::getpriority(PRIO_PROCESS, static_cast<id_t>(tid)), 5) << "thread " << tid;
+  }
+
+  // After a restart nothing of the first run's record is left: unslow puts
+  // back the defaults of what slowing changes.
+  ASSERT_TRUE(processes().slow(child.pid()));
+  platform_ = makeLinuxPlatform(clock_, loop_, LinuxPlatformOptions{"", kNoBus});
+  ASSERT_TRUE(processes().unslow(child.pid()));
+  for (pid_t tid : threadsOf(child.pid())) {
+    EXPECT_EQ(ioprioOf(tid) >> 13, 0) << "thread " << tid << " not back to the default I/O class";
+    EXPECT_EQ(::sched_getscheduler(tid), SCHED_OTHER) << "thread " << tid;
+  }
+  if (!cpuLowered) std::printf("note: this user can't put SCHED_IDLE back, so only the I/O class was lowered\n");
+
+  EXPECT_EQ(processes().slow(std::numeric_limits<std::int32_t>::max()).message(), "Process 2147483647 isn't running.");
+}
+
+// ---------------------------------------------------------------- a fixture /proc
+
+// Given a /proc tree with one process and a battery drawing 10 W.
+TEST_F(LinuxTreeTest, EnergyIsTheProcessShareOfTheBatteryDraw) {
+  const std::string ps = "/sys/class/power_supply/BAT0/";
+  putAll({{ps + "type", "Battery\n"},
+          {ps + "status", "Discharging\n"},
+          {ps + "charge_now", "3000000\n"},
+          {ps + "charge_full", "5000000\n"},
+          {ps + "current_now", "1000000\n"},
+          {ps + "voltage_now", "10000000\n"},
+          {"/sys/class/power_supply/AC/type", "Mains\n"},
+          {"/sys/class/power_supply/AC/online", "0\n"}});
+  auto machine = [&](int busy, int cpu, int start) {
+    put("/proc/stat", "cpu  " + std::to_string(busy) + " 0 0 5000 0 0 0 0 0 0\nbtime 1795243647\n");
+    put("/proc/100/stat", "100 (agent) S 1 100 100 0 -1 0 0 0 0 0 " + std::to_string(cpu) + " 0 0 0 20 0 1 0 " +
+                              std::to_string(start) + " 0 0\n");
+  };
+  put("/proc/100/cmdline", "agent\0--work\0"s);
+  machine(1000, 100, 500);
+  auto p = platform();
+  auto first = p->processes().info(100);
+  ASSERT_TRUE(first.has_value());
+  const long hz = ::sysconf(_SC_CLK_TCK);
+  EXPECT_EQ(first->startMicros, 1795243647ULL * 1'000'000 + 500ULL * 1'000'000 / hz);
+  EXPECT_EQ(first->path, "agent");  // no exe link to read: argv[0]
+  EXPECT_EQ(first->args, (std::vector<std::string>{"agent", "--work"}));
+  EXPECT_EQ(first->energyNanojoules, 0u);
+
+  // 10 s at 10 W while the process used a quarter of the busy CPU time.
+  clock_.advance(10);
+  machine(1200, 150, 500);
+  EXPECT_EQ(p->processes().info(100)->energyNanojoules, 25'000'000'000u);
+
+  // On the charger nothing is measured, so nothing is added.
+  put("/sys/class/power_supply/AC/online", "1\n");
+  put(ps + "status", "Charging\n");
+  clock_.advance(10);
+  machine(1400, 200, 500);
+  EXPECT_EQ(p->processes().info(100)->energyNanojoules, 25'000'000'000u);
+
+  // A new process under the same pid starts from nothing.
+  clock_.advance(10);
+  machine(1600, 10, 900);
+  EXPECT_EQ(p->processes().info(100)->energyNanojoules, 0u);
+}
+
+// ---------------------------------------------------------------- folders
+
+// Sets an environment variable for one test and puts it back.
+class EnvVar {
+ public:
+  EnvVar(const char* name, std::optional<std::string> value) : name_(name) {
+    if (const char* old = std::getenv(name)) old_ = old;
+    if (value) {
+      ::setenv(name, value->c_str(), 1);
+    } else {
+      ::unsetenv(name);
+    }
+  }
+  ~EnvVar() {
+    if (old_) {
+      ::setenv(name_, old_->c_str(), 1);
+    } else {
+      ::unsetenv(name_);
+    }
+  }
+  EnvVar(const EnvVar&) = delete;
+  EnvVar& operator=(const EnvVar&) = delete;
+
+ private:
+  const char* name_;
+  std::optional<std::string> old_;
+};
+
+TEST_F(LinuxTreeTest, FoldersFollowXdgAndTheRuntimeFolderStaysPrivate) {
+  {
+    EnvVar data("XDG_DATA_HOME", "/srv/data");
+    EXPECT_EQ(platform()->defaultAppFolder(), "/srv/data/vigilo");
+  }
+  {
+    EnvVar data("XDG_DATA_HOME", "relative/data");
+    EnvVar home("HOME", "/home/ada");
+    EXPECT_EQ(platform()->defaultAppFolder(), "/home/ada/.local/share/vigilo");
+  }
+
+  const std::string run = dir_.file("run");
+  std::filesystem::create_directories(run);
+  EnvVar runtime("XDG_RUNTIME_DIR", run);
+  std::string problem;
+  ASSERT_EQ(runtimeFolder(&problem), run + "/vigilo") << problem;
+  struct stat st {};
+  ASSERT_EQ(::stat((run + "/vigilo").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0700u);
+
+  // Loosened by someone: made private again.
+  ::chmod((run + "/vigilo").c_str(), 0755);
+  ASSERT_EQ(runtimeFolder(), run + "/vigilo");
+  ASSERT_EQ(::stat((run + "/vigilo").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0700u);
+
+  // A link planted where the folder goes is refused, never followed.
+  std::filesystem::remove_all(run + "/vigilo");
+  std::filesystem::create_directories(dir_.file("elsewhere"));
+  std::filesystem::create_directory_symlink(dir_.file("elsewhere"), run + "/vigilo");
+  EXPECT_EQ(runtimeFolder(&problem), "");
+  EXPECT_EQ(problem, run + "/vigilo isn't a folder, so Vigilo won't use it.");
+
+  if (::geteuid() == 0) {
+    std::filesystem::remove(run + "/vigilo");
+    std::filesystem::create_directories(run + "/vigilo");
+    ASSERT_EQ(::chown((run + "/vigilo").c_str(), 65534, 65534), 0);
+    EXPECT_EQ(runtimeFolder(&problem), "");
+    EXPECT_EQ(problem, run + "/vigilo belongs to another user, so Vigilo won't use it.");
+  }
+}
+
+}  // namespace
+}  // namespace vigilo::test

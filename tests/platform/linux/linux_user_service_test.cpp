@@ -1,0 +1,69 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <string>
+
+#include "test_support.h"
+
+namespace vigilo::test {
+namespace {
+
+const std::string kScript = (std::filesystem::path(__FILE__).parent_path() / "../../../scripts/install-user-service")
+                                .lexically_normal()
+                                .string();
+
+struct ScriptRun {
+  int status = -1;
+  std::string out;
+};
+
+// Runs the script in a home of its own where no user manager answers, as
+// over SSH or in a container.
+ScriptRun runScript(const std::string& home, const std::string& args) {
+  const std::string command = "env -u XDG_CONFIG_HOME HOME='" + home + "' XDG_RUNTIME_DIR='" + home +
+                              "' DBUS_SESSION_BUS_ADDRESS='unix:path=" + home + "/no-bus' bash '" + kScript + "' " +
+                              args + " 2>&1";
+  ScriptRun r;
+  FILE* p = ::popen(command.c_str(), "r");
+  if (p == nullptr) return r;
+  char buf[512];
+  while (std::fgets(buf, sizeof buf, p) != nullptr) r.out += buf;
+  const int status = ::pclose(p);
+  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return r;
+}
+
+TEST(LinuxUserService, WritesTheUnitSaysWhatToRunAndRemovesIt) {
+  TempDir dir;
+  // A path with a "%" that systemd would otherwise expand.
+  const std::string binary = dir.file("100%/vigilo");
+  std::filesystem::create_directories(dir.file("100%"));
+  std::filesystem::copy_file(VIGILO_BINARY, binary);
+  std::filesystem::permissions(binary, std::filesystem::perms::owner_all);
+
+  ScriptRun install = runScript(dir.path(), "'" + binary + "'");
+  EXPECT_EQ(install.status, 0) << install.out;
+  const std::string unitPath = dir.file(".config/systemd/user/vigilo.service");
+  const std::string unit = readFile(unitPath);
+  EXPECT_NE(unit.find("\nExecStart=\"" + dir.file("100%%/vigilo") + "\" app\n"), std::string::npos) << unit;
+  EXPECT_NE(unit.find("\nRestart=on-failure\n"), std::string::npos) << unit;
+  EXPECT_NE(unit.find("\nWantedBy=default.target\n"), std::string::npos) << unit;
+  EXPECT_NE(install.out.find("no systemd user manager is reachable from here"), std::string::npos) << install.out;
+  EXPECT_NE(install.out.find("systemctl --user daemon-reload && systemctl --user enable --now vigilo.service"),
+            std::string::npos)
+      << install.out;
+
+  ScriptRun missing = runScript(dir.path(), "'" + dir.file("nothing-here") + "'");
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_NE(missing.out.find("isn't an executable; build Vigilo first"), std::string::npos) << missing.out;
+
+  ScriptRun remove = runScript(dir.path(), "--remove");
+  EXPECT_EQ(remove.status, 0) << remove.out;
+  EXPECT_FALSE(fileExists(unitPath));
+  EXPECT_NE(remove.out.find("removed " + unitPath), std::string::npos) << remove.out;
+}
+
+}  // namespace
+}  // namespace vigilo::test
