@@ -1,7 +1,7 @@
 #include "commands/mcp_server.h"
 
+#include <algorithm>
 #include <regex>
-#include <set>
 #include <sstream>
 #include <stdexcept>
 
@@ -15,83 +15,64 @@ namespace {
 
 using json = nlohmann::json;
 
-constexpr std::int64_t kSession = 4242;
-
-// Given a server whose requests go to a fake app that records them and
-// answers with `reply`.
+// Given a server whose requests go to a fake app (session 4242) that records
+// them as {cmd, args, timeout} and answers with `reply_`.
 class McpServerTest : public ::testing::Test {
  protected:
-  struct Sent {
-    std::string cmd;
-    json args;
-    double timeout;
-  };
-
   McpContext context() {
     return McpContext{[this](const std::string& cmd, const json& args, double timeout) {
                         sent_.push_back({cmd, args, timeout});
                         if (throwOnSend_) throw std::runtime_error("the channel broke");
                         return reply_;
                       },
-                      kSession, &log_};
+                      4242, &log_};
   }
-
-  // One message through the server; its response, or null for none.
-  json answer(const json& message) { return answerLine(message.dump()); }
-  json answerLine(const std::string& line) {
-    McpServer server(context());
-    auto out = server.handleLine(line);
-    if (!out) return nullptr;
-    EXPECT_EQ(out->find('\n'), std::string::npos);
-    return json::parse(*out);
+  // One line through the server; its response, or null for none.
+  json answer(const std::string& line) {
+    auto out = McpServer(context()).handleLine(line);
+    EXPECT_TRUE(!out || out->find('\n') == std::string::npos);
+    return out ? json::parse(*out) : json();
   }
-
-  static json request(const json& id, const std::string& method, const json& params = nullptr) {
+  static std::string request(const json& id, const std::string& method, const json& params = nullptr) {
     json m = {{"jsonrpc", "2.0"}, {"id", id}, {"method", method}};
     if (!params.is_null()) m["params"] = params;
-    return m;
+    return m.dump();
   }
   json call(const std::string& tool, const json& arguments = nullptr) {
     json params = {{"name", tool}};
     if (!arguments.is_null()) params["arguments"] = arguments;
     return answer(request(1, "tools/call", params));
   }
-  // The reply object a tool call carried back as its text.
-  static json replyOf(const json& response) {
-    return json::parse(response["result"]["content"][0]["text"].get<std::string>());
+  static json replyOf(const json& r) { return json::parse(r["result"]["content"][0]["text"].get<std::string>()); }
+  // Runs a whole input stream: the exit code, then each line written.
+  json serve(const std::string& input, bool outputGone = false) {
+    std::istringstream in(input);
+    std::ostringstream out;
+    if (outputGone) out.setstate(std::ios::badbit);
+    json got = json::array({runMcpServer(in, out, context())});
+    EXPECT_TRUE(out.str().empty() || out.str().back() == '\n');
+    std::istringstream written(out.str());
+    for (std::string l; std::getline(written, l);) got.push_back(json::parse(l));
+    return got;
   }
-  static int errorCode(const json& response) { return response["error"]["code"].get<int>(); }
 
-  std::vector<std::string> lines(const std::string& output) {
-    std::vector<std::string> out;
-    std::istringstream in(output);
-    for (std::string l; std::getline(in, l);) out.push_back(l);
-    return out;
-  }
-
-  json reply_ = {{"ok", true}, {"status", "Nothing running · sleeps when closed"}};
+  json reply_ = {{"ok", true}, {"status", "Nothing running"}};
   bool throwOnSend_ = false;
-  std::vector<Sent> sent_;
+  json sent_ = json::array();
   std::ostringstream log_;
 };
 
 TEST_F(McpServerTest, InitializeAgreesOnAVersionAndIntroducesTheServer) {
-  // Given clients opening with every version seen in the wild, and some
-  // that are no version at all.
-  for (const char* known : {"2025-06-18", "2025-03-26", "2024-11-05"}) {
-    EXPECT_EQ(answer(request(0, "initialize", {{"protocolVersion", known}}))["result"]["protocolVersion"], known);
+  for (const json& v : {json("2025-06-18"), json("2025-03-26"), json("2024-11-05"), json("2025-11-25"), json("1.0"),
+                        json(20250618), json()}) {
+    SCOPED_TRACE(v.dump());
+    const bool known = v.is_string() && v != "2025-11-25" && v != "1.0";
+    EXPECT_EQ(answer(request(0, "initialize", {{"protocolVersion", v}}))["result"]["protocolVersion"],
+              known ? v : json("2025-06-18"));
   }
-  for (const json& other : {json("2025-11-25"), json("2026-07-28"), json("1.0"), json(20250618), json(nullptr)}) {
-    EXPECT_EQ(answer(request(0, "initialize", {{"protocolVersion", other}}))["result"]["protocolVersion"],
-              "2025-06-18")
-        << other;
-  }
-  EXPECT_EQ(answer(request(0, "initialize"))["result"]["protocolVersion"], "2025-06-18");
-
   // The official SDK client's opening line, verbatim.
-  json r = answerLine(
+  json r = answer(
       R"({"method":"initialize","params":{"protocolVersion":"2025-11-25","capabilities":{},"clientInfo":{"name":"interop-test","version":"1.0.0"}},"jsonrpc":"2.0","id":0})");
-  EXPECT_EQ(r["jsonrpc"], "2.0");
   EXPECT_EQ(r["id"], 0);
   EXPECT_EQ(r["result"]["capabilities"], json::parse(R"({"tools":{}})"));
   EXPECT_EQ(r["result"]["serverInfo"], json::parse(R"({"name":"vigilo","version":"1.0"})"));
@@ -106,230 +87,136 @@ TEST_F(McpServerTest, InitializeAgreesOnAVersionAndIntroducesTheServer) {
 }
 
 TEST_F(McpServerTest, ToolListFollowsTheTableAndTheSettingsSchema) {
-  json r = answer(request(2, "tools/list"));
-  std::vector<std::string> names;
-  for (const auto& t : r["result"]["tools"]) {
-    names.push_back(t["name"]);
-    SCOPED_TRACE(names.back());
-    EXPECT_FALSE(t["description"].get<std::string>().empty());
-    const json& schema = t["inputSchema"];
-    EXPECT_EQ(schema["type"], "object");
-    for (const auto& key : schema["required"]) EXPECT_TRUE(schema["properties"].contains(key)) << key;
-    for (auto& [key, p] : schema["properties"].items()) {
-      EXPECT_TRUE(p["type"].is_string()) << key;
-      EXPECT_FALSE(p["description"].get<std::string>().empty()) << key;
-    }
-  }
+  const json tools = answer(request(2, "tools/list"))["result"]["tools"];
+  std::vector<std::string> names, keys;
+  for (const auto& t : tools) names.push_back(t["name"]);
   EXPECT_EQ(names, (std::vector<std::string>{
                        "vigilo_status", "vigilo_keep_awake", "vigilo_release", "vigilo_set_mode", "vigilo_set_preset",
                        "vigilo_set_app_rule", "vigilo_watch_app", "vigilo_add_agent", "vigilo_settings",
                        "vigilo_set_setting", "vigilo_power", "vigilo_power_test", "vigilo_setup_prompt",
                        "vigilo_energy", "vigilo_measure_savings", "vigilo_get_config"}));
-
-  const json& tools = r["result"]["tools"];
-  std::vector<std::string> keys;
   for (const SettingSpec& s : SettingsSchema::all()) keys.push_back(s.key);
   EXPECT_EQ(tools[9]["inputSchema"]["properties"]["key"]["enum"], json(keys));
   EXPECT_EQ(tools[9]["inputSchema"]["required"], json::parse(R"(["key","value"])"));
-  EXPECT_EQ(tools[1]["inputSchema"]["required"], json::parse(R"(["reason"])"));
-
   // Every tool the texts send the agent to exists.
-  std::set<std::string> known(names.begin(), names.end());
   std::string texts = std::string(kMcpInstructions) + setupPrompt();
   for (const auto& t : tools) texts += t["description"].get<std::string>();
   const std::regex toolName("vigilo_[a-z_]+");
   for (auto it = std::sregex_iterator(texts.begin(), texts.end(), toolName); it != std::sregex_iterator(); ++it) {
-    EXPECT_TRUE(known.count(it->str())) << it->str();
+    EXPECT_NE(std::find(names.begin(), names.end(), it->str()), names.end()) << it->str();
   }
 }
 
-TEST_F(McpServerTest, KeepAwakeBindsTheHoldToTheSession) {
-  // Given no bounds: the session's process and two hours.
-  json r = call("vigilo_keep_awake", {{"reason", "Training the model"}});
-  EXPECT_EQ(r["result"]["isError"], false);
-  ASSERT_EQ(sent_.size(), 1u);
-  EXPECT_EQ(sent_[0].cmd, "hold");
-  EXPECT_EQ(sent_[0].timeout, 8);
-  EXPECT_EQ(sent_[0].args, json::parse(R"({"reason":"Training the model","pid":4242,"minutes":120,"owner":4242})"));
-
-  // Given one bound, it is the only one; the owner is always the session,
-  // whatever the caller claims.
-  call("vigilo_keep_awake", {{"reason", "build"}, {"minutes", 30}, {"owner", 1}});
-  EXPECT_EQ(sent_[1].args, json::parse(R"({"reason":"build","minutes":30,"owner":4242})"));
-  call("vigilo_keep_awake", {{"reason", "build"}, {"pid", 77}});
-  EXPECT_EQ(sent_[2].args, json::parse(R"({"reason":"build","pid":77,"owner":4242})"));
-  call("vigilo_keep_awake", {{"minutes", nullptr}});
-  EXPECT_EQ(sent_[3].args, json::parse(R"({"minutes":120,"pid":4242,"owner":4242})"));
-}
-
-TEST_F(McpServerTest, ReleaseEndsOnlyTheSessionsOwnHolds) {
-  call("vigilo_release", {{"hold_id", "a1b2"}});
-  call("vigilo_release");
-  call("vigilo_release", {{"hold_id", ""}});
-  ASSERT_EQ(sent_.size(), 3u);
-  EXPECT_EQ(sent_[0].cmd, "release_own");
-  EXPECT_EQ(sent_[0].args, json::parse(R"({"id":"a1b2","pid":4242})"));
-  EXPECT_EQ(sent_[1].cmd, "release_pid");
-  EXPECT_EQ(sent_[1].args, json::parse(R"({"pid":4242})"));
-  EXPECT_EQ(sent_[2].cmd, "release_pid");
-
-  json bad = call("vigilo_release", {{"hold_id", 17}});
-  EXPECT_EQ(bad["result"]["isError"], true);
-  EXPECT_EQ(replyOf(bad)["error"], "hold_id must be the hold id text that vigilo_keep_awake returned");
-  EXPECT_EQ(sent_.size(), 3u);
-}
-
-TEST_F(McpServerTest, ToolCallsCarryTheAppsReplyWithItsTimeout) {
-  // Given arguments the server has no business with: they go through as they are.
-  json args = {{"key", "battery_floor"}, {"value", "30"}, {"extra", {1, 2}}};
-  json r = call("vigilo_set_setting", args);
-  EXPECT_EQ(sent_.back().cmd, "set");
-  EXPECT_EQ(sent_.back().args, args);
-  EXPECT_EQ(replyOf(r), reply_);
-  EXPECT_EQ(r["result"]["content"][0]["type"], "text");
-  EXPECT_EQ(r["result"]["isError"], false);
-
-  struct Row {
-    const char* tool;
-    const char* cmd;
-    double timeout;
-  } rows[] = {{"vigilo_status", "status", 8},
-              {"vigilo_power", "power", 10},
-              {"vigilo_measure_savings", "measure", 20},
-              {"vigilo_settings", "schema", 8}};
-  for (const Row& row : rows) {
-    call(row.tool, json::object());
-    EXPECT_EQ(sent_.back().cmd, row.cmd) << row.tool;
-    EXPECT_EQ(sent_.back().timeout, row.timeout) << row.tool;
+TEST_F(McpServerTest, ToolCallsBecomeAppRequestsBoundToTheSession) {
+  const json set = {{"key", "battery_floor"}, {"value", "30"}, {"extra", {1, 2}}};
+  // {tool, arguments, the request sent as {cmd, args, timeout}}. A hold with
+  // no bounds gets the session's process and two hours; its owner is always
+  // the session, whatever the caller claims.
+  const std::vector<std::tuple<std::string, json, json>> rows = {
+      {"vigilo_keep_awake", {{"reason", "x"}}, {"hold", {{"reason", "x"}, {"pid", 4242}, {"minutes", 120}, {"owner", 4242}}, 8}},
+      {"vigilo_keep_awake", {{"minutes", 30}, {"owner", 1}}, {"hold", {{"minutes", 30}, {"owner", 4242}}, 8}},
+      {"vigilo_keep_awake", {{"pid", 77}}, {"hold", {{"pid", 77}, {"owner", 4242}}, 8}},
+      {"vigilo_keep_awake", {{"minutes", nullptr}}, {"hold", {{"minutes", 120}, {"pid", 4242}, {"owner", 4242}}, 8}},
+      {"vigilo_release", {{"hold_id", "a1b2"}}, {"release_own", {{"id", "a1b2"}, {"pid", 4242}}, 8}},
+      {"vigilo_release", nullptr, {"release_pid", {{"pid", 4242}}, 8}},
+      {"vigilo_release", {{"hold_id", ""}}, {"release_pid", {{"pid", 4242}}, 8}},
+      {"vigilo_set_setting", set, {"set", set, 8}},
+      {"vigilo_power", json::object(), {"power", json::object(), 10}},
+      {"vigilo_measure_savings", json::object(), {"measure", json::object(), 20}},
+      {"vigilo_settings", json::object(), {"schema", json::object(), 8}},
+  };
+  for (const auto& [tool, arguments, sent] : rows) {
+    SCOPED_TRACE(tool + " " + arguments.dump());
+    sent_.clear();
+    const json r = call(tool, arguments);
+    EXPECT_EQ(sent_, json::array({sent}));
+    EXPECT_EQ(r["result"]["content"][0]["type"], "text");
+    EXPECT_EQ(r["result"]["isError"], false);
+    EXPECT_EQ(replyOf(r), reply_);
   }
+}
 
-  // Given an app that did not answer, or answered something odd: an error
-  // result, and the server carries on.
-  reply_ = {{"ok", false}, {"error", "Vigilo didn't answer. Is it running? Open /Applications/Vigilo.app"}};
+TEST_F(McpServerTest, FailedOrLocalCallsAnswerAsResults) {
+  json r = call("vigilo_release", {{"hold_id", 17}});
+  EXPECT_EQ(r["result"]["isError"], true);
+  EXPECT_EQ(replyOf(r)["error"], "hold_id must be the hold id text that vigilo_keep_awake returned");
+  EXPECT_EQ(replyOf(call("vigilo_setup_prompt")), (json{{"ok", true}, {"prompt", setupPrompt()}}));
+  EXPECT_TRUE(sent_.empty());
+  // Given an app that refused, answered oddly or could not be reached.
+  reply_ = {{"ok", false}, {"error", "Vigilo didn't answer"}};
   r = call("vigilo_status");
   EXPECT_EQ(r["result"]["isError"], true);
-  EXPECT_EQ(replyOf(r)["error"], reply_["error"]);
+  EXPECT_EQ(replyOf(r), reply_);
   reply_ = {{"ok", "yes"}};
   EXPECT_EQ(call("vigilo_status")["result"]["isError"], true);
   throwOnSend_ = true;
   r = call("vigilo_status");
-  EXPECT_EQ(errorCode(r), -32603);
   EXPECT_EQ(r["id"], 1);
-}
-
-TEST_F(McpServerTest, SetupPromptAnswersWithoutTheApp) {
-  json r = call("vigilo_setup_prompt");
-  EXPECT_TRUE(sent_.empty());
-  EXPECT_EQ(r["result"]["isError"], false);
-  EXPECT_EQ(replyOf(r), (json{{"ok", true}, {"prompt", setupPrompt()}}));
-  // The settings it walks the person through are real keys.
-  for (const char* key : {"battery_floor", "heat_guard", "only_on_power", "lock_on_close", "low_power",
-                          "pause_simulators", "quiet_minutes", "notify_done"}) {
-    EXPECT_NE(setupPrompt().find(key), std::string::npos) << key;
-    EXPECT_NE(SettingsSchema::spec(key), nullptr) << key;
-  }
+  EXPECT_EQ(r["error"]["code"], -32603);
 }
 
 TEST_F(McpServerTest, BadRequestsGetTheRightErrorAndReachNoApp) {
-  json r = call("vigilo_sleep");
-  EXPECT_EQ(errorCode(r), -32602);
-  EXPECT_EQ(r["error"]["message"], "Unknown tool vigilo_sleep");
-  r = answer(request(3, "server/discover"));
-  EXPECT_EQ(r["id"], 3);
-  EXPECT_EQ(errorCode(r), -32601);
-  EXPECT_EQ(r["error"]["message"], "Method not found: server/discover");
-  EXPECT_EQ(errorCode(answer(request(4, "tools/call", json::array({"vigilo_status"})))), -32602);
-  EXPECT_EQ(errorCode(answer(request(4, "ping", "now"))), -32602);
-  EXPECT_EQ(errorCode(answer(request(5, "tools/call", {{"arguments", json::object()}}))), -32602);
-  r = answer(request(6, "tools/call", {{"name", "vigilo_status"}, {"arguments", "all"}}));
-  EXPECT_EQ(errorCode(r), -32602);
-  EXPECT_EQ(r["error"]["message"], "params.arguments must be an object of named values, not string");
-
-  // Given messages that are no single request: -32600, with the id when
-  // there is a usable one.
-  const json invalid = {{"code", -32600}, {"message", "Invalid Request"}};
-  for (const std::string& line : {std::string(R"([{"jsonrpc":"2.0","id":1,"method":"ping"}])"), std::string("[]"),
-                                  std::string(R"({"jsonrpc":"2.0","id":{"a":1},"method":"ping"})"),
-                                  std::string(R"({"jsonrpc":"2.0","id":[1],"method":"ping"})"),
-                                  std::string(R"({"jsonrpc":"2.0","id":true,"method":"ping"})"),
-                                  std::string(R"({"jsonrpc":"2.0","id":null,"method":"ping"})")}) {
-    r = answerLine(line);
-    EXPECT_TRUE(r.contains("id") && r["id"].is_null()) << line;
-    EXPECT_EQ(r["error"]["code"], -32600) << line;
-    EXPECT_EQ(r["error"]["message"], "Invalid Request") << line;
+  const std::string invalid = "Invalid Request", deep = std::string(100, '[') + std::string(100, ']');
+  // {line, id, code, message or "" for any}. Messages that are no single
+  // request get -32600, with the id when there is a usable one.
+  const std::vector<std::tuple<std::string, json, int, std::string>> rows = {
+      {request(1, "tools/call", {{"name", "vigilo_sleep"}}), 1, -32602, "Unknown tool vigilo_sleep"},
+      {request(3, "server/discover"), 3, -32601, "Method not found: server/discover"},
+      {request(4, "tools/call", json::array({"vigilo_status"})), 4, -32602, ""},
+      {request(4, "ping", "now"), 4, -32602, ""},
+      {request(5, "tools/call", {{"arguments", json::object()}}), 5, -32602, ""},
+      {request(6, "tools/call", {{"name", "vigilo_status"}, {"arguments", "all"}}), 6, -32602,
+       "params.arguments must be an object of named values, not string"},
+      {R"([{"jsonrpc":"2.0","id":1,"method":"ping"}])", nullptr, -32600, invalid},
+      {"[]", nullptr, -32600, invalid},
+      {request({{"a", 1}}, "ping"), nullptr, -32600, invalid},
+      {request({1}, "ping"), nullptr, -32600, invalid},
+      {request(true, "ping"), nullptr, -32600, invalid},
+      {request(nullptr, "ping"), nullptr, -32600, invalid},
+      {R"({"jsonrpc":"2.0","id":"x","params":{}})", "x", -32600, ""},
+      {request(8, "tools/call", {{"name", "vigilo_status"}}).insert(57, R"(,"arguments":{"a":)" + deep + "}"), 8,
+       -32600, ""},
+  };
+  for (const auto& [line, id, code, message] : rows) {
+    SCOPED_TRACE(line.substr(0, 120));
+    const json r = answer(line);
+    EXPECT_TRUE(r.contains("id"));
+    EXPECT_EQ(r["id"], id);
+    EXPECT_EQ(r["error"]["code"], code);
+    if (!message.empty()) EXPECT_EQ(r["error"]["message"], message);
   }
-  r = answerLine(R"({"jsonrpc":"2.0","id":"x","params":{}})");
-  EXPECT_EQ(r["id"], "x");
-  EXPECT_EQ(errorCode(r), -32600);
-  const std::string deep = std::string(100, '[') + std::string(100, ']');
-  r = answerLine(R"({"jsonrpc":"2.0","id":8,"method":"tools/call","params":{"name":"vigilo_status","arguments":{"a":)" +
-                 deep + "}}}");
-  EXPECT_EQ(r["id"], 8);
-  EXPECT_EQ(errorCode(r), -32600);
   EXPECT_TRUE(sent_.empty());
 }
 
 TEST_F(McpServerTest, StreamAnswersRequestsOnlyAndEndsWithItsInput) {
-  // Given a session as a client writes it, with noise between the requests
-  // and a last request that has no newline before the input ends.
-  std::string input =
-      R"({"method":"initialize","params":{"protocolVersion":"2025-11-25","capabilities":{},"clientInfo":{"name":"t","version":"1"}},"jsonrpc":"2.0","id":0})"
-      "\n"
-      R"({"method":"notifications/initialized","jsonrpc":"2.0"})"
-      "\n"
-      R"({"method":"tools/call","jsonrpc":"2.0","params":{"name":"no_such_tool"}})"
-      "\n"
-      "hello\n\n42\n\"text\"\nnull\n{\"jsonrpc\":\"2.0\",\"id\":\n"
-      R"({"jsonrpc":"2.0","id":99,"result":{}})"
-      "\n"
-      R"({"jsonrpc":"2.0","id":"a","method":"ping"})"
-      "\r\n"
-      R"({"jsonrpc":"2.0","id":"b","method":"tools/call","params":{"name":"vigilo_status"}})";
-  std::istringstream in(input);
-  std::ostringstream out;
-  EXPECT_EQ(runMcpServer(in, out, context()), 0);
-  auto got = lines(out.str());
-  ASSERT_EQ(got.size(), 3u) << out.str();
-  EXPECT_EQ(json::parse(got[0])["id"], 0);
-  EXPECT_EQ(json::parse(got[1]), json::parse(R"({"jsonrpc":"2.0","id":"a","result":{}})"));
-  EXPECT_EQ(json::parse(got[2])["id"], "b");
-  EXPECT_EQ(out.str().back(), '\n');
-  ASSERT_EQ(sent_.size(), 1u);
+  // Given notifications, responses and garbage between the requests, and a
+  // last request with no newline before the input ends: answers to those
+  // three only, exit 0.
+  const std::string status = request("b", "tools/call", {{"name", "vigilo_status"}});
+  json got = serve(request(0, "initialize") + "\n" + R"({"method":"notifications/initialized","jsonrpc":"2.0"})" +
+                   "\n" + R"({"method":"tools/call","jsonrpc":"2.0","params":{"name":"no_such_tool"}})" +
+                   "\nhello\n\n42\n\"text\"\nnull\n{\"jsonrpc\":\"2.0\",\"id\":\n" +
+                   R"({"jsonrpc":"2.0","id":99,"result":{}})" + "\n" + request("a", "ping") + "\r\n" + status);
+  ASSERT_EQ(got.size(), 4u);
+  EXPECT_EQ(got[0], 0);
+  EXPECT_EQ(got[1]["id"], 0);
+  EXPECT_EQ(got[2], json::parse(R"({"jsonrpc":"2.0","id":"a","result":{}})"));
+  EXPECT_EQ(got[3]["id"], "b");
   EXPECT_NE(log_.str().find("skipped a line that is not a JSON object"), std::string::npos);
-
-  // Given a cut-off last message: skipped, and the server still ends cleanly.
-  std::istringstream cut(R"({"jsonrpc":"2.0","id":1,"method":"pi)");
-  std::ostringstream none;
-  EXPECT_EQ(runMcpServer(cut, none, context()), 0);
-  EXPECT_EQ(none.str(), "");
-
-  // Given a client that has gone away: the server stops at its first answer.
-  std::istringstream more(R"({"jsonrpc":"2.0","id":1,"method":"ping"})"
-                          "\n"
-                          R"({"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"vigilo_status"}})"
-                          "\n");
-  std::ostringstream gone;
-  gone.setstate(std::ios::badbit);
-  EXPECT_EQ(runMcpServer(more, gone, context()), 1);
+  // A cut-off last message is skipped; a client that has gone away stops the
+  // server at its first answer.
+  EXPECT_EQ(serve(R"({"jsonrpc":"2.0","id":1,"method":"pi)"), json::array({0}));
+  EXPECT_EQ(serve(request(1, "ping") + "\n" + status + "\n", true), json::array({1}));
   EXPECT_EQ(sent_.size(), 1u);
-}
-
-TEST_F(McpServerTest, HugeLinesAreReadWholeOrRefusedWithoutLosingTheStream) {
-  const std::string pad(10 * 1024 * 1024, 'x');
-  std::string input = R"({"jsonrpc":"2.0","id":1,"method":"ping","params":{"pad":")" + pad + "\"}}\n";
-  input += std::string(kMcpMaxLineBytes + 10, '{') + "\n";
-  input += R"({"jsonrpc":"2.0","id":2,"method":"ping"})"
-           "\n";
-  std::istringstream in(input);
-  std::ostringstream out;
-  EXPECT_EQ(runMcpServer(in, out, context()), 0);
-  auto got = lines(out.str());
-  ASSERT_EQ(got.size(), 3u);
-  EXPECT_EQ(json::parse(got[0])["id"], 1);
-  EXPECT_EQ(json::parse(got[1]),
-            json::parse(R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Invalid Request",)"
-                        R"("data":"a message may be at most 16 MiB long"}})"));
-  EXPECT_EQ(json::parse(got[2])["id"], 2);
+  // 10 MB is read whole; a line past the limit is refused, and the stream
+  // carries on.
+  got = serve(R"({"jsonrpc":"2.0","id":1,"method":"ping","params":{"pad":")" + std::string(10 << 20, 'x') +
+              "\"}}\n" + std::string(kMcpMaxLineBytes + 10, '{') + "\n" + request(2, "ping") + "\n");
+  ASSERT_EQ(got.size(), 4u);
+  EXPECT_EQ(got[1]["id"], 1);
+  EXPECT_EQ(got[2], json::parse(R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Invalid Request",)"
+                                R"("data":"a message may be at most 16 MiB long"}})"));
+  EXPECT_EQ(got[3]["id"], 2);
 }
 
 }  // namespace

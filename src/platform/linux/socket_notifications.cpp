@@ -9,6 +9,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "platform/linux/linux_platform.h"
 #include "platform/notifications.h"
 
 namespace vigilo {
@@ -83,8 +84,9 @@ std::string runtimeBase() {
 }
 
 Result prepareFolder(const std::string& appFolder) {
-  const std::string base = runtimeBase();
-  if (Result r = makePrivateFolder(base); !r) return r;
+  // The shared runtime folder refuses links and other users' folders.
+  std::string problem;
+  if (runtimeFolder(&problem).empty()) return Result::fail(problem);
   return makePrivateFolder(socketFolderFor(appFolder));
 }
 
