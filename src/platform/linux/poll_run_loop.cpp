@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "platform/result.h"
+#include "platform/linux/unique_fd.h"
 #include "platform/run_loop.h"
 
 namespace vigilo {
@@ -35,31 +36,6 @@ constexpr double kMinInterval = 0.001;
 // counts suspended time, a wait cut short now and then notices the jump
 // after a resume instead of sleeping out the whole old timeout.
 constexpr double kMaxWaitSeconds = 10.0;
-
-// Owns one file descriptor and closes it once.
-class UniqueFd {
- public:
-  UniqueFd() = default;
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  UniqueFd& operator=(UniqueFd&& other) noexcept {
-    if (this != &other) reset(std::exchange(other.fd_, -1));
-    return *this;
-  }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  ~UniqueFd() { reset(); }
-
-  int get() const { return fd_; }
-  explicit operator bool() const { return fd_ >= 0; }
-  void reset(int fd = -1) {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = fd;
-  }
-
- private:
-  int fd_ = -1;
-};
 
 // The next beat of a repeating timer that was due at `due` and fires at
 // `now`. Beats stay on the grid of the first deadline so they do not drift;

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "platform/linux/linux_platform.h"
+#include "platform/linux/unique_fd.h"
 #include "platform/notifications.h"
 
 namespace vigilo {
@@ -20,33 +21,6 @@ constexpr std::size_t kMaxPayload = 1024 * 1024;
 // A client that connects and then says nothing is dropped after this long.
 constexpr double kClientTimeout = 5.0;
 constexpr std::size_t kMaxClients = 64;
-
-class Fd {
- public:
-  explicit Fd(int fd = -1) : fd_(fd) {}
-  ~Fd() { reset(); }
-  Fd(Fd&& o) noexcept : fd_(o.release()) {}
-  Fd& operator=(Fd&& o) noexcept {
-    if (this != &o) {
-      reset();
-      fd_ = o.release();
-    }
-    return *this;
-  }
-  int get() const { return fd_; }
-  int release() {
-    int f = fd_;
-    fd_ = -1;
-    return f;
-  }
-  void reset() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_;
-};
 
 // FNV-1a: a short, stable name for an app folder's path.
 std::string keyFor(const std::string& appFolder) {
@@ -113,7 +87,7 @@ class SocketNotifications final : public Notifications {
     const std::string path = socketPath(appFolder_, name);
     sockaddr_un addr{};
     if (!fillAddress(path, addr)) return Result::fail("The socket path " + path + " is too long.");
-    Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (fd.get() < 0) return Result::fail(errnoMessage("couldn't create a socket", errno), errno);
     // One app per folder holds the folder's lock, so a socket file left here
     // is a dead app's.
@@ -149,7 +123,7 @@ class SocketNotifications final : public Notifications {
     const std::string path = socketPath(appFolder_, name);
     sockaddr_un addr{};
     if (!fillAddress(path, addr)) return Result::fail("The socket path " + path + " is too long.");
-    Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (fd.get() < 0) return Result::fail(errnoMessage("couldn't create a socket", errno), errno);
     if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
       const int err = errno;
@@ -173,11 +147,11 @@ class SocketNotifications final : public Notifications {
   struct Listener {
     std::string path;
     std::function<void(std::string)> handler;
-    Fd fd;
+    UniqueFd fd;
     WatchId watch = 0;
   };
   struct Client {
-    Fd fd;
+    UniqueFd fd;
     int listener = -1;
     std::string data;
     WatchId watch = 0;
@@ -186,7 +160,7 @@ class SocketNotifications final : public Notifications {
 
   void acceptAll(int listenFd) {
     for (;;) {
-      Fd fd(::accept4(listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+      UniqueFd fd(::accept4(listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
       if (fd.get() < 0) return;  // EAGAIN: no more waiting
       ucred cred{};
       socklen_t len = sizeof cred;
