@@ -25,6 +25,11 @@ constexpr const char* kPendingWarning = "Couldn't switch sleep back on yet; Vigi
 constexpr const char* kPowerChangeWarning = "macOS didn't keep sleep switched off after the power change";
 constexpr const char* kNotKeptWarning = "macOS didn't keep sleep switched off";
 constexpr const char* kFolderError = "Vigilo couldn't write to its folder, so it won't switch sleep off";
+// On Linux the switch is a logind lock, and the reason logind gave says
+// what the person can do; the Mac's texts would send them to the wrong place.
+constexpr const char* kLinuxRefusedWarning =
+    "The system refused to keep this laptop awake, so closing the lid would sleep it: ";
+constexpr const char* kLinuxNotKeptWarning = "Sleep didn't stay switched off";
 
 }  // namespace
 
@@ -245,8 +250,8 @@ void Engine::keepMarkerInStep() {
     if (disabled && !*disabled) {
       // Something switched sleep back on under us; the slow beat switches it
       // off again.
-      setWarning(kNotKeptWarning);
-    } else if (warning_ == kNotKeptWarning) {
+      setWarning(platform_.name() == "linux" ? kLinuxNotKeptWarning : kNotKeptWarning);
+    } else if (warning_ == kNotKeptWarning || warning_ == kLinuxNotKeptWarning) {
       setWarning(std::nullopt);
     }
   } else if (!pendingRelease_ && !adoptedHoldUntil_) {
@@ -270,7 +275,10 @@ void Engine::readBattery() {
     // again and check that it held.
     Result r = platform_.power().setSleepDisabled(true);
     auto disabled = platform_.registry().sleepDisabled();
-    if (!r || !disabled || !*disabled) setWarning(kPowerChangeWarning);
+    if (!r || !disabled || !*disabled) {
+      setWarning(platform_.name() == "linux" ? std::string(kLinuxNotKeptWarning) + " after the power change"
+                                             : std::string(kPowerChangeWarning));
+    }
   }
   if (reading) lastOnAC_ = reading->onAC;
   battery_ = reading;
@@ -455,14 +463,16 @@ void Engine::startHold(const std::string& reason) {
     if (!r) {
       if (!sleepNotOurs()) files_.remove(kHoldMarker);
       holdFailedAt_ = t;
-      setWarning(kRefusedWarning);
+      setWarning(platform_.name() == "linux" ? kLinuxRefusedWarning + r.message() : std::string(kRefusedWarning));
       logLine("Vigilo: switching sleep off failed: " + r.message());
       refreshSetup();
       return;
     }
   }
   holdFailedAt_.reset();
-  if (warning_ == kRefusedWarning) setWarning(std::nullopt);
+  if (warning_ && (*warning_ == kRefusedWarning || warning_->rfind(kLinuxRefusedWarning, 0) == 0)) {
+    setWarning(std::nullopt);
+  }
   holding_ = true;
   holdReason_ = reason;
   if (lidClosed_ && closedLid_) closedLid_->enter(*this);
@@ -501,7 +511,7 @@ void Engine::reassertSleep() {
     // it off again.
     if (disabled && !*disabled) {
       if (platform_.power().setSleepDisabled(true)) {
-        if (warning_ == kNotKeptWarning) setWarning(std::nullopt);
+        if (warning_ == kNotKeptWarning || warning_ == kLinuxNotKeptWarning) setWarning(std::nullopt);
       }
     }
     return;
