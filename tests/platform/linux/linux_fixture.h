@@ -6,6 +6,8 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
+#include <algorithm>
 
 #include "platform/linux/linux_platform.h"
 #include "platform/manual_run_loop.h"
@@ -15,6 +17,12 @@ namespace vigilo::test {
 
 // A bus address where no bus listens.
 inline const std::string kNoBus = "unix:path=/nonexistent/vigilo-test/bus";
+
+// The capability called `name`, or nothing.
+inline const Capability* capability(const std::vector<Capability>& caps, const std::string& name) {
+  auto it = std::find_if(caps.begin(), caps.end(), [&](const Capability& c) { return c.name == name; });
+  return it == caps.end() ? nullptr : &*it;
+}
 
 // Given a fixture tree standing in for / (its /sys and /proc), a manual
 // clock and loop, and the Linux platform over them.
@@ -30,6 +38,25 @@ class LinuxTreeTest : public ::testing::Test {
   }
   void putAll(const std::map<std::string, std::string>& files) {
     for (const auto& [path, text] : files) put(path, text);
+  }
+  // Writes a power supply's files from "key=value,key=value" (each value
+  // gets its newline), e.g. supply("AC", "type=Mains,online=1").
+  void supply(const std::string& name, const std::string& spec) {
+    std::size_t at = 0;
+    while (at < spec.size()) {
+      std::size_t end = spec.find(',', at);
+      if (end == std::string::npos) end = spec.size();
+      const std::string item = spec.substr(at, end - at);
+      const std::size_t eq = item.find('=');
+      put("/sys/class/power_supply/" + name + "/" + item.substr(0, eq), item.substr(eq + 1) + "\n");
+      at = end + 1;
+    }
+  }
+  // A thermal zone with one critical trip at 100 °C, at `milli`.
+  void zone(int n, int milli) {
+    const std::string z = "/sys/class/thermal/thermal_zone" + std::to_string(n) + "/";
+    putAll({{z + "type", "acpitz\n"}, {z + "temp", std::to_string(milli) + "\n"},
+            {z + "trip_point_0_type", "critical\n"}, {z + "trip_point_0_temp", "100000\n"}});
   }
   void removeFromTree(const std::string& path) {
     std::error_code ec;

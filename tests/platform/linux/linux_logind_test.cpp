@@ -262,11 +262,6 @@ class MockLogind {
   std::unique_ptr<sd_bus, BusUnref> bus_;
 };
 
-const Capability* find(const std::vector<Capability>& caps, const std::string& name) {
-  auto it = std::find_if(caps.begin(), caps.end(), [&](const Capability& c) { return c.name == name; });
-  return it == caps.end() ? nullptr : &*it;
-}
-
 bool isVigilosHold(const Inhibitor& i) {
   return i.what == "handle-lid-switch:sleep:idle" && i.mode == "block" && i.who == "Vigilo" &&
          i.why.rfind("Keeping", 0) == 0;
@@ -337,7 +332,7 @@ TEST_F(LinuxLogindTest, OthersLocksReadAsSleepOffAndADesktopThatOwnsTheLidIsName
   UniqueFd kde = mock_->inhibit("handle-power-key:handle-suspend-key:handle-hibernate-key:handle-lid-switch",
                                 "PowerDevil", "block");
   auto caps = p->capabilities();
-  const Capability* sw = find(caps, "sleep switch");
+  const Capability* sw = capability(caps, "sleep switch");
   ASSERT_NE(sw, nullptr);
   EXPECT_TRUE(sw->available);
   EXPECT_NE(sw->detail.find("KDE's power management (PowerDevil) handles the lid itself, so its own setting for "
@@ -361,23 +356,13 @@ TEST_F(LinuxLogindTest, ARefusedLockMeansSetupNeedsRepairWithThePlainReason) {
   Result r = p->power().setSleepDisabled(true);
   EXPECT_FALSE(r);
   EXPECT_EQ(r.message(), s.reason);
-  const Capability* sw = nullptr;
   auto caps = p->capabilities();
-  sw = find(caps, "sleep switch");
+  const Capability* sw = capability(caps, "sleep switch");
   ASSERT_NE(sw, nullptr);
   EXPECT_FALSE(sw->available);
   EXPECT_EQ(sw->detail, s.reason);
 
-  // The engine on it: the machine sleeps normally and says why.
-  writeFile(dir_.file("config.json"), R"({"mode": "on"})");
-  Engine engine(*p, dir_.path(), {});
-  engine.launch();
-  EXPECT_FALSE(engine.setupReady());
-  EXPECT_EQ(engine.setupProblem(), s.reason);
-  EXPECT_EQ(engine.statusLine(), "Needs a one-time setup");
-  EXPECT_FALSE(engine.holding());
   EXPECT_TRUE(mock_->inhibitors().empty());
-  engine.shutdown();
 }
 
 TEST_F(LinuxLogindTest, WithoutLogindOrWithoutABusTheReasonSaysWhichIsMissing) {
@@ -425,27 +410,19 @@ TEST_F(LinuxLogindTest, SleepAndWakeArriveFromPrepareForSleep) {
 }
 
 TEST_F(LinuxLogindTest, PowerSourceAndHeatChangesArriveByPolling) {
-  const std::string ps = "/sys/class/power_supply/";
-  putAll({{ps + "AC/type", "Mains\n"},
-          {ps + "AC/online", "0\n"},
-          {ps + "BAT0/type", "Battery\n"},
-          {ps + "BAT0/status", "Discharging\n"},
-          {ps + "BAT0/charge_now", "1000000\n"},
-          {ps + "BAT0/charge_full", "2000000\n"},
-          {"/sys/class/thermal/thermal_zone0/type", "acpitz\n"},
-          {"/sys/class/thermal/thermal_zone0/temp", "40000\n"},
-          {"/sys/class/thermal/thermal_zone0/trip_point_0_type", "critical\n"},
-          {"/sys/class/thermal/thermal_zone0/trip_point_0_temp", "100000\n"}});
+  supply("AC", "type=Mains,online=0");
+  supply("BAT0", "type=Battery,status=Discharging,charge_now=1000000,charge_full=2000000");
+  zone(0, 40000);
   auto p = platform();
   std::vector<SystemEvent> seen;
   p->events().subscribe([&](SystemEvent e) { seen.push_back(e); });
   loop_.advance(2.0);
   EXPECT_TRUE(seen.empty());
-  put(ps + "AC/online", "1\n");
-  put(ps + "BAT0/status", "Charging\n");
+  supply("AC", "online=1");
+  supply("BAT0", "status=Charging");
   loop_.advance(2.0);
   EXPECT_EQ(seen, std::vector<SystemEvent>{SystemEvent::PowerSourceChanged});
-  put("/sys/class/thermal/thermal_zone0/temp", "100000\n");
+  zone(0, 100000);
   loop_.advance(2.0);
   EXPECT_EQ(seen.back(), SystemEvent::ThermalStateChanged);
   EXPECT_EQ(seen.size(), 2u);
@@ -462,9 +439,9 @@ TEST_F(LinuxLogindTest, LidFromLogindWhereThereIsNoAcpiButton) {
   mock_->setProperty("LidClosed", false);
   EXPECT_EQ(p->registry().lidClosed(), false);
   auto caps = p->capabilities();
-  ASSERT_NE(find(caps, "lid"), nullptr);
-  EXPECT_TRUE(find(caps, "lid")->available);
-  EXPECT_EQ(find(caps, "lid")->detail, "The lid is read from logind's LidClosed, every two seconds.");
+  ASSERT_NE(capability(caps, "lid"), nullptr);
+  EXPECT_TRUE(capability(caps, "lid")->available);
+  EXPECT_EQ(capability(caps, "lid")->detail, "The lid is read from logind's LidClosed, every two seconds.");
 
   // The ACPI button wins where there is one.
   put("/proc/acpi/button/lid/LID/state", "state:      closed\n");
@@ -521,73 +498,20 @@ TEST_F(LinuxLogindTest, CapabilitiesNameEveryFeatureAndWhatIsMissing) {
     EXPECT_FALSE(c.available) << c.name;
     EXPECT_FALSE(c.detail.empty()) << c.name;
   }
-  EXPECT_EQ(find(caps, "processes")->detail, "/proc can't be read, so Vigilo can't see or control processes.");
+  EXPECT_EQ(capability(caps, "processes")->detail, "/proc can't be read, so Vigilo can't see or control processes.");
 
   // A laptop: everything but the power mode.
-  const std::string ps = "/sys/class/power_supply/";
-  putAll({{ps + "AC/type", "Mains\n"},
-          {ps + "AC/online", "1\n"},
-          {ps + "BAT0/type", "Battery\n"},
-          {ps + "BAT0/status", "Charging\n"},
-          {ps + "BAT0/charge_now", "1000000\n"},
-          {ps + "BAT0/charge_full", "2000000\n"},
-          {"/proc/acpi/button/lid/LID0/state", "state:      open\n"},
-          {"/sys/class/thermal/thermal_zone0/type", "acpitz\n"},
-          {"/sys/class/thermal/thermal_zone0/temp", "40000\n"},
-          {"/sys/class/thermal/thermal_zone0/trip_point_0_type", "critical\n"},
-          {"/sys/class/thermal/thermal_zone0/trip_point_0_temp", "100000\n"},
+  supply("AC", "type=Mains,online=1");
+  supply("BAT0", "type=Battery,status=Charging,charge_now=1000000,charge_full=2000000");
+  zone(0, 40000);
+  putAll({{"/proc/acpi/button/lid/LID0/state", "state:      open\n"},
           {"/proc/stat", "cpu  1 0 1 1 0 0 0 0 0 0\nbtime 1795243647\n"},
           {"/sys/class/backlight/intel_backlight/type", "raw\n"}});
   auto laptop = platform();
   caps = laptop->capabilities();
   EXPECT_EQ(names_of(caps), names);
   for (const auto& c : caps) EXPECT_EQ(c.available, c.name != "power mode") << c.name << ": " << c.detail;
-  EXPECT_EQ(find(caps, "lid")->detail, "The lid is read from /proc/acpi/button/lid/LID0/state.");
-}
-
-// Given a laptop at 10 % on battery, the default battery limit (15 %) and
-// mode "on".
-TEST_F(LinuxLogindTest, TheEngineHoldsThroughTheLockAndTheBatteryLimitLetsItSleep) {
-  const std::string ps = "/sys/class/power_supply/";
-  auto charge = [&](int percent) { put(ps + "BAT0/energy_now", std::to_string(percent * 500000) + "\n"); };
-  putAll({{ps + "AC/type", "Mains\n"},
-          {ps + "AC/online", "0\n"},
-          {ps + "BAT0/type", "Battery\n"},
-          {ps + "BAT0/status", "Discharging\n"},
-          {ps + "BAT0/energy_full", "50000000\n"},
-          {ps + "BAT0/power_now", "6000000\n"},
-          {ps + "BAT0/voltage_now", "12000000\n"},
-          {ps + "BAT0/voltage_min_design", "11100000\n"}});
-  charge(10);
-  const std::string home = dir_.file("home");
-  std::filesystem::create_directories(home);
-  writeFile(home + "/config.json", R"({"mode": "on"})");
-  auto p = platform();
-  Engine engine(*p, home, {});
-  engine.launch();
-  EXPECT_EQ(engine.statusLine(), "Battery at 10%, sleeps when closed");
-  EXPECT_FALSE(engine.holding());
-  ASSERT_TRUE(waitFor([&] { return mock_->inhibitors().empty(); }, 5s));
-
-  charge(60);
-  loop_.advance(2.0);
-  EXPECT_TRUE(engine.holding());
-  EXPECT_EQ(engine.statusLine(), "Awake until you turn it off");
-  ASSERT_TRUE(waitFor(
-      [&] {
-        auto locks = mock_->inhibitors();
-        return locks.size() == 1 && isVigilosHold(locks[0]);
-      },
-      5s));
-  EXPECT_FALSE(fileExists(home + "/sleep-off-before"));
-
-  charge(14);
-  loop_.advance(2.0);
-  EXPECT_FALSE(engine.holding());
-  EXPECT_EQ(engine.statusLine(), "Battery at 14%, sleeps when closed");
-  EXPECT_TRUE(waitFor([&] { return mock_->inhibitors().empty(); }, 5s));
-  engine.shutdown();
-  EXPECT_FALSE(fileExists(home + "/hold"));
+  EXPECT_EQ(capability(caps, "lid")->detail, "The lid is read from /proc/acpi/button/lid/LID0/state.");
 }
 
 TEST_F(LinuxLogindTest, KillingTheAppReleasesItsLock) {
