@@ -796,10 +796,7 @@ std::optional<double> parseDuration(const std::string& text) {
 std::string toolAppFolder() {
   const char* home = std::getenv("VIGILO_HOME");
   if (home != nullptr && *home != '\0') return home;
-  const char* data = std::getenv("XDG_DATA_HOME");
-  if (data != nullptr && data[0] == '/') return std::string(data) + "/vigilo";
-  const char* user = std::getenv("HOME");
-  return std::string(user ? user : "") + "/.local/share/vigilo";
+  return xdgAppFolder();
 }
 
 int runCli(const std::vector<std::string>& args, ToolMachine machine) {

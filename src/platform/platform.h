@@ -58,4 +58,9 @@ class Platform {
 // The app folder: VIGILO_HOME when set and not empty, else the platform's.
 std::string appFolderFor(const Platform& platform);
 
+// "${XDG_DATA_HOME:-~/.local/share}/vigilo": the app folder on Linux, for
+// the real machine and the simulated laptop alike (an unset, empty or
+// relative XDG_DATA_HOME means ~/.local/share).
+std::string xdgAppFolder();
+
 }  // namespace vigilo

@@ -61,13 +61,6 @@ constexpr int ioprioClass(int value) { return value >> kIoprioClassShift; }
 constexpr int kIoprioIdle = kIoprioClassIdle << kIoprioClassShift;
 constexpr int kCapSysNice = 23;
 
-std::string homeFolder() {
-  const char* home = std::getenv("HOME");
-  if (home != nullptr && *home != '\0') return home;
-  if (const passwd* pw = ::getpwuid(::getuid()); pw != nullptr && pw->pw_dir != nullptr) return pw->pw_dir;
-  return "/tmp";
-}
-
 bool isNumber(std::string_view s) {
   return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
@@ -865,12 +858,7 @@ class LinuxPlatformImpl final : public Platform {
         events_(loop, registry_, logind_) {}
 
   std::string name() const override { return "linux"; }
-  std::string defaultAppFolder() const override {
-    // XDG: an unset, empty or relative XDG_DATA_HOME means ~/.local/share.
-    const char* data = std::getenv("XDG_DATA_HOME");
-    const std::string base = data != nullptr && data[0] == '/' ? data : homeFolder() + "/.local/share";
-    return base + "/vigilo";
-  }
+  std::string defaultAppFolder() const override { return xdgAppFolder(); }
   Clock& clock() override { return clock_; }
   RunLoop& loop() override { return loop_; }
   Registry& registry() override { return registry_; }

@@ -224,13 +224,6 @@ bool needsFillingIn(const json& state) {
   return false;
 }
 
-std::string homeFolder() {
-  const char* home = std::getenv("HOME");
-  if (home != nullptr && *home != '\0') return home;
-  if (const passwd* pw = ::getpwuid(::getuid()); pw != nullptr && pw->pw_dir != nullptr) return pw->pw_dir;
-  return "/tmp";
-}
-
 class SimRegistry final : public Registry {
  public:
   explicit SimRegistry(SimLaptop& l) : laptop_(l) {}
@@ -383,12 +376,9 @@ class SimPlatformImpl final : public SimPlatform {
   std::string name() const override { return "sim"; }
   std::string defaultAppFolder() const override {
     if (!options_.appFolder.empty()) return options_.appFolder;
-    // XDG: an unset, empty or relative XDG_DATA_HOME means ~/.local/share.
-    const char* data = std::getenv("XDG_DATA_HOME");
-    std::string base = data != nullptr && data[0] == '/' ? data : homeFolder() + "/.local/share";
     // The same folder as on the real machine: one app per person, whichever
     // machine it runs on, so the command-line tool always finds it.
-    return base + "/vigilo";
+    return xdgAppFolder();
   }
   Clock& clock() override { return clock_; }
   RunLoop& loop() override { return loop_; }
