@@ -33,14 +33,16 @@ class Notifications {
   virtual Result post(const std::string& name, const std::string& payload) = 0;
 };
 
-// Unix-domain sockets, one per name, in a private folder (0700) of the
-// user's runtime folder, keyed by the app folder so that several app folders
-// (tests) never meet. `loop` may be null for a process that only posts.
+// Unix-domain sockets in the Linux abstract namespace, one per name, whose
+// address follows from the user id and the app folder alone (never from
+// the caller's environment), so every process of the user reaches the app
+// of that folder, and several app folders (tests) never meet. Both ends
+// check with SO_PEERCRED that the other is the same user. `loop` may be
+// null for a process that only posts.
 std::unique_ptr<Notifications> makeSocketNotifications(const std::string& appFolder, RunLoop* loop);
 
-// The folder holding the sockets for `appFolder`:
-// "$XDG_RUNTIME_DIR/vigilo/<key>", or "/tmp/vigilo-<uid>/<key>" without a
-// runtime folder.
-std::string socketFolderFor(const std::string& appFolder);
+// The address prefix for `appFolder`: "vigilo-<uid>-<key>/", where key is a
+// hash of the folder's canonical path; each name is appended to it.
+std::string socketNameFor(const std::string& appFolder);
 
 }  // namespace vigilo

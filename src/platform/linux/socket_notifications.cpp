@@ -1,11 +1,15 @@
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <filesystem>
+#include <optional>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <map>
 #include <sys/socket.h>
-#include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -17,10 +21,17 @@ namespace vigilo {
 namespace {
 
 // A request is a small JSON text; anything bigger is not one of ours.
-constexpr std::size_t kMaxPayload = 1024 * 1024;
-// A client that connects and then says nothing is dropped after this long.
-constexpr double kClientTimeout = 5.0;
-constexpr std::size_t kMaxClients = 64;
+constexpr std::size_t kMaxPayload = 256 * 1024;
+// The tool writes its request as soon as it has connected: a connection
+// that is still incomplete after this long is dropped, so idle connections
+// cannot keep others waiting.
+constexpr double kClientTimeout = 1.0;
+// Connections read at once. Past this the rest wait, queued by the kernel
+// (the listen backlog), until a slot frees: queued, never dropped.
+constexpr std::size_t kMaxClients = 128;
+// How long a tool waits for the app to take its connection and payload when
+// the queue is full (a stopped app never takes them).
+constexpr int kPostTimeoutSeconds = 3;
 
 // FNV-1a: a short, stable name for an app folder's path.
 std::string keyFor(const std::string& appFolder) {
@@ -34,107 +45,117 @@ std::string keyFor(const std::string& appFolder) {
   return buf;
 }
 
-// Makes `path` a folder of ours that only we can enter. Refuses a folder
-// owned by someone else, where another user could listen in our place.
-Result makePrivateFolder(const std::string& path) {
-  if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
-    return Result::fail(errnoMessage("couldn't create " + path, errno), errno);
-  }
-  struct stat st {};
-  if (::lstat(path.c_str(), &st) != 0) return Result::fail(errnoMessage("couldn't read " + path, errno), errno);
-  if (!S_ISDIR(st.st_mode) || st.st_uid != ::getuid()) {
-    return Result::fail(path + " belongs to another user or is not a folder, so Vigilo won't use it.");
-  }
-  if ((st.st_mode & 0077) != 0 && ::chmod(path.c_str(), 0700) != 0) {
-    return Result::fail(errnoMessage("couldn't make " + path + " private", errno), errno);
-  }
-  return Result::ok();
+// The same folder named two ways ("~/x/", "~/x", through a link) must give
+// one address.
+std::string canonicalFolder(const std::string& appFolder) {
+  std::error_code ec;
+  auto absolute = std::filesystem::absolute(appFolder, ec);
+  if (ec) return appFolder;
+  auto canonical = std::filesystem::weakly_canonical(absolute, ec);
+  std::string text = (ec ? absolute : canonical).lexically_normal().string();
+  while (text.size() > 1 && text.back() == '/') text.pop_back();
+  return text;
 }
 
-std::string runtimeBase() {
-  const char* xdg = std::getenv("XDG_RUNTIME_DIR");
-  if (xdg != nullptr && *xdg == '/') return std::string(xdg) + "/vigilo";
-  return "/tmp/vigilo-" + std::to_string(::getuid());
-}
-
-Result prepareFolder(const std::string& appFolder) {
-  // The shared runtime folder refuses links and other users' folders.
-  std::string problem;
-  if (runtimeFolder(&problem).empty()) return Result::fail(problem);
-  return makePrivateFolder(socketFolderFor(appFolder));
-}
-
-std::string socketPath(const std::string& appFolder, const std::string& name) {
-  return socketFolderFor(appFolder) + "/" + name + ".sock";
-}
-
-bool fillAddress(const std::string& path, sockaddr_un& addr) {
+// An abstract socket address (Linux): no file, so nothing to clean up, no
+// folder another user could plant first, and no path-length limit from a
+// deep app folder. The name follows from the user id and the app folder
+// alone, never from the caller's environment.
+socklen_t fillAddress(const std::string& name, sockaddr_un& addr) {
   std::memset(&addr, 0, sizeof addr);
   addr.sun_family = AF_UNIX;
-  if (path.size() >= sizeof addr.sun_path) return false;
-  std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-  return true;
+  const std::size_t n = std::min(name.size(), sizeof addr.sun_path - 1);
+  std::memcpy(addr.sun_path + 1, name.data(), n);
+  return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + n);
+}
+
+std::optional<uid_t> peerUid(int fd) {
+  ucred cred{};
+  socklen_t len = sizeof cred;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) return std::nullopt;
+  return cred.uid;
+}
+
+// Connects to `name`; on success the peer is a process of this user.
+Result connectTo(const std::string& name, UniqueFd& out) {
+  sockaddr_un addr{};
+  const socklen_t len = fillAddress(name, addr);
+  UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (fd.get() < 0) return Result::fail(errnoMessage("couldn't create a socket", errno), errno);
+  // A full queue makes connect() and send() wait; never longer than this.
+  timeval limit{kPostTimeoutSeconds, 0};
+  ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  int rc;
+  do {
+    rc = ::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), len);
+  } while (rc != 0 && errno == EINTR);
+  if (rc != 0) {
+    const int err = errno;
+    if (err == ENOENT || err == ECONNREFUSED) return Result::fail("Vigilo isn't running.", err);
+    if (err == EAGAIN || err == EINPROGRESS) return Result::fail("Vigilo is too busy to take the request.", err);
+    return Result::fail(errnoMessage("couldn't reach Vigilo", err), err);
+  }
+  // Someone else's program listening at our address gets nothing from us.
+  auto uid = peerUid(fd.get());
+  if (!uid || *uid != ::getuid()) {
+    return Result::fail("A program of another user answers at Vigilo's address, so nothing was sent to it.", EPERM);
+  }
+  out = std::move(fd);
+  return Result::ok();
 }
 
 class SocketNotifications final : public Notifications {
  public:
-  SocketNotifications(std::string appFolder, RunLoop* loop) : appFolder_(std::move(appFolder)), loop_(loop) {}
+  SocketNotifications(std::string appFolder, RunLoop* loop)
+      : prefix_(socketNameFor(appFolder)), loop_(loop) {}
   ~SocketNotifications() override { stopObserving(); }
 
   Result observe(const std::string& name, std::function<void(std::string)> handler) override {
     if (loop_ == nullptr) return Result::fail("Observing needs the app's run loop.");
-    if (Result r = prepareFolder(appFolder_); !r) return r;
-    const std::string path = socketPath(appFolder_, name);
+    const std::string address = prefix_ + name;
     sockaddr_un addr{};
-    if (!fillAddress(path, addr)) return Result::fail("The socket path " + path + " is too long.");
+    const socklen_t len = fillAddress(address, addr);
     UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (fd.get() < 0) return Result::fail(errnoMessage("couldn't create a socket", errno), errno);
-    // One app per folder holds the folder's lock, so a socket file left here
-    // is a dead app's.
-    ::unlink(path.c_str());
-    if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-      return Result::fail(errnoMessage("couldn't listen at " + path, errno), errno);
+    if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), len) != 0) {
+      const int err = errno;
+      if (err == EADDRINUSE) return Result::fail(squatter(address), err);
+      return Result::fail(errnoMessage("couldn't listen for Vigilo's requests", err), err);
     }
-    if (::listen(fd.get(), 128) != 0) return Result::fail(errnoMessage("couldn't listen at " + path, errno), errno);
+    if (::listen(fd.get(), SOMAXCONN) != 0) {
+      return Result::fail(errnoMessage("couldn't listen for Vigilo's requests", errno), errno);
+    }
     Listener l;
-    l.path = path;
     l.handler = std::move(handler);
     l.fd = std::move(fd);
     const int raw = l.fd.get();
-    l.watch = loop_->watchReadable(raw, [this, raw] { acceptAll(raw); });
     listeners_.emplace(raw, std::move(l));
+    resume(raw);
     return Result::ok();
   }
 
   void stopObserving() override {
+    if (loop_ == nullptr) return;
     for (auto& [fd, client] : clients_) {
       loop_->unwatch(client.watch);
       loop_->cancel(client.timer);
     }
     clients_.clear();
     for (auto& [fd, l] : listeners_) {
-      loop_->unwatch(l.watch);
-      ::unlink(l.path.c_str());
+      if (l.watch != 0) loop_->unwatch(l.watch);
     }
     listeners_.clear();
   }
 
   Result post(const std::string& name, const std::string& payload) override {
-    const std::string path = socketPath(appFolder_, name);
-    sockaddr_un addr{};
-    if (!fillAddress(path, addr)) return Result::fail("The socket path " + path + " is too long.");
-    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (fd.get() < 0) return Result::fail(errnoMessage("couldn't create a socket", errno), errno);
-    if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-      const int err = errno;
-      if (err == ENOENT || err == ECONNREFUSED) return Result::fail("Vigilo isn't running.", err);
-      return Result::fail(errnoMessage("couldn't reach Vigilo at " + path, err), err);
-    }
+    UniqueFd fd;
+    if (Result r = connectTo(prefix_ + name, fd); !r) return r;
     std::string_view rest = payload;
     while (!rest.empty()) {
       ssize_t n = ::send(fd.get(), rest.data(), rest.size(), MSG_NOSIGNAL);
       if (n < 0) {
         if (errno == EINTR) continue;
+        if (errno == EAGAIN) return Result::fail("Vigilo is too busy to take the request.", errno);
         return Result::fail(errnoMessage("couldn't send to Vigilo", errno), errno);
       }
       rest.remove_prefix(static_cast<std::size_t>(n));
@@ -145,7 +166,6 @@ class SocketNotifications final : public Notifications {
 
  private:
   struct Listener {
-    std::string path;
     std::function<void(std::string)> handler;
     UniqueFd fd;
     WatchId watch = 0;
@@ -158,15 +178,42 @@ class SocketNotifications final : public Notifications {
     TimerId timer = 0;
   };
 
+  // Says who holds `address` when it cannot be ours.
+  static std::string squatter(const std::string& address) {
+    sockaddr_un addr{};
+    const socklen_t len = fillAddress(address, addr);
+    UniqueFd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    std::optional<uid_t> uid;
+    if (probe.get() >= 0 && ::connect(probe.get(), reinterpret_cast<sockaddr*>(&addr), len) == 0) {
+      uid = peerUid(probe.get());
+    }
+    if (uid && *uid != ::getuid()) {
+      return "another user's program (user id " + std::to_string(*uid) +
+             ") holds Vigilo's request address for this folder; ask an administrator to stop it";
+    }
+    return "another Vigilo for this folder already listens for requests";
+  }
+
+  void resume(int listenFd) {
+    auto it = listeners_.find(listenFd);
+    if (it == listeners_.end() || it->second.watch != 0) return;
+    it->second.watch = loop_->watchReadable(listenFd, [this, listenFd] { acceptAll(listenFd); });
+  }
+
+  void pauseAll() {
+    for (auto& [fd, l] : listeners_) {
+      if (l.watch != 0) loop_->unwatch(l.watch);
+      l.watch = 0;
+    }
+  }
+
   void acceptAll(int listenFd) {
-    for (;;) {
+    while (clients_.size() < kMaxClients) {
       UniqueFd fd(::accept4(listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
       if (fd.get() < 0) return;  // EAGAIN: no more waiting
-      ucred cred{};
-      socklen_t len = sizeof cred;
       // Only the same user may drive this user's Vigilo.
-      if (::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || cred.uid != ::getuid()) continue;
-      if (clients_.size() >= kMaxClients) continue;
+      auto uid = peerUid(fd.get());
+      if (!uid || *uid != ::getuid()) continue;
       const int raw = fd.get();
       Client c;
       c.fd = std::move(fd);
@@ -175,6 +222,8 @@ class SocketNotifications final : public Notifications {
       c.timer = loop_->after(kClientTimeout, [this, raw] { dropClient(raw); });
       clients_.emplace(raw, std::move(c));
     }
+    // Full: leave the rest in the kernel's queue until a slot frees.
+    pauseAll();
   }
 
   void readClient(int fd) {
@@ -208,9 +257,12 @@ class SocketNotifications final : public Notifications {
     loop_->unwatch(it->second.watch);
     loop_->cancel(it->second.timer);
     clients_.erase(it);
+    if (clients_.size() < kMaxClients) {
+      for (auto& [lfd, l] : listeners_) resume(lfd);
+    }
   }
 
-  std::string appFolder_;
+  std::string prefix_;
   RunLoop* loop_;
   std::map<int, Listener> listeners_;
   std::map<int, Client> clients_;
@@ -218,7 +270,9 @@ class SocketNotifications final : public Notifications {
 
 }  // namespace
 
-std::string socketFolderFor(const std::string& appFolder) { return runtimeBase() + "/" + keyFor(appFolder); }
+std::string socketNameFor(const std::string& appFolder) {
+  return "vigilo-" + std::to_string(::getuid()) + "-" + keyFor(canonicalFolder(appFolder)) + "/";
+}
 
 std::unique_ptr<Notifications> makeSocketNotifications(const std::string& appFolder, RunLoop* loop) {
   return std::make_unique<SocketNotifications>(appFolder, loop);
