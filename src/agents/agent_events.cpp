@@ -28,6 +28,8 @@ constexpr std::size_t kMaxSessionId = 64;
 constexpr int kMaxDepth = 32;
 // An event file is a few hundred bytes.
 constexpr std::size_t kMaxEventFile = 64 * 1024;
+// The agent's message kept in an event file, well inside kMaxEventFile.
+constexpr std::size_t kMaxDetail = 2000;
 // How far up from the hook's parent the agent may be: the hook runs under a
 // shell, which may itself run under a wrapper or two.
 constexpr int kWalkLevels = 6;
@@ -138,7 +140,10 @@ std::optional<AgentProcess> findAgent(Processes& procs, std::int32_t pid, std::s
 bool replaceFile(const std::string& folder, const std::string& name, const std::string& data) {
   const std::string path = folder + "/" + name;
   const std::string tmp = folder + "/." + name + ".tmp-" + std::to_string(::getpid());
-  const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
+  // Created afresh, never through a link planted at the temporary name.
+  const int flags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW;
+  int fd = ::open(tmp.c_str(), flags, kPrivateFileMode);
+  if (fd < 0 && errno == EEXIST && ::unlink(tmp.c_str()) == 0) fd = ::open(tmp.c_str(), flags, kPrivateFileMode);
   if (fd < 0) return false;
   std::string_view rest = data;
   bool ok = true;
@@ -205,9 +210,10 @@ void recordOrThrow(const std::string& appFolder, std::string_view agent, std::st
     event.pidStart = previous->pidStart;
   }
 
-  std::error_code ec;
-  std::filesystem::create_directories(folder, ec);
-  if (ec) return;
+  // The app reads event files up to kMaxEventFile: the one free text, the
+  // agent's message, is cut so the file always fits.
+  if (event.detail && event.detail->size() > kMaxDetail) event.detail = cutUtf8(*event.detail, kMaxDetail);
+  if (!makePrivateFolder(folder)) return;
   if (!replaceFile(folder, name, AgentEvents::encode(event))) return;
   post(appFolder, notifications);
 }

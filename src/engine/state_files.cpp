@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,9 +13,9 @@ std::string StateFiles::path(std::string_view name) const {
 }
 
 bool StateFiles::ensureDir() const {
-  std::error_code ec;
-  std::filesystem::create_directories(dir_, ec);
-  return std::filesystem::is_directory(dir_, ec);
+  // Hold reasons, agent events and replies name projects and work: only
+  // the user may read them.
+  return makePrivateFolder(dir_).isOk();
 }
 
 bool StateFiles::writeDurably(std::string_view name, std::string_view data, std::optional<mode_t> mode) const {
@@ -27,7 +26,7 @@ bool StateFiles::writeDurably(std::string_view name, std::string_view data, std:
 bool StateFiles::touch(std::string_view name) const {
   if (!ensureDir()) return false;
   const std::string p = path(name);
-  int fd = ::open(p.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  int fd = ::open(p.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kPrivateFileMode);
   if (fd < 0) return false;
   bool ok = ::futimens(fd, nullptr) == 0;
   return (::close(fd) == 0) && ok;

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -34,30 +35,26 @@ class Fd {
 }  // namespace
 
 namespace {
-Result writeFile(const std::string& path, std::string_view data, std::optional<mode_t> mode, bool sync);
-}
-
-Result writeFileDurably(const std::string& path, std::string_view data, std::optional<mode_t> mode) {
-  return writeFile(path, data, mode, true);
-}
-
-Result writeFileAtomically(const std::string& path, std::string_view data) {
-  return writeFile(path, data, std::nullopt, false);
-}
-
-namespace {
 
 Result writeFile(const std::string& path, std::string_view data, std::optional<mode_t> mode, bool sync) {
-  const std::string tmp = path + std::string(kTempSuffix);
-  Fd fd(::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode.value_or(0644)));
+  // One temporary name per process, created exclusively and never through a
+  // link: a file or link planted at that name (another program's, or one a
+  // crash left) is removed, not written through, so nothing outside the
+  // target's folder can be overwritten in its place.
+  const std::string tmp = path + "." + std::to_string(::getpid()) + std::string(kTempSuffix);
+  const int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  const mode_t bits = mode.value_or(kPrivateFileMode);
+  int raw = ::open(tmp.c_str(), flags, bits);
+  if (raw < 0 && errno == EEXIST && ::unlink(tmp.c_str()) == 0) raw = ::open(tmp.c_str(), flags, bits);
+  Fd fd(raw);
   if (fd.get() < 0) return Result::fail(errnoMessage("couldn't create " + tmp, errno), errno);
   auto failed = [&](const std::string& what) {
     const int err = errno;
     ::unlink(tmp.c_str());
     return Result::fail(errnoMessage(what + " " + tmp, err), err);
   };
-  // open() applies the umask; an explicit mode is meant exactly.
-  if (mode && ::fchmod(fd.get(), *mode) != 0) return failed("couldn't set the permissions of");
+  // open() applies the umask; the mode is meant exactly.
+  if (::fchmod(fd.get(), bits) != 0) return failed("couldn't set the permissions of");
   while (!data.empty()) {
     ssize_t n = ::write(fd.get(), data.data(), data.size());
     if (n < 0) {
@@ -73,6 +70,37 @@ Result writeFile(const std::string& path, std::string_view data, std::optional<m
 }
 
 }  // namespace
+
+Result writeFileDurably(const std::string& path, std::string_view data, std::optional<mode_t> mode) {
+  return writeFile(path, data, mode, true);
+}
+
+Result writeFileAtomically(const std::string& path, std::string_view data) {
+  return writeFile(path, data, std::nullopt, false);
+}
+
+Result makePrivateFolder(const std::string& path) {
+  if (path.empty()) return Result::fail("No folder was given.");
+  std::error_code ec;
+  // Parents that are missing are made private too; existing ones are left
+  // as their owner set them.
+  const std::filesystem::path target(path);
+  std::filesystem::path partial;
+  for (const auto& part : target) {
+    partial /= part;
+    if (::mkdir(partial.c_str(), kPrivateFolderMode) != 0 && errno != EEXIST) {
+      return Result::fail(errnoMessage("couldn't create " + partial.string(), errno), errno);
+    }
+  }
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0) return Result::fail(errnoMessage("couldn't read " + path, errno), errno);
+  if (!S_ISDIR(st.st_mode)) return Result::fail(path + " isn't a folder.");
+  if (st.st_uid == ::getuid() && (st.st_mode & 0777) != kPrivateFolderMode &&
+      ::chmod(path.c_str(), kPrivateFolderMode) != 0) {
+    return Result::fail(errnoMessage("couldn't make " + path + " private", errno), errno);
+  }
+  return Result::ok();
+}
 
 std::optional<std::string> readWholeFile(const std::string& path, std::size_t limit) {
   Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
@@ -96,10 +124,21 @@ std::optional<std::string> readWholeFile(const std::string& path, std::size_t li
   return out;
 }
 
+std::string cutUtf8(std::string_view text, std::size_t maxBytes) {
+  if (text.size() <= maxBytes) return std::string(text);
+  constexpr std::string_view kEllipsis = "\u2026";
+  std::size_t keep = maxBytes > kEllipsis.size() ? maxBytes - kEllipsis.size() : 0;
+  // Back up over continuation bytes to the start of a character.
+  while (keep > 0 && (static_cast<unsigned char>(text[keep]) & 0xC0) == 0x80) --keep;
+  return std::string(text.substr(0, keep)) + std::string(kEllipsis);
+}
+
 std::optional<std::string> findExecutable(const std::string& name) {
   if (name.empty()) return std::nullopt;
   if (name.find('/') != std::string::npos) {
-    if (::access(name.c_str(), X_OK) == 0) return name;
+    // A folder is "executable" to access() but cannot be run.
+    struct stat st {};
+    if (::stat(name.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(name.c_str(), X_OK) == 0) return name;
     return std::nullopt;
   }
   const char* path = std::getenv("PATH");

@@ -10,8 +10,13 @@
 
 namespace vigilo {
 
-// Writes `data` to "<path>.vigilo-tmp" (with `mode` permissions when given,
-// exactly, whatever the umask), flushes it to disk and renames it over
+// Vigilo's own files and folders are private to the user who runs it.
+inline constexpr mode_t kPrivateFileMode = 0600;
+inline constexpr mode_t kPrivateFolderMode = 0700;
+
+// Writes `data` to "<path>.<pid>.vigilo-tmp", created exclusively and never
+// through a symbolic link, with `mode` permissions (0600 when not given),
+// exactly, whatever the umask; flushes it to disk and renames it over
 // `path`: a reader sees the old file or the new one, never half of one. The
 // parent folder must exist.
 Result writeFileDurably(const std::string& path, std::string_view data, std::optional<mode_t> mode = std::nullopt);
@@ -19,10 +24,19 @@ Result writeFileDurably(const std::string& path, std::string_view data, std::opt
 // not meant to survive a power cut (replies read a moment later).
 Result writeFileAtomically(const std::string& path, std::string_view data);
 
+// Creates `path` and any missing parents as folders only the user can enter
+// (0700), and makes `path` itself 0700 when it exists with other modes and
+// belongs to the user. Fails with a plain-English reason.
+Result makePrivateFolder(const std::string& path);
+
 // The whole regular file, or nothing when it is missing, unreadable, not a
 // regular file or larger than `limit` bytes (so a damaged file cannot
 // exhaust memory).
 std::optional<std::string> readWholeFile(const std::string& path, std::size_t limit = 16 * 1024 * 1024);
+
+// `text` cut to at most `maxBytes` bytes without splitting a UTF-8
+// character, with "…" at the end when anything was cut (the "…" counted).
+std::string cutUtf8(std::string_view text, std::size_t maxBytes);
 
 // Where an executable lives: `name` itself when it holds a "/", else the
 // first match on PATH. Nothing when it cannot be found or run.
