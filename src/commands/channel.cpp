@@ -12,6 +12,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "agents/careful_file.h"
 #include "engine/hold.h"
 #include "platform/files.h"
 
@@ -36,7 +37,7 @@ bool spawn(const std::vector<std::string>& argv, const std::string& output, bool
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600);
   posix_spawn_file_actions_adddup2(&actions, 1, 2);
   posix_spawnattr_t attr;
   posix_spawnattr_init(&attr);
@@ -59,9 +60,19 @@ bool spawn(const std::vector<std::string>& argv, const std::string& output, bool
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+double wallNow() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+bool autostartForbidden() {
+  const char* v = std::getenv(kNoAutostartVariable);
+  return v != nullptr && *v != '\0' && std::string_view(v) != "0";
+}
+
 std::optional<nlohmann::json> takeReply(const std::string& path) {
   auto bytes = readWholeFile(path, 16 * 1024 * 1024);
   if (!bytes) return std::nullopt;
+  if (!jsonNestingWithin(*bytes, 64)) return std::nullopt;
   auto j = nlohmann::json::parse(*bytes, nullptr, false);
   if (!j.is_object()) return std::nullopt;
   ::unlink(path.c_str());
@@ -85,24 +96,58 @@ std::optional<pid_t> runningApp(const std::string& appFolder) {
   return pid;
 }
 
+std::string timeoutError() { return kTimeoutErrorLinux; }
+
+std::optional<std::string> recordedMachine(const std::string& appFolder) {
+  auto bytes = readWholeFile(appFolder + "/" + kMachineFile, 64 * 1024);
+  if (!bytes || !jsonNestingWithin(*bytes, 4)) return std::nullopt;
+  auto j = nlohmann::json::parse(*bytes, nullptr, false);
+  if (!j.is_object()) return std::nullopt;
+  const std::string machine = j.value("machine", std::string());
+  if (machine == "real") return std::string();
+  auto file = j.find("file");
+  if (machine == "sim" && file != j.end() && file->is_string() && !file->get<std::string>().empty()) {
+    return file->get<std::string>();
+  }
+  return std::nullopt;
+}
+
+bool recordMachine(const std::string& appFolder, const std::string& simulateFile) {
+  nlohmann::json j = simulateFile.empty() ? nlohmann::json{{"machine", "real"}}
+                                          : nlohmann::json{{"machine", "sim"}, {"file", simulateFile}};
+  return writeFileDurably(appFolder + "/" + kMachineFile, j.dump() + "\n").isOk();
+}
+
+std::string machineName(const std::string& simulateFile) {
+  return simulateFile.empty() ? std::string("this machine") : "the simulated laptop " + simulateFile;
+}
+
 bool launchApp(const std::string& appFolder) {
   std::error_code ec;
-  std::filesystem::create_directories(appFolder, ec);
+  if (!makePrivateFolder(appFolder)) return false;
   const char* home = std::getenv("HOME");
   const char* xdgConfig = std::getenv("XDG_CONFIG_HOME");
   std::string unitDir = xdgConfig && *xdgConfig ? std::string(xdgConfig) + "/systemd/user"
                                                 : std::string(home ? home : "") + "/.config/systemd/user";
   const char* vigiloHome = std::getenv("VIGILO_HOME");
-  const char* simulate = std::getenv("VIGILO_SIMULATE");
+  // The folder's own machine unless the caller names a simulated laptop: a
+  // tool run without VIGILO_SIMULATE must not start a real-machine app on a
+  // folder whose records belong to a simulated laptop.
+  std::string simulate;
+  if (const char* env = std::getenv("VIGILO_SIMULATE"); env != nullptr && *env != '\0') {
+    simulate = env;
+  } else if (auto recorded = recordedMachine(appFolder)) {
+    simulate = *recorded;
+  }
   const std::string log = appFolder + "/app.log";
   // The unit runs the default folder on the real machine; a folder of its
   // own (tests) or a simulated laptop starts the app directly.
-  const bool plain = (!vigiloHome || !*vigiloHome) && (!simulate || !*simulate);
+  const bool plain = (!vigiloHome || !*vigiloHome) && simulate.empty();
   if (plain && std::filesystem::exists(unitDir + "/vigilo.service", ec)) {
     if (spawn({"/usr/bin/systemctl", "--user", "start", "vigilo.service"}, "/dev/null", true)) return true;
   }
   std::vector<std::string> argv{selfExecutable(), "app"};
-  if (simulate && *simulate) {
+  if (!simulate.empty()) {
     argv.push_back("--simulate");
     argv.push_back(simulate);
   }
@@ -117,14 +162,20 @@ std::optional<nlohmann::json> RequestClient::attempt(const std::string& cmd, con
   const std::string id = newUuid();
   const std::string folder = repliesFolder(appFolder_);
   const std::string replyPath = folder + "/" + id + ".json";
-  std::error_code ec;
-  std::filesystem::create_directories(folder, ec);
+  makePrivateFolder(folder);
 
-  nlohmann::json request = {{"id", id}, {"cmd", cmd}, {"args", args.is_object() ? args : nlohmann::json::object()}};
+  const auto start = Steady::now();
+  const auto deadline = start + std::chrono::duration<double>(timeout);
+  // The app drops the request once this has passed: what the caller gives
+  // up on is never done later.
+  nlohmann::json request = {{"id", id},
+                            {"cmd", cmd},
+                            {"args", args.is_object() ? args : nlohmann::json::object()},
+                            {kDeadlineKey, wallNow() + timeout}};
   const std::string text = request.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
   Result posted = notifications_->post(kRequestNotification, text);
   // A freshly started app may not listen yet.
-  const auto connectDeadline = Steady::now() + std::chrono::duration<double>(connectWait);
+  const auto connectDeadline = std::min(deadline, start + std::chrono::duration<double>(connectWait));
   while (!posted && Steady::now() < connectDeadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     posted = notifications_->post(kRequestNotification, text);
@@ -135,8 +186,6 @@ std::optional<nlohmann::json> RequestClient::attempt(const std::string& cmd, con
   // then back off to the 0.05 s that bounds the wait. (A file watch would
   // wake sooner, but closing an inotify descriptor costs the kernel several
   // milliseconds, more than it saves.)
-  const auto start = Steady::now();
-  const auto deadline = start + std::chrono::duration<double>(timeout);
   for (;;) {
     if ((reply = takeReply(replyPath))) break;
     const auto now = Steady::now();
@@ -154,20 +203,19 @@ nlohmann::json RequestClient::send(const std::string& cmd, const nlohmann::json&
   // An app that holds its folder's lock but does not listen yet is still
   // starting: keep trying to reach it within the time-out.
   if (auto reply = attempt(cmd, args, timeout, runningApp(appFolder_) ? timeout : 0)) return *reply;
-  if (!runningApp(appFolder_)) {
+  if (!runningApp(appFolder_) && !autostartForbidden()) {
     launched_ = launchApp(appFolder_);
     // Give the app up to 2.5 s to start listening, then try once more.
     if (launched_) {
       if (auto reply = attempt(cmd, args, timeout, 2.5)) return *reply;
     }
   }
-  return {{"ok", false}, {"error", kTimeoutError}};
+  return {{"ok", false}, {"error", timeoutError()}};
 }
 
 bool writeReply(const std::string& appFolder, const std::string& id, const nlohmann::json& reply) {
   const std::string folder = repliesFolder(appFolder);
-  std::error_code ec;
-  std::filesystem::create_directories(folder, ec);
+  if (!makePrivateFolder(folder)) return false;
   return writeFileAtomically(folder + "/" + id + ".json",
                           reply.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n")
       .isOk();

@@ -1,5 +1,6 @@
 #include "commands/cli.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <chrono>
@@ -500,7 +501,8 @@ class Cli {
     if (inv_.has("--json")) {
       out(r.dump(2));
     } else {
-      out(inv_.words[0] + " = " + inv_.words[1]);
+      // The setting's own name and the value it now has, as the app reads them.
+      out(r.value("key", inv_.words[0]) + " = " + (r.contains("value") ? valueText(r["value"]) : inv_.words[1]));
       out(statusOf(r));
     }
     return 0;
@@ -693,6 +695,7 @@ class Cli {
 
   int doctor() {
     out("Vigilo folder: " + folder_);
+    if (auto recorded = recordedMachine(folder_)) out("Machine: " + machineName(*recorded));
     auto pid = runningApp(folder_);
     out(pid ? "App: running (process " + std::to_string(*pid) + ")" : std::string("App: not running"));
     auto m = machine();
@@ -761,11 +764,11 @@ class Cli {
 std::optional<double> parseDuration(const std::string& text) {
   if (text.empty()) return std::nullopt;
   auto cut = [](double m) { return std::min(m, 10080.0); };
-  char* end = nullptr;
-  double bare = std::strtod(text.c_str(), &end);
-  if (end == text.c_str() + text.size() && std::isfinite(bare) && std::isdigit(static_cast<unsigned char>(text[0]))) {
-    return cut(bare);
-  }
+  // A bare number is digits with at most one decimal point: strtod alone
+  // would also take "1e3", "0x10", "inf" and leading blanks.
+  const bool bare = text.find_first_not_of("0123456789.") == std::string::npos &&
+                    std::count(text.begin(), text.end(), '.') <= 1 && text != ".";
+  if (bare) return cut(std::strtod(text.c_str(), nullptr));
   double total = 0;
   std::size_t i = 0;
   while (i < text.size()) {

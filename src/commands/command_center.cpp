@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <ctime>
@@ -9,6 +10,7 @@
 #include <unistd.h>
 
 #include "agents/agent_work.h"
+#include "agents/careful_file.h"
 #include "commands/channel.h"
 #include "commands/settings_schema.h"
 #include "platform/files.h"
@@ -20,6 +22,14 @@ namespace {
 using json = nlohmann::json;
 
 constexpr double kMaxPid = 2147483647;
+// Requests nest two levels; deeper ones are not ours, and the JSON library
+// recurses when it copies, compares or writes a value.
+constexpr int kMaxRequestDepth = 32;
+// A hold's reason is shown in a menu and a status line: longer ones are cut
+// (and the reply says so). Other texts name things (apps, agents, keys) and
+// are refused past kMaxName.
+constexpr std::size_t kMaxReason = 200;
+constexpr std::size_t kMaxName = 1024;
 constexpr double kMaxMinutes = 10080;
 // Rows of the energy list.
 constexpr std::size_t kEnergyRows = 12;
@@ -91,7 +101,8 @@ std::optional<double> numberArg(const json& args, const char* key, double bound)
     return std::nullopt;
   }
   if (!std::isfinite(value)) return std::nullopt;
-  return value > bound ? bound : value;
+  // Bounded both ways before anyone converts it to an integer.
+  return std::clamp(value, -bound, bound);
 }
 
 std::optional<bool> truthArg(const json& args, const char* key) {
@@ -113,6 +124,8 @@ json CommandCenter::ok(json fields) {
 json CommandCenter::fail(const std::string& error) { return {{"ok", false}, {"error", error}}; }
 
 void CommandCenter::receive(const std::string& text) {
+  // Too deep to be ours: dropped before the library builds it.
+  if (!jsonNestingWithin(text, kMaxRequestDepth)) return;
   json request = json::parse(text, nullptr, false);
   if (!request.is_object()) return;
   auto id = request.find("id");
@@ -120,12 +133,28 @@ void CommandCenter::receive(const std::string& text) {
   if (id == request.end() || !id->is_string() || cmd == request.end() || !cmd->is_string()) return;
   const std::string idText = id->get<std::string>();
   if (!validId(idText)) return;
+  // The caller has given up (the app was stopped, or too busy): doing it
+  // now would do what the caller reported as failed.
+  if (auto deadline = request.find(kDeadlineKey); deadline != request.end() && deadline->is_number()) {
+    const double now =
+        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    if (now > deadline->get<double>() - kAnswerMargin) return;
+  }
   auto args = request.find("args");
   const json argObject = (args != request.end() && args->is_object()) ? *args : json::object();
   const std::string name = cmd->get<std::string>();
-  json reply = handle(name, argObject);
+  json reply = tooLong(argObject);
+  if (reply.is_null()) reply = handle(name.size() > kMaxName ? cutUtf8(name, 64) : name, argObject);
   writeReply(engine_.files().dir(), idText, reply);
   if (name == "quit" && quit_) quit_();
+}
+
+json CommandCenter::tooLong(const json& args) {
+  for (auto& [key, value] : args.items()) {
+    if (key == "reason" || !value.is_string() || value.get_ref<const std::string&>().size() <= kMaxName) continue;
+    return fail(cutUtf8(key, 64) + " is too long (at most " + std::to_string(kMaxName) + " characters)");
+  }
+  return nullptr;
 }
 
 json CommandCenter::handle(const std::string& cmd, const json& args) {
@@ -353,13 +382,15 @@ json CommandCenter::mode(const json& args) {
 json CommandCenter::hold(const json& args) {
   std::string reason = textArg(args, "reason").value_or("");
   if (reason.empty()) reason = "Asked to stay awake";
+  const bool cut = reason.size() > kMaxReason;
+  if (cut) reason = cutUtf8(reason, kMaxReason);
   auto owner = numberArg(args, "owner", kMaxPid);
   auto minutes = numberArg(args, "minutes", kMaxMinutes);
   auto pid = numberArg(args, "pid", kMaxPid);
   if (minutes && *minutes <= 0) return fail("minutes must be more than 0");
   std::optional<std::int32_t> pidValue;
   if (pid) {
-    if (*pid < 1 || !engine_.platform().processes().info(static_cast<std::int32_t>(*pid))) {
+    if (*pid < 1 || *pid != std::floor(*pid) || !engine_.platform().processes().info(static_cast<std::int32_t>(*pid))) {
       return fail("pid must be a running process id");
     }
     pidValue = static_cast<std::int32_t>(*pid);
@@ -367,7 +398,9 @@ json CommandCenter::hold(const json& args) {
   std::optional<std::int32_t> ownerValue;
   if (owner && *owner >= 1) ownerValue = static_cast<std::int32_t>(*owner);
   Hold h = engine_.addHold(reason, minutes, pidValue, ownerValue);
-  return ok({{"hold", holdDictionary(h)}});
+  json fields = {{"hold", holdDictionary(h)}};
+  if (cut) fields["note"] = "The reason was cut to " + std::to_string(kMaxReason) + " bytes.";
+  return ok(fields);
 }
 
 json CommandCenter::release(const json& args) {
@@ -390,6 +423,7 @@ json CommandCenter::releaseOwn(const json& args) {
   auto id = textArg(args, "id");
   auto pid = numberArg(args, "pid", kMaxPid);
   if (!id || id->empty() || !pid) return fail("needs id and pid");
+  if (*pid < 1 || *pid != std::floor(*pid)) return fail("pid must be a process id");
   if (engine_.releaseHolds(static_cast<std::int32_t>(*pid), *id) == 0) {
     return fail("no hold " + *id + " made by this session");
   }
@@ -399,6 +433,7 @@ json CommandCenter::releaseOwn(const json& args) {
 json CommandCenter::releasePid(const json& args) {
   auto pid = numberArg(args, "pid", kMaxPid);
   if (!pid) return fail("needs pid");
+  if (*pid < 1 || *pid != std::floor(*pid)) return fail("pid must be a process id");
   const auto owner = static_cast<std::int32_t>(*pid);
   json released = json::array();
   for (const Hold& h : engine_.holds()) {
@@ -478,7 +513,11 @@ json CommandCenter::set(const json& args) {
   // it can only be ended.
   if (change.endBelowFloor) engine_.overrideFloor(false);
   saveFromOutside(change.config);
-  return ok();
+  // The setting's own name, whatever spelling was asked for.
+  if (const SettingSpec* spec = SettingsSchema::spec(*key)) {
+    return ok({{"key", spec->key}, {"value", spec->read(engine_.config())}});
+  }
+  return ok({{"key", *key}});
 }
 
 json CommandCenter::overrideFloor(const json& args) {

@@ -19,7 +19,7 @@ namespace vigilo {
 // The value when it is a string.
 std::optional<std::string> textArg(const nlohmann::json& args, const char* key);
 // A JSON number, or a string that is wholly a decimal number; non-finite
-// values count as absent, values above `bound` are cut to it.
+// values count as absent, values beyond ±`bound` are cut to it.
 std::optional<double> numberArg(const nlohmann::json& args, const char* key, double bound);
 // A JSON boolean, or a number as its truth value.
 std::optional<bool> truthArg(const nlohmann::json& args, const char* key);
@@ -33,8 +33,9 @@ class CommandCenter {
 
   // Takes one request text: drops it silently when it is not a JSON object,
   // lacks `cmd`, or has an `id` that is empty, longer than 64 characters or
-  // holds anything but letters, digits and "-". Otherwise handles it and
-  // writes the reply file.
+  // holds anything but letters, digits and "-", nests deeper than a request
+  // can, or whose `deadline` (the caller's) has passed. Otherwise handles
+  // it and writes the reply file.
   void receive(const std::string& text);
 
   // Agent detection and power measurement, when the app runs them.
@@ -52,6 +53,8 @@ class CommandCenter {
  private:
   nlohmann::json ok(nlohmann::json fields = nlohmann::json::object());
   nlohmann::json fail(const std::string& error);
+  // A refusal when a text argument is too long to be meant, else null.
+  nlohmann::json tooLong(const nlohmann::json& args);
   nlohmann::json holdDictionary(const Hold& h);
   // Saves a changed record through the settings file and lets the engine
   // reload it, as an edit by hand would be: safety settings stay as strict.
