@@ -1,5 +1,7 @@
 #include "commands/mcp_server.h"
 
+#include <algorithm>
+#include <cmath>
 #include <exception>
 #include <istream>
 #include <ostream>
@@ -211,6 +213,55 @@ bool given(const json& args, const char* key) {
   return it != args.end() && !it->is_null();
 }
 
+// A whole decimal number written as text ("30", "1.5"), as the app's
+// number reader takes it.
+bool numericText(const json& value, bool whole) {
+  if (!value.is_string()) return false;
+  const std::string& text = value.get_ref<const std::string&>();
+  if (text.empty() || text.size() > 32) return false;
+  const char* allowed = whole ? "0123456789" : "0123456789.";
+  return text.find_first_not_of(allowed) == std::string::npos && text != ".";
+}
+
+std::string shown(const json& value) {
+  std::string text = compact(value);
+  return text.size() > 40 ? text.substr(0, 37) + "..." : text;
+}
+
+// Checks the arguments against the tool's input schema, so a wrong type is
+// refused with a sentence naming the argument instead of becoming a
+// different request ("2 hours" read as no time limit). Numbers may come as
+// numeric text; null counts as absent. Allowed values are the app's to check.
+std::optional<std::string> argumentProblem(const json& schema, const json& args) {
+  const json& props = schema["properties"];
+  for (auto& [key, value] : args.items()) {
+    auto prop = props.find(key);
+    if (prop == props.end() || value.is_null()) continue;
+    const std::string type = (*prop)["type"];
+    bool fits = false;
+    std::string wanted;
+    if (type == "string") {
+      // A setting's value may come as a number or a truth value too.
+      fits = value.is_string() || (key == "value" && (value.is_number() || value.is_boolean()));
+      wanted = "a text";
+    } else if (type == "number") {
+      fits = (value.is_number() && std::isfinite(value.get<double>())) || numericText(value, false);
+      wanted = "a number";
+    } else if (type == "integer") {
+      fits = value.is_number_integer() ||
+             (value.is_number_float() && std::isfinite(value.get<double>()) &&
+              value.get<double>() == std::floor(value.get<double>())) ||
+             numericText(value, true);
+      wanted = "a whole number";
+    } else if (type == "boolean") {
+      fits = value.is_boolean();
+      wanted = "true or false";
+    }
+    if (!fits) return key + " must be " + wanted + ", not " + shown(value);
+  }
+  return std::nullopt;
+}
+
 bool replyOk(const json& reply) {
   if (!reply.is_object()) return false;
   auto it = reply.find("ok");
@@ -336,6 +387,11 @@ json McpServer::callTool(const json& id, const json& params) {
 
   const json pid = context_.sessionPid;
   json reply;
+  if (auto problem = argumentProblem(tool->inputSchema, args)) {
+    reply = {{"ok", false}, {"error", *problem}};
+    json content = json::array({{{"type", "text"}, {"text", compact(reply)}}});
+    return result(id, {{"content", std::move(content)}, {"isError", true}});
+  }
   switch (tool->handling) {
     case Handling::PassThrough:
       reply = context_.send(tool->request, args, tool->timeout);
