@@ -1,6 +1,8 @@
 #include <cerrno>
 #include <cstdlib>
+#include <chrono>
 #include <fcntl.h>
+#include <thread>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -13,6 +15,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "agents/careful_file.h"
 #include "platform/files.h"
 #include "platform/sim/sim_laptop.h"
 
@@ -62,13 +65,28 @@ std::optional<FileStamp> stampOf(const std::string& path) {
 
 // An exclusive advisory lock on "<file>.lock", held for the object's life.
 // The lock file is never removed: removing it would let two writers lock two
-// different files.
+// different files. The app never waits long for it: a script that holds it
+// must not freeze the app (nor its quit), so after kPatience the lock
+// counts as not taken and the caller skips or refuses its work.
 class FileLock {
  public:
-  explicit FileLock(const std::string& stateFile) {
-    fd_ = ::open((stateFile + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (fd_ < 0) return;  // an unwritable folder: the write that follows reports it
-    while (::flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+  static constexpr auto kPatience = std::chrono::milliseconds(50);
+
+  explicit FileLock(const std::string& stateFile, bool wait = false) {
+    fd_ = ::open((stateFile + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kPrivateFileMode);
+    if (fd_ < 0) {
+      held_ = true;  // an unwritable folder: the write that follows reports it
+      return;
+    }
+    const auto giveUp = std::chrono::steady_clock::now() + kPatience;
+    for (;;) {
+      if (::flock(fd_, wait ? LOCK_EX : LOCK_EX | LOCK_NB) == 0) {
+        held_ = true;
+        return;
+      }
+      if (errno != EINTR && errno != EWOULDBLOCK) return;
+      if (errno == EWOULDBLOCK && std::chrono::steady_clock::now() >= giveUp) return;
+      if (errno == EWOULDBLOCK) std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
   }
   ~FileLock() {
@@ -76,10 +94,17 @@ class FileLock {
   }
   FileLock(const FileLock&) = delete;
   FileLock& operator=(const FileLock&) = delete;
+  bool held() const { return held_; }
 
  private:
   int fd_ = -1;
+  bool held_ = false;
 };
+
+std::string lockedText(const std::string& path) {
+  return "The simulated laptop's state file " + path +
+         " is locked by another program, so Vigilo left it alone this time and tries again.";
+}
 
 struct FileRead {
   enum class Kind { Missing, Damaged, Good };
@@ -127,6 +152,12 @@ FileRead readStateFile(const std::string& path) {
   if (!r.problem.empty()) return r;
   if (r.content.find_first_not_of(" \t\r\n") == std::string::npos) {
     r.problem = problemText(path, "is empty");
+    return r;
+  }
+  // The JSON library recurses when it copies or writes a value; a laptop's
+  // state nests four levels.
+  if (!jsonNestingWithin(r.content, 64)) {
+    r.problem = problemText(path, "nests too deeply to be a laptop's state");
     return r;
   }
   json parsed = json::parse(r.content, nullptr, /*allow_exceptions=*/false);
@@ -365,7 +396,9 @@ class SimPlatformImpl final : public SimPlatform {
         processes_([this](const Change& c) { return change(c); }, laptop_, options_.hostProcess) {
     if (!options_.stateFile.empty()) {
       FileLock lock(options_.stateFile);
-      if (syncLocked(true) == Sync::Missing) writeLocked();
+      // Reading is safe without the lock (writers rename whole files).
+      if (syncLocked(true) == Sync::Missing && lock.held()) writeLocked();
+      if (!lock.held()) problem_ = lockedText(options_.stateFile);
     }
     thermal_ = laptop_.thermalState();
     adapter_ = adapter();
@@ -392,7 +425,12 @@ class SimPlatformImpl final : public SimPlatform {
     const std::string& path = options_.stateFile;
     if (!path.empty() && stampOf(path) != stamp_) {
       FileLock lock(path);
-      if (syncLocked(true) == Sync::Missing) writeLocked();
+      if (!lock.held()) {
+        // Skip this read; the next tick tries again.
+        problem_ = lockedText(path);
+      } else if (syncLocked(true) == Sync::Missing) {
+        writeLocked();
+      }
     }
     laptop_.advanceToNow();
     // The battery moving with time is written only when it shows: a new
@@ -400,7 +438,7 @@ class SimPlatformImpl final : public SimPlatform {
     // left for its author to see until a change made here replaces it.
     if (!path.empty() && problem_.empty() && visible() != fileVisible_) {
       FileLock lock(path);
-      if (syncLocked(true) != Sync::Damaged && visible() != fileVisible_) writeLocked();
+      if (lock.held() && syncLocked(true) != Sync::Damaged && visible() != fileVisible_) writeLocked();
     }
     noticeEvents();
   }
@@ -410,7 +448,7 @@ class SimPlatformImpl final : public SimPlatform {
   bool save() override {
     if (options_.stateFile.empty()) return false;
     FileLock lock(options_.stateFile);
-    return writeLocked();
+    return lock.held() && writeLocked();
   }
 
   std::string stateFileProblem() const override { return problem_; }
@@ -425,6 +463,11 @@ class SimPlatformImpl final : public SimPlatform {
   Result change(const Change& op) {
     if (options_.stateFile.empty()) return op(laptop_);
     FileLock lock(options_.stateFile);
+    // Not made, and said so: the caller's record stays and it retries.
+    if (!lock.held()) {
+      problem_ = lockedText(options_.stateFile);
+      return Result::fail(problem_);
+    }
     syncLocked(true);
     Result r = op(laptop_);
     writeLocked();
@@ -555,7 +598,8 @@ std::unique_ptr<SimPlatform> makeSimPlatform(Clock& clock, RunLoop& loop, SimPla
 }
 
 bool editSimStateFile(const std::string& path, const Clock& clock, const std::function<void(SimLaptop&)>& edit) {
-  FileLock lock(path);
+  // A person's edit (or a test's) may wait for the app's short writes.
+  FileLock lock(path, true);
   SimLaptop laptop(clock);
   FileRead r = readStateFile(path);
   if (r.kind == FileRead::Kind::Damaged) return false;
