@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 
+#include "commands/channel.h"
 #include "commands/cli.h"
 #include "platform/linux/host_processes.h"
 #include "platform/linux/linux_platform.h"
@@ -10,13 +11,19 @@
 namespace vigilo {
 namespace {
 
-// The machine the tool reads when it works without the app: the simulated
-// laptop named by VIGILO_SIMULATE, else this machine's own backend.
+// The machine the tool reads and puts back when it works without the app
+// (`doctor`, `rescue`): the one the app folder records, since its records
+// describe changes made there; else the simulated laptop named by
+// VIGILO_SIMULATE; else this machine's own backend.
 std::unique_ptr<Platform> toolPlatform(Clock& clock, RunLoop& loop) {
-  const char* simulate = std::getenv("VIGILO_SIMULATE");
-  if (simulate != nullptr && *simulate != '\0') {
-    return makeSimPlatform(clock, loop, SimPlatformOptions{simulate, toolAppFolder(), hostProcessInfo});
+  const std::string folder = toolAppFolder();
+  std::string simulate;
+  if (auto recorded = recordedMachine(folder)) {
+    simulate = *recorded;
+  } else if (const char* env = std::getenv("VIGILO_SIMULATE"); env != nullptr && *env != '\0') {
+    simulate = env;
   }
+  if (!simulate.empty()) return makeSimPlatform(clock, loop, SimPlatformOptions{simulate, folder, hostProcessInfo});
   return makeLinuxPlatform(clock, loop, LinuxPlatformOptions{});
 }
 

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <ctime>
 #include <fcntl.h>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <sys/file.h>
@@ -45,7 +46,7 @@ class FolderLock {
  public:
   explicit FolderLock(const StateFiles& files) {
     if (!files.ensureDir()) return;
-    fd_ = ::open(files.path(kAppLockFile).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    fd_ = ::open(files.path(kAppLockFile).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd_ >= 0 && ::flock(fd_, LOCK_EX | LOCK_NB) == 0) {
       held_ = true;
       // The pid lets `vigilo rescue` stop a stuck app.
@@ -150,6 +151,26 @@ int runApp(const std::vector<std::string>& args) {
   }
 
   Engine engine(*platform, folder, EngineOptions{options->preview, false});
+  if (!options->preview) {
+    // The folder's records belong to one machine: putting back another
+    // machine's changes here would leave them changed there for good.
+    std::string simulateFile;
+    if (sim) {
+      std::error_code ec;
+      simulateFile = std::filesystem::absolute(options->simulate, ec).lexically_normal().string();
+      if (ec) simulateFile = options->simulate;
+    }
+    auto recorded = recordedMachine(folder);
+    if (recorded && *recorded != simulateFile && !engine.outstandingChanges().empty()) {
+      std::fprintf(stderr,
+                   "vigilo: %s has changes on %s that aren't put back yet. Start the app there (%s) or run "
+                   "\"vigilo rescue\" first.\n",
+                   folder.c_str(), machineName(*recorded).c_str(),
+                   recorded->empty() ? "vigilo app" : ("vigilo app --simulate " + *recorded).c_str());
+      return 1;
+    }
+    if (!recordMachine(folder, simulateFile)) say("warning: couldn't record which machine " + folder + " belongs to");
+  }
   PrintedAlerts alerts;
   AgentWork work(*platform, folder, homeFolder(), &alerts);
   PowerWatch power(folder, &work);
