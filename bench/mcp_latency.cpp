@@ -55,7 +55,7 @@ int measure(const std::string& home, int calls) {
   // try to start an app of its own.
   const auto locked = std::chrono::steady_clock::now() + 20s;
   while (!vigilo::runningApp(home) && std::chrono::steady_clock::now() < locked) std::this_thread::sleep_for(20ms);
-  PipedProcess server({VIGILO_BINARY, "mcp"}, {"VIGILO_HOME=" + home}, home + "/mcp-err.txt");
+  PipedProcess server({VIGILO_BINARY, "mcp"}, {"VIGILO_HOME=" + home, "VIGILO_NO_AUTOSTART=1"}, home + "/mcp-err.txt");
   const std::string call =
       R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"vigilo_status","arguments":{}}})";
   json init = exchange(server, R"({"jsonrpc":"2.0","id":0,"method":"initialize","params":{"protocolVersion":)"

@@ -56,6 +56,8 @@ int main(int argc, char** argv) {
   const std::string state = std::string(tmpl) + "/laptop.json";
   std::filesystem::create_directories(home);
   ::setenv("VIGILO_HOME", home.c_str(), 1);
+  // A bench never starts an app on the real machine.
+  ::setenv(vigilo::kNoAutostartVariable, "1", 1);
 
   pid_t app = 0;
   std::vector<std::string> appArgv{VIGILO_BINARY, "app", "--simulate", state};

@@ -37,3 +37,17 @@ bool fileExists(const std::string& path) {
 }
 
 }  // namespace vigilo::test
+
+namespace vigilo::test {
+namespace {
+
+// No test may start an app on the real machine: every tool and RequestClient
+// this test process runs or starts leaves the app alone unless a test allows
+// it for one child ("VIGILO_NO_AUTOSTART=").
+const bool kNoAutostart = [] {
+  ::setenv("VIGILO_NO_AUTOSTART", "1", 1);
+  return true;
+}();
+
+}  // namespace
+}  // namespace vigilo::test

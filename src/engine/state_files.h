@@ -20,11 +20,13 @@ class StateFiles {
   const std::string& dir() const { return dir_; }
   std::string path(std::string_view name) const;
 
-  // Creates the folder (and its parents) when missing. False when it cannot.
+  // Creates the folder (and its parents) when missing, private to the user
+  // (0700). False when it cannot.
   bool ensureDir() const;
 
-  // Writes `data` to "<name>.vigilo-tmp" beside the target, with `mode`
-  // permissions when given, flushes it to disk and renames it over the
+  // Writes `data` to "<name>.<pid>.vigilo-tmp" beside the target (created
+  // afresh, never through a link), with `mode` permissions (0600 when not
+  // given), flushes it to disk and renames it over the
   // target: a reader sees the old file or the new one, never half of one.
   bool writeDurably(std::string_view name, std::string_view data, std::optional<mode_t> mode = std::nullopt) const;
   // Creates the file empty when missing, else sets its modification time to

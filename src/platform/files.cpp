@@ -95,7 +95,9 @@ Result makePrivateFolder(const std::string& path) {
   struct stat st {};
   if (::lstat(path.c_str(), &st) != 0) return Result::fail(errnoMessage("couldn't read " + path, errno), errno);
   if (!S_ISDIR(st.st_mode)) return Result::fail(path + " isn't a folder.");
-  if (st.st_uid == ::getuid() && (st.st_mode & 0777) != kPrivateFolderMode &&
+  // A shared sticky folder (/tmp named as the app folder) is never narrowed:
+  // other people's programs rely on it.
+  if (st.st_uid == ::getuid() && (st.st_mode & S_ISVTX) == 0 && (st.st_mode & 0777) != kPrivateFolderMode &&
       ::chmod(path.c_str(), kPrivateFolderMode) != 0) {
     return Result::fail(errnoMessage("couldn't make " + path + " private", errno), errno);
   }

@@ -1,6 +1,8 @@
 #include "commands/command_center.h"
 
+#include <chrono>
 #include <cmath>
+#include <sys/stat.h>
 
 #include "commands/cli.h"
 #include "engine/engine_fixture.h"
@@ -18,6 +20,8 @@ TEST(ArgumentReadersTest, ReadNumbersTextAndTruthLeniently) {
   EXPECT_FALSE(numberArg(args, "pad", 100));
   EXPECT_EQ(numberArg(args, "big", 10080), 10080);
   EXPECT_EQ(numberArg(args, "neg", 100), -2);
+  // Bounded both ways before any conversion to an integer.
+  EXPECT_EQ(numberArg(json{{"v", -1e300}}, "v", 2147483647), -2147483647);
   EXPECT_FALSE(numberArg(args, "word", 100));
   EXPECT_FALSE(numberArg(args, "inf", 100));
   EXPECT_FALSE(numberArg(args, "missing", 100));
@@ -35,7 +39,8 @@ TEST(DurationTest, ParsesMinutesHoursAndMixes) {
     std::optional<double> minutes;
   } rows[] = {{"90", 90},     {"90m", 90},  {"2h", 120},    {"1h30m", 90},   {"1H30M", 90}, {"1.5h", 90},
               {"20000", 10080}, {"0.5m", 0.5}, {"", std::nullopt}, {"h", std::nullopt}, {"2d", std::nullopt},
-              {"1h30", std::nullopt}, {"-5", std::nullopt}, {"soon", std::nullopt}, {"1..5h", std::nullopt}};
+              {"1h30", std::nullopt}, {"-5", std::nullopt}, {"soon", std::nullopt}, {"1..5h", std::nullopt},
+              {"1e3", std::nullopt},  {"0x10", std::nullopt}, {" 5", std::nullopt}, {"inf", std::nullopt}};
   for (const Row& r : rows) {
     SCOPED_TRACE(r.text);
     EXPECT_EQ(parseDuration(r.text), r.minutes);
@@ -69,6 +74,23 @@ TEST_F(CommandCenterTest, HoldArgumentsAreBoundedAndChecked) {
   EXPECT_EQ(error(call("hold", {{"minutes", -3}})), "minutes must be more than 0");
   const std::int32_t pid = laptop().startProcess("/usr/bin/make");
   EXPECT_EQ(call("hold", {{"pid", std::to_string(pid)}})["hold"]["pid"], pid);
+  for (const json& bad : {json(-1e300), json(1e300), json(1.5), json(0)}) {
+    // A huge number is cut to the bound: a process id that names nothing.
+    if (bad != json(1e300)) {
+      EXPECT_EQ(error(call("release_pid", {{"pid", bad}})), "pid must be a process id") << bad;
+    }
+    EXPECT_EQ(error(call("hold", {{"pid", bad}})), "pid must be a running process id") << bad;
+  }
+
+  // A long reason is cut, whole characters only, and the reply says so.
+  std::string reason;
+  for (int i = 0; i < 50000; ++i) reason += "\xc3\xa9";  // é
+  json cut = call("hold", {{"reason", reason}});
+  const std::string kept = cut["hold"]["reason"];
+  EXPECT_LE(kept.size(), 200u);
+  EXPECT_EQ(kept.substr(kept.size() - 3), "\u2026");
+  EXPECT_TRUE(json::parse(json(kept).dump()).is_string());  // still valid UTF-8
+  EXPECT_EQ(cut["note"], "The reason was cut to 200 bytes.");
 }
 
 TEST_F(CommandCenterTest, ClientsOnlyReleaseTheirOwnHolds) {
@@ -124,6 +146,21 @@ TEST_F(CommandCenterTest, ModesPresetsWatchesAndRefusals) {
 }
 
 TEST_F(CommandCenterTest, ReceiveAnswersWellFormedRequestsOnly) {
+  const double now = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+  // The caller has given up on these: neither done nor answered.
+  center_->receive(json{{"id", "late-1"}, {"cmd", "hold"}, {"deadline", now - 1}}.dump());
+  center_->receive(json{{"id", "late-2"}, {"cmd", "hold"}, {"deadline", now + 0.1}}.dump());
+  // Too deep to be a request, whatever it says.
+  center_->receive(R"({"id":"deep-1","cmd":"hold","args":{"x":)" + std::string(100000, '[') +
+                   std::string(100000, ']') + "}}");
+  EXPECT_TRUE(engine().holds().empty());
+  center_->receive(json{{"id", "on-time"}, {"cmd", "status"}, {"deadline", now + 60}}.dump());
+  EXPECT_TRUE(fileExists(folder_ + "/replies/on-time.json"));
+  center_->receive(json{{"id", "long-1"}, {"cmd", "watch"}, {"args", {{"app", std::string(5000, 'x')}}}}.dump());
+  EXPECT_EQ(json::parse(readFile(folder_ + "/replies/long-1.json"))["error"],
+            "app is too long (at most 1024 characters)");
+  for (const char* late : {"late-1", "late-2", "deep-1"}) EXPECT_FALSE(fileExists(folder_ + "/replies/" + late + ".json"));
+
   center_->receive(R"({"id":"A-1","cmd":"status"})");
   center_->receive(R"({"id":"A_2","cmd":"status"})");
   center_->receive(R"({"id":"A-3","cmd":"quit"})");
@@ -133,6 +170,12 @@ TEST_F(CommandCenterTest, ReceiveAnswersWellFormedRequestsOnly) {
   json reply = json::parse(readFile(folder_ + "/replies/A-1.json"));
   EXPECT_EQ(reply["status"], "Sleeps normally");
   EXPECT_EQ(reply["mode"], "off");
+  // Replies name projects and holds: only the user may read them.
+  struct stat folder {}, file {};
+  ASSERT_EQ(::stat((folder_ + "/replies").c_str(), &folder), 0);
+  ASSERT_EQ(::stat((folder_ + "/replies/A-1.json").c_str(), &file), 0);
+  EXPECT_EQ(folder.st_mode & 0777, 0700u);
+  EXPECT_EQ(file.st_mode & 0777, 0600u);
 }
 
 }  // namespace

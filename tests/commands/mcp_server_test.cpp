@@ -86,8 +86,6 @@ TEST_F(McpServerTest, HandshakeAgreesOnAVersionAndListsTheTools) {
 }
 
 TEST_F(McpServerTest, ToolCallsBecomeAppRequestsBoundToTheSession) {
-  EXPECT_EQ(replyOf(call("vigilo_release", {{"hold_id", 17}}))["error"],
-            "hold_id must be the hold id text that vigilo_keep_awake returned");
   EXPECT_EQ(replyOf(call("vigilo_setup_prompt")), (json{{"ok", true}, {"prompt", setupPrompt()}}));
   EXPECT_TRUE(sent_.empty());
   const json set = {{"key", "battery_floor"}, {"value", "30"}, {"extra", {1, 2}}};
@@ -146,6 +144,25 @@ TEST_F(McpServerTest, BadRequestsGetTheRightErrorAndReachNoApp) {
     EXPECT_EQ(r.value("id", json("none")), id);
     EXPECT_EQ(r["error"]["code"], code);
     EXPECT_EQ(r["error"]["message"], message);
+  }
+
+  // Wrong-typed arguments: a tool error naming the argument,
+  // never a different request ("2 hours" must not become a hold without end).
+  const std::vector<std::tuple<std::string, json, std::string>> calls = {
+      {"vigilo_keep_awake", {{"reason", "r"}, {"minutes", "2 hours"}}, R"(minutes must be a number, not "2 hours")"},
+      {"vigilo_keep_awake", {{"reason", "r"}, {"minutes", ""}}, R"(minutes must be a number, not "")"},
+      {"vigilo_keep_awake", {{"reason", "r"}, {"minutes", true}}, "minutes must be a number, not true"},
+      {"vigilo_keep_awake", {{"reason", "r"}, {"minutes", {{"h", 2}}}}, R"(minutes must be a number, not {"h":2})"},
+      {"vigilo_keep_awake", {{"reason", "r"}, {"pid", 1.5}}, "pid must be a whole number, not 1.5"},
+      {"vigilo_keep_awake", {{"reason", 7}}, "reason must be a text, not 7"},
+      {"vigilo_release", {{"hold_id", 12}}, "hold_id must be a text, not 12"},
+      {"vigilo_watch_app", {{"app", "x"}, {"remove", "yes"}}, R"(remove must be true or false, not "yes")"},
+  };
+  for (const auto& [tool, arguments, error] : calls) {
+    SCOPED_TRACE(tool + " " + arguments.dump());
+    const json r = call(tool, arguments);
+    EXPECT_EQ(r["result"]["isError"], true);
+    EXPECT_EQ(replyOf(r), json({{"ok", false}, {"error", error}}));
   }
   EXPECT_TRUE(sent_.empty());
 }

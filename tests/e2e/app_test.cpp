@@ -72,6 +72,23 @@ TEST_F(AppTest, KilledWhileHoldingIsAdoptedThenReleasedAtTheNextLaunch) {
   EXPECT_FALSE(marker("alive"));
 }
 
+TEST_F(AppTest, RescueAndDoctorActOnTheMachineTheFolderBelongsTo) {
+  writeFile(home_ + "/config.json", R"({"mode": "on"})");
+  auto app = start();
+  ASSERT_TRUE(waitFor([&] { return sleepDisabled() && marker("hold"); }, 10s)) << app->output();
+  app->signal(SIGKILL);
+  EXPECT_EQ(app->wait(5s), 128 + SIGKILL);
+
+  // Without VIGILO_SIMULATE, the folder's own record names the laptop.
+  ToolRun doctor = runTool({"doctor"}, home_);
+  EXPECT_NE(doctor.out.find("Machine: the simulated laptop " + state_ + "\n"), std::string::npos) << doctor.out;
+  EXPECT_NE(doctor.out.find("Sleep switched off right now: yes"), std::string::npos) << doctor.out;
+  ToolRun rescue = runTool({"rescue"}, home_);
+  EXPECT_EQ(rescue.status, 0) << rescue.out << rescue.err;
+  EXPECT_FALSE(sleepDisabled());
+  EXPECT_FALSE(marker("hold"));
+}
+
 TEST_F(AppTest, TerminatedWhileHoldingPutsSleepBackAndFollowsLiveEdits) {
   auto app = start();
   ASSERT_TRUE(waitFor([&] { return app->output().find("Nothing running") != std::string::npos; }, 10s))

@@ -85,6 +85,10 @@ TEST_F(CliTest, RunKeepsAwakeExactlyAsLongAsTheCommand) {
   ToolRun missing = vigilo({"run", "--", "no-such-program"});
   EXPECT_EQ(missing.status, 127);
   EXPECT_EQ(missing.err, "vigilo: couldn't start no-such-program\n");
+  // A folder is not a program either.
+  ToolRun folder = vigilo({"run", "--", "/tmp"});
+  EXPECT_EQ(folder.status, 127);
+  EXPECT_EQ(folder.err, "vigilo: couldn't start /tmp\n");
   EXPECT_EQ(vigilo({"run", "false"}).status, 2);
   EXPECT_TRUE(status()["holds"].empty());
 }
@@ -102,7 +106,8 @@ TEST_F(CliTest, ModesSettingsAndTheStatusKeys) {
   ToolRun lower = vigilo({"set", "battery_floor", "5"});
   EXPECT_EQ(lower.status, 1);
   EXPECT_EQ(lower.err, "vigilo: battery_floor needs to be lowered in Vigilo itself (it can only be raised from here)\n");
-  EXPECT_EQ(vigilo({"set", "Battery-Floor", "30"}).status, 0);
+  // The setting's own name and its value as read back, whatever was typed.
+  EXPECT_EQ(vigilo({"set", "Battery-Floor", "30"}).out.substr(0, 18), "battery_floor = 30");
   EXPECT_EQ(vigilo({"set", "heat_guard", "off"}).err,
             "vigilo: heat_guard needs to be turned off in Vigilo's Settings (it can only be turned on from here)\n");
   EXPECT_EQ(vigilo({"set", "mode", "sometimes"}).err, "vigilo: mode needs auto, on or off\n");
@@ -165,9 +170,12 @@ TEST_F(CliTest, AStoppedAppIsStartedOnceAndThenAnswers) {
   EXPECT_EQ(app_->wait(10s), 0) << app_->output();
   app_.reset();
 
-  ToolRun started = vigilo({"status", "--json"}, {"VIGILO_SIMULATE=" + state_});
+  // Without VIGILO_SIMULATE the tool starts the app on the machine the
+  // folder belongs to: the simulated laptop, never the real one.
+  ToolRun started = vigilo({"status", "--json"}, {"VIGILO_NO_AUTOSTART=", "VIGILO_SIMULATE="});
   ASSERT_EQ(started.status, 0) << started.err;
   EXPECT_EQ(json::parse(started.out)["mode"], "auto");
+  EXPECT_EQ(json::parse(started.out)["platform"], "sim");
   auto pid = runningApp(home_);
   ASSERT_TRUE(pid && *pid > 0);
   ::kill(*pid, SIGTERM);

@@ -23,7 +23,10 @@ using json = nlohmann::json;
 class McpEndToEndTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    home_ = dir_.file("home");
+    // The app folder is the default one for the HOME of `user_`, so a client
+    // that passes only HOME still finds it.
+    user_ = dir_.file("user");
+    home_ = user_ + "/.local/share/vigilo";
     state_ = dir_.file("laptop.json");
     std::filesystem::create_directories(home_);
     // The simulated laptop knows only its own processes; this one stands for
@@ -33,6 +36,8 @@ class McpEndToEndTest : public ::testing::Test {
     }));
     app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", state_}, home_,
                                         dir_.file("app.txt"));
+    // The app answers once it holds its folder and listens; until then the
+    // tool fails (and, as in every test, starts no app of its own).
     ASSERT_TRUE(waitFor([&] { return runTool({"status"}, home_).status == 0; }, 10s)) << app_->output();
   }
   void TearDown() override {
@@ -71,6 +76,7 @@ class McpEndToEndTest : public ::testing::Test {
   }
 
   TempDir dir_;
+  std::string user_;
   std::string home_;
   std::string state_;
   std::unique_ptr<AppProcess> app_;
@@ -163,8 +169,10 @@ TEST_F(McpEndToEndTest, TheOfficialSdkClientWorksWithTheServer) {
   const auto clientDir = std::filesystem::path(__FILE__).parent_path().parent_path() / "mcp-client";
   ASSERT_TRUE(std::filesystem::exists(clientDir / "node_modules" / "@modelcontextprotocol" / "sdk"))
       << "The MCP SDK is not installed: run scripts/setup (it runs npm ci --prefix tests/mcp-client).";
+  // The runtime folder the client sees differs from the app's, and the
+  // servers it starts see none at all.
   PipedProcess node({"/usr/bin/env", "node", (clientDir / "client.mjs").string(), VIGILO_BINARY},
-                    {"VIGILO_HOME=" + home_}, dir_.file("node-err.txt"));
+                    {"HOME=" + user_, "XDG_RUNTIME_DIR=" + dir_.path()}, dir_.file("node-err.txt"));
   node.closeInput();
   const std::string out = node.readToEnd(90s);
   ASSERT_EQ(node.wait(10s), 0) << out << readFile(dir_.file("node-err.txt"));
@@ -183,6 +191,7 @@ TEST_F(McpEndToEndTest, TheOfficialSdkClientWorksWithTheServer) {
   EXPECT_EQ(s["tools"][15], "vigilo_get_config");
   EXPECT_EQ(s["settingKeys"].size(), SettingsSchema::all().size());
   EXPECT_EQ(s["status"], json::parse(R"({"isError":false,"ok":true,"holds":0})"));
+  EXPECT_EQ(s["badMinutes"], json::parse(R"({"isError":true,"error":"minutes must be a number, not \"2 hours\""})"));
 
   // Each client's server is its own session.
   EXPECT_EQ(s["holdA"]["isError"], false);

@@ -2,7 +2,12 @@
 // agent does, against a running Vigilo app, and prints what happened as one
 // JSON object for the end-to-end test to check.
 //
-//   node client.mjs /path/to/vigilo      (VIGILO_HOME names the app folder)
+//   node client.mjs /path/to/vigilo
+//
+// The servers get the transport's default environment (HOME, LOGNAME, PATH,
+// SHELL, TERM, USER), as an agent's client gives them: no VIGILO_HOME and no
+// XDG_RUNTIME_DIR, so they must find the app from HOME and the user alone.
+// VIGILO_NO_AUTOSTART only keeps them from starting an app of their own.
 //
 // Two clients stand for two agent sessions. Each server treats its parent
 // process as its session, so the two must have different parents: the first
@@ -10,16 +15,15 @@
 // stays alive around it (a plain `exec` would make node the parent again).
 
 import { Client } from '@modelcontextprotocol/sdk/client/index.js';
-import { StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
+import { StdioClientTransport, getDefaultEnvironment } from '@modelcontextprotocol/sdk/client/stdio.js';
 
 const vigilo = process.argv[2];
-if (!vigilo || !process.env.VIGILO_HOME) {
-  console.error('usage: VIGILO_HOME=<app folder> node client.mjs <path to vigilo>');
+if (!vigilo) {
+  console.error('usage: node client.mjs <path to vigilo>');
   process.exit(2);
 }
 
-const env = { PATH: process.env.PATH ?? '/usr/bin:/bin', VIGILO_HOME: process.env.VIGILO_HOME };
-if (process.env.HOME) env.HOME = process.env.HOME;
+const env = { ...getDefaultEnvironment(), VIGILO_NO_AUTOSTART: '1' };
 
 async function connect(name, command, args) {
   const transport = new StdioClientTransport({ command, args, env, stderr: 'pipe' });
@@ -60,6 +64,10 @@ try {
   summary.status = { isError: status.isError, ok: status.reply.ok, holds: status.reply.holds?.length };
 
   // One hold each; the sessions differ, so the owners do.
+  // A wrong-typed argument is an error naming it, never a hold without an end.
+  const badMinutes = await call(a, 'vigilo_keep_awake', { reason: 'SDK client A', minutes: '2 hours' });
+  summary.badMinutes = { isError: badMinutes.isError, error: badMinutes.reply.error };
+
   const holdA = await call(a, 'vigilo_keep_awake', { reason: 'SDK client A', minutes: 30 });
   const holdB = await call(b, 'vigilo_keep_awake', { reason: 'SDK client B', minutes: 30 });
   summary.holdA = { isError: holdA.isError, id: holdA.reply.hold?.id, owner: holdA.reply.hold?.owner };

@@ -242,12 +242,16 @@ TEST_F(SimPlatformTest, AChangeMadeHereAndAnEditMadeMeanwhileAreBothKept) {
     for (int i = 0; i < 50; ++i)
       editSimStateFile(path_, clock_, [i](SimLaptop& l) { l.startProcess("/tool/" + std::to_string(i)); });
   });
+  // The app never waits long for the lock: a switch it could not make is
+  // refused (and retried by its caller), never made without being written.
+  std::size_t made = 0;
   for (int i = 0; i < 50; ++i) {
     p.refresh();
-    p.power().setAutomaticBackups(i % 2 == 1);
+    if (p.power().setAutomaticBackups(i % 2 == 1)) ++made;
   }
   tool.join();
-  EXPECT_EQ(std::tuple(onDisk()["processes"].size(), onDisk()["log"].size()), std::tuple(51u, 51u));
+  EXPECT_GE(made, 25u);
+  EXPECT_EQ(std::tuple(onDisk()["processes"].size(), onDisk()["log"].size()), std::tuple(51u, 1 + made));
 }
 
 TEST_F(SimPlatformTest, DrainIsWrittenOnlyWhenAWholePercentMovesAndIsNeverGivenBack) {
@@ -287,7 +291,7 @@ TEST_F(SimPlatformTest, DamagedOrUnwritableFileKeepsTheLastGoodState) {
   const std::pair<std::string, std::string> damage[] = {
       {"", "is empty"}, {"lid: closed", "isn't valid JSON"}, {test::readFile(path_).substr(0, 40), "isn't valid JSON"},
       {"[1, 2, 3]", "doesn't hold a JSON object"}, {std::string(5 * 1024 * 1024, ' '), "is too large (over 4 MB)"},
-      {std::string(100000, '[') + std::string(100000, ']'), "doesn't hold a JSON object"},
+      {std::string(100000, '[') + std::string(100000, ']'), "nests too deeply to be a laptop's state"},
   };
   for (const auto& [content, problem] : damage) {
     SCOPED_TRACE(problem);

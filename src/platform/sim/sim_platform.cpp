@@ -70,7 +70,7 @@ std::optional<FileStamp> stampOf(const std::string& path) {
 // counts as not taken and the caller skips or refuses its work.
 class FileLock {
  public:
-  static constexpr auto kPatience = std::chrono::milliseconds(50);
+  static constexpr auto kPatience = std::chrono::milliseconds(200);
 
   explicit FileLock(const std::string& stateFile, bool wait = false) {
     fd_ = ::open((stateFile + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kPrivateFileMode);

@@ -1,0 +1,130 @@
+// The request channel under load: 20 tools at once send 10,000 `status`
+// requests in all to one running app (on the simulated laptop). Prints
+// requests per second, the p50 and p99 round trip, how many got no reply,
+// and the app's resident memory and open descriptors before and after.
+//
+//   vigilo_bench_channel_load [requests] [tools]
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <spawn.h>
+#include <string>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "commands/channel.h"
+
+extern char** environ;
+
+namespace {
+
+long rssKb(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6);
+  }
+  return -1;
+}
+
+long openFds(pid_t pid) {
+  std::error_code ec;
+  long n = 0;
+  for (auto it = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec);
+       !ec && it != std::filesystem::directory_iterator(); it.increment(ec)) {
+    ++n;
+  }
+  return ec ? -1 : n;
+}
+
+double percentile(std::vector<double>& v, double p) {
+  if (v.empty()) return 0;
+  std::sort(v.begin(), v.end());
+  return v[std::min(v.size() - 1, static_cast<std::size_t>(p * static_cast<double>(v.size())))];
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int requests = argc > 1 ? std::max(1, std::atoi(argv[1])) : 10000;
+  const int tools = argc > 2 ? std::max(1, std::atoi(argv[2])) : 20;
+  char tmpl[] = "/tmp/vigilo-bench-XXXXXX";
+  if (::mkdtemp(tmpl) == nullptr) return 1;
+  const std::string home = std::string(tmpl) + "/home";
+  const std::string state = std::string(tmpl) + "/laptop.json";
+  ::setenv("VIGILO_HOME", home.c_str(), 1);
+  ::setenv(vigilo::kNoAutostartVariable, "1", 1);
+
+  std::vector<std::string> appArgv{VIGILO_BINARY, "app", "--simulate", state};
+  std::vector<char*> appArgs;
+  for (auto& a : appArgv) appArgs.push_back(a.data());
+  appArgs.push_back(nullptr);
+  posix_spawn_file_actions_t quiet;
+  posix_spawn_file_actions_init(&quiet);
+  posix_spawn_file_actions_addopen(&quiet, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&quiet, 2, "/dev/null", O_WRONLY, 0);
+  pid_t app = 0;
+  if (::posix_spawn(&app, appArgs[0], &quiet, nullptr, appArgs.data(), environ) != 0) return 1;
+  vigilo::RequestClient warm(home);
+  bool up = false;
+  for (int i = 0; i < 100 && !up; ++i) up = warm.send("status", nlohmann::json::object(), 0.2).value("ok", false);
+  if (!up) {
+    std::fprintf(stderr, "the app didn't start\n");
+    ::kill(app, SIGTERM);
+    ::waitpid(app, nullptr, 0);
+    return 1;
+  }
+  // A few requests first so the "before" figures include what any first
+  // request allocates for good.
+  for (int i = 0; i < 20; ++i) warm.send("status", nlohmann::json::object(), 8);
+  const long rssBefore = rssKb(app), fdsBefore = openFds(app);
+
+  std::atomic<int> next{0}, lost{0};
+  std::mutex mutex;
+  std::vector<double> latencies;
+  latencies.reserve(static_cast<std::size_t>(requests));
+  const auto start = std::chrono::steady_clock::now();
+  std::vector<std::thread> threads;
+  for (int t = 0; t < tools; ++t) {
+    threads.emplace_back([&] {
+      vigilo::RequestClient client(home);
+      std::vector<double> mine;
+      while (next.fetch_add(1) < requests) {
+        const auto t0 = std::chrono::steady_clock::now();
+        const bool ok = client.send("status", nlohmann::json::object(), 8).value("ok", false);
+        const auto t1 = std::chrono::steady_clock::now();
+        if (ok) {
+          mine.push_back(std::chrono::duration<double, std::milli>(t1 - t0).count());
+        } else {
+          ++lost;
+        }
+      }
+      std::lock_guard<std::mutex> lock(mutex);
+      latencies.insert(latencies.end(), mine.begin(), mine.end());
+    });
+  }
+  for (auto& t : threads) t.join();
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const long rssAfter = rssKb(app), fdsAfter = openFds(app);
+
+  ::kill(app, SIGTERM);
+  ::waitpid(app, nullptr, 0);
+  std::filesystem::remove_all(tmpl);
+
+  std::printf("%d requests from %d tools in %.2f s: %.0f requests/s, %d lost\n", requests, tools, seconds,
+              static_cast<double>(requests) / seconds, lost.load());
+  std::printf("round trip: p50 %.2f ms, p99 %.2f ms\n", percentile(latencies, 0.50), percentile(latencies, 0.99));
+  std::printf("app resident memory: %ld kB before, %ld kB after\n", rssBefore, rssAfter);
+  std::printf("app open descriptors: %ld before, %ld after\n", fdsBefore, fdsAfter);
+  return lost.load() == 0 ? 0 : 1;
+}

@@ -1,0 +1,193 @@
+#include <atomic>
+#include <cstring>
+#include <csignal>
+#include <cstddef>
+#include <fcntl.h>
+#include <filesystem>
+#include <set>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "commands/channel.h"
+#include "e2e/app_process.h"
+#include "platform/notifications.h"
+#include "test_support.h"
+
+namespace vigilo::test {
+namespace {
+
+using namespace std::chrono_literals;
+using json = nlohmann::json;
+
+// Given a running `vigilo app --simulate` in a temporary app folder, reached
+// by callers that differ from it in environment, number and manners.
+class ChannelTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    home_ = dir_.file("home");
+    state_ = dir_.file("laptop.json");
+    app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", state_}, home_,
+                                        dir_.file("app.txt"));
+    ASSERT_TRUE(waitFor([&] { return vigilo({"status"}).status == 0; }, 10s)) << app_->output();
+  }
+  void TearDown() override {
+    if (app_) {
+      app_->signal(SIGTERM);
+      EXPECT_EQ(app_->wait(10s), 0) << app_->output();
+    }
+  }
+  ToolRun vigilo(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
+    return runTool(args, home_, env);
+  }
+  json status() { return json::parse(vigilo({"status", "--json"}).out, nullptr, false); }
+  // A raw connection to the app's request address that sends nothing.
+  int idleConnection() {
+    const std::string name = socketNameFor(home_) + kRequestNotification;
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::memcpy(addr.sun_path + 1, name.data(), name.size());
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ::connect(fd, reinterpret_cast<sockaddr*>(&addr),
+              static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size()));
+    return fd;
+  }
+  mode_t modeOf(const std::string& path) {
+    struct stat st {};
+    return ::lstat(path.c_str(), &st) == 0 ? st.st_mode & 0777 : 0;
+  }
+
+  TempDir dir_;
+  std::string home_;
+  std::string state_;
+  std::unique_ptr<AppProcess> app_;
+};
+
+TEST_F(ChannelTest, EveryCallerOfTheUserReachesTheAppWhateverItsEnvironment) {
+  // glibc's putenv without "=" removes the variable.
+  for (const std::vector<std::string>& env :
+       {std::vector<std::string>{"XDG_RUNTIME_DIR"}, {"XDG_RUNTIME_DIR=" + dir_.path()}, {"XDG_RUNTIME_DIR=/nowhere"},
+        {"XDG_RUNTIME_DIR", "TMPDIR=/var/tmp", "HOME=/"}}) {
+    ToolRun r = vigilo({"status"}, env);
+    EXPECT_EQ(r.status, 0) << env[0] << ": " << r.err;
+  }
+  // The same folder named another way is the same app.
+  ToolRun other = runTool({"status"}, home_ + "/./", {});
+  EXPECT_EQ(other.status, 0) << other.err;
+}
+
+TEST_F(ChannelTest, BurstsQueueAndIdleConnectionsLockNobodyOut) {
+  // Given 200 connections that never send anything, a tool still gets its
+  // answer: they are dropped after a moment, and the rest wait their turn.
+  std::vector<int> idle;
+  for (int i = 0; i < 200; ++i) idle.push_back(idleConnection());
+  ToolRun st = vigilo({"status"});
+  EXPECT_EQ(st.status, 0) << st.err;
+  for (int fd : idle) ::close(fd);
+
+  // 300 tools at once: each gets its own reply and every hold is made.
+  constexpr int kTools = 300;
+  std::vector<ToolRun> runs(kTools);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kTools; ++i) {
+    threads.emplace_back([&, i] { runs[i] = vigilo({"hold", "--for", "10m", "--reason", "burst"}); });
+  }
+  for (auto& t : threads) t.join();
+  std::set<std::string> ids;
+  int failed = 0;
+  for (const ToolRun& r : runs) {
+    if (r.status == 0) {
+      ids.insert(r.out.substr(0, r.out.find('\n')));
+    } else {
+      ++failed;
+    }
+  }
+  EXPECT_EQ(failed, 0) << runs[0].err;
+  EXPECT_EQ(ids.size(), static_cast<std::size_t>(kTools - failed));
+  // No phantom holds: exactly the ones the tools were told about.
+  std::set<std::string> held;
+  ToolRun after = vigilo({"status", "--json"});
+  ASSERT_EQ(after.status, 0) << after.err;
+  const json afterStatus = json::parse(after.out);
+  for (const auto& h : afterStatus["holds"]) held.insert(h["id"].get<std::string>());
+  EXPECT_EQ(held, ids);
+}
+
+TEST_F(ChannelTest, WhatAToolGaveUpOnIsNeverDoneLaterAndALockedLaptopFileFreezesNothing) {
+  // Given a stopped app: the tool gives up, and once the app resumes the
+  // request is dropped, not carried out.
+  app_->signal(SIGSTOP);
+  ToolRun late = vigilo({"hold", "--reason", "too late"});
+  app_->signal(SIGCONT);
+  EXPECT_EQ(late.status, 1);
+  EXPECT_NE(late.err.find("Vigilo didn't answer"), std::string::npos) << late.err;
+  EXPECT_NE(late.err.find("vigilo app"), std::string::npos) << late.err;
+  json s = status();
+  EXPECT_TRUE(s["holds"].empty()) << s["holds"];
+
+  // Given a script that holds the simulated laptop's lock: the app still
+  // answers, says why the file is left alone, and quits promptly.
+  const int lock = ::open((state_ + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_EQ(::flock(lock, LOCK_EX), 0);
+  ASSERT_EQ(vigilo({"on"}).status, 0);
+  EXPECT_TRUE(waitFor([&] { return app_->output().find("is locked by another program") != std::string::npos; }, 10s))
+      << app_->output();
+  EXPECT_EQ(vigilo({"status"}).status, 0);
+  app_->signal(SIGTERM);
+  EXPECT_EQ(app_->wait(10s), 0) << app_->output();
+  app_.reset();
+  ::close(lock);
+}
+
+TEST_F(ChannelTest, HostileInputLeavesTheAppAliveItsRecordsSmallAndPrivateAndNothingOutsideTouched) {
+  auto post = makeSocketNotifications(home_, nullptr);
+  const std::string replies = home_ + "/replies";
+  const std::string victim = dir_.file("victim.txt");
+  writeFile(victim, "keep me");
+  const std::string self = std::to_string(app_->pid());
+  // Links planted at every temporary name the app could write through.
+  for (const std::string& planted :
+       {home_ + "/runtime.json.vigilo-tmp", home_ + "/runtime.json." + self + ".vigilo-tmp",
+        replies + "/planted-1.json." + self + ".vigilo-tmp", state_ + "." + self + ".vigilo-tmp"}) {
+    std::filesystem::create_directories(std::filesystem::path(planted).parent_path());
+    std::filesystem::create_symlink(victim, planted);
+  }
+
+  // Deep within the size limit, and past it (cut off by the app mid-send).
+  for (std::size_t depth : {120000u, 300000u}) {
+    post->post(kRequestNotification,
+               R"({"id":"deep-1","cmd":"hold","args":{"x":)" + std::string(depth, '[') + std::string(depth, ']') + "}}");
+  }
+  ASSERT_TRUE(post->post(kRequestNotification, R"({"id":"planted-1","cmd":"status"})"));
+  EXPECT_TRUE(waitFor([&] { return fileExists(replies + "/planted-1.json"); }, 5s));
+  ASSERT_TRUE(post->post(kRequestNotification, R"({"id":"neg-1","cmd":"release_pid","args":{"pid":-1e300}})"));
+  EXPECT_TRUE(waitFor([&] { return fileExists(replies + "/neg-1.json"); }, 5s));
+  EXPECT_EQ(json::parse(readFile(replies + "/neg-1.json"))["error"], "pid must be a process id");
+
+  // 20 holds with 100 KB reasons keep the records and the status small.
+  const std::string huge(100 * 1024, 'r');
+  for (int i = 0; i < 20; ++i) ASSERT_EQ(vigilo({"hold", "--reason", huge}).status, 0);
+  ASSERT_EQ(vigilo({"on"}).status, 0);  // a change of the simulated laptop
+  EXPECT_LT(std::filesystem::file_size(home_ + "/runtime.json"), 20u * 1024);
+  json s = status();
+  ASSERT_TRUE(s.is_object());
+  EXPECT_EQ(s["holds"].size(), 20u);
+  EXPECT_TRUE(s["keeping_awake"]);
+
+  EXPECT_EQ(readFile(victim), "keep me");
+  EXPECT_FALSE(fileExists(replies + "/deep-1.json"));
+  EXPECT_EQ(modeOf(home_), 0700u);
+  EXPECT_EQ(modeOf(replies), 0700u);
+  for (const char* record : {"runtime.json", "hold", "config.json", "app.lock", "machine.json"}) {
+    EXPECT_EQ(modeOf(home_ + "/" + record), 0600u) << record;
+  }
+  EXPECT_EQ(modeOf(state_), 0600u);
+}
+
+}  // namespace
+}  // namespace vigilo::test
