@@ -76,8 +76,9 @@ int main(int argc, char** argv) {
   pid_t app = 0;
   if (::posix_spawn(&app, appArgs[0], &quiet, nullptr, appArgs.data(), environ) != 0) return 1;
   vigilo::RequestClient warm(home);
-  bool up = false;
-  for (int i = 0; i < 100 && !up; ++i) up = warm.send("status", nlohmann::json::object(), 0.2).value("ok", false);
+  for (int i = 0; i < 500 && !vigilo::runningApp(home); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  // Holding its folder, the app is reached once it listens (within the timeout).
+  const bool up = warm.send("status", nlohmann::json::object(), 8).value("ok", false);
   if (!up) {
     std::fprintf(stderr, "the app didn't start\n");
     ::kill(app, SIGTERM);
