@@ -29,8 +29,8 @@ constexpr double kClientTimeout = 1.0;
 // Connections read at once. Past this the rest wait, queued by the kernel
 // (the listen backlog), until a slot frees: queued, never dropped.
 constexpr std::size_t kMaxClients = 128;
-// How long a tool waits for the app to take its connection and payload when
-// the queue is full (a stopped app never takes them).
+// How long sending a request may wait for the app to read it (a stopped app
+// never does).
 constexpr int kPostTimeoutSeconds = 3;
 
 // FNV-1a: a short, stable name for an app folder's path.
@@ -76,15 +76,15 @@ std::optional<uid_t> peerUid(int fd) {
   return cred.uid;
 }
 
-// Connects to `name`; on success the peer is a process of this user.
+// Connects to `name`; on success the peer is a process of this user. Never
+// waits for a place in the app's queue: when it is full (the app stopped
+// or swamped) this fails at once, and a tool that needs an answer retries
+// within its own time, while a hook just goes on.
 Result connectTo(const std::string& name, UniqueFd& out) {
   sockaddr_un addr{};
   const socklen_t len = fillAddress(name, addr);
-  UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (fd.get() < 0) return Result::fail(errnoMessage("couldn't create a socket", errno), errno);
-  // A full queue makes connect() and send() wait; never longer than this.
-  timeval limit{kPostTimeoutSeconds, 0};
-  ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
   int rc;
   do {
     rc = ::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), len);
@@ -100,6 +100,10 @@ Result connectTo(const std::string& name, UniqueFd& out) {
   if (!uid || *uid != ::getuid()) {
     return Result::fail("A program of another user answers at Vigilo's address, so nothing was sent to it.", EPERM);
   }
+  // Sending a large request may wait for the app to read, within a bound.
+  ::fcntl(fd.get(), F_SETFL, ::fcntl(fd.get(), F_GETFL) & ~O_NONBLOCK);
+  timeval limit{kPostTimeoutSeconds, 0};
+  ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
   out = std::move(fd);
   return Result::ok();
 }
