@@ -197,6 +197,12 @@ TEST_F(AgentEventsTest, LoadDropsStaleAndDamagedFiles) {
   const auto written = nlohmann::ordered_json::parse(readFile(folder + "abc123.json"));
   for (const auto& item : written.items()) keys += item.key() + ",";
   EXPECT_EQ(keys, "agent,session,state,at,pid,pidStart,detail,");
+
+  // A hook input near its 1 MB limit is cut when written, so the app reads
+  // the event instead of deleting it unread.
+  record(hook("Notification", {{"message", std::string(900 * 1024, 'm')}, {"notification_type", "permission_prompt"}}, "big"));
+  EXPECT_LE(std::filesystem::file_size(folder + "big.json"), 4u * 1024);
+  EXPECT_EQ(AgentEvents::load(dir_.path(), clock_.now()).size(), 3u);
 }
 
 TEST(AgentEventsFold, FoldsASessionsEventsIntoOneState) {
