@@ -47,8 +47,19 @@ class FolderLock {
   explicit FolderLock(const StateFiles& files) {
     if (!files.ensureDir()) return;
     fd_ = ::open(files.path(kAppLockFile).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd_ >= 0 && ::flock(fd_, LOCK_EX | LOCK_NB) == 0) {
-      held_ = true;
+    opened_ = fd_ >= 0;
+    // A tool that asks whether an app runs holds a shared lock for a
+    // moment: try again for a little while before calling this a second app.
+    for (int attempt = 0; fd_ >= 0 && !held_ && attempt < 50; ++attempt) {
+      if (::flock(fd_, LOCK_EX | LOCK_NB) == 0) {
+        held_ = true;
+      } else if (errno == EWOULDBLOCK) {
+        ::usleep(10'000);
+      } else if (errno != EINTR) {
+        break;
+      }
+    }
+    if (held_) {
       // The pid lets `vigilo rescue` stop a stuck app.
       const std::string pid = std::to_string(::getpid()) + "\n";
       if (::ftruncate(fd_, 0) != 0 || ::pwrite(fd_, pid.data(), pid.size(), 0) < 0) {
@@ -62,9 +73,12 @@ class FolderLock {
   FolderLock(const FolderLock&) = delete;
   FolderLock& operator=(const FolderLock&) = delete;
   bool held() const { return held_; }
+  // False when the folder or its lock file couldn't be made at all.
+  bool opened() const { return opened_; }
 
  private:
   int fd_ = -1;
+  bool opened_ = false;
   bool held_ = false;
 };
 
@@ -144,6 +158,11 @@ int runApp(const std::vector<std::string>& args) {
   std::optional<FolderLock> lock;
   if (!options->preview) {
     lock.emplace(files);
+    if (!lock->opened()) {
+      std::fprintf(stderr, "vigilo: couldn't create the app folder %s or its lock file; check that it is yours and writable\n",
+                   folder.c_str());
+      return 1;
+    }
     if (!lock->held()) {
       std::fprintf(stderr, "vigilo: another Vigilo app is already running for %s\n", folder.c_str());
       return 1;

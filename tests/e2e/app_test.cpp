@@ -143,7 +143,13 @@ TEST_F(AppTest, RefusesBadArgumentsPlainly) {
   // and quits cleanly.
   const std::vector<std::string> noBus{"DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + dir_.file("no-bus")};
   auto real = std::make_unique<AppProcess>(std::vector<std::string>{"app"}, home_, dir_.file("a.txt"), noBus);
-  ASSERT_TRUE(waitFor([&] { return real->output().find("Needs a one-time setup") != std::string::npos; }, 10s))
+  // The warnings follow the first status line: wait for the last of them.
+  ASSERT_TRUE(waitFor(
+      [&] {
+        return real->output().find("Needs a one-time setup") != std::string::npos &&
+               real->output().find("warning: Power modes") != std::string::npos;
+      },
+      10s))
       << real->output();
   const std::string said = real->output();
   EXPECT_NE(said.find("on this Linux machine"), std::string::npos) << said;
