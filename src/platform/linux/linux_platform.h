@@ -25,7 +25,7 @@ struct LinuxPlatformOptions {
 // call must be made on the loop's thread.
 std::unique_ptr<Platform> makeLinuxPlatform(Clock& clock, RunLoop& loop, LinuxPlatformOptions options);
 
-// The folder for this user's sockets and other runtime files:
+// A private folder for this user's runtime files (Vigilo's sockets need none):
 // "$XDG_RUNTIME_DIR/vigilo", else "/tmp/vigilo-<uid>", created 0700 when
 // missing. Empty when no safe folder can be had (one that exists but is a
 // symbolic link, not a folder, or owned by another user is refused, never
