@@ -102,22 +102,6 @@ void AgentWork::applyEvents(Time now) {
     }
   }
 
-  // Sessions whose events are gone keep the id their process had.
-  std::map<std::pair<std::int32_t, std::uint64_t>, std::string> sticky;
-  for (std::size_t i = 0; i < sessions_.size(); ++i) {
-    AgentSession& s = sessions_[i];
-    if (s.pids.empty()) continue;
-    auto start = startOf(s.pids.front());
-    if (!start) continue;
-    const auto key = std::make_pair(s.pids.front(), *start);
-    if (!keyed[i]) {
-      auto old = stickyIds_.find(key);
-      if (old != stickyIds_.end() && !placed.count(old->second)) s.id = old->second;
-    }
-    sticky[key] = s.id;
-  }
-  stickyIds_ = std::move(sticky);
-
   for (std::size_t i = 0; i < sessions_.size(); ++i) {
     AgentSession& s = sessions_[i];
     if (!keyed[i]) continue;
@@ -133,6 +117,31 @@ void AgentWork::applyEvents(Time now) {
     }
     s.stateInferred = folded->state == AgentState::Working && !reportedWorking;
   }
+
+  // Sessions whose events are gone (SessionEnd while the process lives on)
+  // keep the id their process had, and the last state it reported other
+  // than working, so the quiet minutes run on without a break.
+  std::map<std::pair<std::int32_t, std::uint64_t>, Sticky> sticky;
+  for (std::size_t i = 0; i < sessions_.size(); ++i) {
+    AgentSession& s = sessions_[i];
+    if (s.pids.empty()) continue;
+    auto start = startOf(s.pids.front());
+    if (!start) continue;
+    const auto key = std::make_pair(s.pids.front(), *start);
+    auto old = stickyIds_.find(key);
+    if (!keyed[i] && old != stickyIds_.end() && !placed.count(old->second.id)) {
+      s.id = old->second.id;
+      s.state = old->second.state;
+      s.stateSince = old->second.since;
+    }
+    Sticky& now = sticky[key];
+    now.id = s.id;
+    if (s.state && s.stateSince && *s.state != AgentState::Working) {
+      now.state = s.state;
+      now.since = s.stateSince;
+    }
+  }
+  stickyIds_ = std::move(sticky);
 }
 
 // Worked out again at each evaluation, so a settings change (an agent
