@@ -13,6 +13,9 @@ namespace {
 // The events are re-read on their notification, and every tenth sample in
 // case one was missed (the app was busy starting, say).
 constexpr std::int64_t kEventRereadEvery = 10;
+// How far ahead of this app's clock an event's time may lie (the hook's
+// process reads the same clock, a moment later).
+constexpr double kFutureSlack = 60.0;
 
 }  // namespace
 
@@ -32,6 +35,9 @@ void AgentWork::sample(Engine& engine) {
   watcher_.sample(processes_, config.watchedApps, config.countRequests, extra, now);
   if (eventsDirty_ || samples_++ % kEventRereadEvery == 0) {
     events_ = AgentEvents::load(appFolder_, now);
+    // An event from the future (a damaged file, a clock put back) would
+    // never go stale.
+    std::erase_if(events_, [now](const AgentEvent& e) { return !(e.at <= now + kFutureSlack); });
     eventsDirty_ = false;
   }
   applyEvents(now);
@@ -89,16 +95,28 @@ void AgentWork::applyEvents(Time now) {
     if (!e.pid && !placed.count(e.session)) loose.push_back(&e);
   }
   std::sort(loose.begin(), loose.end(), [](const AgentEvent* a, const AgentEvent* b) { return a->at > b->at; });
+  // The process a session was bound to last time keeps it.
+  std::map<std::string, std::pair<std::int32_t, std::uint64_t>> boundBefore;
+  for (const auto& [key, sticky] : stickyIds_) boundBefore[sticky.id] = key;
+  auto fits = [&](std::size_t i, const AgentEvent& e) {
+    const AgentSession& s = sessions_[i];
+    if (keyed[i] || s.kind.id != e.agent || s.pids.empty()) return false;
+    auto start = startOf(s.pids.front());
+    return start && static_cast<double>(*start) / 1e6 <= e.at;
+  };
   for (const AgentEvent* e : loose) {
     if (placed.count(e->session)) continue;
-    for (std::size_t i = 0; i < sessions_.size(); ++i) {
-      const AgentSession& s = sessions_[i];
-      if (keyed[i] || s.kind.id != e->agent || s.pids.empty()) continue;
-      auto start = startOf(s.pids.front());
-      if (start && static_cast<double>(*start) / 1e6 <= e->at) {
+    auto before = boundBefore.find(e->session);
+    for (std::size_t i = 0; i < sessions_.size() && before != boundBefore.end() && !placed.count(e->session); ++i) {
+      if (fits(i, *e) && sessions_[i].pids.front() == before->second.first &&
+          startOf(sessions_[i].pids.front()) == before->second.second) {
         bind(i, e->session);
-        break;
       }
+    }
+  }
+  for (const AgentEvent* e : loose) {
+    for (std::size_t i = 0; i < sessions_.size() && !placed.count(e->session); ++i) {
+      if (fits(i, *e)) bind(i, e->session);
     }
   }
 

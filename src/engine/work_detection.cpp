@@ -129,6 +129,10 @@ void WorkDetection::update(const std::vector<AgentSession>& sessions, const Conf
       t.idlePending = Pending{*t.workingSince, quiet};
       t.quietFrom = quiet;
       t.workingSince.reset();
+    } else if (!t.quietFrom && reported(s) && *s.state != AgentState::Idle) {
+      // Stopped before this app saw it work (it started after a Stop, or
+      // again after a crash): the quiet minutes still run from the Stop.
+      t.quietFrom = std::min(*s.stateSince, now);
     }
 
     // Each distinct question is announced once, while it still matters.

@@ -207,6 +207,9 @@ TEST_F(AgentScenarioTest, AnEventBelongsToTheProcessThatSentItAndNoOther) {
 
   // A new agent elsewhere, even under the same pid, works on its own.
   const auto second = start("/usr/local/bin/claude", "/home/me/other", first);
+  advance(4);
+  EXPECT_EQ(status(), kIdle);
+  EXPECT_EQ(WorkDetection::describe(work_->sessions().at(0), clock_.now()), "Claude Code is idle");
   laptop().setProcessWatts(second, 2.0);
   advance(6);
   EXPECT_EQ(status(), awake("Claude Code is working in other"));
@@ -263,6 +266,26 @@ TEST_F(AgentScenarioTest, TrackingOnlyChangesWhetherTheAgentKeepsTheLaptopAwake)
   reply = center.handle("track", {{"agent", "claude-code"}, {"keeps", true}});
   hook(claude, "UserPromptSubmit");
   EXPECT_EQ(status(), awake("Claude Code is working in vigilo"));
+}
+
+TEST_F(AgentScenarioTest, AnAppStartedAfterAStopStillWaitsTheQuietMinutesFromIt) {
+  const auto claude = start();
+  NoNotifications none;
+  AgentEvents::record(folder_, "claude-code", R"({"session_id":"s1","hook_event_name":"Stop"})", clock_.now(),
+                      &sim_->processes(), claude, &none);
+  // A damaged event from the future would never go stale: it counts for nothing.
+  std::filesystem::create_directories(folder_ + "/agent-events");
+  test::writeFile(folder_ + "/agent-events/s2.json",
+                  json{{"agent", "claude-code"}, {"session", "s2"}, {"state", "working"}, {"at", 1e12}}.dump());
+  clock_.advance(20);
+  launch();
+  EXPECT_EQ(status(), awake("Claude Code stopped · sleeps in 1 min"));
+  advance(38);
+  EXPECT_TRUE(engine_->holding());
+  advance(4);
+  EXPECT_EQ(status(), kIdle);
+  EXPECT_EQ(ended(), (Lines{"Claude Code stopped · sleeps in 1 min", "Claude Code finished"}));
+  EXPECT_TRUE(alerts().empty()) << "no work was seen";
 }
 
 // Given one session driven by the test, without hooks.
