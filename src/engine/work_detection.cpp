@@ -112,7 +112,6 @@ void WorkDetection::update(const std::vector<AgentSession>& sessions, const Conf
     Track& t = tracks_[keyOf(s)];
     t.live = true;
     t.name = nameOf(s);
-    t.lastSeen = now;
     t.state = s.state.value_or(AgentState::Idle);
     t.busy = busy(s, now);
     if (t.busy) {

@@ -85,7 +85,6 @@ class WorkDetection {
     std::string name;
     std::optional<Time> workingSince;
     Time lastWork = 0;  // the last update that found it busy
-    Time lastSeen = 0;
     // When its last stretch ended: the countdown to sleep runs from here,
     // also after the stretch has been settled.
     std::optional<Time> quietFrom;
