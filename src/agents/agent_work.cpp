@@ -160,6 +160,9 @@ void AgentWork::applyEvents(Time now) {
     }
   }
   stickyIds_ = std::move(sticky);
+  std::map<std::pair<std::int32_t, std::uint64_t>, std::string> ids;
+  for (const auto& [key, known] : stickyIds_) ids.emplace(key, known.id);
+  watcher_.setSessionIds(std::move(ids));
 }
 
 // Worked out again at each evaluation, so a settings change (an agent

@@ -86,15 +86,25 @@ std::vector<std::string> folderNames(const std::string& path, int limit) {
 // The one agent whose transcript folders name the working folder.
 constexpr std::string_view kClaudeCode = "claude-code";
 
-// Whether one of the `changed` transcripts belongs to a session of `kind`
-// working in `cwd`. `projectFolders` are the transcript folders of all live
-// Claude Code sessions: a transcript in one of them belongs to the sessions
-// working there; one elsewhere, or of another kind, to every session.
+// Whether one of the `changed` transcripts belongs to a Claude Code session
+// whose own id is `id` (may be empty) working in `cwd`. A transcript is named
+// after its session: one named after a live session's id is that session's.
+// Otherwise `projectFolders`, the transcript folders of all live sessions,
+// decide: a transcript in one of them belongs to the sessions working there,
+// one elsewhere to every session. Other kinds' transcripts belong to all of
+// their sessions.
 bool transcriptIsOurs(const AgentKind& kind, const std::vector<std::string>& changed, const std::string& cwd,
+                      const std::string& id, const std::set<std::string>& liveIds,
                       const std::set<std::string>& projectFolders) {
   if (kind.id != kClaudeCode) return true;
   const std::string ours = cwd.empty() ? std::string() : claudeProjectFolder(cwd);
   for (const std::string& path : changed) {
+    std::string_view name = lastComponent(path);
+    if (const auto dot = name.rfind('.'); dot != std::string_view::npos) name = name.substr(0, dot);
+    if (liveIds.count(std::string(name))) {
+      if (name == id) return true;
+      continue;
+    }
     std::string_view folder = path;
     const auto slash = folder.rfind('/');
     folder = slash == std::string_view::npos ? std::string_view() : lastComponent(folder.substr(0, slash));
@@ -300,11 +310,12 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
   // Claude Code keeps the transcripts of its live sessions.
   std::vector<std::optional<std::vector<std::string>>> transcripts(kinds_.size());
   std::set<std::string> projectFolders;
+  std::set<std::string> liveIds;
   for (const Group& group : groups) {
     const ProcessInfo& first = list[group.roots.front()];
-    if (kinds_[static_cast<std::size_t>(group.kind)].id == kClaudeCode && !first.cwd.empty()) {
-      projectFolders.insert(claudeProjectFolder(first.cwd));
-    }
+    if (kinds_[static_cast<std::size_t>(group.kind)].id != kClaudeCode) continue;
+    if (!first.cwd.empty()) projectFolders.insert(claudeProjectFolder(first.cwd));
+    if (auto id = sessionIds_.find({first.pid, first.startMicros}); id != sessionIds_.end()) liveIds.insert(id->second);
   }
   const double monotonic = clock_.monotonic();
 
@@ -391,7 +402,10 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
 
     auto& changed = transcripts[static_cast<std::size_t>(group.kind)];
     if (!changed) changed = changedTranscripts(kind, monotonic);
-    const bool wroteTranscript = !changed->empty() && transcriptIsOurs(kind, *changed, first.cwd, projectFolders);
+    const auto id = sessionIds_.find({first.pid, first.startMicros});
+    const bool wroteTranscript =
+        !changed->empty() && transcriptIsOurs(kind, *changed, first.cwd, id != sessionIds_.end() ? id->second : "",
+                                              liveIds, projectFolders);
     if ((watts && *watts >= kind.idleWatts) || busyCpu || wroteTranscript) state.lastActive = now;
     roots[key] = state;
 

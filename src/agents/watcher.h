@@ -70,10 +70,11 @@ std::string claudeProjectFolder(std::string_view cwd);
 // no power yet.
 //
 // Transcripts. A newer transcript marks as active the sessions it belongs
-// to: for Claude Code, whose transcripts lie in a folder named after the
-// working folder (claudeProjectFolder), the sessions working there; where
-// the path names no live session (other agents, unreadable working
-// folders), every session of the kind.
+// to. Claude Code names a transcript after its session and keeps it in a
+// folder named after the working folder (claudeProjectFolder): it belongs to
+// the session of that id (see setSessionIds), else to the sessions working
+// in that folder. Where the path names no live session (other agents,
+// unreadable working folders), it belongs to every session of the kind.
 //
 // Tools. A descendant runs a tool (a command the agent started) when it is
 // a command shell (agents run their commands through one) or lives below
@@ -97,6 +98,12 @@ class AgentWatcher {
   // The same over a process list already taken this tick.
   void sample(const std::vector<ProcessInfo>& processes, const std::vector<WatchedApp>& watchedApps,
               bool requestsCount, const std::vector<AgentKind>& extraKinds, Time now);
+
+  // The agents' own session ids, by root process (pid and start time), as
+  // their hook events gave them: used to attribute transcripts.
+  void setSessionIds(std::map<std::pair<std::int32_t, std::uint64_t>, std::string> ids) {
+    sessionIds_ = std::move(ids);
+  }
 
   const std::vector<AgentSession>& sessions() const { return sessions_; }
   const std::vector<SleepBlocker>& blockers() const { return blockers_; }
@@ -203,6 +210,7 @@ class AgentWatcher {
   std::map<std::string, RootState> roots_;
   std::map<std::string, TranscriptState> transcripts_;
   std::map<std::string, Time> requestFirstSeen_;
+  std::map<std::pair<std::int32_t, std::uint64_t>, std::string> sessionIds_;
 
   std::vector<AgentSession> sessions_;
   std::vector<SleepBlocker> blockers_;

@@ -379,7 +379,7 @@ TEST_F(WatcherTest, AClaudeTranscriptMarksOnlyTheSessionsOfItsWorkingFolder) {
   EXPECT_EQ(claudeProjectFolder("/home/me/my_app.v2"), "-home-me-my-app-v2");
   EXPECT_EQ(claudeProjectFolder("/home/me/\xd0\x9f\xd1\x80 x"), "-home-me----x") << "one - per character";
   const std::string projects = home() + "/.claude/projects/";
-  start("/usr/local/bin/claude", {"claude"}, 1, 0.0, "/home/me/api");
+  const auto first = start("/usr/local/bin/claude", {"claude"}, 1, 0.0, "/home/me/api");
   start("/usr/local/bin/claude", {"claude"}, 1, 0.0, "/home/me/web");
   touchAt(projects + "-home-me-api/s1.jsonl", 1000);
   touchAt(projects + "-home-me-web/s2.jsonl", 1000);
@@ -396,6 +396,18 @@ TEST_F(WatcherTest, AClaudeTranscriptMarksOnlyTheSessionsOfItsWorkingFolder) {
   touchAt(projects + "-home-me-elsewhere/s3.jsonl", 1200);
   sampleAfter(kTranscriptSearchInterval);
   EXPECT_EQ(session(web)->lastActive, clock_.now());
+
+  // Two sessions in one folder: the transcript named after one is its own.
+  clock_.advance(100);
+  const auto second = start("/usr/local/bin/claude", {"claude"}, 1, 0.0, "/home/me/api");
+  watcher_->setSessionIds({{{first, laptop().process(first)->startMicros}, "s1"},
+                           {{second, laptop().process(second)->startMicros}, "s4"}});
+  touchAt(projects + "-home-me-api/s4.jsonl", 1300);
+  sampleAfter(kTranscriptSearchInterval);
+  touchAt(projects + "-home-me-api/s4.jsonl", 1400);
+  sampleAfter(2);
+  EXPECT_EQ(session("claude-code#" + std::to_string(second))->lastActive, clock_.now());
+  EXPECT_NE(session(api)->lastActive, clock_.now());
 }
 
 TEST(WatcherCpuTest, CpuTimeMakesATreeBusyWhereNoDrawIsMeasured) {
