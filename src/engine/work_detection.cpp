@@ -153,7 +153,9 @@ void WorkDetection::update(const std::vector<AgentSession>& sessions, const Conf
 
   const Choice choice = choose(config, now);
   reason_ = choice.reason;
+  lastUpdate_ = now;
   if (choice.reason) {
+    reasonAt_ = now;
     keeperKey_ = choice.keeper;
     auto it = std::find_if(sessions_.begin(), sessions_.end(),
                            [&](const AgentSession& s) { return keyOf(s) == choice.keeper; });
@@ -236,7 +238,9 @@ std::optional<std::string> WorkDetection::workReason(const Config& config, Time 
 }
 
 std::optional<std::string> WorkDetection::lastWorker() const {
-  if (keeperName_.empty()) return std::nullopt;
+  // Work that ended long before (a hold released hours later) is not why
+  // the machine may sleep now.
+  if (keeperName_.empty() || !reasonAt_ || lastUpdate_ - *reasonAt_ > kActiveWindow) return std::nullopt;
   // Still busy, only no longer keeping the machine awake (tracked only):
   // its work has not finished.
   auto it = tracks_.find(keeperKey_);

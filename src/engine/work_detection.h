@@ -61,7 +61,7 @@ class WorkDetection {
   std::optional<std::string> workReason(const Config& config, Time now) const;
   // The same as worked out by the last update.
   std::optional<std::string> workReason() const { return reason_; }
-  // The agent whose work last kept the machine awake, once that work has
+  // The agent whose work kept the machine awake until a moment ago and has
   // ended (its process gone, or no longer busy), for "<name> finished".
   std::optional<std::string> lastWorker() const;
 
@@ -105,6 +105,8 @@ class WorkDetection {
   // Waits announced, "<session>@<seconds>", with when they were asked.
   std::map<std::string, Time> announcedWaits_;
   std::optional<std::string> reason_;
+  Time lastUpdate_ = 0;
+  std::optional<Time> reasonAt_;  // the last update that found a reason
   std::string keeperKey_;
   std::string keeperName_;
 };

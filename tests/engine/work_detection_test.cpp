@@ -304,6 +304,10 @@ TEST(WorkDetectionTest, WatchedAppsRequestsAndSettings) {
   };
 
   EXPECT_EQ(at(1000, {xcode}), "Xcode is open");
+  EXPECT_EQ(at(1000, {}), std::nullopt);
+  EXPECT_EQ(d.lastWorker(), "Xcode");
+  at(1030, {});
+  EXPECT_EQ(d.lastWorker(), std::nullopt) << "ended long before: not why it may sleep now";
   EXPECT_EQ(at(1000, {request}), "caffeinate asked to stay awake");
   config.trackOnly = {"Xcode"};
   EXPECT_EQ(at(1000, {xcode}), std::nullopt);
