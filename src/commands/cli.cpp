@@ -132,6 +132,9 @@ std::string holdLine(const json& h) {
 
 void printStatus(const json& r) {
   out(statusOf(r));
+  if (r.contains("menu_bar_title") && r["menu_bar_title"].is_string() && !r["menu_bar_title"].empty()) {
+    out("Menu bar: " + r["menu_bar_title"].get<std::string>());
+  }
   if (r.contains("holds") && r["holds"].is_array()) {
     for (const auto& h : r["holds"]) {
       if (h.is_object()) out(holdLine(h));
