@@ -87,18 +87,17 @@ void Engine::announce(const std::string& text) {
 }
 
 std::optional<std::string> Engine::warning() const {
-  if (refusedWarning_) return refusedWarning_;
+  // A refusal is told while it is what keeps the machine from being held,
+  // also while its retry waits.
+  if (refusedWarning_ && holdFailedAt_ && wantsHold_ && !holding_ && !blockedReason_) return refusedWarning_;
   if (pendingRelease_) return std::string(kPendingWarning);
   return notKeptWarning_;
 }
 
 void Engine::clearStaleWarnings() {
-  // A refusal or an unwritable folder only matters while something still
-  // wants the machine awake and nothing else stops it.
-  if (holding_ || !wantsHold_ || blockedReason_) {
-    refusedWarning_.reset();
-    setupError_.reset();
-  }
+  // An unwritable folder only matters while something still wants the
+  // machine awake and nothing else stops it.
+  if (holding_ || !wantsHold_ || blockedReason_) setupError_.reset();
   if (!holding_) notKeptWarning_.reset();
 }
 
@@ -112,6 +111,10 @@ void Engine::launch() {
     return;
   }
   if (slow_) slow_->refreshWatchdog(*this);
+  // The heartbeat comes before the first change this run may make, so the
+  // watchdog never takes a run that quits or dies before its first tick
+  // for one that quit cleanly.
+  writeHeartbeat();
   refreshSetup();
   recoverFromCrash();
   restoreRuntime();
@@ -436,6 +439,7 @@ void Engine::evaluate() {
   // 8. Let the machine sleep.
   if ((!reason || blocked || !setupReady_) && holding_) {
     endHold(!setupReady_ ? kSetupRepair : blocked ? *blocked : endReason());
+    if (blocked) holdReason_ = *reason;
   }
 
   // 9. Heat follow-up.
@@ -470,7 +474,11 @@ void Engine::noteOwner() {
 
 bool Engine::releaseSleepSwitch() {
   if (options_.preview) return true;
-  if (sleepNotOurs() && platform_.power().switchIsShared()) {
+  // On a shared switch, sleep that was off before is not ours to switch on,
+  // and sleep someone already switched back on needs no call: either way
+  // only the record goes.
+  if (platform_.power().switchIsShared() &&
+      (sleepNotOurs() || platform_.registry().sleepDisabled() == std::optional<bool>(false))) {
     files_.remove(kHoldMarker);
     return true;
   }
@@ -489,6 +497,9 @@ void Engine::startHold(const std::string& reason) {
 
   if (!options_.preview) {
     noteOwner();
+    // A marker already there records sleep that is still off (a release
+    // being retried, an adopted hold): a refusal now must not take it away.
+    const bool hadMarker = files_.exists(kHoldMarker);
     if (!files_.touch(kHoldMarker)) {
       // Sleep is never switched off without the record that puts it back.
       setupError_ = kFolderError;
@@ -497,8 +508,7 @@ void Engine::startHold(const std::string& reason) {
     setupError_.reset();
     Result r = platform_.power().setSleepDisabled(true);
     if (!r) {
-      // A release still pending keeps its marker: sleep is off all the same.
-      if (!sleepNotOurs() && !pendingRelease_) files_.remove(kHoldMarker);
+      if (!sleepNotOurs() && !hadMarker) files_.remove(kHoldMarker);
       holdFailedAt_ = t;
       refusedWarning_ = platform_.name() == "linux" ? kLinuxRefusedWarning + r.message() : std::string(kRefusedWarning);
       logLine("Vigilo: switching sleep off failed: " + r.message());
@@ -509,8 +519,10 @@ void Engine::startHold(const std::string& reason) {
   holdFailedAt_.reset();
   refusedWarning_.reset();
   // Sleep is off again by this hold's own switch: a release that was still
-  // being retried would only undo it.
+  // being retried, or an adopted hold still waiting to be settled, would
+  // only undo it.
   pendingRelease_ = false;
+  adoptedHoldUntil_.reset();
   holding_ = true;
   holdReason_ = reason;
   if (lidClosed_ && closedLid_) closedLid_->enter(*this);
@@ -522,7 +534,6 @@ void Engine::endHold(const std::string& because) {
   if (!releaseSleepSwitch()) pendingRelease_ = true;
   holding_ = false;
   holdReason_.clear();
-  notKeptWarning_.reset();
   lastEndReason_ = because;
   announce(because);
 }
@@ -536,8 +547,10 @@ void Engine::reassertSleep() {
   if (options_.preview || pendingRelease_) return;
   auto disabled = platform_.registry().sleepDisabled();
   if (sleepNotOurs()) {
-    if (disabled && !*disabled) files_.remove(kSleepOffBeforeMarker);
-    return;
+    if (!disabled || *disabled) return;
+    // Someone switched their sleep back on: from now on the switch is ours,
+    // and a hold still running switches it off again below.
+    files_.remove(kSleepOffBeforeMarker);
   }
   if (holding_) {
     // The switch is ours and on: if something switched sleep back on, switch
@@ -574,7 +587,11 @@ void Engine::settleAdoptedHold() {
   }
   if (setupReady_ && !blockedReason_ && now() < *adoptedHoldUntil_) return;
   adoptedHoldUntil_.reset();
-  if (!releaseSleepSwitch()) pendingRelease_ = true;
+  if (!releaseSleepSwitch()) {
+    // Sleep is still off: asking it to sleep now would do nothing.
+    pendingRelease_ = true;
+    return;
+  }
   if (lidClosed_ && !options_.preview) platform_.power().sleepNow();
 }
 
@@ -667,6 +684,12 @@ void Engine::sleepNow() {
   snoozed_ = true;
   saveRuntime();
   evaluate();
+  // A hold adopted from a crashed run ends now too, unless something still
+  // keeps the machine awake.
+  if (adoptedHoldUntil_ && !holding_) {
+    adoptedHoldUntil_ = now();
+    settleAdoptedHold();
+  }
   if (!lidClosed_ && !holding_ && !options_.preview) {
     Result r = platform_.power().sleepNow();
     if (!r) logLine("Vigilo: sleeping now failed: " + r.message());
@@ -769,6 +792,9 @@ void Engine::recoverFromCrash() {
   if (options_.preview) return;
   putBackRecords();
 
+  // A "sleep-off-before" whose sleep someone has since switched back on
+  // records nothing any more.
+  if (platform_.registry().sleepDisabled() == std::optional<bool>(false)) files_.remove(kSleepOffBeforeMarker);
   noteOwner();
   auto disabled = platform_.registry().sleepDisabled();
   if (disabled && *disabled && files_.exists(kHoldMarker)) {

@@ -213,8 +213,9 @@ class Engine {
   std::optional<std::string> setupError_;
   std::optional<Time> adoptedHoldUntil_;
   // The warnings, one per cause, so that one clearing never hides another.
-  // `refusedWarning_`: switching sleep off was refused while something wants
-  // the machine awake. `notKeptWarning_`: sleep reads as on while held.
+  // `refusedWarning_`: the text of the last refused switch-off, shown while
+  // that refusal keeps the machine from being held. `notKeptWarning_`: sleep
+  // reads as on while held.
   // A pending release has its own text.
   std::optional<std::string> refusedWarning_;
   std::optional<std::string> notKeptWarning_;
