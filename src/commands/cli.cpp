@@ -132,8 +132,8 @@ std::string holdLine(const json& h) {
 
 void printStatus(const json& r) {
   out(statusOf(r));
-  if (r.contains("menu_bar_title") && r["menu_bar_title"].is_string() && !r["menu_bar_title"].empty()) {
-    out("Menu bar: " + r["menu_bar_title"].get<std::string>());
+  if (auto title = r.find("menu_bar_title"); title != r.end() && title->is_string() && !title->get<std::string>().empty()) {
+    out("Menu bar: " + title->get<std::string>());
   }
   if (r.contains("holds") && r["holds"].is_array()) {
     for (const auto& h : r["holds"]) {
