@@ -48,8 +48,15 @@ TEST_F(AppTest, KilledWhileHoldingIsAdoptedThenReleasedAtTheNextLaunch) {
   writeFile(home_ + "/config.json", R"({"mode": "on"})");
   {
     auto app = start();
-    ASSERT_TRUE(waitFor([&] { return sleepDisabled() && marker("hold"); }, 10s)) << app->output();
-    EXPECT_NE(app->output().find("Awake until you turn it off"), std::string::npos);
+    // The status line is printed after the switch and its record are made,
+    // so all three are waited for.
+    ASSERT_TRUE(waitFor(
+        [&] {
+          return sleepDisabled() && marker("hold") &&
+                 app->output().find("Awake until you turn it off") != std::string::npos;
+        },
+        10s))
+        << app->output();
     app->signal(SIGKILL);
     EXPECT_EQ(app->wait(5s), 128 + SIGKILL);
   }
