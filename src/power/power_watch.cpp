@@ -1,5 +1,7 @@
 #include "power/power_watch.h"
 
+#include <algorithm>
+
 #include "agents/agent_work.h"
 #include "engine/engine.h"
 
@@ -54,8 +56,13 @@ double PowerWatch::closedEstimate(const Engine& engine) const {
   in.held = engine.holding();
   in.reading = engine.battery();
   in.apps = &apps_;
-  // The agents' own draw goes on with the lid shut: their apps count in
-  // full (their rule is "leave") rather than being left out.
+  // What the agents use is protected from the savings and, like every
+  // protected app, left out of the top users' sum.
+  in.isProtected = [&](const AppUsage& a) {
+    if (!work_) return false;
+    const auto& kept = work_->watcher().protectedPids();
+    return std::any_of(a.pids.begin(), a.pids.end(), [&](std::int32_t pid) { return kept.count(pid) > 0; });
+  };
   in.ruleFor = [&](const AppUsage& a) { return *parseAppRule(whileClosed(engine, a)); };
   return whole_.closedEstimate(in);
 }
