@@ -142,6 +142,9 @@ std::string appLine(const json& a) {
 
 void printStatus(const json& r) {
   out(statusOf(r));
+  if (auto title = r.find("menu_bar_title"); title != r.end() && title->is_string() && !title->get<std::string>().empty()) {
+    out("Menu bar: " + title->get<std::string>());
+  }
   if (r.contains("holds") && r["holds"].is_array()) {
     for (const auto& h : r["holds"]) {
       if (h.is_object()) out(holdLine(h));

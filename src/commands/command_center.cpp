@@ -279,6 +279,7 @@ json CommandCenter::statusDictionary() {
       {"setup_done", e.setupReady()},
       {"setup_problem", e.setupReady() ? json(nullptr) : json(e.setupProblem())},
       {"always_until", timeOrNull(e.onUntil())},
+      {"menu_bar_title", e.menuBarTitle()},
       {"pending_release", e.pendingRelease()},
       {"not_put_back_yet", notPutBack},
       {"unavailable", unavailable},

@@ -355,11 +355,13 @@ std::string Config::encoded() const {
   return toJson().dump(2, ' ', false, json::error_handler_t::replace);
 }
 
-Config Config::mergedWith(const json& fileObject) const {
+Config Config::mergedWith(const json& fileObject, const json& before) const {
   const json current = toJson();
   Config c;
-  readInto(c, [&](std::string_view key) {
+  readInto(c, [&](std::string_view key) -> const json* {
     if (const json* v = member(fileObject, key)) return v;
+    const bool optional = key == "alwaysUntil" || key == "modeBeforeAlways" || key == "wakeAt";
+    if (optional && member(before, key)) return nullptr;
     return member(current, key);
   });
   return c;

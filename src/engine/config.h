@@ -101,8 +101,11 @@ struct Config {
   std::string encoded() const;
 
   // This record with the keys of `fileObject` laid over it: keys missing from
-  // the file keep this record's values, not the defaults.
-  Config mergedWith(const nlohmann::json& fileObject) const;
+  // the file keep this record's values, not the defaults. An optional
+  // setting (`alwaysUntil`, `modeBeforeAlways`, `wakeAt`) that `before`, the
+  // file as last seen, had and the file no longer has was removed by the
+  // edit, so it becomes absent here too.
+  Config mergedWith(const nlohmann::json& fileObject, const nlohmann::json& before = nullptr) const;
 };
 
 // "config.json", "safety.json".

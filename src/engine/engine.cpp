@@ -25,11 +25,22 @@ constexpr const char* kPendingWarning = "Couldn't switch sleep back on yet; Vigi
 constexpr const char* kPowerChangeWarning = "macOS didn't keep sleep switched off after the power change";
 constexpr const char* kNotKeptWarning = "macOS didn't keep sleep switched off";
 constexpr const char* kFolderError = "Vigilo couldn't write to its folder, so it won't switch sleep off";
+constexpr const char* kSetupRepair = "Setup needs repair";
 // On Linux the switch is a logind lock, and the reason logind gave says
 // what the person can do; the Mac's texts would send them to the wrong place.
 constexpr const char* kLinuxRefusedWarning =
     "The system refused to keep this laptop awake, so closing the lid would sleep it: ";
 constexpr const char* kLinuxNotKeptWarning = "Sleep didn't stay switched off";
+
+// Whole minutes in `seconds`, rounded up so that a time left never reads a
+// minute short (2h set a moment ago is "2h", not "1h 59m"), and at least
+// `least`. A hair of floating-point noise does not add a minute.
+long long wholeMinutesUp(double seconds, long long least) {
+  // Far beyond any real end time, but still safe to convert.
+  constexpr double kCap = 1e12;
+  if (!std::isfinite(seconds)) return least;
+  return std::max(least, static_cast<long long>(std::ceil(std::min(seconds / 60.0, kCap) - 1e-9)));
+}
 
 }  // namespace
 
@@ -75,7 +86,20 @@ void Engine::announce(const std::string& text) {
   if (notice_) notice_(Notice{Notice::Kind::Announcement, {}, text});
 }
 
-void Engine::setWarning(std::optional<std::string> w) { warning_ = std::move(w); }
+std::optional<std::string> Engine::warning() const {
+  // A refusal is told while it is what keeps the machine from being held,
+  // also while its retry waits.
+  if (refusedWarning_ && holdFailedAt_ && wantsHold_ && !holding_ && !blockedReason_) return refusedWarning_;
+  if (pendingRelease_) return std::string(kPendingWarning);
+  return notKeptWarning_;
+}
+
+void Engine::clearStaleWarnings() {
+  // An unwritable folder only matters while something still wants the
+  // machine awake and nothing else stops it.
+  if (holding_ || !wantsHold_ || blockedReason_) setupError_.reset();
+  if (!holding_) notKeptWarning_.reset();
+}
 
 // ---------------------------------------------------------------- launch
 
@@ -87,6 +111,10 @@ void Engine::launch() {
     return;
   }
   if (slow_) slow_->refreshWatchdog(*this);
+  // The heartbeat comes before the first change this run may make, so the
+  // watchdog never takes a run that quits or dies before its first tick
+  // for one that quit cleanly.
+  writeHeartbeat();
   refreshSetup();
   recoverFromCrash();
   restoreRuntime();
@@ -140,6 +168,17 @@ void Engine::loadConfigAtLaunch() {
   auto bytes = files_.read(kConfigFile);
   std::optional<Config> read = bytes ? Config::decode(*bytes) : std::nullopt;
   config_ = read.value_or(Config{});
+  if (read) configSeen_ = nlohmann::json::parse(*bytes, nullptr, false);
+  if (bytes && !read) {
+    // The defaults stand in for a file the person never meant to loosen:
+    // they take the safety values last set in the app, so that no alert
+    // blames an edit that was never made.
+    if (auto baseline = Safety::load(files_)) {
+      config_.heatGuard = baseline->heatGuard;
+      config_.batteryFloor = baseline->batteryFloor;
+      config_.onlyOnPower = baseline->onlyOnPower;
+    }
+  }
   if (brokenCopy) {
     tell("Settings file couldn't be read", "Vigilo is using its defaults. Your file was kept as " + *brokenCopy);
     writeConfig();
@@ -158,6 +197,7 @@ void Engine::writeConfig() {
   if (files_.writeDurably(kConfigFile, config_.encoded())) {
     configMTime_ = files_.modified(kConfigFile);
     configStamp_ = configMTime_;
+    configSeen_ = config_.toJson();
   }
 }
 
@@ -175,7 +215,8 @@ void Engine::reloadConfigFromDisk() {
   if (!bytes) return;
   auto j = nlohmann::json::parse(*bytes, nullptr, false);
   if (!j.is_object()) return;
-  config_ = config_.mergedWith(j);
+  config_ = config_.mergedWith(j, configSeen_);
+  configSeen_ = std::move(j);
   enforceSafety();
   evaluate();
 }
@@ -250,9 +291,9 @@ void Engine::keepMarkerInStep() {
     if (disabled && !*disabled) {
       // Something switched sleep back on under us; the slow beat switches it
       // off again.
-      setWarning(platform_.name() == "linux" ? kLinuxNotKeptWarning : kNotKeptWarning);
-    } else if (warning_ == kNotKeptWarning || warning_ == kLinuxNotKeptWarning) {
-      setWarning(std::nullopt);
+      if (!notKeptWarning_) notKeptWarning_ = platform_.name() == "linux" ? kLinuxNotKeptWarning : kNotKeptWarning;
+    } else if (disabled) {
+      notKeptWarning_.reset();
     }
   } else if (!pendingRelease_ && !adoptedHoldUntil_) {
     files_.remove(kHoldMarker);
@@ -276,8 +317,10 @@ void Engine::readBattery() {
     Result r = platform_.power().setSleepDisabled(true);
     auto disabled = platform_.registry().sleepDisabled();
     if (!r || !disabled || !*disabled) {
-      setWarning(platform_.name() == "linux" ? std::string(kLinuxNotKeptWarning) + " after the power change"
-                                             : std::string(kPowerChangeWarning));
+      notKeptWarning_ = platform_.name() == "linux" ? std::string(kLinuxNotKeptWarning) + " after the power change"
+                                                    : std::string(kPowerChangeWarning);
+    } else {
+      notKeptWarning_.reset();
     }
   }
   if (reading) lastOnAC_ = reading->onAC;
@@ -339,14 +382,6 @@ std::optional<std::string> Engine::guardReason() {
 }
 
 void Engine::evaluate() {
-  // 1. A broken setup ends any hold.
-  if (!setupReady_ && holding_) {
-    blockedReason_ = "Setup needs repair";
-    endHold("Setup needs repair");
-    if (changed_) changed_();
-    return;
-  }
-
   // 2. Prune holds that ended or whose process is gone.
   const Time t = now();
   const std::size_t before = holds_.size();
@@ -386,8 +421,9 @@ void Engine::evaluate() {
   if (!reason) {
     blockedReason_.reset();
   } else {
-    // 5. The guards, first one wins.
-    blocked = guardReason();
+    // 1, 5. A setup that is not in working order comes before the guards:
+    // the switch is then not used at all, so it cannot flip on every tick.
+    blocked = setupReady_ ? guardReason() : std::optional<std::string>(kSetupRepair);
     if (blocked) {
       // 6. The wanted reason stays visible beside what blocked it.
       blockedReason_ = blocked;
@@ -401,13 +437,17 @@ void Engine::evaluate() {
   }
 
   // 8. Let the machine sleep.
-  if ((!reason || blocked) && holding_) endHold(blocked ? *blocked : endReason());
+  if ((!reason || blocked || !setupReady_) && holding_) {
+    endHold(!setupReady_ ? kSetupRepair : blocked ? *blocked : endReason());
+    if (blocked) holdReason_ = *reason;
+  }
 
   // 9. Heat follow-up.
   if (holding_ && lidClosed_ && config_.heatGuard && thermal_ >= kSerious && closedLid_) {
     closedLid_->reapply(*this, false);
   }
   if (heatForced_ && thermal_ < kSerious) heatForced_ = false;
+  clearStaleWarnings();
   if (changed_) changed_();
 }
 
@@ -434,7 +474,11 @@ void Engine::noteOwner() {
 
 bool Engine::releaseSleepSwitch() {
   if (options_.preview) return true;
-  if (sleepNotOurs() && platform_.power().switchIsShared()) {
+  // On a shared switch, sleep that was off before is not ours to switch on,
+  // and sleep someone already switched back on needs no call: either way
+  // only the record goes.
+  if (platform_.power().switchIsShared() &&
+      (sleepNotOurs() || platform_.registry().sleepDisabled() == std::optional<bool>(false))) {
     files_.remove(kHoldMarker);
     return true;
   }
@@ -453,6 +497,9 @@ void Engine::startHold(const std::string& reason) {
 
   if (!options_.preview) {
     noteOwner();
+    // A marker already there records sleep that is still off (a release
+    // being retried, an adopted hold): a refusal now must not take it away.
+    const bool hadMarker = files_.exists(kHoldMarker);
     if (!files_.touch(kHoldMarker)) {
       // Sleep is never switched off without the record that puts it back.
       setupError_ = kFolderError;
@@ -461,18 +508,21 @@ void Engine::startHold(const std::string& reason) {
     setupError_.reset();
     Result r = platform_.power().setSleepDisabled(true);
     if (!r) {
-      if (!sleepNotOurs()) files_.remove(kHoldMarker);
+      if (!sleepNotOurs() && !hadMarker) files_.remove(kHoldMarker);
       holdFailedAt_ = t;
-      setWarning(platform_.name() == "linux" ? kLinuxRefusedWarning + r.message() : std::string(kRefusedWarning));
+      refusedWarning_ = platform_.name() == "linux" ? kLinuxRefusedWarning + r.message() : std::string(kRefusedWarning);
       logLine("Vigilo: switching sleep off failed: " + r.message());
       refreshSetup();
       return;
     }
   }
   holdFailedAt_.reset();
-  if (warning_ && (*warning_ == kRefusedWarning || warning_->rfind(kLinuxRefusedWarning, 0) == 0)) {
-    setWarning(std::nullopt);
-  }
+  refusedWarning_.reset();
+  // Sleep is off again by this hold's own switch: a release that was still
+  // being retried, or an adopted hold still waiting to be settled, would
+  // only undo it.
+  pendingRelease_ = false;
+  adoptedHoldUntil_.reset();
   holding_ = true;
   holdReason_ = reason;
   if (lidClosed_ && closedLid_) closedLid_->enter(*this);
@@ -481,10 +531,7 @@ void Engine::startHold(const std::string& reason) {
 
 void Engine::endHold(const std::string& because) {
   if (lidClosed_ && closedLid_) closedLid_->leave(*this);
-  if (!releaseSleepSwitch()) {
-    pendingRelease_ = true;
-    setWarning(kPendingWarning);
-  }
+  if (!releaseSleepSwitch()) pendingRelease_ = true;
   holding_ = false;
   holdReason_.clear();
   lastEndReason_ = because;
@@ -493,33 +540,32 @@ void Engine::endHold(const std::string& because) {
 
 void Engine::retryPendingRelease() {
   if (!pendingRelease_ || holding_) return;
-  if (releaseSleepSwitch()) {
-    pendingRelease_ = false;
-    if (warning_ == kPendingWarning) setWarning(std::nullopt);
-  }
+  if (releaseSleepSwitch()) pendingRelease_ = false;
 }
 
 void Engine::reassertSleep() {
   if (options_.preview || pendingRelease_) return;
   auto disabled = platform_.registry().sleepDisabled();
   if (sleepNotOurs()) {
-    if (disabled && !*disabled) files_.remove(kSleepOffBeforeMarker);
-    return;
+    if (!disabled || *disabled) return;
+    // Someone switched their sleep back on: from now on the switch is ours,
+    // and a hold still running switches it off again below.
+    files_.remove(kSleepOffBeforeMarker);
   }
   if (holding_) {
     // The switch is ours and on: if something switched sleep back on, switch
     // it off again.
     if (disabled && !*disabled) {
-      if (platform_.power().setSleepDisabled(true)) {
-        if (warning_ == kNotKeptWarning || warning_ == kLinuxNotKeptWarning) setWarning(std::nullopt);
-      }
+      if (platform_.power().setSleepDisabled(true)) notKeptWarning_.reset();
     }
     return;
   }
   const Time t = now();
   const bool checkIn = slow_ && slow_->checkInUntil() && *slow_->checkInUntil() > t;
-  const bool adopted = adoptedHoldUntil_ && *adoptedHoldUntil_ > t;
-  if (!setupReady_ || checkIn || adopted) return;
+  // An adopted hold is settled by `settleAdoptedHold` alone, also once its
+  // grace has passed: switching it back on here as well would run the same
+  // release twice on one tick.
+  if (!setupReady_ || checkIn || adoptedHoldUntil_) return;
   // A switch of Vigilo's own dies with the app, so it cannot be left off by
   // mistake; what reads as off then is someone else's doing.
   if (!platform_.power().switchIsShared()) return;
@@ -527,7 +573,6 @@ void Engine::reassertSleep() {
     // Sleep was left off by mistake (an earlier run, say).
     if (!releaseSleepSwitch()) {
       pendingRelease_ = true;
-      setWarning(kPendingWarning);
       return;
     }
     if (lidClosed_) platform_.power().sleepNow();
@@ -543,8 +588,9 @@ void Engine::settleAdoptedHold() {
   if (setupReady_ && !blockedReason_ && now() < *adoptedHoldUntil_) return;
   adoptedHoldUntil_.reset();
   if (!releaseSleepSwitch()) {
+    // Sleep is still off: asking it to sleep now would do nothing.
     pendingRelease_ = true;
-    setWarning(kPendingWarning);
+    return;
   }
   if (lidClosed_ && !options_.preview) platform_.power().sleepNow();
 }
@@ -568,8 +614,7 @@ Hold Engine::addHold(const std::string& reason, std::optional<double> minutes, s
   holds_.push_back(h);
   saveRuntime();
   evaluate();
-  announce(minutes ? "Staying awake for " + formatMinutes(static_cast<long long>(std::llround(*minutes)))
-                   : "Staying awake");
+  announce(minutes ? "Staying awake for " + formatMinutes(wholeMinutesUp(*minutes * 60.0, 1)) : "Staying awake");
   return h;
 }
 
@@ -639,6 +684,12 @@ void Engine::sleepNow() {
   snoozed_ = true;
   saveRuntime();
   evaluate();
+  // A hold adopted from a crashed run ends now too, unless something still
+  // keeps the machine awake.
+  if (adoptedHoldUntil_ && !holding_) {
+    adoptedHoldUntil_ = now();
+    settleAdoptedHold();
+  }
   if (!lidClosed_ && !holding_ && !options_.preview) {
     Result r = platform_.power().sleepNow();
     if (!r) logLine("Vigilo: sleeping now failed: " + r.message());
@@ -741,6 +792,9 @@ void Engine::recoverFromCrash() {
   if (options_.preview) return;
   putBackRecords();
 
+  // A "sleep-off-before" whose sleep someone has since switched back on
+  // records nothing any more.
+  if (platform_.registry().sleepDisabled() == std::optional<bool>(false)) files_.remove(kSleepOffBeforeMarker);
   noteOwner();
   auto disabled = platform_.registry().sleepDisabled();
   if (disabled && *disabled && files_.exists(kHoldMarker)) {
@@ -810,7 +864,7 @@ std::string Engine::statusLine() const {
   switch (config_.mode) {
     case Mode::On:
       if (config_.alwaysUntil) {
-        long long left = static_cast<long long>(std::max(0.0, *config_.alwaysUntil - now()) / 60.0);
+        const long long left = wholeMinutesUp(*config_.alwaysUntil - now(), 0);
         return "Awake until " + formatShortTime(*config_.alwaysUntil) + " · " + formatMinutes(left) + " left";
       }
       return "Awake until you turn it off";
@@ -835,19 +889,22 @@ std::string Engine::menuBarTitle() const {
     case MenuBarText::Timer: {
       auto until = onUntil();
       if (!until) return {};
-      long long mins = static_cast<long long>(std::max(0.0, *until - now()) / 60.0);
+      const long long mins = wholeMinutesUp(*until - now(), 0);
       std::snprintf(buf, sizeof buf, "%lld:%02lld", mins / 60, mins % 60);
       return buf;
     }
     case MenuBarText::TimeLeft: {
-      if (!battery_ || battery_->onPower()) return {};
-      std::optional<double> minutes;
-      if (battery_->minutesLeft) minutes = *battery_->minutesLeft;
-      if (!minutes) return {};
-      if (*minutes >= 60) {
-        std::snprintf(buf, sizeof buf, "%.0fh", *minutes / 60.0);
+      // Worked out from the charge and the draw to expect (the lid-closed
+      // estimate while shut), not the controller's own figure, which only
+      // knows the draw of the moment.
+      if (!battery_ || battery_->onPower() || !power_) return {};
+      auto hours = power_->hoursLeft(*this);
+      if (!hours) return {};
+      const double minutes = *hours * 60.0;
+      if (minutes >= 60) {
+        std::snprintf(buf, sizeof buf, "%.0fh", minutes / 60.0);
       } else {
-        std::snprintf(buf, sizeof buf, "%.0fm", *minutes);
+        std::snprintf(buf, sizeof buf, "%.0fm", minutes);
       }
       return buf;
     }

@@ -137,7 +137,8 @@ class Engine {
   bool setupReady() const { return setupReady_; }
   const std::string& setupProblem() const { return setupProblem_; }
   const std::optional<std::string>& setupError() const { return setupError_; }
-  const std::optional<std::string>& warning() const { return warning_; }
+  // The warning to show, if any: each one lasts only while its cause does.
+  std::optional<std::string> warning() const;
   bool pendingRelease() const { return pendingRelease_; }
   const std::optional<Time>& adoptedHoldUntil() const { return adoptedHoldUntil_; }
   const std::optional<Time>& holdFailedAt() const { return holdFailedAt_; }
@@ -174,7 +175,8 @@ class Engine {
   std::optional<std::string> guardReason();
   void tell(const std::string& title, const std::string& text);
   void announce(const std::string& text);
-  void setWarning(std::optional<std::string> w);
+  // Clears the warnings whose cause is gone.
+  void clearStaleWarnings();
 
   Platform& platform_;
   StateFiles files_;
@@ -212,7 +214,16 @@ class Engine {
   bool pendingRelease_ = false;
   std::optional<std::string> setupError_;
   std::optional<Time> adoptedHoldUntil_;
-  std::optional<std::string> warning_;
+  // The warnings, one per cause, so that one clearing never hides another.
+  // `refusedWarning_`: the text of the last refused switch-off, shown while
+  // that refusal keeps the machine from being held. `notKeptWarning_`: sleep
+  // reads as on while held.
+  // A pending release has its own text.
+  std::optional<std::string> refusedWarning_;
+  std::optional<std::string> notKeptWarning_;
+  // The keys "config.json" had when last read or written, so an edit that
+  // removes an optional key is told apart from a file that never had it.
+  nlohmann::json configSeen_;
   std::vector<Touched> touched_;
   std::string lastEndReason_;
   std::vector<Capability> capabilities_;

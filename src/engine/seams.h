@@ -51,6 +51,13 @@ class PowerMeter {
   virtual void sample(Engine& engine) = 0;
   // The whole machine's draw in watts, when known.
   virtual std::optional<double> systemWatts() const = 0;
+  // Hours the battery lasts from its charge at the draw to expect: the
+  // lid-closed estimate while the lid is shut, the present draw while open.
+  // Nothing when that is not known.
+  virtual std::optional<double> hoursLeft(const Engine& engine) const {
+    (void)engine;
+    return std::nullopt;
+  }
 };
 
 // The person's alerts about agents: one when a busy agent stops, one when

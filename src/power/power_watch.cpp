@@ -72,4 +72,12 @@ std::optional<double> PowerWatch::hoursLeftClosed(const Engine& engine) const {
   return whole_.hoursLeft(engine.battery()->percent, closedEstimate(engine));
 }
 
+std::optional<double> PowerWatch::hoursLeft(const Engine& engine) const {
+  if (!engine.battery()) return std::nullopt;
+  if (engine.lidClosed()) return hoursLeftClosed(engine);
+  auto watts = engine.systemWatts();
+  if (!watts) return std::nullopt;
+  return whole_.hoursLeft(engine.battery()->percent, *watts);
+}
+
 }  // namespace vigilo

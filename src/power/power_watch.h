@@ -22,6 +22,7 @@ class PowerWatch final : public PowerMeter {
 
   void sample(Engine& engine) override;
   std::optional<double> systemWatts() const override { return whole_.systemWatts(); }
+  std::optional<double> hoursLeft(const Engine& engine) const override;
 
   const WholeMachinePower& whole() const { return whole_; }
   // The apps using the most energy, largest first.

@@ -6,6 +6,7 @@
 
 #include "commands/cli.h"
 #include "engine/engine_fixture.h"
+#include "power/power_watch.h"
 
 namespace vigilo::test {
 namespace {
@@ -176,6 +177,37 @@ TEST_F(CommandCenterTest, ReceiveAnswersWellFormedRequestsOnly) {
   ASSERT_EQ(::stat((folder_ + "/replies/A-1.json").c_str(), &file), 0);
   EXPECT_EQ(folder.st_mode & 0777, 0700u);
   EXPECT_EQ(file.st_mode & 0777, 0600u);
+}
+
+TEST_F(CommandCenterTest, SettingsChangedFromOutsideDropTheEndTimeAndTheReplyShowsTheMenuBarTitle) {
+  // Given Always for 30 minutes, then `vigilo set mode auto` and `set mode on`.
+  call("mode", {{"mode", "always"}, {"minutes", 30}});
+  ASSERT_TRUE(call("set", {{"key", "mode"}, {"value", "auto"}})["ok"]);
+  EXPECT_FALSE(engine().config().alwaysUntil);
+  EXPECT_EQ(call("set", {{"key", "mode"}, {"value", "on"}})["status"], "Awake until you turn it off");
+  advance(31 * 60);
+  EXPECT_EQ(engine().config().mode, Mode::On);
+  EXPECT_TRUE(engine().holding());
+
+  // The time left beside the icon follows the lid-closed estimate while the
+  // lid is shut, as the reply's own hours do, not the battery's figure for
+  // the draw of the moment.
+  call("mode", {{"mode", "off"}});
+  PowerWatch power(folder_, nullptr);
+  engine().setPowerMeter(&power);
+  center_->setAgents(nullptr, &power);
+  ASSERT_TRUE(call("set", {{"key", "menubar"}, {"value", "timeLeft"}})["ok"]);
+  laptop().setLidClosed(true);
+  laptop().setDraw(20);
+  advance(2);
+  json r = call("status");
+  ASSERT_TRUE(r["hours_left_closed"].is_number());
+  const double hours = r["hours_left_closed"];
+  char expected[16];
+  std::snprintf(expected, sizeof expected, hours >= 1 ? "%.0fh" : "%.0fm", hours >= 1 ? hours : hours * 60);
+  EXPECT_EQ(r["menu_bar_title"], expected);
+  ASSERT_TRUE(r["battery"]["minutes_left"].is_number());
+  EXPECT_NE(std::lround(hours * 60), r["battery"]["minutes_left"].get<long>());
 }
 
 }  // namespace

@@ -48,7 +48,8 @@ TEST_F(AppTest, KilledWhileHoldingIsAdoptedThenReleasedAtTheNextLaunch) {
   writeFile(home_ + "/config.json", R"({"mode": "on"})");
   {
     auto app = start();
-    // The status line is printed just after the switch: wait for both.
+    // The status line is printed after the switch and its record are made,
+    // so all three are waited for.
     ASSERT_TRUE(waitFor(
         [&] {
           return sleepDisabled() && marker("hold") &&

@@ -176,6 +176,18 @@ TEST(ConfigMergeTest, FileKeysAreReadAsUsualAndMissingOnesKeepCurrentValues) {
   EXPECT_EQ(merged, expected);
   EXPECT_EQ(current.mergedWith(json::parse("[1, 2]")), current);
   EXPECT_EQ(current.mergedWith(json()), current);
+
+  // An edit that drops the optional keys the file had before clears them;
+  // the other keys it drops keep their current values all the same.
+  expected = current;
+  expected.alwaysUntil.reset();
+  expected.modeBeforeAlways.reset();
+  expected.wakeAt.reset();
+  EXPECT_EQ(current.mergedWith(json::parse(R"({"mode": "on"})"), kEveryKeyChanged), expected);
+  expected.wakeAt = current.wakeAt;
+  EXPECT_EQ(current.mergedWith(json::parse(R"({"mode": "on"})"),
+                               json::parse(R"({"alwaysUntil": 5, "modeBeforeAlways": "auto", "preset": "balanced"})")),
+            expected);
 }
 
 TEST(ConfigSetAsideTest, OnlyABrokenFileIsCopiedUnderTheTimeOfDay) {

@@ -65,6 +65,8 @@ TEST_F(EngineTest, ModeAlwaysWithAndWithoutEndTime) {
   engine().stayAwakeFor(80);
   const Time until = clock_.now() + 80 * 60;
   EXPECT_EQ(engine().holdReason(), "Awake until " + formatShortTime(until));
+  // A moment later the time left still reads in whole minutes, rounded up.
+  clock_.advance(0.3);
   EXPECT_EQ(engine().statusLine(), "Awake until " + formatShortTime(until) + " · 1h 20m left");
   EXPECT_EQ(engine().config().modeBeforeAlways, Mode::Auto);
 
@@ -98,6 +100,9 @@ TEST_F(EngineTest, TimedHoldExpiresAndIsDroppedFromRuntimeFile) {
   Hold h = engine().addHold("Build", 90, std::nullopt, std::nullopt);
   EXPECT_DOUBLE_EQ(*h.until, h.created + 5400);
   EXPECT_TRUE(sawNotice("Staying awake for 1h 30m"));
+  // A part of a minute is announced as a whole one, never "0m".
+  engine().releaseHold(engine().addHold("Quick", 0.2, std::nullopt, std::nullopt).id);
+  EXPECT_TRUE(sawNotice("Staying awake for 1m"));
   EXPECT_NE(readFile(folder_ + "/runtime.json").find(h.id), std::string::npos);
 
   advance(5398);
@@ -255,16 +260,27 @@ TEST_F(EngineTest, HeatGuardWaitsFiveMinutesOrActsAtOnceWhenCritical) {
   EXPECT_TRUE(engine().holding());
 }
 
-TEST_F(EngineTest, SetupMissingComesFirstInTheStatus) {
-  work_.reason = "Claude Code is running a command";
+TEST_F(EngineTest, SetupNotReadyLeavesTheSwitchAloneAndComesFirstInTheStatus) {
+  // Given mode Always, then a setup that breaks while the switch still works.
+  writeConfig(R"({"mode": "on"})");
   launch();
   ASSERT_TRUE(engine().holding());
   laptop().setSetup(false, "The sudoers rule is missing.");
-  laptop().setThermalState(3);
-  advance(10);
+  advance(60);
   EXPECT_FALSE(engine().holding());
   EXPECT_FALSE(laptop().sleepDisabled());
+  EXPECT_EQ(laptop().commandLog(), (std::vector<std::string>{"disablesleep 1", "disablesleep 0"}));
+  EXPECT_EQ(std::count(notices_.begin(), notices_.end(), "Setup needs repair"), 1);
+  laptop().setThermalState(3);
+  advance(2);
   EXPECT_EQ(engine().statusLine(), "Needs a one-time setup");
+
+  // Repaired and cool again: it holds once more, with one call.
+  laptop().setSetup(true);
+  laptop().setThermalState(0);
+  advance(10);
+  EXPECT_TRUE(engine().holding());
+  EXPECT_EQ(count("disablesleep 1"), 2);
 }
 
 TEST_F(EngineTest, RefusedSwitchIsRetriedAtMostEveryThirtySeconds) {
@@ -279,11 +295,56 @@ TEST_F(EngineTest, RefusedSwitchIsRetriedAtMostEveryThirtySeconds) {
   advance(28);
   EXPECT_EQ(count("disablesleep 1 (refused)"), 1);
 
+  // The work stops: the refusal no longer matters, so its warning goes.
+  work_.reason.reset();
+  advance(2);
+  EXPECT_FALSE(engine().warning());
+
+  work_.reason = "Claude Code is running a command";
   laptop().setRefusals(false, false);
-  advance(4);
+  advance(2);
   EXPECT_TRUE(engine().holding());
   EXPECT_FALSE(engine().warning());
   EXPECT_TRUE(files().exists("hold"));
+}
+
+TEST_F(EngineTest, ANewHoldTakesOverFromAPendingReleaseAndWarningsEndWithTheirCause) {
+  // Given a hold whose release is refused, and then a new hold.
+  writeConfig(R"({"mode": "off"})");
+  launch();
+  Hold a = engine().addHold("a", std::nullopt, std::nullopt, std::nullopt);
+  laptop().setRefusals(false, true);
+  engine().releaseHold(a.id);
+  ASSERT_TRUE(engine().pendingRelease());
+  engine().addHold("b", std::nullopt, std::nullopt, std::nullopt);
+  EXPECT_TRUE(engine().holding());
+  EXPECT_FALSE(engine().pendingRelease());
+  EXPECT_FALSE(engine().warning());
+  EXPECT_TRUE(files().exists("hold"));
+
+  // Someone switches sleep back on: warned at once, switched off again on
+  // the slow beat, and the warning goes with its cause.
+  laptop().setRefusals(false, false);
+  laptop().setSleepDisabledExternally(false);
+  advance(2);
+  EXPECT_EQ(engine().warning(), "macOS didn't keep sleep switched off");
+  advance(10);
+  EXPECT_TRUE(laptop().sleepDisabled());
+  EXPECT_FALSE(engine().warning());
+  EXPECT_EQ(engine().statusLine(), "b · stays awake closed");
+
+  // Again, while sleep can't be switched off: the warning lasts as long as
+  // the hold, and a change of power source that fails says so too.
+  laptop().setRefusals(true, false);
+  laptop().setSleepDisabledExternally(false);
+  advance(12);
+  EXPECT_EQ(engine().warning(), "macOS didn't keep sleep switched off");
+  laptop().setAdapter(true, true);
+  advance(2);
+  EXPECT_EQ(engine().warning(), "macOS didn't keep sleep switched off after the power change");
+  engine().releaseHold(std::nullopt);
+  EXPECT_FALSE(engine().warning());
+  EXPECT_FALSE(files().exists("hold"));
 }
 
 TEST_F(EngineTest, FailedReleaseStaysPendingAndKeepsItsMarkerUntilItWorks) {
@@ -393,13 +454,18 @@ TEST_F(EngineTest, SettingsFileEditsMergeAndNeverLoosenSafety) {
   EXPECT_FALSE(Safety::load(files())->onlyOnPower);
 }
 
-TEST_F(EngineTest, BrokenSettingsFileIsKeptAsideAndDefaultsWritten) {
+TEST_F(EngineTest, BrokenSettingsFileIsKeptAsideAndDefaultsWrittenWithTheSafetyBaseline) {
+  // Given a damaged file and a battery limit of 30 % set earlier in the app.
   writeConfig("this is not json {");
+  writeFile(folder_ + "/safety.json", R"({"heatGuard": true, "batteryFloor": 30, "onlyOnPower": false})");
   launch();
   const std::string copy = "config.broken-" + std::to_string(static_cast<long long>(clock_.now())) + ".json";
   EXPECT_EQ(readFile(folder_ + "/" + copy), "this is not json {");
-  EXPECT_TRUE(sawNotice("Settings file couldn't be read: Vigilo is using its defaults. Your file was kept as " + copy));
-  EXPECT_EQ(Config::decode(readFile(folder_ + "/config.json")), Config{});
+  // One alert: nothing blames an edit the person never made.
+  EXPECT_THAT(notices_, ElementsAre("Settings file couldn't be read: Vigilo is using its defaults. Your file was kept as " + copy));
+  Config expected;
+  expected.batteryFloor = 30;
+  EXPECT_EQ(Config::decode(readFile(folder_ + "/config.json")), expected);
 }
 
 TEST_F(EngineTest, DamagedStateFilesNeverStopTheApp) {
@@ -417,20 +483,25 @@ TEST_F(EngineTest, DamagedStateFilesNeverStopTheApp) {
   }
 }
 
-TEST_F(EngineTest, CrashWhileHoldingIsAdoptedThenReleased) {
-  // Given a previous run that died holding: sleep off and its marker left.
+TEST_F(EngineTest, CrashWhileHoldingIsAdoptedThenReleasedWithOneCall) {
+  // Given a previous run that died holding with the lid shut: sleep off and
+  // its marker left.
   std::filesystem::create_directories(folder_);
   files().touch("hold");
   laptop().setSleepDisabledExternally(true);
+  laptop().setLidClosed(true);
   launch();
   EXPECT_TRUE(engine().adoptedHoldUntil());
   EXPECT_FALSE(files().exists("sleep-off-before"));
   advance(28);
   EXPECT_TRUE(laptop().sleepDisabled());
+  // The grace ends on a slow beat (tick 15), where the check of the switch
+  // runs too: still one release and one sleep.
   advance(4);
   EXPECT_FALSE(laptop().sleepDisabled());
   EXPECT_FALSE(files().exists("hold"));
   EXPECT_FALSE(engine().adoptedHoldUntil());
+  EXPECT_EQ(laptop().commandLog(), (std::vector<std::string>{"disablesleep 0", "sleepnow"}));
 }
 
 TEST_F(EngineTest, CrashWhileHoldingIsKeptWhenSomethingStillWantsTheMachineAwake) {

@@ -158,6 +158,7 @@ struct SimLaptop::State {
   std::vector<SimProcess> processes;  // sorted by pid
   std::vector<PowerAssertion> assertions;
   std::vector<std::string> log;
+  std::uint64_t recorded = 0;
   Time updated = 0;  // when the charge and counters were last brought up to date
   std::int32_t nextPid = kFirstPid;
   std::uint64_t lastStartMicros = 0;
@@ -211,6 +212,7 @@ struct SimLaptop::State {
   }
 
   void record(std::string entry) {
+    ++recorded;
     log.push_back(std::move(entry));
     if (log.size() > kLogLimit) log.erase(log.begin(), log.end() - kLogLimit);
   }
@@ -567,6 +569,7 @@ const std::vector<PowerAssertion>& SimLaptop::powerAssertions() const {
 }
 
 const std::vector<std::string>& SimLaptop::commandLog() const { return s_->log; }
+std::uint64_t SimLaptop::commandCount() const { return s_->recorded; }
 bool SimLaptop::builtInDisplayOn() const { return s_->displayOn; }
 double SimLaptop::brightness() const { return s_->brightness; }
 bool SimLaptop::automaticBackups() const { return s_->automaticBackups; }

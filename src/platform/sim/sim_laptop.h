@@ -115,6 +115,9 @@ class SimLaptop {
   // "resume <pid>", "slow <pid>", "unslow <pid>"; refused ones end in
   // " (refused)".
   const std::vector<std::string>& commandLog() const;
+  // How many operations were asked for since the start; the log above keeps
+  // only the latest ones.
+  std::uint64_t commandCount() const;
   // Display and settings state put there by the privileged calls.
   bool builtInDisplayOn() const;
   double brightness() const;
