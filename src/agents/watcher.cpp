@@ -171,7 +171,7 @@ int AgentWatcher::classify(const ProcessInfo& p) {
 
 void AgentWatcher::sample(const std::vector<WatchedApp>& watchedApps, bool requestsCount,
                           const std::vector<AgentKind>& extraKinds, Time now) {
-  sample(processes_.list(), watchedApps, requestsCount, extraKinds, now);
+  sample(processes_.listing(ProcessDetail::Identity), watchedApps, requestsCount, extraKinds, now);
 }
 
 void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vector<WatchedApp>& watchedApps,
@@ -307,15 +307,20 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
       if (kindOf[p] == group.kind) ++instances;
       protectedPids.push_back(info.pid);
 
-      // Energy since the previous sample.
-      const auto last = std::lower_bound(lastEnergy_.begin(), lastEnergy_.end(), info.pid,
-                                         [](const Energy& e, std::int32_t pid) { return e.pid < pid; });
-      if (last != lastEnergy_.end() && last->pid == info.pid && last->start == info.startMicros) {
-        if (info.energyNanojoules > last->nanojoules) nanojoules += info.energyNanojoules - last->nanojoules;
-      } else if (lastSample_ && static_cast<double>(info.startMicros) >= previousMicros) {
-        nanojoules += info.energyNanojoules;
+      // Energy since the previous sample. The listing only names the
+      // processes; the counters are read for the sessions' trees alone. A
+      // process that ended since the listing has no reading.
+      if (const auto counters = processes_.counters(info.pid, info.startMicros)) {
+        const std::uint64_t used = counters->energyNanojoules;
+        const auto last = std::lower_bound(lastEnergy_.begin(), lastEnergy_.end(), info.pid,
+                                           [](const Energy& e, std::int32_t pid) { return e.pid < pid; });
+        if (last != lastEnergy_.end() && last->pid == info.pid && last->start == info.startMicros) {
+          if (used > last->nanojoules) nanojoules += used - last->nanojoules;
+        } else if (lastSample_ && static_cast<double>(info.startMicros) >= previousMicros) {
+          nanojoules += used;
+        }
+        energy.push_back(Energy{info.pid, info.startMicros, used});
       }
-      energy.push_back(Energy{info.pid, info.startMicros, info.energyNanojoules});
 
       // A running tool.
       if (!isAgent || std::find(group.roots.begin(), group.roots.end(), p) != group.roots.end()) continue;
@@ -344,8 +349,13 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
     const bool firstOfKind = sessions.empty() || sessions.back().kind.id != kind.id;
     s.id = isAgent && !firstOfKind ? kind.id + "#" + std::to_string(first.pid) : kind.id;
     for (int r : group.roots) s.pids.push_back(list[r].pid);
-    if (!first.cwd.empty()) {
-      std::string_view cwd = first.cwd;
+    std::string firstCwd = first.cwd;
+    if (firstCwd.empty()) {
+      // A listing of identities leaves the working folder out.
+      if (auto info = processes_.info(first.pid); info && info->startMicros == first.startMicros) firstCwd = info->cwd;
+    }
+    if (!firstCwd.empty()) {
+      std::string_view cwd = firstCwd;
       while (cwd.size() > 1 && cwd.back() == '/') cwd.remove_suffix(1);
       if (cwd != "/") s.project = std::string(lastComponent(cwd));
     }

@@ -74,6 +74,11 @@ std::optional<ProcStat> parseProcStat(std::string_view text) {
   s.stime = *stime;
   s.nice = *nice;
   s.starttime = *start;
+  // Fields 26 and 28, since Linux 2.6: absent only from a cut-down line.
+  if (rest.size() > 25) {
+    s.startcode = integer<std::uint64_t>(rest[23]).value_or(0);
+    s.startstack = integer<std::uint64_t>(rest[25]).value_or(0);
+  }
   return s;
 }
 

@@ -21,6 +21,11 @@ struct ProcStat {
   std::uint64_t stime = 0;  // clock ticks
   std::int64_t nice = 0;
   std::uint64_t starttime = 0;  // clock ticks after boot
+  // Where the program's code and stack begin: placed afresh (randomly) by
+  // every exec, so with comm they tell an exec that kept the pid. Zero when
+  // the kernel hides them (another user's process) or the line is short.
+  std::uint64_t startcode = 0;
+  std::uint64_t startstack = 0;
 };
 
 // Nothing for text that is not a stat line.
