@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -49,6 +50,8 @@ constexpr const char* kBlock = "block";
 constexpr double kProbeSeconds = 60.0;
 // The power-source and thermal watch, as often as the engine's tick.
 constexpr double kEventPollSeconds = 2.0;
+// How long a listing of a device folder is kept.
+constexpr double kDeviceListSeconds = 10.0;
 // The machine's draw is shared out among processes at most this often.
 constexpr double kEnergySampleSeconds = 1.0;
 
@@ -160,6 +163,22 @@ class SysTree {
     std::sort(out.begin(), out.end());
     return out;
   }
+  // The names in a folder of devices (/sys/class/..., the ACPI lid
+  // buttons), kept for up to kDeviceListSeconds on the machine itself:
+  // devices come and go seldom, and the tick and the platform's polls read
+  // them several times a tick. sysfs keeps no modification time to tell a
+  // change by, hence the age. A fixture tree is listed every time.
+  std::vector<std::string> devices(std::string_view folder) const {
+    if (!real()) return list(folder);
+    DeviceFolder& kept = devices_[std::string(folder)];
+    const auto now = std::chrono::steady_clock::now();
+    if (kept.listed && now - kept.listedAt < std::chrono::duration<double>(kDeviceListSeconds)) return kept.names;
+    kept.names = list(folder);
+    kept.listed = true;
+    kept.listedAt = now;
+    return kept.names;
+  }
+
   // Whether this is the machine's own /proc, not a fixture tree.
   bool real() const { return root_.empty(); }
 
@@ -224,7 +243,7 @@ class SysTree {
 
   std::vector<PowerSupplyText> supplies() const {
     std::vector<PowerSupplyText> out;
-    for (const std::string& name : list("/sys/class/power_supply")) {
+    for (const std::string& name : devices("/sys/class/power_supply")) {
       PowerSupplyText s;
       s.name = name;
       const std::string base = "/sys/class/power_supply/" + name + "/";
@@ -239,7 +258,7 @@ class SysTree {
 
   std::vector<ThermalZone> zones() const {
     std::vector<ThermalZone> out;
-    for (const std::string& name : list("/sys/class/thermal")) {
+    for (const std::string& name : devices("/sys/class/thermal")) {
       if (name.rfind("thermal_zone", 0) != 0) continue;
       const std::string base = "/sys/class/thermal/" + name + "/";
       ThermalZoneText t;
@@ -260,7 +279,7 @@ class SysTree {
   // The first readable /proc/acpi/button/lid/*/state: its path and state.
   std::optional<std::pair<std::string, bool>> acpiLid() const {
     std::optional<std::pair<std::string, bool>> found;
-    for (const std::string& name : list("/proc/acpi/button/lid")) {
+    for (const std::string& name : devices("/proc/acpi/button/lid")) {
       const std::string p = "/proc/acpi/button/lid/" + name + "/state";
       auto text = read(p);
       auto closed = text ? lidClosedFromAcpiState(*text) : std::nullopt;
@@ -272,7 +291,7 @@ class SysTree {
   }
 
   bool hasLidSwitchInput() const {
-    for (const std::string& name : list("/sys/class/input")) {
+    for (const std::string& name : devices("/sys/class/input")) {
       if (name.rfind("input", 0) != 0) continue;
       auto sw = read("/sys/class/input/" + name + "/capabilities/sw");
       if (sw && hasLidSwitchBit(*sw)) return true;
@@ -282,14 +301,20 @@ class SysTree {
 
   std::optional<std::string> backlight() const {
     std::vector<std::pair<std::string, std::string>> all;
-    for (const std::string& name : list("/sys/class/backlight")) {
+    for (const std::string& name : devices("/sys/class/backlight")) {
       all.emplace_back(name, read("/sys/class/backlight/" + name + "/type").value_or(""));
     }
     return chooseBacklight(all);
   }
 
  private:
+  struct DeviceFolder {
+    bool listed = false;
+    std::chrono::steady_clock::time_point listedAt;
+    std::vector<std::string> names;
+  };
   std::string root_;
+  mutable std::map<std::string, DeviceFolder> devices_;
 };
 
 // ---------------------------------------------------------------- the sleep switch
@@ -610,7 +635,15 @@ class LinuxProcesses final : public Processes {
   // again.
   std::vector<ProcessInfo> listing(ProcessDetail detail) override {
     if (detail != ProcessDetail::Identity) sampleMachine();
-    const auto folders = tree_.processFolders();
+    // Read before the folders, so that a process started meanwhile moves it.
+    std::optional<TaskStamp> tasks;
+    if (detail != ProcessDetail::Full) {
+      auto text = tree_.head("/proc/loadavg", 256);
+      tasks = text ? taskStampFromLoadavg(*text) : std::nullopt;
+    }
+    if (!tasks || tasks != lastTasks_ || listings_ == 0) folders_ = tree_.processFolders();
+    lastTasks_ = tasks;
+    const auto& folders = folders_;
     ++listings_;
     std::vector<ProcessInfo> out;
     out.reserve(folders.size());
@@ -630,7 +663,9 @@ class LinuxProcesses final : public Processes {
       if (detail != ProcessDetail::Identity) {
         cpu = cpuOf(pid, stat ? &*stat : nullptr);
         if (!cpu) continue;
-        if (!stat && *cpu != known->second.cpuAtCheck) {
+        const ProcessInfo& id = known->second.identity;
+        const bool kernelThread = id.path.empty() && id.args.empty();
+        if (!stat && !kernelThread && *cpu != known->second.cpuAtCheck) {
           // It ran since it was last read: it may have exec'd.
           stat = tree_.stat(pid);
           if (!stat) continue;
@@ -967,6 +1002,11 @@ class LinuxProcesses final : public Processes {
   EnergyShare energy_;
   KnownMap known_;
   std::uint64_t listings_ = 0;
+  // The process folders of the last listing, and the kernel's task stamp
+  // then: while it stays, no process started or ended, and listing /proc
+  // again (the largest cost of an idle tick) would show the same.
+  std::vector<std::pair<std::int32_t, ino_t>> folders_;
+  std::optional<TaskStamp> lastTasks_;
   std::map<std::int32_t, SlowRecord> slowed_;
 };
 

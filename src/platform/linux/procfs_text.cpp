@@ -106,6 +106,17 @@ std::optional<std::uint64_t> busyTicksFromProcStat(std::string_view text) {
   return busy;
 }
 
+std::optional<TaskStamp> taskStampFromLoadavg(std::string_view text) {
+  auto f = fields(text);
+  if (f.size() != 5) return std::nullopt;
+  const auto slash = f[3].find('/');
+  if (slash == std::string_view::npos) return std::nullopt;
+  auto tasks = integer<std::uint64_t>(f[3].substr(slash + 1));
+  auto last = integer<std::uint64_t>(f[4]);
+  if (!tasks || !last) return std::nullopt;
+  return TaskStamp{*tasks, *last};
+}
+
 std::vector<std::string> splitCmdline(std::string_view text) {
   std::vector<std::string> out;
   while (!text.empty()) {

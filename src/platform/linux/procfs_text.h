@@ -38,6 +38,16 @@ std::optional<std::int64_t> bootTimeFromProcStat(std::string_view text);
 // user and nice; idle and iowait are not busy).
 std::optional<std::uint64_t> busyTicksFromProcStat(std::string_view text);
 
+// From /proc/loadavg ("0.20 0.18 0.12 1/80 11206"): the number of tasks
+// (threads) that exist and the last pid handed out. While neither moves, no
+// task has started or been reaped.
+struct TaskStamp {
+  std::uint64_t tasks = 0;
+  std::uint64_t lastPid = 0;
+  bool operator==(const TaskStamp&) const = default;
+};
+std::optional<TaskStamp> taskStampFromLoadavg(std::string_view text);
+
 // /proc/PID/cmdline split at its NULs. A process that rewrote its title
 // into one string gives that one string.
 std::vector<std::string> splitCmdline(std::string_view text);

@@ -89,6 +89,10 @@ TEST(LinuxProcText, MachineCountersCommandLinesLimitsAndCapabilities) {
   EXPECT_EQ(bootTimeFromProcStat(procStat), 1795243647);
   EXPECT_EQ(busyTicksFromProcStat(procStat), 107773u + 0 + 14520 + 0 + 111 + 56);
   EXPECT_FALSE(bootTimeFromProcStat("cpu 1 2 3 4\n").has_value());
+  EXPECT_EQ(taskStampFromLoadavg("0.20 0.18 0.12 1/80 11206\n"), (TaskStamp{80, 11206}));
+  for (const char* junk : {"", "0.20 0.18 0.12 80 11206\n", "0.20 0.18 0.12 1/80\n", "0.2 0.1 0.1 1/x 5\n"}) {
+    EXPECT_FALSE(taskStampFromLoadavg(junk).has_value()) << junk;
+  }
 
   EXPECT_EQ(splitCmdline("node\0/usr/bin/claude\0--resume\0"s),
             (std::vector<std::string>{"node", "/usr/bin/claude", "--resume"}));
@@ -367,6 +371,8 @@ TEST_F(LinuxTreeTest, ListingsNeverMistakeANewProcessUnderAnOldPidForTheOldOne) 
             std::to_string(stack) + "\n");
     put("/proc/" + std::to_string(pid) + "/cmdline", cmdline);
   };
+  // The kernel's task count and last pid: what tells that nothing started.
+  put("/proc/loadavg", "0.00 0.00 0.00 1/2 200\n");
   process(100, 1, "claude", 400, 10, 111, "claude\0"s);
   process(200, 100, "node", 500, 5, 222, "node\0/x/server.js\0"s);
   auto p = platform();
@@ -390,6 +396,7 @@ TEST_F(LinuxTreeTest, ListingsNeverMistakeANewProcessUnderAnOldPidForTheOldOne) 
   // shows its old parent in the cache until it is read again.
   std::filesystem::rename(dir_.path() + "/proc/100", dir_.path() + "/proc/gone");
   process(100, 1, "sleep", 900, 0, 333, "sleep\0"s "60\0"s);
+  put("/proc/loadavg", "0.00 0.00 0.00 1/2 100\n");
   process(200, 1, "node", 500, 5, 222, "node\0/x/server.js\0"s);
   auto second = procs.listing(ProcessDetail::Identity);
   EXPECT_EQ(std::tuple(find(second, 100).path, find(second, 100).startMicros), std::tuple("sleep"s, start(900)));
