@@ -5,8 +5,8 @@
 //   1. Bare baselines: a loop that only lists /proc, and one that also reads
 //      every /proc/PID/stat.
 //   2. The Linux backend in this process: an engine (preview only, on a
-//      manual loop) ticking every 2 s, with the CPU time of its agent
-//      watcher sample, its energy sample and the whole tick.
+//      manual loop) ticking every 2 s of real time, with the CPU time of its
+//      agent watcher sample, its energy sample and the whole tick.
 //   3. The app itself: `vigilo app` in a temporary app folder (mode off, so
 //      it switches nothing) for `seconds`, read from outside: CPU time per
 //      tick, wake-ups per tick and its memory.
@@ -228,6 +228,9 @@ BackendCost measureBackend(const std::string& folder, int ticks) {
   for (int i = 0; i < 5; ++i) loop.advance(2);
   std::vector<double> watcher, energy, both, tick;
   for (int i = 0; i < ticks; ++i) {
+    // Real time passes between ticks as in the app, so that what the
+    // machine does meanwhile (processes started and ended) is seen too.
+    std::this_thread::sleep_for(std::chrono::seconds(2));
     const double t = threadCpuMicros();
     loop.advance(2);
     tick.push_back(threadCpuMicros() - t);
@@ -326,12 +329,12 @@ int measureApp(const std::string& folder, double seconds) {
 int main(int argc, char** argv) {
   using namespace vigilo;
   int children = 1000;
-  int ticks = 100;
+  int ticks = 30;
   double seconds = 30;
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string flag = argv[i];
     if (flag == "--children") children = std::max(0, std::atoi(argv[i + 1]));
-    if (flag == "--ticks") ticks = std::max(10, std::atoi(argv[i + 1]));
+    if (flag == "--ticks") ticks = std::max(5, std::atoi(argv[i + 1]));
     if (flag == "--seconds") seconds = std::max(0.0, std::atof(argv[i + 1]));
   }
   std::signal(SIGINT, onSignal);
@@ -351,7 +354,7 @@ int main(int argc, char** argv) {
 
   std::vector<double> list, stat;
   std::size_t sink = 0;
-  for (int i = 0; i < ticks; ++i) {
+  for (int i = 0; i < 100; ++i) {
     double t = threadCpuMicros();
     sink += bareScan(false);
     list.push_back(threadCpuMicros() - t);
