@@ -33,6 +33,8 @@ class McpEndToEndTest : public ::testing::Test {
     }));
     app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", state_}, home_,
                                         dir_.file("app.txt"));
+    // The tool starts an app of its own when none runs, so wait for ours.
+    ASSERT_TRUE(waitFor([&] { return runningApp(home_).has_value(); }, 10s)) << app_->output();
     ASSERT_TRUE(waitFor([&] { return runTool({"status"}, home_).status == 0; }, 10s)) << app_->output();
   }
   void TearDown() override {
