@@ -54,7 +54,14 @@ struct AgentSession {
   int instances = 0;         // processes merged into the session
   std::optional<AgentState> state;     // from the agent's hook events
   std::optional<Time> stateSince;
+  // The state was worked out from activity (a question the person has
+  // evidently answered reads "working"), not reported by the agent.
+  bool stateInferred = false;
   std::vector<std::int32_t> pids;      // the session's root processes
+  // The first root's start time (microseconds since 1970): with its pid it
+  // names the agent's process for as long as it lives, whatever id the
+  // session is shown under.
+  std::optional<std::uint64_t> rootStart;
   std::optional<Time> toolSince;       // when the running child tool started
 };
 

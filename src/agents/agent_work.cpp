@@ -13,6 +13,9 @@ namespace {
 // The events are re-read on their notification, and every tenth sample in
 // case one was missed (the app was busy starting, say).
 constexpr std::int64_t kEventRereadEvery = 10;
+// How far ahead of this app's clock an event's time may lie (the hook's
+// process reads the same clock, a moment later).
+constexpr double kFutureSlack = 60.0;
 
 }  // namespace
 
@@ -35,6 +38,9 @@ void AgentWork::sample(Engine& engine) {
   watcher_.sample(processes_, config.watchedApps, config.countRequests, extra, now);
   if (eventsDirty_ || samples_++ % kEventRereadEvery == 0) {
     events_ = AgentEvents::load(appFolder_, now);
+    // An event from the future (a damaged file, a clock put back) would
+    // never go stale.
+    std::erase_if(events_, [now](const AgentEvent& e) { return !(e.at <= now + kFutureSlack); });
     eventsDirty_ = false;
   }
   applyEvents(now);
@@ -43,61 +49,79 @@ void AgentWork::sample(Engine& engine) {
 
 void AgentWork::applyEvents(Time now) {
   sessions_ = watcher_.sessions();
-  std::map<std::int32_t, std::uint64_t> starts;
-  for (const ProcessInfo& p : processes_) starts[p.pid] = p.startMicros;
+  struct Proc {
+    std::int32_t ppid = 0;
+    std::uint64_t start = 0;
+  };
+  std::map<std::int32_t, Proc> procs;
+  for (const ProcessInfo& p : processes_) procs[p.pid] = Proc{p.ppid, p.startMicros};
+  auto startOf = [&](std::int32_t pid) -> std::optional<std::uint64_t> {
+    auto it = procs.find(pid);
+    if (it == procs.end()) return std::nullopt;
+    return it->second.start;
+  };
 
-  // Events name their agent's process: the session with that root takes the
-  // agent's own session id.
+  // An event binds to the process that sent it (pid and start time): the
+  // session whose root is that process or one of its ancestors. An event
+  // whose process is gone binds to nothing, so a new agent process never
+  // inherits a dead session's state.
   std::set<std::string> placed;
   std::vector<bool> keyed(sessions_.size(), false);
+  auto bind = [&](std::size_t i, const std::string& session) {
+    sessions_[i].id = session;
+    keyed[i] = true;
+    placed.insert(session);
+  };
   for (const AgentEvent& e : events_) {
     if (!e.pid || placed.count(e.session)) continue;
-    auto live = starts.find(*e.pid);
-    if (live == starts.end() || (e.pidStart && live->second != *e.pidStart)) continue;
-    for (std::size_t i = 0; i < sessions_.size(); ++i) {
-      const auto& pids = sessions_[i].pids;
-      if (!keyed[i] && std::find(pids.begin(), pids.end(), *e.pid) != pids.end()) {
-        sessions_[i].id = e.session;
-        keyed[i] = true;
-        placed.insert(e.session);
-        break;
+    auto live = procs.find(*e.pid);
+    if (live == procs.end() || (e.pidStart && live->second.start != *e.pidStart)) continue;
+    std::int32_t pid = *e.pid;
+    for (int steps = 0; steps < 64 && pid > 1 && !placed.count(e.session); ++steps) {
+      for (std::size_t i = 0; i < sessions_.size(); ++i) {
+        const auto& pids = sessions_[i].pids;
+        if (!keyed[i] && sessions_[i].kind.id == e.agent && std::find(pids.begin(), pids.end(), pid) != pids.end()) {
+          bind(i, e.session);
+          break;
+        }
       }
+      auto up = procs.find(pid);
+      if (up == procs.end()) break;
+      pid = up->second.ppid;
     }
   }
-  // Events whose process is unknown or gone go to a running session of the
-  // same agent that no event claimed, newest event first.
+  // An event that names no process (the hook couldn't find it) goes to a
+  // session of the same agent that no event claimed and whose process is
+  // older than the event, newest event first.
   std::vector<const AgentEvent*> loose;
   for (const AgentEvent& e : events_) {
-    if (!placed.count(e.session)) loose.push_back(&e);
+    if (!e.pid && !placed.count(e.session)) loose.push_back(&e);
   }
   std::sort(loose.begin(), loose.end(), [](const AgentEvent* a, const AgentEvent* b) { return a->at > b->at; });
+  // The process a session was bound to last time keeps it.
+  std::map<std::string, std::pair<std::int32_t, std::uint64_t>> boundBefore;
+  for (const auto& [key, sticky] : stickyIds_) boundBefore[sticky.id] = key;
+  auto fits = [&](std::size_t i, const AgentEvent& e) {
+    const AgentSession& s = sessions_[i];
+    if (keyed[i] || s.kind.id != e.agent || s.pids.empty()) return false;
+    auto start = startOf(s.pids.front());
+    return start && static_cast<double>(*start) / 1e6 <= e.at;
+  };
   for (const AgentEvent* e : loose) {
     if (placed.count(e->session)) continue;
-    for (std::size_t i = 0; i < sessions_.size(); ++i) {
-      if (!keyed[i] && sessions_[i].kind.id == e->agent) {
-        sessions_[i].id = e->session;
-        keyed[i] = true;
-        placed.insert(e->session);
-        break;
+    auto before = boundBefore.find(e->session);
+    for (std::size_t i = 0; i < sessions_.size() && before != boundBefore.end() && !placed.count(e->session); ++i) {
+      if (fits(i, *e) && sessions_[i].pids.front() == before->second.first &&
+          startOf(sessions_[i].pids.front()) == before->second.second) {
+        bind(i, e->session);
       }
     }
   }
-
-  // Sessions whose events are gone keep the id their process had.
-  std::map<std::pair<std::int32_t, std::uint64_t>, std::string> sticky;
-  for (std::size_t i = 0; i < sessions_.size(); ++i) {
-    AgentSession& s = sessions_[i];
-    if (s.pids.empty()) continue;
-    auto live = starts.find(s.pids.front());
-    if (live == starts.end()) continue;
-    const auto key = std::make_pair(live->first, live->second);
-    if (!keyed[i]) {
-      auto old = stickyIds_.find(key);
-      if (old != stickyIds_.end() && !placed.count(old->second)) s.id = old->second;
+  for (const AgentEvent* e : loose) {
+    for (std::size_t i = 0; i < sessions_.size() && !placed.count(e->session); ++i) {
+      if (fits(i, *e)) bind(i, e->session);
     }
-    sticky[key] = s.id;
   }
-  stickyIds_ = std::move(sticky);
 
   for (std::size_t i = 0; i < sessions_.size(); ++i) {
     AgentSession& s = sessions_[i];
@@ -106,13 +130,49 @@ void AgentWork::applyEvents(Time now) {
     if (!folded) continue;
     s.state = folded->state;
     s.stateSince = folded->since;
+    bool reportedWorking = false;
     for (const AgentEvent& e : events_) {
-      if (e.session == s.id && e.state == AgentState::Waiting && e.detail) s.detail = *e.detail;
+      if (e.session != s.id) continue;
+      if (e.state == AgentState::Waiting && e.detail) s.detail = *e.detail;
+      reportedWorking = reportedWorking || e.state == AgentState::Working;
+    }
+    s.stateInferred = folded->state == AgentState::Working && !reportedWorking;
+  }
+
+  // Sessions whose events are gone (SessionEnd while the process lives on)
+  // keep the id their process had, and the last state it reported other
+  // than working, so the quiet minutes run on without a break.
+  std::map<std::pair<std::int32_t, std::uint64_t>, Sticky> sticky;
+  for (std::size_t i = 0; i < sessions_.size(); ++i) {
+    AgentSession& s = sessions_[i];
+    if (s.pids.empty()) continue;
+    auto start = startOf(s.pids.front());
+    if (!start) continue;
+    const auto key = std::make_pair(s.pids.front(), *start);
+    auto old = stickyIds_.find(key);
+    if (!keyed[i] && old != stickyIds_.end() && !placed.count(old->second.id)) {
+      s.id = old->second.id;
+      s.state = old->second.state;
+      s.stateSince = old->second.since;
+    }
+    Sticky& now = sticky[key];
+    now.id = s.id;
+    if (s.state && s.stateSince && *s.state != AgentState::Working) {
+      now.state = s.state;
+      now.since = s.stateSince;
     }
   }
+  stickyIds_ = std::move(sticky);
+  std::map<std::pair<std::int32_t, std::uint64_t>, std::string> ids;
+  for (const auto& [key, known] : stickyIds_) ids.emplace(key, known.id);
+  watcher_.setSessionIds(std::move(ids));
 }
 
-std::optional<std::string> AgentWork::workReason(Engine&) { return detection_.workReason(); }
+// Worked out again at each evaluation, so a settings change (an agent
+// tracked only, say) counts at once.
+std::optional<std::string> AgentWork::workReason(Engine& engine) {
+  return detection_.workReason(engine.config(), engine.now());
+}
 
 std::optional<std::string> AgentWork::lastWorker(Engine&) { return detection_.lastWorker(); }
 

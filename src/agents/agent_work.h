@@ -56,9 +56,14 @@ class AgentWork final : public WorkSource {
   std::vector<ProcessInfo> processes_;
   std::vector<AgentSession> sessions_;
   // The agent's own session id stays with its process (pid and start) while
-  // it lives, also after the session's events are gone, so the quiet
-  // minutes run on without a break.
-  std::map<std::pair<std::int32_t, std::uint64_t>, std::string> stickyIds_;
+  // it lives, also after the session's events are gone, with the last state
+  // it reported other than working.
+  struct Sticky {
+    std::string id;
+    std::optional<AgentState> state;
+    std::optional<Time> since;
+  };
+  std::map<std::pair<std::int32_t, std::uint64_t>, Sticky> stickyIds_;
 };
 
 }  // namespace vigilo

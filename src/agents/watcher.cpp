@@ -83,7 +83,53 @@ std::vector<std::string> folderNames(const std::string& path, int limit) {
   return names;
 }
 
+// The one agent whose transcript folders name the working folder.
+constexpr std::string_view kClaudeCode = "claude-code";
+
+// Whether one of the `changed` transcripts belongs to a Claude Code session
+// whose own id is `id` (may be empty) working in `cwd`. A transcript is named
+// after its session: one named after a live session's id is that session's.
+// Otherwise `projectFolders`, the transcript folders of all live sessions,
+// decide: a transcript in one of them belongs to the sessions working there,
+// one elsewhere to every session. Other kinds' transcripts belong to all of
+// their sessions.
+bool transcriptIsOurs(const AgentKind& kind, const std::vector<std::string>& changed, const std::string& cwd,
+                      const std::string& id, const std::set<std::string>& liveIds,
+                      const std::set<std::string>& projectFolders) {
+  if (kind.id != kClaudeCode) return true;
+  const std::string ours = cwd.empty() ? std::string() : claudeProjectFolder(cwd);
+  for (const std::string& path : changed) {
+    std::string_view name = lastComponent(path);
+    if (const auto dot = name.rfind('.'); dot != std::string_view::npos) name = name.substr(0, dot);
+    if (liveIds.count(std::string(name))) {
+      if (name == id) return true;
+      continue;
+    }
+    std::string_view folder = path;
+    const auto slash = folder.rfind('/');
+    folder = slash == std::string_view::npos ? std::string_view() : lastComponent(folder.substr(0, slash));
+    if (folder == ours || !projectFolders.count(std::string(folder))) return true;
+  }
+  return false;
+}
+
 }  // namespace
+
+std::string claudeProjectFolder(std::string_view cwd) {
+  std::string out;
+  out.reserve(cwd.size());
+  for (std::size_t i = 0; i < cwd.size(); ++i) {
+    const auto c = static_cast<unsigned char>(cwd[i]);
+    if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) {
+      out += static_cast<char>(c);
+    } else if (c < 0x80 || (c & 0xC0) == 0xC0) {
+      // One "-" per character, as the agent (JavaScript) counts them: a
+      // UTF-8 sequence is one character, and one beyond U+FFFF two.
+      out += (c & 0xF8) == 0xF0 ? "--" : "-";
+    }
+  }
+  return out;
+}
 
 AgentWatcher::AgentWatcher(Processes& processes, Registry& registry, std::string home, const Clock& clock,
                            BundleLookup bundles)
@@ -260,8 +306,29 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
     return a.kind != b.kind ? a.kind < b.kind : earlier(a.roots.front(), b.roots.front());
   });
 
-  // Transcripts once per kind that has a session.
-  std::vector<signed char> transcripts(kinds_.size(), -1);
+  // The working folder of each session's first root. A listing of
+  // identities leaves it out: it is read for these processes alone.
+  std::vector<std::string> firstCwd(groups.size());
+  for (std::size_t g = 0; g < groups.size(); ++g) {
+    const ProcessInfo& first = list[groups[g].roots.front()];
+    firstCwd[g] = first.cwd;
+    if (firstCwd[g].empty()) {
+      if (auto info = processes_.info(first.pid); info && info->startMicros == first.startMicros) firstCwd[g] = info->cwd;
+    }
+  }
+
+  // Transcripts once per kind that has a session, and the folders in which
+  // Claude Code keeps the transcripts of its live sessions.
+  std::vector<std::optional<std::vector<std::string>>> transcripts(kinds_.size());
+  std::set<std::string> projectFolders;
+  std::set<std::string> liveIds;
+  for (std::size_t g = 0; g < groups.size(); ++g) {
+    const Group& group = groups[g];
+    const ProcessInfo& first = list[group.roots.front()];
+    if (kinds_[static_cast<std::size_t>(group.kind)].id != kClaudeCode) continue;
+    if (!firstCwd[g].empty()) projectFolders.insert(claudeProjectFolder(firstCwd[g]));
+    if (auto id = sessionIds_.find({first.pid, first.startMicros}); id != sessionIds_.end()) liveIds.insert(id->second);
+  }
   const double monotonic = clock_.monotonic();
 
   std::vector<Energy> energy;
@@ -301,25 +368,31 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
     s.kind = kind;
     int instances = 0;
     std::uint64_t nanojoules = 0;
+    std::uint64_t cpuMicros = 0;
     std::optional<std::uint64_t> toolStart;
     for (int p : tree) {
       const ProcessInfo& info = list[p];
       if (kindOf[p] == group.kind) ++instances;
       protectedPids.push_back(info.pid);
 
-      // Energy since the previous sample. The listing only names the
-      // processes; the counters are read for the sessions' trees alone. A
-      // process that ended since the listing has no reading.
-      if (const auto counters = processes_.counters(info.pid, info.startMicros)) {
-        const std::uint64_t used = counters->energyNanojoules;
+      // Energy and CPU time since the previous sample. A listing of
+      // identities carries no counters: they are read for the sessions'
+      // trees alone. Where they can't be read (the process ended since, or
+      // the list came from elsewhere) the list's own stand.
+      {
+        const auto counters = processes_.counters(info.pid, info.startMicros);
+        const std::uint64_t used = counters ? counters->energyNanojoules : info.energyNanojoules;
+        const std::uint64_t cpu = counters ? counters->cpuMicros : info.cpuMicros;
         const auto last = std::lower_bound(lastEnergy_.begin(), lastEnergy_.end(), info.pid,
                                            [](const Energy& e, std::int32_t pid) { return e.pid < pid; });
         if (last != lastEnergy_.end() && last->pid == info.pid && last->start == info.startMicros) {
           if (used > last->nanojoules) nanojoules += used - last->nanojoules;
+          if (cpu > last->cpuMicros) cpuMicros += cpu - last->cpuMicros;
         } else if (lastSample_ && static_cast<double>(info.startMicros) >= previousMicros) {
           nanojoules += used;
+          cpuMicros += cpu;
         }
-        energy.push_back(Energy{info.pid, info.startMicros, used});
+        energy.push_back(Energy{info.pid, info.startMicros, used, cpu});
       }
 
       // A running tool.
@@ -338,24 +411,30 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
     RootState state;
     if (auto it = roots_.find(key); it != roots_.end()) state = it->second;
     std::optional<double> watts;
-    if (state.readAt && now > *state.readAt) watts = static_cast<double>(nanojoules) / 1e9 / (now - *state.readAt);
+    bool busyCpu = false;
+    if (state.readAt && now > *state.readAt) {
+      const double seconds = now - *state.readAt;
+      const double cores = static_cast<double>(cpuMicros) / 1e6 / seconds;
+      busyCpu = cores * kWattsPerBusyCore >= kind.idleWatts && cpuMicros > 0;
+      watts = nanojoules > 0 ? static_cast<double>(nanojoules) / 1e9 / seconds : cores * kWattsPerBusyCore;
+    }
     state.readAt = now;
 
-    signed char& changed = transcripts[static_cast<std::size_t>(group.kind)];
-    if (changed < 0) changed = transcriptsChanged(kind, monotonic) ? 1 : 0;
-    if ((watts && *watts >= kind.idleWatts) || changed == 1) state.lastActive = now;
+    auto& changed = transcripts[static_cast<std::size_t>(group.kind)];
+    if (!changed) changed = changedTranscripts(kind, monotonic);
+    const auto id = sessionIds_.find({first.pid, first.startMicros});
+    const bool wroteTranscript =
+        !changed->empty() && transcriptIsOurs(kind, *changed, firstCwd[g], id != sessionIds_.end() ? id->second : "",
+                                              liveIds, projectFolders);
+    if ((watts && *watts >= kind.idleWatts) || busyCpu || wroteTranscript) state.lastActive = now;
     roots[key] = state;
 
     const bool firstOfKind = sessions.empty() || sessions.back().kind.id != kind.id;
     s.id = isAgent && !firstOfKind ? kind.id + "#" + std::to_string(first.pid) : kind.id;
     for (int r : group.roots) s.pids.push_back(list[r].pid);
-    std::string firstCwd = first.cwd;
-    if (firstCwd.empty()) {
-      // A listing of identities leaves the working folder out.
-      if (auto info = processes_.info(first.pid); info && info->startMicros == first.startMicros) firstCwd = info->cwd;
-    }
-    if (!firstCwd.empty()) {
-      std::string_view cwd = firstCwd;
+    s.rootStart = first.startMicros;
+    if (!firstCwd[g].empty()) {
+      std::string_view cwd = firstCwd[g];
       while (cwd.size() > 1 && cwd.back() == '/') cwd.remove_suffix(1);
       if (cwd != "/") s.project = std::string(lastComponent(cwd));
     }
@@ -483,21 +562,28 @@ bool AgentWatcher::isUserFacing(std::int32_t pid, const std::string& name) {
   return vigilo::isUserFacing(name, info ? info->path : std::string());
 }
 
-bool AgentWatcher::transcriptsChanged(const AgentKind& kind) { return transcriptsChanged(kind, clock_.monotonic()); }
+bool AgentWatcher::transcriptsChanged(const AgentKind& kind) { return !changedTranscripts(kind).empty(); }
 
-bool AgentWatcher::transcriptsChanged(const AgentKind& kind, double monotonic) {
-  if (kind.transcriptDirs.empty() || home_.empty()) return false;
+std::vector<std::string> AgentWatcher::changedTranscripts(const AgentKind& kind) {
+  return changedTranscripts(kind, clock_.monotonic());
+}
+
+std::vector<std::string> AgentWatcher::changedTranscripts(const AgentKind& kind, double monotonic) {
+  if (kind.transcriptDirs.empty() || home_.empty()) return {};
   TranscriptState& t = transcripts_[kind.id];
   std::optional<Time> seen;
   auto see = [&seen](Time time) {
     if (!seen || time > *seen) seen = time;
   };
+  // The files looked at with their times, to tell which are newer.
+  std::vector<std::pair<Time, std::string>> looked;
 
   for (auto& [time, path] : t.recent) {
     struct stat st {};
     if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
     time = mtimeOf(st);
     see(time);
+    looked.emplace_back(time, path);
   }
 
   if (!t.search && (!t.searchedAt || monotonic - *t.searchedAt >= kTranscriptSearchInterval ||
@@ -547,6 +633,7 @@ bool AgentWatcher::transcriptsChanged(const AgentKind& kind, double monotonic) {
       }
     }
     if (search.newest) see(*search.newest);
+    looked.insert(looked.end(), search.recent.begin(), search.recent.end());
     if (search.stack.empty() || search.entries >= kTranscriptEntryBudget) {
       t.recent = std::move(search.recent);
       t.search.reset();
@@ -555,16 +642,19 @@ bool AgentWatcher::transcriptsChanged(const AgentKind& kind, double monotonic) {
         // The first search takes note of what is there.
         t.looked = true;
         t.newest = seen;
-        return false;
+        return {};
       }
     }
   }
-  if (!t.looked) return false;
-  if (seen && (!t.newest || *seen > *t.newest)) {
-    t.newest = seen;
-    return true;
+  if (!t.looked || !seen || (t.newest && *seen <= *t.newest)) return {};
+  std::vector<std::string> changed;
+  for (const auto& [time, path] : looked) {
+    if ((!t.newest || time > *t.newest) && std::find(changed.begin(), changed.end(), path) == changed.end()) {
+      changed.push_back(path);
+    }
   }
-  return false;
+  t.newest = seen;
+  return changed;
 }
 
 }  // namespace vigilo

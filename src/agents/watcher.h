@@ -42,6 +42,17 @@ inline constexpr double kTranscriptSearchInterval = 10.0;
 // (MCP and language servers) are part of the agent.
 inline constexpr double kHelperStartWindow = 10.0;
 
+// A tree counts as active when its measured power reaches its kind's idle
+// watts, or when its CPU time does at kWattsPerBusyCore (idle watts 0.02 W:
+// half a percent of a core), so that work is seen also where the machine
+// measures no draw (a Linux laptop on its adapter). Where nothing is
+// measured, the tree's watts are its CPU use at that rate: an estimate.
+
+// The folder name under which Claude Code keeps the transcripts of a working
+// folder: every character that is not an ASCII letter or digit becomes "-"
+// ("/home/me/my_app" gives "-home-me-my-app").
+std::string claudeProjectFolder(std::string_view cwd);
+
 // Watches the process table for agents, watched apps and sleep requests.
 // One per engine, on the main thread.
 //
@@ -54,8 +65,16 @@ inline constexpr double kHelperStartWindow = 10.0;
 //
 // Power. A tree's watts are the growth of its processes' energy counters
 // since the previous sample over the seconds between: a process seen last
-// time counts its growth, one started since counts all its energy. The
-// first sample of a tree has no power yet.
+// time counts its growth, one started since counts all its energy. Its CPU
+// use is the same over the CPU-time counters. The first sample of a tree has
+// no power yet.
+//
+// Transcripts. A newer transcript marks as active the sessions it belongs
+// to. Claude Code names a transcript after its session and keeps it in a
+// folder named after the working folder (claudeProjectFolder): it belongs to
+// the session of that id (see setSessionIds), else to the sessions working
+// in that folder. Where the path names no live session (other agents,
+// unreadable working folders), it belongs to every session of the kind.
 //
 // Tools. A descendant runs a tool (a command the agent started) when it is
 // a command shell (agents run their commands through one) or lives below
@@ -82,6 +101,12 @@ class AgentWatcher {
   void sample(const std::vector<ProcessInfo>& processes, const std::vector<WatchedApp>& watchedApps,
               bool requestsCount, const std::vector<AgentKind>& extraKinds, Time now);
 
+  // The agents' own session ids, by root process (pid and start time), as
+  // their hook events gave them: used to attribute transcripts.
+  void setSessionIds(std::map<std::pair<std::int32_t, std::uint64_t>, std::string> ids) {
+    sessionIds_ = std::move(ids);
+  }
+
   const std::vector<AgentSession>& sessions() const { return sessions_; }
   const std::vector<SleepBlocker>& blockers() const { return blockers_; }
   // Every process of every session, trees included, and their app bundles
@@ -106,6 +131,8 @@ class AgentWatcher {
   // Whether a transcript of this kind is newer than the newest seen before.
   // The first complete search only takes note of what is there.
   bool transcriptsChanged(const AgentKind& kind);
+  // The same, giving the transcripts found newer (empty: none).
+  std::vector<std::string> changedTranscripts(const AgentKind& kind);
 
  private:
   // What carries over for one session between samples.
@@ -144,7 +171,7 @@ class AgentWatcher {
                          const BundleMeta& meta) const;
   const BundleMeta& bundleMeta(std::string_view bundle);
   void setKinds(const std::vector<WatchedApp>& watchedApps, const std::vector<AgentKind>& extraKinds);
-  bool transcriptsChanged(const AgentKind& kind, double monotonic);
+  std::vector<std::string> changedTranscripts(const AgentKind& kind, double monotonic);
 
   Processes& processes_;
   Registry& registry_;
@@ -178,12 +205,14 @@ class AgentWatcher {
     std::int32_t pid = 0;
     std::uint64_t start = 0;
     std::uint64_t nanojoules = 0;
+    std::uint64_t cpuMicros = 0;
   };
   std::vector<Energy> lastEnergy_;  // by pid
   // Per session key (root pid and start, or an app's kind id).
   std::map<std::string, RootState> roots_;
   std::map<std::string, TranscriptState> transcripts_;
   std::map<std::string, Time> requestFirstSeen_;
+  std::map<std::pair<std::int32_t, std::uint64_t>, std::string> sessionIds_;
 
   std::vector<AgentSession> sessions_;
   std::vector<SleepBlocker> blockers_;

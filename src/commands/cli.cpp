@@ -130,6 +130,15 @@ std::string holdLine(const json& h) {
   return line;
 }
 
+// One row of the energy list; "~" marks a draw estimated from CPU use.
+std::string appLine(const json& a) {
+  char buf[256];
+  std::snprintf(buf, sizeof buf, "%s%5.2f W  %s (%s while closed)", a.value("estimated", false) ? "~" : " ",
+                a.value("watts", 0.0), a.value("name", std::string()).c_str(),
+                a.value("while_closed", std::string("leave")).c_str());
+  return buf;
+}
+
 void printStatus(const json& r) {
   out(statusOf(r));
   if (r.contains("holds") && r["holds"].is_array()) {
@@ -161,21 +170,19 @@ void printStatus(const json& r) {
     out("not put back yet:");
     for (const auto& item : r["not_put_back_yet"]) out("  " + valueText(item));
   }
-  if (r.contains("watching") && r["watching"].is_array()) {
+  if (r.contains("watching") && r["watching"].is_array() && !r["watching"].empty()) {
+    out("agents and apps watched:");
     for (const auto& w : r["watching"]) {
       if (!w.is_object()) continue;
-      std::string line = "  " + w.value("name", std::string()) + (w.value("working", false) ? " working" : " idle");
-      if (w.contains("project") && w["project"].is_string()) line += " in " + w["project"].get<std::string>();
+      std::string line = "  " + w.value("description", w.value("name", std::string()));
+      if (!w.value("keeps_awake", true)) line += " (tracked only: doesn't keep it awake)";
       out(line);
     }
   }
-  if (r.contains("apps_using_energy") && r["apps_using_energy"].is_array()) {
+  if (r.contains("apps_using_energy") && r["apps_using_energy"].is_array() && !r["apps_using_energy"].empty()) {
+    out("using the most power:");
     for (const auto& a : r["apps_using_energy"]) {
-      if (!a.is_object()) continue;
-      char buf[256];
-      std::snprintf(buf, sizeof buf, "%6.2f W  %s (%s while closed)", a.value("watts", 0.0),
-                    a.value("name", std::string()).c_str(), a.value("while_closed", std::string("leave")).c_str());
-      out(buf);
+      if (a.is_object()) out(appLine(a));
     }
   }
   if (r.contains("unavailable") && r["unavailable"].is_array()) {
@@ -566,11 +573,7 @@ class Cli {
   static void printApps(const json& r) {
     if (!r.contains("apps") || !r["apps"].is_array()) return;
     for (const auto& a : r["apps"]) {
-      if (!a.is_object()) continue;
-      char buf[256];
-      std::snprintf(buf, sizeof buf, "%6.2f W  %s (%s while closed)", a.value("watts", 0.0),
-                    a.value("name", std::string()).c_str(), a.value("while_closed", std::string("leave")).c_str());
-      out(buf);
+      if (a.is_object()) out(appLine(a));
     }
   }
 

@@ -201,10 +201,12 @@ json CommandCenter::statusDictionary() {
     for (const AgentSession& s : work_->sessions()) {
       const bool busy = WorkDetection::busy(s, now);
       json pid = s.pids.empty() ? json(nullptr) : json(s.pids.front());
-      auto since = work_->detection().workingSince().find(s.id);
+      const auto since = work_->detection().workingSince(s);
       json w = {{"name", s.kind.name}, {"kind", s.kind.id}, {"pid", pid}, {"working", busy},
-                {"since", since != work_->detection().workingSince().end() ? json(since->second) : timeOrNull(s.lastActive)},
-                {"project", s.project ? json(*s.project) : json(nullptr)}};
+                {"since", since ? json(*since) : timeOrNull(s.lastActive)},
+                {"project", s.project ? json(*s.project) : json(nullptr)},
+                {"description", WorkDetection::describe(s, now)},
+                {"keeps_awake", !WorkDetection::trackedOnly(s, c)}};
       watching.push_back(w);
       json d = {{"id", s.id},
                 {"name", s.kind.name},
@@ -262,12 +264,15 @@ json CommandCenter::appsUsingEnergy(std::size_t limit) {
   if (!power_) return apps;
   for (const AppUsage& a : power_->apps()) {
     if (apps.size() >= limit) break;
+    // Sorted largest first: the rest would read "0.00 W".
+    if (a.watts < 0.005) break;
     apps.push_back({{"name", a.name},
                     {"bundle_id", a.bundleID ? json(*a.bundleID) : json(nullptr)},
                     {"watts", a.watts},
                     {"cores", a.cores},
                     {"pids", a.pids},
                     {"system", a.system},
+                    {"estimated", a.estimated},
                     {"while_closed", power_->whileClosed(engine_, a)}});
   }
   return apps;

@@ -57,6 +57,8 @@ class Engine {
   // Seams for other subsystems; set before `launch`. Null means none.
   void setWorkSource(WorkSource* s) { work_ = s; }
   void setClosedLidSavings(ClosedLidSavings* s) { closedLid_ = s; }
+  // Whether anything is slowed or paused while the lid is shut.
+  bool savesWhileClosed() const { return closedLid_ != nullptr; }
   void setPowerMeter(PowerMeter* s) { power_ = s; }
   void setSlowJobs(SlowJobs* s) { slow_ = s; }
   // Receives every announcement and alert.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "agents/agent_events.h"
 #include "engine/engine.h"
 
 namespace vigilo {
@@ -11,27 +12,57 @@ namespace {
 bool isRequest(const AgentSession& s) { return s.id.rfind("request:", 0) == 0; }
 bool isWatchedApp(const AgentSession& s) { return s.kind.id.rfind("app:", 0) == 0; }
 
-bool trackedOnly(const AgentSession& s, const Config& c) {
-  return std::find_if(c.trackOnly.begin(), c.trackOnly.end(), [&](const std::string& t) {
-           return t == s.kind.name || t == s.kind.id;
-         }) != c.trackOnly.end();
+std::string nameOf(const AgentSession& s) { return s.kind.name.empty() ? "Agent" : s.kind.name; }
+
+// The agent's process, which outlives the ids the session is shown under.
+std::string keyOf(const AgentSession& s) {
+  if (s.pids.empty() || !s.rootStart) return s.id;
+  return std::to_string(s.pids.front()) + ":" + std::to_string(*s.rootStart);
 }
 
-// The last moment the session showed work: activity of its processes or
-// transcripts, or a "working" event.
-std::optional<Time> lastWorkOf(const AgentSession& s) {
-  std::optional<Time> t = s.lastActive;
-  if (s.state == AgentState::Working && s.stateSince) t = t ? std::max(*t, *s.stateSince) : *s.stateSince;
+bool reported(const AgentSession& s) {
+  return s.state && s.stateSince && *s.state != AgentState::Working && !s.stateInferred;
+}
+
+// A "working" the agent reported is trusted until it goes stale; one worked
+// out from activity lasts only as long as the activity.
+bool hookWorking(const AgentSession& s, Time now) {
+  if (s.state != AgentState::Working || !s.stateSince || s.stateInferred) return false;
+  return now - std::max(s.lastActive.value_or(*s.stateSince), *s.stateSince) <= WorkDetection::kStaleWorking;
+}
+
+// Where a stretch of work begins when the session is first found busy.
+Time startOfWork(const AgentSession& s, Time now) {
+  Time t = now;
+  if (hookWorking(s, now)) t = std::min(t, *s.stateSince);
+  if (s.lastActive && now - *s.lastActive < WorkDetection::kActiveWindow) t = std::min(t, *s.lastActive);
   return t;
 }
 
-std::string stoppedText(const AgentSession& s) {
-  if (s.state == AgentState::Finished) return "finished";
-  if (s.state == AgentState::Waiting) return "is still waiting";
+// The moment the agent stopped: its last activity, or the later state it
+// reported (a Stop, a question; a "working" state that went stale counts
+// from its last sign of life). `lastWork` stands in when neither is known.
+Time stoppedAt(const AgentSession& s, Time lastWork) {
+  std::optional<Time> t = s.lastActive;
+  if (s.state && s.stateSince && !s.stateInferred) {
+    t = std::max(t.value_or(*s.stateSince), *s.stateSince);
+  }
+  return t.value_or(lastWork);
+}
+
+std::string stateText(AgentState s) {
+  if (s == AgentState::Finished) return "finished";
+  if (s == AgentState::Waiting) return "is still waiting";
   return "went idle";
 }
 
 }  // namespace
+
+bool WorkDetection::trackedOnly(const AgentSession& s, const Config& c) {
+  return std::find_if(c.trackOnly.begin(), c.trackOnly.end(), [&](const std::string& t) {
+           return t == s.kind.name || t == s.kind.id;
+         }) != c.trackOnly.end();
+}
 
 std::string formatWait(long long minutes) {
   if (minutes < 60) return std::to_string(std::max(minutes, 0LL)) + " min";
@@ -39,25 +70,113 @@ std::string formatWait(long long minutes) {
 }
 
 bool WorkDetection::busy(const AgentSession& s, Time now) {
-  // An agent with hooks says what it does; its processes' activity only
-  // counts where there are no hooks to ask.
-  if (s.state) return *s.state == AgentState::Working;
-  return s.lastActive && now - *s.lastActive < kActiveWindow;
+  if (hookWorking(s, now)) return true;
+  if (!s.lastActive || now - *s.lastActive >= kActiveWindow) return false;
+  return !reported(s) || *s.lastActive > *s.stateSince + kAfterReport;
 }
 
 std::string WorkDetection::describe(const AgentSession& s, Time now) {
   const std::string& name = s.kind.name.empty() ? s.id : s.kind.name;
   if (isRequest(s)) return s.id.substr(8) + " asked to stay awake";
   if (isWatchedApp(s)) return busy(s, now) ? name + " is busy" : name + " is open";
-  if (s.state == AgentState::Waiting) return name + " is waiting for you";
   if (busy(s, now)) return name + " is working" + (s.project ? " in " + *s.project : std::string());
+  if (s.state == AgentState::Waiting) return name + " is waiting for you";
   if (s.state == AgentState::Finished) return name + " finished";
   return name + " is idle";
 }
 
+std::optional<Time> WorkDetection::workingSince(const AgentSession& s) const {
+  auto it = tracks_.find(keyOf(s));
+  if (it == tracks_.end()) return std::nullopt;
+  if (it->second.workingSince) return it->second.workingSince;
+  if (it->second.idlePending) return it->second.idlePending->since;
+  return std::nullopt;
+}
+
+void WorkDetection::settle(Track& t, AgentAlerts* alerts) {
+  const Pending p = *t.idlePending;
+  t.idlePending.reset();
+  const double worked = p.quietAt - p.since;
+  if (alerts && worked >= 60) {
+    alerts->finished(t.name, static_cast<int>(worked / 60), !t.live, stateText(t.state));
+  }
+}
+
 void WorkDetection::update(const std::vector<AgentSession>& sessions, const Config& config, Time now,
                            AgentAlerts* alerts) {
-  std::set<std::string> live;
+  sessions_ = sessions;
+  for (auto& [key, t] : tracks_) t.live = false;
+
+  for (const AgentSession& s : sessions_) {
+    if (isRequest(s) || isWatchedApp(s)) continue;
+    Track& t = tracks_[keyOf(s)];
+    t.live = true;
+    t.name = nameOf(s);
+    t.state = s.state.value_or(AgentState::Idle);
+    t.busy = busy(s, now);
+    if (t.busy) {
+      if (t.idlePending) {
+        // Work again before the stop was settled: the same stretch goes on.
+        t.workingSince = t.idlePending->since;
+        t.idlePending.reset();
+      }
+      if (!t.workingSince) t.workingSince = startOfWork(s, now);
+      t.lastWork = now;
+      t.quietFrom.reset();
+    } else if (t.workingSince) {
+      const Time quiet = std::clamp(stoppedAt(s, t.lastWork), *t.workingSince, now);
+      t.idlePending = Pending{*t.workingSince, quiet};
+      t.quietFrom = quiet;
+      t.workingSince.reset();
+    } else if (!t.quietFrom && reported(s) && *s.state != AgentState::Idle) {
+      // Stopped before this app saw it work (it started after a Stop, or
+      // again after a crash): the quiet minutes still run from the Stop.
+      t.quietFrom = std::min(*s.stateSince, now);
+    }
+
+    // Each distinct question is announced once, while it still matters.
+    const double quiet = std::max(config.quietMinutes * 60.0, 60.0);
+    if (s.state == AgentState::Waiting && s.stateSince && now - *s.stateSince < quiet) {
+      const std::string wait = s.id + "@" + std::to_string(static_cast<long long>(std::floor(*s.stateSince)));
+      if (announcedWaits_.emplace(wait, *s.stateSince).second && alerts) alerts->needsYou(t.name);
+    }
+  }
+  std::erase_if(announcedWaits_, [&](const auto& w) { return now - w.second > AgentEvents::kExpirySeconds; });
+
+  // A session whose process is gone stops at its last busy moment.
+  for (auto& [key, t] : tracks_) {
+    if (t.live || !t.workingSince) continue;
+    t.idlePending = Pending{*t.workingSince, std::max(t.lastWork, *t.workingSince)};
+    t.workingSince.reset();
+    t.busy = false;
+  }
+
+  const Choice choice = choose(config, now);
+  reason_ = choice.reason;
+  lastUpdate_ = now;
+  if (choice.reason) {
+    reasonAt_ = now;
+    keeperKey_ = choice.keeper;
+    auto it = std::find_if(sessions_.begin(), sessions_.end(),
+                           [&](const AgentSession& s) { return keyOf(s) == choice.keeper; });
+    if (it != sessions_.end()) keeperName_ = nameOf(*it);
+  }
+
+  for (auto it = tracks_.begin(); it != tracks_.end();) {
+    Track& t = it->second;
+    // Settled early when the machine may sleep now, so the alert goes out
+    // first; an agent waiting for the person has already been announced.
+    const bool maySleep = !reason_ && (!t.live || t.state != AgentState::Waiting);
+    if (t.idlePending && (now - t.idlePending->quietAt >= kSettleAfter || maySleep)) settle(t, alerts);
+    if (!t.live && !t.idlePending) {
+      it = tracks_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+WorkDetection::Choice WorkDetection::choose(const Config& config, Time now) const {
   const AgentSession* waiting = nullptr;
   const AgentSession* command = nullptr;
   const AgentSession* working = nullptr;
@@ -65,109 +184,68 @@ void WorkDetection::update(const std::vector<AgentSession>& sessions, const Conf
   const AgentSession* watchedOpen = nullptr;
   const AgentSession* request = nullptr;
   const AgentSession* other = nullptr;
-  Time stoppedAt = 0;
+  Time stoppedFrom = 0;
 
-  for (const AgentSession& s : sessions) {
+  for (const AgentSession& s : sessions_) {
     if (trackedOnly(s, config)) continue;
     if (isRequest(s)) {
       if (!request) request = &s;
       continue;
     }
+    const bool isBusy = busy(s, now);
     if (isWatchedApp(s)) {
-      if (busy(s, now) && !working) working = &s;
+      if (isBusy && !working) working = &s;
       if (!watchedOpen) watchedOpen = &s;
       continue;
     }
-    live.insert(s.id);
-    finishedNames_[s.id] = s.kind.name.empty() ? "Agent" : s.kind.name;
-    const bool isBusy = busy(s, now);
-    if (auto t = lastWorkOf(s)) lastWork_[s.id] = std::max(lastWork_[s.id], *t);
-    if (isBusy) {
-      if (!workingSince_.count(s.id)) workingSince_[s.id] = lastWork_.count(s.id) ? lastWork_[s.id] : now;
-      idlePending_.erase(s.id);
-      quietFrom_.erase(s.id);
-    } else if (workingSince_.count(s.id) && !idlePending_.count(s.id)) {
-      idlePending_[s.id] = {lastWork_[s.id], now};
-      quietFrom_[s.id] = lastWork_[s.id];
-    }
-
-    // Each new wait is announced once.
-    if (s.state == AgentState::Waiting && lastState_[s.id] != AgentState::Waiting && alerts) {
-      alerts->needsYou(finishedNames_[s.id]);
-    }
-    lastState_[s.id] = s.state.value_or(AgentState::Idle);
-
-    if (s.state == AgentState::Waiting && s.stateSince && now - *s.stateSince < kActiveWindow) {
+    auto track = tracks_.find(keyOf(s));
+    const bool freshWait = s.state == AgentState::Waiting && s.stateSince && now - *s.stateSince < kActiveWindow;
+    if (freshWait && !isBusy) {
       if (!waiting) waiting = &s;
     } else if (isBusy && s.toolRunning && s.toolSince && now - *s.toolSince < kActiveWindow) {
       if (!command) command = &s;
     } else if (isBusy) {
       if (!working) working = &s;
-    } else if (quietFrom_.count(s.id)) {
-      if (!stopped || quietFrom_[s.id] > stoppedAt) {
+    } else if (track != tracks_.end() && track->second.quietFrom) {
+      if (!stopped || *track->second.quietFrom > stoppedFrom) {
         stopped = &s;
-        stoppedAt = quietFrom_[s.id];
+        stoppedFrom = *track->second.quietFrom;
       }
     } else if (!other) {
       other = &s;
     }
   }
 
-  // Sessions whose processes are gone stop at once.
-  for (auto& [id, since] : workingSince_) {
-    if (!live.count(id) && !idlePending_.count(id)) idlePending_[id] = {lastWork_[id], now};
-  }
-
-  // Settle quiet sessions: the alert for work of at least a minute.
-  for (auto it = idlePending_.begin(); it != idlePending_.end();) {
-    const std::string id = it->first;
-    const Pending p = it->second;
-    if (now - p.quietAt < kSettleAfter) {
-      ++it;
-      continue;
-    }
-    const Time began = workingSince_.count(id) ? workingSince_[id] : p.since;
-    const double worked = p.since - began;
-    const std::string name = finishedNames_.count(id) ? finishedNames_[id] : "Agent";
-    lastWorker_ = name;
-    if (alerts && worked >= 60) {
-      auto state = lastState_.count(id) ? lastState_[id] : AgentState::Idle;
-      AgentSession probe;
-      probe.state = state;
-      alerts->finished(name, static_cast<int>(worked / 60), !live.count(id), stoppedText(probe));
-    }
-    workingSince_.erase(id);
-    it = idlePending_.erase(it);
-  }
-  std::erase_if(quietFrom_, [&](const auto& e) { return !live.count(e.first); });
-  for (auto it = lastWork_.begin(); it != lastWork_.end();) {
-    if (!live.count(it->first) && !workingSince_.count(it->first)) {
-      it = lastWork_.erase(it);
-    } else {
-      ++it;
-    }
-  }
-
   const double quiet = config.quietMinutes * 60.0;
-  reason_.reset();
-  if (stopped) lastWorker_ = stopped->kind.name;
-  if (waiting) {
-    reason_ = waiting->kind.name + " is waiting for you";
-  } else if (command) {
-    reason_ = command->kind.name + " is running a command";
-  } else if (working) {
-    reason_ = describe(*working, now);
-  } else if (stopped && config.sleepWhenDone && quiet - (now - stoppedAt) > 0) {
+  const double left = quiet - (now - stoppedFrom);
+  auto pick = [](const AgentSession* s, std::string reason) { return Choice{std::move(reason), keyOf(*s)}; };
+  if (waiting) return pick(waiting, nameOf(*waiting) + " is waiting for you");
+  if (command) return pick(command, nameOf(*command) + " is running a command");
+  if (working) return pick(working, describe(*working, now));
+  if (stopped && config.sleepWhenDone && left > 0) {
     // Shown as at least a minute, so the line never reads "0 min".
-    const double left = std::max(quiet - (now - stoppedAt), 60.0);
-    reason_ = stopped->kind.name + " stopped · sleeps in " + formatWait(static_cast<long long>(std::ceil(left / 60.0)));
-  } else if (watchedOpen) {
-    reason_ = watchedOpen->kind.name + " is open";
-  } else if (request) {
-    reason_ = describe(*request, now);
-  } else if (!config.sleepWhenDone && (stopped || other)) {
-    reason_ = describe(stopped ? *stopped : *other, now);
+    const auto minutes = static_cast<long long>(std::ceil(std::max(left, 60.0) / 60.0));
+    return pick(stopped, nameOf(*stopped) + " stopped · sleeps in " + formatWait(minutes));
   }
+  if (watchedOpen) return pick(watchedOpen, nameOf(*watchedOpen) + " is open");
+  if (request) return pick(request, describe(*request, now));
+  if (!config.sleepWhenDone && (stopped || other)) return pick(stopped ? stopped : other, describe(stopped ? *stopped : *other, now));
+  return {};
+}
+
+std::optional<std::string> WorkDetection::workReason(const Config& config, Time now) const {
+  return choose(config, now).reason;
+}
+
+std::optional<std::string> WorkDetection::lastWorker() const {
+  // Work that ended long before (a hold released hours later) is not why
+  // the machine may sleep now.
+  if (keeperName_.empty() || !reasonAt_ || lastUpdate_ - *reasonAt_ > kActiveWindow) return std::nullopt;
+  // Still busy, only no longer keeping the machine awake (tracked only):
+  // its work has not finished.
+  auto it = tracks_.find(keeperKey_);
+  if (it != tracks_.end() && it->second.live && it->second.busy) return std::nullopt;
+  return keeperName_;
 }
 
 }  // namespace vigilo

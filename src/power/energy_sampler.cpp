@@ -142,6 +142,7 @@ std::vector<AppUsage> EnergySampler::sample(const std::vector<ProcessInfo>& proc
   std::vector<Counters> current;
   current.reserve(processes.size());
   std::map<std::string_view, AppUsage> apps;  // by name; names live in meta_
+  bool anyEnergy = false;
   for (const ProcessInfo& p : processes) {
     const auto it = std::lower_bound(last_.begin(), last_.end(), p.pid,
                                      [](const Counters& c, std::int32_t pid) { return c.pid < pid; });
@@ -161,6 +162,7 @@ std::vector<AppUsage> EnergySampler::sample(const std::vector<ProcessInfo>& proc
       energy = p.energyNanojoules;
       cpu = p.cpuMicros;
     }
+    anyEnergy = anyEnergy || energy > 0;
     if (a->name.empty()) continue;
     auto [entry, added] = apps.try_emplace(a->name);
     AppUsage& u = entry->second;
@@ -181,6 +183,12 @@ std::vector<AppUsage> EnergySampler::sample(const std::vector<ProcessInfo>& proc
 
   std::vector<AppUsage> out;
   out.reserve(apps.size());
+  if (!anyEnergy) {
+    for (auto& [name, usage] : apps) {
+      usage.watts = usage.cores * kWattsPerBusyCore;
+      usage.estimated = usage.cores > 0;
+    }
+  }
   for (auto& [name, usage] : apps) {
     std::sort(usage.pids.begin(), usage.pids.end());
     out.push_back(std::move(usage));

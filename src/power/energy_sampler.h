@@ -14,6 +14,10 @@
 
 namespace vigilo {
 
+// What a fully busy core is taken to draw, where the machine measures no
+// energy: CPU time then stands in for it.
+inline constexpr double kWattsPerBusyCore = 4.0;
+
 // One app or tool among the top users of power.
 struct AppUsage {
   std::string name;                     // identifies the entry
@@ -22,6 +26,7 @@ struct AppUsage {
   double cores = 0;                     // CPU use in cores over the interval
   std::vector<std::int32_t> pids;       // the processes it covers, ascending
   bool system = false;                  // it lives at a system location
+  bool estimated = false;               // `watts` are its CPU use at kWattsPerBusyCore
   bool operator==(const AppUsage&) const = default;
 };
 
@@ -70,8 +75,10 @@ class EnergySampler {
   // The apps' draw and CPU use since the previous sample, summed per app
   // (a process in an app bundle counts for the app; others by executable
   // name), largest draw first. A process seen last time counts its counters'
-  // growth; one started since then counts all of its counters. The first
-  // sample has no interval and gives an empty list.
+  // growth; one started since then counts all of its counters. When no
+  // process's energy grew although CPU time was used, the machine measures
+  // none, and the draws are estimated from CPU use. The first sample has no
+  // interval and gives an empty list.
   std::vector<AppUsage> sample(Processes& processes, Time now);
   std::vector<AppUsage> sample(const std::vector<ProcessInfo>& processes, Time now);
 

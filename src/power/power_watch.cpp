@@ -1,5 +1,7 @@
 #include "power/power_watch.h"
 
+#include <algorithm>
+
 #include "agents/agent_work.h"
 #include "engine/engine.h"
 
@@ -38,10 +40,12 @@ void PowerWatch::sample(Engine& engine) {
 }
 
 std::string PowerWatch::whileClosed(const Engine& engine, const AppUsage& app) const {
-  if (work_) {
-    for (std::int32_t pid : app.pids) {
-      if (work_->watcher().protectedPids().count(pid)) return "leave";
-    }
+  // What will actually be done: nothing without closed-lid savings, and
+  // never anything to the system's own processes, to pid 1 or to what the
+  // agents use.
+  if (!engine.savesWhileClosed() || app.system) return "leave";
+  for (std::int32_t pid : app.pids) {
+    if (pid < 2 || (work_ && work_->watcher().protectedPids().count(pid))) return "leave";
   }
   const Config& c = engine.config();
   auto own = c.appRules.find(app.name);
@@ -55,12 +59,12 @@ double PowerWatch::closedEstimate(const Engine& engine) const {
   in.held = engine.holding();
   in.reading = engine.battery();
   in.apps = &apps_;
-  in.isProtected = [this](const AppUsage& a) {
+  // What the agents use is protected from the savings and, like every
+  // protected app, left out of the top users' sum.
+  in.isProtected = [&](const AppUsage& a) {
     if (!work_) return false;
-    for (std::int32_t pid : a.pids) {
-      if (work_->watcher().protectedPids().count(pid)) return true;
-    }
-    return false;
+    const auto& kept = work_->watcher().protectedPids();
+    return std::any_of(a.pids.begin(), a.pids.end(), [&](std::int32_t pid) { return kept.count(pid) > 0; });
   };
   in.ruleFor = [&](const AppUsage& a) { return *parseAppRule(whileClosed(engine, a)); };
   return whole_.closedEstimate(in);

@@ -27,11 +27,14 @@ class PowerWatch final : public PowerMeter {
   const WholeMachinePower& whole() const { return whole_; }
   // The apps using the most energy, largest first.
   const std::vector<AppUsage>& apps() const { return apps_; }
-  // Hours left with the lid shut at the expected draw, and that draw.
+  // Hours left with the lid shut at the expected draw, and that draw:
+  // worked out from what will actually be done to each app.
   std::optional<double> hoursLeftClosed(const Engine& engine) const;
   double closedEstimate(const Engine& engine) const;
   // What an app does while the lid is shut: "leave", "slow" or "pause",
-  // by its own rule or the preset; apps kept awake are left alone.
+  // by its own rule or the preset. "leave" for everything while the engine
+  // has no closed-lid savings, and always for system processes, pid 1 and
+  // the processes the agents use.
   std::string whileClosed(const Engine& engine, const AppUsage& app) const;
 
  private:

@@ -375,5 +375,66 @@ TEST_F(WatcherTest, TranscriptsShowActivityOfAnIdleAgent) {
   EXPECT_EQ(session("codex")->lastActive, clock_.now());
 }
 
+TEST_F(WatcherTest, AClaudeTranscriptMarksOnlyTheSessionsOfItsWorkingFolder) {
+  EXPECT_EQ(claudeProjectFolder("/home/me/my_app.v2"), "-home-me-my-app-v2");
+  EXPECT_EQ(claudeProjectFolder("/home/me/\xd0\x9f\xd1\x80 x"), "-home-me----x") << "one - per character";
+  const std::string projects = home() + "/.claude/projects/";
+  const auto first = start("/usr/local/bin/claude", {"claude"}, 1, 0.0, "/home/me/api");
+  start("/usr/local/bin/claude", {"claude"}, 1, 0.0, "/home/me/web");
+  touchAt(projects + "-home-me-api/s1.jsonl", 1000);
+  touchAt(projects + "-home-me-web/s2.jsonl", 1000);
+  sampleAfter(kTranscriptSearchInterval);
+  sampleAfter(2);
+  const std::string api = session("claude-code")->project == "api" ? "claude-code" : ids()[1];
+  const std::string web = api == "claude-code" ? ids()[1] : "claude-code";
+
+  touchAt(projects + "-home-me-api/s1.jsonl", 1100);
+  sampleAfter(2);
+  EXPECT_EQ(session(api)->lastActive, clock_.now());
+  EXPECT_FALSE(session(web)->lastActive);
+  // A transcript of a folder no live session works in: every session's.
+  touchAt(projects + "-home-me-elsewhere/s3.jsonl", 1200);
+  sampleAfter(kTranscriptSearchInterval);
+  EXPECT_EQ(session(web)->lastActive, clock_.now());
+
+  // Two sessions in one folder: the transcript named after one is its own.
+  clock_.advance(100);
+  const auto second = start("/usr/local/bin/claude", {"claude"}, 1, 0.0, "/home/me/api");
+  watcher_->setSessionIds({{{first, laptop().process(first)->startMicros}, "s1"},
+                           {{second, laptop().process(second)->startMicros}, "s4"}});
+  touchAt(projects + "-home-me-api/s4.jsonl", 1300);
+  sampleAfter(kTranscriptSearchInterval);
+  touchAt(projects + "-home-me-api/s4.jsonl", 1400);
+  sampleAfter(2);
+  EXPECT_EQ(session("claude-code#" + std::to_string(second))->lastActive, clock_.now());
+  EXPECT_NE(session(api)->lastActive, clock_.now());
+}
+
+TEST(WatcherCpuTest, CpuTimeMakesATreeBusyWhereNoDrawIsMeasured) {
+  ManualClock clock;
+  ManualRunLoop loop(clock);
+  auto sim = makeSimPlatform(clock, loop, SimPlatformOptions{});
+  AgentWatcher watcher(sim->processes(), sim->registry(), "", clock);
+  ProcessInfo aider;
+  aider.pid = 40;
+  aider.path = "/usr/bin/aider";
+  aider.startMicros = 1;
+  // CPU time per 2-second sample, no energy: 1 % of a core is busy for a
+  // 0.02 W agent, 0.1 % is not.
+  const struct {
+    std::uint64_t cpuMicros;
+    bool active;
+    double watts;
+  } steps[] = {{0, false, 0.0}, {20'000, true, 0.04}, {2'000, false, 0.004}};
+  for (const auto& step : steps) {
+    clock.advance(2);
+    aider.cpuMicros += step.cpuMicros;
+    watcher.sample({aider}, {}, false, {}, clock.now());
+    const AgentSession& s = watcher.sessions().at(0);
+    EXPECT_EQ(s.lastActive == clock.now(), step.active) << step.cpuMicros;
+    EXPECT_NEAR(s.watts, step.watts, 1e-9) << "the CPU time at 4 W a core stands in for the draw";
+  }
+}
+
 }  // namespace
 }  // namespace vigilo

@@ -33,8 +33,9 @@ class AgentsTest : public ::testing::Test {
     app_->signal(SIGTERM);
     EXPECT_EQ(app_->wait(10s), 0) << app_->output();
   }
-  void hook(const std::string& event, const std::string& extra = "") {
-    const std::string input = R"({"session_id":"abc123","transcript_path":"/tmp/t.jsonl","cwd":"/home/me/vigilo",)"
+  void hook(const std::string& event, const std::string& extra = "", const std::string& session = "abc123") {
+    const std::string input = R"({"session_id":")" + session +
+                              R"(","transcript_path":"/tmp/t.jsonl","cwd":"/home/me/vigilo",)"
                               R"("hook_event_name":")" + event + "\"" + extra + "}";
     ToolRun r = runToolWithInput({"event", "claude-code"}, home_, input);
     ASSERT_EQ(r.status, 0) << r.err;
@@ -61,12 +62,27 @@ class AgentsTest : public ::testing::Test {
   std::unique_ptr<AppProcess> app_;
 };
 
-TEST_F(AgentsTest, ClaudeCodeHooksHoldWithTheRightReasonAndReleaseWhenDone) {
+TEST_F(AgentsTest, ClaudeCodeHooksHoldWithTheRightReasonAndSleepTheQuietMinuteAfterTheStop) {
   hook("SessionStart", R"(,"source":"startup")");
   EXPECT_TRUE(reasonBecomes("")) << reason() << app_->output();
   EXPECT_FALSE(held());
 
-  hook("UserPromptSubmit", R"(,"prompt":"fix the tests","permission_mode":"default")");
+  // The prompt went in two minutes ago, from the simulated claude, which is
+  // busy (the event file is the one its hook would have written then; the
+  // hooks below, run by this test, find no agent above them and keep this
+  // event's process). A SessionEnd of another session only rings the bell.
+  std::int32_t pid = 0;
+  std::uint64_t start = 0;
+  ASSERT_TRUE(editSimStateFile(state_, SystemClock(), [&](SimLaptop& l) {
+    for (const SimProcess& p : l.processes()) {
+      if (p.path == "/usr/local/bin/claude") pid = p.pid, start = p.startMicros;
+    }
+    l.setProcessWatts(pid, 2.0);
+  }));
+  const json prompt = {{"agent", "claude-code"}, {"session", "abc123"}, {"state", "working"},
+                       {"at", SystemClock().now() - 120}, {"pid", pid}, {"pidStart", start}};
+  writeFile(home_ + "/agent-events/abc123.json", prompt.dump());
+  hook("SessionEnd", "", "another");
   EXPECT_TRUE(reasonBecomes("Claude Code is working in vigilo")) << reason() << app_->output();
   EXPECT_TRUE(held()) << app_->output() << readFile(state_);
 
@@ -75,14 +91,22 @@ TEST_F(AgentsTest, ClaudeCodeHooksHoldWithTheRightReasonAndReleaseWhenDone) {
   EXPECT_TRUE(reasonBecomes("Claude Code is waiting for you")) << reason() << app_->output();
   EXPECT_TRUE(held());
 
+  // Idle, then the Stop: a minute later, not sooner, it sleeps.
+  ASSERT_TRUE(editSimStateFile(state_, SystemClock(), [&](SimLaptop& l) { l.setProcessWatts(pid, 0.0); }));
   hook("Stop", R"(,"stop_hook_active":false,"last_assistant_message":"Done.")");
+  const auto stopped = std::chrono::steady_clock::now();
   EXPECT_TRUE(reasonBecomes("Claude Code stopped · sleeps in 1 min")) << reason() << app_->output();
   hook("SessionEnd", R"(,"reason":"prompt_input_exit")");
   EXPECT_TRUE(held());
 
-  // The quiet minute passes: the hold ends with the agent's name.
   ASSERT_TRUE(waitFor([&] { return app_->output().find("» Claude Code finished") != std::string::npos; }, 75s))
       << app_->output();
+  const double after = std::chrono::duration<double>(std::chrono::steady_clock::now() - stopped).count();
+  EXPECT_GE(after, 58.0);
+  EXPECT_LE(after, 66.0);
+  EXPECT_NE(app_->output().find("alert: Claude Code finished after 2 min of work"), std::string::npos)
+      << app_->output();
+  EXPECT_NE(app_->output().find("alert: Claude Code needs you"), std::string::npos);
   EXPECT_TRUE(waitFor([&] { return !held(); }, 5s));
   EXPECT_FALSE(fileExists(home_ + "/agent-events/abc123.json"));
 }

@@ -7,9 +7,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "commands/command_center.h"
+#include "engine/engine.h"
 #include "platform/manual_run_loop.h"
 #include "platform/sim/sim_laptop.h"
 #include "power/energy_sampler.h"
+#include "power/power_watch.h"
 #include "power/learned_store.h"
 #include "power/power_sensor.h"
 #include "test_support.h"
@@ -18,6 +21,7 @@ namespace vigilo {
 namespace {
 
 using ::testing::ElementsAre;
+using json = nlohmann::json;
 
 BatteryProperties telemetry(std::optional<std::int64_t> load, std::optional<std::int64_t> accumulated,
                             std::optional<std::int64_t> count) {
@@ -269,6 +273,51 @@ TEST_F(EnergySamplerTest, AttributesProcessesToTheirOutermostAppAndSortsByDraw) 
   apps = sampleAfter(5);
   ASSERT_GE(apps.size(), 3u);
   EXPECT_EQ(std::tuple(apps[2].name, apps[2].watts, apps[2].pids), std::tuple("ffmpeg", 2.0, std::vector{slack}));
+}
+
+TEST_F(EnergySamplerTest, WithoutMeasuredEnergyCpuTimeStandsInForTheDraw) {
+  ProcessInfo tool;
+  tool.pid = 50;
+  tool.path = "/usr/bin/ffmpeg";
+  tool.startMicros = 1;
+  sampler_.sample(std::vector<ProcessInfo>{tool}, 100.0);
+  tool.cpuMicros = 1'000'000;  // half a core over two seconds
+  const auto apps = sampler_.sample(std::vector<ProcessInfo>{tool}, 102.0);
+  ASSERT_EQ(apps.size(), 1u);
+  EXPECT_NEAR(apps[0].watts, 0.5 * kWattsPerBusyCore, 1e-9);
+  EXPECT_TRUE(apps[0].estimated);
+}
+
+struct NoSavings final : ClosedLidSavings {
+  void enter(Engine&) override {}
+  void leave(Engine&) override {}
+  void reapply(Engine&, bool) override {}
+  void restoreAppsIfOpen(Engine&) override {}
+};
+
+// Given the engine on a simulated laptop where pid 1 idles and a tool draws
+// 3 W: the lid-closed estimate and the energy rows say what will be done.
+TEST_F(EnergySamplerTest, TheLidClosedEstimateCountsOnlySavingsThatAreMade) {
+  const auto tool = start("/usr/bin/ffmpeg", 3.0);
+  Engine engine(*sim_, dir_.file("app"));
+  PowerWatch power(dir_.file("app"), nullptr);
+  engine.setPowerMeter(&power);
+  engine.launch();
+  loop_.advance(12);  // the energy ranking is taken every 10 seconds
+  CommandCenter center(engine, [] {});
+  center.setAgents(nullptr, &power);
+  const json rows = center.handle("energy", json::object())["apps"];
+  ASSERT_EQ(rows.size(), 1u) << rows.dump() << ": pid 1 at 0.00 W is no row";
+  EXPECT_EQ(rows[0]["name"], "ffmpeg");
+  EXPECT_EQ(rows[0]["while_closed"], "leave") << "nothing is slowed yet";
+  EXPECT_NEAR(power.closedEstimate(engine), 1.6 + 3.0, 0.01);
+
+  NoSavings savings;
+  engine.setClosedLidSavings(&savings);
+  for (const AppUsage& a : power.apps()) {
+    EXPECT_EQ(power.whileClosed(engine, a), a.pids == std::vector<std::int32_t>{tool} ? "slow" : "leave") << a.name;
+  }
+  EXPECT_NEAR(power.closedEstimate(engine), 1.6 + 0.75, 0.01);
 }
 
 TEST(BundleTest, OutermostBundleAndItsInfoPlist) {
