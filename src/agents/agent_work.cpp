@@ -31,7 +31,10 @@ void AgentWork::sample(Engine& engine) {
   std::vector<AgentKind> extra;
   for (const CustomAgent& a : config.customAgents) extra.push_back(kindFor(a));
   if (config.countClaudeApp) extra.push_back(claudeAppKind());
-  processes_ = platform_.processes().list();
+  // Every process's counters only when the energy ranking takes them; else
+  // the identities, and the watcher reads the counters of its trees.
+  processes_ = platform_.processes().listing(isEnergyTick(engine.ticks()) ? ProcessDetail::Counters
+                                                                          : ProcessDetail::Identity);
   watcher_.sample(processes_, config.watchedApps, config.countRequests, extra, now);
   if (eventsDirty_ || samples_++ % kEventRereadEvery == 0) {
     events_ = AgentEvents::load(appFolder_, now);

@@ -38,7 +38,8 @@ class AgentWork final : public WorkSource {
   const WorkDetection& detection() const { return detection_; }
   const AgentWatcher& watcher() const { return watcher_; }
   // The process table of the last sample, for the energy sample of the same
-  // tick.
+  // tick: with every process's counters on energy ticks (isEnergyTick), else
+  // identities only.
   const std::vector<ProcessInfo>& processes() const { return processes_; }
 
  private:

@@ -217,7 +217,7 @@ int AgentWatcher::classify(const ProcessInfo& p) {
 
 void AgentWatcher::sample(const std::vector<WatchedApp>& watchedApps, bool requestsCount,
                           const std::vector<AgentKind>& extraKinds, Time now) {
-  sample(processes_.list(), watchedApps, requestsCount, extraKinds, now);
+  sample(processes_.listing(ProcessDetail::Identity), watchedApps, requestsCount, extraKinds, now);
 }
 
 void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vector<WatchedApp>& watchedApps,
@@ -306,15 +306,27 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
     return a.kind != b.kind ? a.kind < b.kind : earlier(a.roots.front(), b.roots.front());
   });
 
+  // The working folder of each session's first root. A listing of
+  // identities leaves it out: it is read for these processes alone.
+  std::vector<std::string> firstCwd(groups.size());
+  for (std::size_t g = 0; g < groups.size(); ++g) {
+    const ProcessInfo& first = list[groups[g].roots.front()];
+    firstCwd[g] = first.cwd;
+    if (firstCwd[g].empty()) {
+      if (auto info = processes_.info(first.pid); info && info->startMicros == first.startMicros) firstCwd[g] = info->cwd;
+    }
+  }
+
   // Transcripts once per kind that has a session, and the folders in which
   // Claude Code keeps the transcripts of its live sessions.
   std::vector<std::optional<std::vector<std::string>>> transcripts(kinds_.size());
   std::set<std::string> projectFolders;
   std::set<std::string> liveIds;
-  for (const Group& group : groups) {
+  for (std::size_t g = 0; g < groups.size(); ++g) {
+    const Group& group = groups[g];
     const ProcessInfo& first = list[group.roots.front()];
     if (kinds_[static_cast<std::size_t>(group.kind)].id != kClaudeCode) continue;
-    if (!first.cwd.empty()) projectFolders.insert(claudeProjectFolder(first.cwd));
+    if (!firstCwd[g].empty()) projectFolders.insert(claudeProjectFolder(firstCwd[g]));
     if (auto id = sessionIds_.find({first.pid, first.startMicros}); id != sessionIds_.end()) liveIds.insert(id->second);
   }
   const double monotonic = clock_.monotonic();
@@ -363,17 +375,25 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
       if (kindOf[p] == group.kind) ++instances;
       protectedPids.push_back(info.pid);
 
-      // Energy since the previous sample.
-      const auto last = std::lower_bound(lastEnergy_.begin(), lastEnergy_.end(), info.pid,
-                                         [](const Energy& e, std::int32_t pid) { return e.pid < pid; });
-      if (last != lastEnergy_.end() && last->pid == info.pid && last->start == info.startMicros) {
-        if (info.energyNanojoules > last->nanojoules) nanojoules += info.energyNanojoules - last->nanojoules;
-        if (info.cpuMicros > last->cpuMicros) cpuMicros += info.cpuMicros - last->cpuMicros;
-      } else if (lastSample_ && static_cast<double>(info.startMicros) >= previousMicros) {
-        nanojoules += info.energyNanojoules;
-        cpuMicros += info.cpuMicros;
+      // Energy and CPU time since the previous sample. A listing of
+      // identities carries no counters: they are read for the sessions'
+      // trees alone. Where they can't be read (the process ended since, or
+      // the list came from elsewhere) the list's own stand.
+      {
+        const auto counters = processes_.counters(info.pid, info.startMicros);
+        const std::uint64_t used = counters ? counters->energyNanojoules : info.energyNanojoules;
+        const std::uint64_t cpu = counters ? counters->cpuMicros : info.cpuMicros;
+        const auto last = std::lower_bound(lastEnergy_.begin(), lastEnergy_.end(), info.pid,
+                                           [](const Energy& e, std::int32_t pid) { return e.pid < pid; });
+        if (last != lastEnergy_.end() && last->pid == info.pid && last->start == info.startMicros) {
+          if (used > last->nanojoules) nanojoules += used - last->nanojoules;
+          if (cpu > last->cpuMicros) cpuMicros += cpu - last->cpuMicros;
+        } else if (lastSample_ && static_cast<double>(info.startMicros) >= previousMicros) {
+          nanojoules += used;
+          cpuMicros += cpu;
+        }
+        energy.push_back(Energy{info.pid, info.startMicros, used, cpu});
       }
-      energy.push_back(Energy{info.pid, info.startMicros, info.energyNanojoules, info.cpuMicros});
 
       // A running tool.
       if (!isAgent || std::find(group.roots.begin(), group.roots.end(), p) != group.roots.end()) continue;
@@ -404,7 +424,7 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
     if (!changed) changed = changedTranscripts(kind, monotonic);
     const auto id = sessionIds_.find({first.pid, first.startMicros});
     const bool wroteTranscript =
-        !changed->empty() && transcriptIsOurs(kind, *changed, first.cwd, id != sessionIds_.end() ? id->second : "",
+        !changed->empty() && transcriptIsOurs(kind, *changed, firstCwd[g], id != sessionIds_.end() ? id->second : "",
                                               liveIds, projectFolders);
     if ((watts && *watts >= kind.idleWatts) || busyCpu || wroteTranscript) state.lastActive = now;
     roots[key] = state;
@@ -413,8 +433,8 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
     s.id = isAgent && !firstOfKind ? kind.id + "#" + std::to_string(first.pid) : kind.id;
     for (int r : group.roots) s.pids.push_back(list[r].pid);
     s.rootStart = first.startMicros;
-    if (!first.cwd.empty()) {
-      std::string_view cwd = first.cwd;
+    if (!firstCwd[g].empty()) {
+      std::string_view cwd = firstCwd[g];
       while (cwd.size() > 1 && cwd.back() == '/') cwd.remove_suffix(1);
       if (cwd != "/") s.project = std::string(lastComponent(cwd));
     }

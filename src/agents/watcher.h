@@ -95,7 +95,9 @@ class AgentWatcher {
   // `requestsCount`: sleep requests become "request:<name>" sessions.
   void sample(const std::vector<WatchedApp>& watchedApps, bool requestsCount, const std::vector<AgentKind>& extraKinds,
               Time now);
-  // The same over a process list already taken this tick.
+  // The same over a process list already taken this tick; identities are
+  // enough (ProcessDetail::Identity): the watcher reads the counters of its
+  // sessions' trees, and the working folder of their first roots, itself.
   void sample(const std::vector<ProcessInfo>& processes, const std::vector<WatchedApp>& watchedApps,
               bool requestsCount, const std::vector<AgentKind>& extraKinds, Time now);
 

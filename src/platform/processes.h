@@ -24,6 +24,26 @@ struct ProcessInfo {
   bool stopped = false;            // stopped by a signal
 };
 
+// How much a listing reads of each process.
+enum class ProcessDetail {
+  // What names a process: pid, ppid, startMicros, path and args. A backend
+  // may answer from what it learned when it first saw the process, so ppid
+  // may lag behind a reparenting and path and args behind an exec for a
+  // while (on Linux: until the process next runs and a Counters listing
+  // sees it). cpuMicros, energyNanojoules, stopped and cwd are left empty.
+  Identity,
+  // The same, and cpuMicros and energyNanojoules read afresh.
+  Counters,
+  // Everything, afresh: what `list()` gives.
+  Full,
+};
+
+// What grows while a process runs.
+struct ProcessCounters {
+  std::uint64_t cpuMicros = 0;
+  std::uint64_t energyNanojoules = 0;
+};
+
 // Process information and control. Called on the main thread.
 class Processes {
  public:
@@ -37,6 +57,20 @@ class Processes {
   virtual std::optional<ProcessInfo> info(std::int32_t pid) = 0;
   // Every process that can be seen.
   virtual std::vector<ProcessInfo> list() = 0;
+  // Every process that can be seen, read to `detail`: a caller that needs
+  // the counters of only a few processes lists their identities and asks
+  // `counters` for those. The default reads everything.
+  virtual std::vector<ProcessInfo> listing(ProcessDetail detail) {
+    (void)detail;
+    return list();
+  }
+  // The counters of the process `pid` that started at `startMicros`, read
+  // afresh; nothing when it has ended or the pid now names another process.
+  virtual std::optional<ProcessCounters> counters(std::int32_t pid, std::uint64_t startMicros) {
+    auto p = info(pid);
+    if (!p || p->startMicros != startMicros) return std::nullopt;
+    return ProcessCounters{p->cpuMicros, p->energyNanojoules};
+  }
 
   // Stops (pauses) and continues a process.
   virtual Result stop(std::int32_t pid) = 0;

@@ -60,6 +60,12 @@ BundleMeta readBundleMeta(const std::string& bundlePath);
 // other users' processes and kernel threads have none).
 bool isSystemLocation(std::string_view path);
 
+// The energy ranking reads the counters of every process, so the engine
+// takes it on every fifth tick (10 seconds), one tick after its other slow
+// jobs so that the two don't add up; the agents' trees are read every tick.
+inline constexpr std::int64_t kEnergySampleEvery = 5;
+inline bool isEnergyTick(std::int64_t tick) { return tick % kEnergySampleEvery == 1; }
+
 // The top users of power, from the kernel's per-process energy and CPU-time
 // counters. One per engine, on the main thread.
 class EnergySampler {

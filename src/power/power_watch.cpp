@@ -32,7 +32,10 @@ void PowerWatch::sample(Engine& engine) {
   const Time now = engine.now();
   whole_.update(engine.platform().registry().battery(), engine.battery(),
                 PowerContext{engine.lidClosed(), engine.holding(), false}, now);
-  apps_ = work_ ? energy_.sample(work_->processes(), now) : energy_.sample(engine.platform().processes(), now);
+  if (isEnergyTick(engine.ticks())) {
+    apps_ = work_ ? energy_.sample(work_->processes(), now)
+                  : energy_.sample(engine.platform().processes().listing(ProcessDetail::Counters), now);
+  }
   if (!engine.preview() && engine.ticks() > 0 && engine.ticks() % kSaveEvery == 0) store_.save(whole_.learned());
 }
 

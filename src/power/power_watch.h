@@ -14,7 +14,8 @@ namespace vigilo {
 class AgentWork;
 
 // Power measurement for the engine: the whole machine's draw each tick,
-// what it learns from it (kept across launches), and which apps use energy.
+// what it learns from it (kept across launches), and which apps use energy
+// (on energy ticks, every 10 seconds).
 class PowerWatch final : public PowerMeter {
  public:
   // `work` gives the process table already read this tick; it may be null.

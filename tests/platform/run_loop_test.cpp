@@ -172,6 +172,31 @@ TEST_F(PollRunLoopTest, TimersFireInOrderNeverEarlyAndARepeatingOneCanCancelItse
   EXPECT_EQ(beats, 2);
 }
 
+// On a manual clock: timers with a tolerance share one wake-up when one
+// may wait for the other; a lone timer still fires when due.
+TEST_F(PollRunLoopTest, TimersWithinTheirToleranceShareOneWakeUp) {
+  ManualClock manual;
+  auto manualLoop = makePollRunLoop(manual);
+  std::vector<std::string> log;
+  const double t0 = manual.monotonic();
+  auto at = [&](const std::string& what) { return [&, what] { log.push_back(what + "@" + std::to_string(manual.monotonic() - t0)); }; };
+  manualLoop->every(2.0, 1.0, at("tick"));
+  manual.advance(0.5);
+  manualLoop->every(2.0, 1.0, at("poll"));
+  manual.advance(1.5);  // the tick is due, the poll half a second later
+  EXPECT_FALSE(runBounded(*manualLoop, 100ms)) << "the tick waits for the poll";
+  EXPECT_TRUE(log.empty());
+  manual.advance(0.5);
+  manualLoop->post([&] { manualLoop->stop(); });
+  runBounded(*manualLoop, 100ms);
+  EXPECT_EQ(log, (std::vector<std::string>{"tick@2.500000", "poll@2.500000"}));
+
+  auto lone = makePollRunLoop(manual);
+  lone->every(1.0, 0.5, [&] { lone->stop(); });
+  manual.advance(1.0);
+  EXPECT_TRUE(runBounded(*lone, 1000ms)) << "a lone timer waits for nothing";
+}
+
 TEST_F(PollRunLoopTest, PostAndStopFromAnotherThreadWakeTheLoop) {
   std::thread::id ranOn;
   std::thread poster([&] {

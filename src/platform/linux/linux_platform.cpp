@@ -1,6 +1,7 @@
 #include "platform/linux/linux_platform.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <pwd.h>
 #include <sched.h>
 #include <signal.h>
@@ -11,14 +12,18 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/files.h"
@@ -45,6 +50,8 @@ constexpr const char* kBlock = "block";
 constexpr double kProbeSeconds = 60.0;
 // The power-source and thermal watch, as often as the engine's tick.
 constexpr double kEventPollSeconds = 2.0;
+// How long a listing of a device folder is kept.
+constexpr double kDeviceListSeconds = 10.0;
 // The machine's draw is shared out among processes at most this often.
 constexpr double kEnergySampleSeconds = 1.0;
 
@@ -156,9 +163,87 @@ class SysTree {
     std::sort(out.begin(), out.end());
     return out;
   }
+  // The names in a folder of devices (/sys/class/..., the ACPI lid
+  // buttons), kept for up to kDeviceListSeconds on the machine itself:
+  // devices come and go seldom, and the tick and the platform's polls read
+  // them several times a tick. sysfs keeps no modification time to tell a
+  // change by, hence the age. A fixture tree is listed every time.
+  std::vector<std::string> devices(std::string_view folder) const {
+    if (!real()) return list(folder);
+    DeviceFolder& kept = devices_[std::string(folder)];
+    const auto now = std::chrono::steady_clock::now();
+    if (kept.listed && now - kept.listedAt < std::chrono::duration<double>(kDeviceListSeconds)) return kept.names;
+    kept.names = list(folder);
+    kept.listed = true;
+    kept.listedAt = now;
+    return kept.names;
+  }
+
+  // Whether this is the machine's own /proc, not a fixture tree.
+  bool real() const { return root_.empty(); }
+
+  // The process folders of /proc: each pid with the inode number of its
+  // folder, in ascending pid order. The kernel makes a new inode for each
+  // process it shows (and drops a process's folder when it is reaped), so a
+  // pid whose folder has another inode than before names a new process.
+  std::vector<std::pair<std::int32_t, ino_t>> processFolders() const {
+    std::vector<std::pair<std::int32_t, ino_t>> out;
+    std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(path("/proc").c_str()), ::closedir);
+    if (!dir) return out;
+    while (const dirent* e = ::readdir(dir.get())) {
+      std::int32_t pid = 0;
+      int digits = 0;
+      for (const char* c = e->d_name; *c != '\0'; ++c, ++digits) {
+        if (*c < '0' || *c > '9' || digits == 9) {
+          digits = 0;
+          break;
+        }
+        pid = pid * 10 + (*c - '0');
+      }
+      if (digits > 0 && pid > 0) out.emplace_back(pid, e->d_ino);
+    }
+    // The machine's /proc lists in pid order already; a fixture may not.
+    if (!std::is_sorted(out.begin(), out.end())) std::sort(out.begin(), out.end());
+    return out;
+  }
+
+  // One process's stat line, read and parsed without building a string:
+  // the hot path of every listing. Nothing when the process has ended.
+  std::optional<ProcStat> stat(std::int32_t pid) const {
+    char file[512];
+    const int len = std::snprintf(file, sizeof file, "%s/proc/%d/stat", root_.c_str(), pid);
+    if (len <= 0 || static_cast<std::size_t>(len) >= sizeof file) return std::nullopt;
+    const int fd = ::open(file, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return std::nullopt;
+    // A stat line is well under 1 KB; procfs hands it out whole in one read.
+    char buf[2048];
+    ssize_t n;
+    do {
+      n = ::read(fd, buf, sizeof buf);
+    } while (n < 0 && errno == EINTR);
+    ::close(fd);
+    if (n <= 0 || static_cast<std::size_t>(n) == sizeof buf) return std::nullopt;
+    return parseProcStat(std::string_view(buf, static_cast<std::size_t>(n)));
+  }
+
+  // The first `limit` bytes of a file, in one read.
+  std::optional<std::string> head(std::string_view p, std::size_t limit) const {
+    const int fd = ::open(path(p).c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return std::nullopt;
+    std::string out(limit, '\0');
+    ssize_t n;
+    do {
+      n = ::read(fd, out.data(), limit);
+    } while (n < 0 && errno == EINTR);
+    ::close(fd);
+    if (n < 0) return std::nullopt;
+    out.resize(static_cast<std::size_t>(n));
+    return out;
+  }
+
   std::vector<PowerSupplyText> supplies() const {
     std::vector<PowerSupplyText> out;
-    for (const std::string& name : list("/sys/class/power_supply")) {
+    for (const std::string& name : devices("/sys/class/power_supply")) {
       PowerSupplyText s;
       s.name = name;
       const std::string base = "/sys/class/power_supply/" + name + "/";
@@ -173,7 +258,7 @@ class SysTree {
 
   std::vector<ThermalZone> zones() const {
     std::vector<ThermalZone> out;
-    for (const std::string& name : list("/sys/class/thermal")) {
+    for (const std::string& name : devices("/sys/class/thermal")) {
       if (name.rfind("thermal_zone", 0) != 0) continue;
       const std::string base = "/sys/class/thermal/" + name + "/";
       ThermalZoneText t;
@@ -194,7 +279,7 @@ class SysTree {
   // The first readable /proc/acpi/button/lid/*/state: its path and state.
   std::optional<std::pair<std::string, bool>> acpiLid() const {
     std::optional<std::pair<std::string, bool>> found;
-    for (const std::string& name : list("/proc/acpi/button/lid")) {
+    for (const std::string& name : devices("/proc/acpi/button/lid")) {
       const std::string p = "/proc/acpi/button/lid/" + name + "/state";
       auto text = read(p);
       auto closed = text ? lidClosedFromAcpiState(*text) : std::nullopt;
@@ -206,7 +291,7 @@ class SysTree {
   }
 
   bool hasLidSwitchInput() const {
-    for (const std::string& name : list("/sys/class/input")) {
+    for (const std::string& name : devices("/sys/class/input")) {
       if (name.rfind("input", 0) != 0) continue;
       auto sw = read("/sys/class/input/" + name + "/capabilities/sw");
       if (sw && hasLidSwitchBit(*sw)) return true;
@@ -216,14 +301,20 @@ class SysTree {
 
   std::optional<std::string> backlight() const {
     std::vector<std::pair<std::string, std::string>> all;
-    for (const std::string& name : list("/sys/class/backlight")) {
+    for (const std::string& name : devices("/sys/class/backlight")) {
       all.emplace_back(name, read("/sys/class/backlight/" + name + "/type").value_or(""));
     }
     return chooseBacklight(all);
   }
 
  private:
+  struct DeviceFolder {
+    bool listed = false;
+    std::chrono::steady_clock::time_point listedAt;
+    std::vector<std::string> names;
+  };
   std::string root_;
+  mutable std::map<std::string, DeviceFolder> devices_;
 };
 
 // ---------------------------------------------------------------- the sleep switch
@@ -404,31 +495,33 @@ class LinuxDisplays final : public Displays {
 // the CPU time all processes used in the same stretch.
 class EnergyShare {
  public:
-  // The machine's counters now: busy CPU ticks, and the draw in watts.
-  void sample(double monotonic, std::uint64_t busyTicks, double watts) {
-    if (sampled_ && monotonic > lastAt_ && busyTicks >= lastBusy_) {
+  // The machine's counters now: busy CPU time, and the draw in watts.
+  void sample(double monotonic, std::uint64_t busyMicros, double watts) {
+    if (sampled_ && monotonic > lastAt_ && busyMicros >= lastBusy_) {
       joules_ += watts * (monotonic - lastAt_);
-      busy_ += busyTicks - lastBusy_;
+      busy_ += busyMicros - lastBusy_;
     }
     sampled_ = true;
     lastAt_ = monotonic;
-    lastBusy_ = busyTicks;
+    lastBusy_ = busyMicros;
   }
 
   // The energy of one process so far, counted from when it was first seen.
-  std::uint64_t energyOf(std::int32_t pid, std::uint64_t startTicks, std::uint64_t cpuTicks) {
+  // Reading a process seldom costs nothing: its share is of the machine's
+  // energy over the whole stretch since its last reading.
+  std::uint64_t energyOf(std::int32_t pid, std::uint64_t startTicks, std::uint64_t cpuMicros) {
     Seen& s = seen_[pid];
     if (!s.known || s.startTicks != startTicks) {
-      s = Seen{true, startTicks, cpuTicks, joules_, busy_, 0.0};
+      s = Seen{true, startTicks, cpuMicros, joules_, busy_, 0.0};
       return 0;
     }
     const double machine = joules_ - s.joulesAt;
     const std::uint64_t busy = busy_ - s.busyAt;
-    if (busy > 0 && cpuTicks > s.cpuTicks) {
-      const double share = std::min(1.0, static_cast<double>(cpuTicks - s.cpuTicks) / static_cast<double>(busy));
+    if (busy > 0 && cpuMicros > s.cpuMicros) {
+      const double share = std::min(1.0, static_cast<double>(cpuMicros - s.cpuMicros) / static_cast<double>(busy));
       s.nanojoules += machine * share * 1e9;
     }
-    s.cpuTicks = cpuTicks;
+    s.cpuMicros = cpuMicros;
     s.joulesAt = joules_;
     s.busyAt = busy_;
     return static_cast<std::uint64_t>(s.nanojoules);
@@ -443,7 +536,7 @@ class EnergyShare {
   struct Seen {
     bool known = false;
     std::uint64_t startTicks = 0;
-    std::uint64_t cpuTicks = 0;
+    std::uint64_t cpuMicros = 0;
     double joulesAt = 0.0;
     std::uint64_t busyAt = 0;
     double nanojoules = 0.0;
@@ -452,8 +545,8 @@ class EnergyShare {
   double lastAt_ = 0.0;
   std::uint64_t lastBusy_ = 0;
   double joules_ = 0.0;     // the machine's energy since the first sample
-  std::uint64_t busy_ = 0;  // busy ticks since the first sample
-  std::map<std::int32_t, Seen> seen_;
+  std::uint64_t busy_ = 0;  // busy CPU microseconds since the first sample
+  std::unordered_map<std::int32_t, Seen> seen_;
 };
 
 // One thread's scheduling, as read before Vigilo changed it.
@@ -520,23 +613,99 @@ class LinuxProcesses final : public Processes {
   std::optional<ProcessInfo> info(std::int32_t pid) override {
     if (pid <= 0) return std::nullopt;
     sampleMachine();
-    return read(pid);
+    auto stat = tree_.stat(pid);
+    if (!stat) return std::nullopt;
+    Known& k = learn(pid, *stat, std::nullopt)->second;
+    ProcessInfo p = k.identity;
+    auto cpu = cpuOf(pid, &*stat);
+    if (!cpu) return std::nullopt;
+    p.cpuMicros = *cpu;
+    p.energyNanojoules = energy_.energyOf(pid, k.startTicks, *cpu);
+    p.stopped = stat->state == 'T';
+    if (auto cwd = tree_.link("/proc/" + std::to_string(pid) + "/cwd")) p.cwd = *cwd;
+    return p;
   }
 
-  std::vector<ProcessInfo> list() override {
-    sampleMachine();
+  std::vector<ProcessInfo> list() override { return listing(ProcessDetail::Full); }
+
+  // Each process is learned once: its stat, executable and arguments are
+  // read when its /proc folder first shows, and again only when it may have
+  // changed. A process that hasn't used the CPU since can't have exec'd, so
+  // the counters (one clock read per process) tell which ones to look at
+  // again.
+  std::vector<ProcessInfo> listing(ProcessDetail detail) override {
+    if (detail != ProcessDetail::Identity) sampleMachine();
+    // Read before the folders, so that a process started meanwhile moves it.
+    std::optional<TaskStamp> tasks;
+    if (detail != ProcessDetail::Full) {
+      auto text = tree_.head("/proc/loadavg", 256);
+      tasks = text ? taskStampFromLoadavg(*text) : std::nullopt;
+    }
+    if (!tasks || tasks != lastTasks_ || listings_ == 0) folders_ = tree_.processFolders();
+    lastTasks_ = tasks;
+    const auto& folders = folders_;
+    ++listings_;
     std::vector<ProcessInfo> out;
+    out.reserve(folders.size());
     std::vector<std::int32_t> pids;
-    for (const std::string& name : tree_.list("/proc")) {
-      if (!isNumber(name) || name.size() > 9) continue;
-      if (auto p = read(static_cast<std::int32_t>(std::stol(name)))) {
-        pids.push_back(p->pid);
-        out.push_back(std::move(*p));
+    pids.reserve(folders.size());
+    for (const auto& [pid, ino] : folders) {
+      auto known = known_.find(pid);
+      std::optional<ProcStat> stat;
+      // A fixture has no CPU clocks: its stat is where the counters are.
+      const bool needStat = detail == ProcessDetail::Full || (detail == ProcessDetail::Counters && !tree_.real());
+      if (needStat || known == known_.end() || known->second.ino != ino) {
+        stat = tree_.stat(pid);
+        if (!stat) continue;  // ended since the folder was listed
+        known = learn(pid, *stat, ino);
+      }
+      std::optional<std::uint64_t> cpu;
+      if (detail != ProcessDetail::Identity) {
+        cpu = cpuOf(pid, stat ? &*stat : nullptr);
+        if (!cpu) continue;
+        const ProcessInfo& id = known->second.identity;
+        const bool kernelThread = id.path.empty() && id.args.empty();
+        if (!stat && !kernelThread && *cpu != known->second.cpuAtCheck) {
+          // It ran since it was last read: it may have exec'd.
+          stat = tree_.stat(pid);
+          if (!stat) continue;
+          known = learn(pid, *stat, ino);
+        }
+      }
+      Known& k = known->second;
+      k.listed = listings_;
+      ProcessInfo& p = out.emplace_back(k.identity);
+      pids.push_back(pid);
+      if (cpu) {
+        p.cpuMicros = *cpu;
+        p.energyNanojoules = energy_.energyOf(pid, k.startTicks, *cpu);
+      }
+      if (detail == ProcessDetail::Full) {
+        p.stopped = stat->state == 'T';
+        if (auto cwd = tree_.link("/proc/" + std::to_string(pid) + "/cwd")) p.cwd = *cwd;
       }
     }
-    std::sort(pids.begin(), pids.end());
+    std::erase_if(known_, [this](const auto& entry) { return entry.second.listed != listings_; });
     energy_.keepOnly(pids);
+    checkParents(out);
     return out;
+  }
+
+  // Trusts the last listing for which process the pid names (the app lists
+  // at the start of the same tick); a pid it didn't see is checked against
+  // its stat.
+  std::optional<ProcessCounters> counters(std::int32_t pid, std::uint64_t startMicros) override {
+    auto known = known_.find(pid);
+    std::optional<ProcStat> stat;
+    if (known == known_.end() || known->second.identity.startMicros != startMicros || !tree_.real()) {
+      stat = tree_.stat(pid);
+      if (!stat || startMicrosOf(*stat) != startMicros) return std::nullopt;
+      known = learn(pid, *stat, std::nullopt);
+    }
+    sampleMachine();
+    auto cpu = cpuOf(pid, stat ? &*stat : nullptr);
+    if (!cpu) return std::nullopt;
+    return ProcessCounters{*cpu, energy_.energyOf(pid, known->second.startTicks, *cpu)};
   }
 
   Result stop(std::int32_t pid) override { return signal(pid, SIGSTOP, "pause"); }
@@ -673,41 +842,102 @@ class LinuxProcesses final : public Processes {
     std::map<pid_t, SlowedThread> threads;
   };
 
-  std::optional<ProcStat> statOf(std::int32_t pid) const {
-    auto text = tree_.read("/proc/" + std::to_string(pid) + "/stat");
-    return text ? parseProcStat(*text) : std::nullopt;
+  std::optional<ProcStat> statOf(std::int32_t pid) const { return tree_.stat(pid); }
+
+  std::uint64_t startMicrosOf(const ProcStat& stat) const {
+    return startMicros(bootTime_.value_or(0), stat.starttime, hz_);
   }
 
-  std::optional<ProcessInfo> read(std::int32_t pid) {
-    const std::string base = "/proc/" + std::to_string(pid);
-    auto stat = statOf(pid);
-    if (!stat) return std::nullopt;
-    ProcessInfo p;
-    p.pid = pid;
-    p.ppid = stat->ppid;
-    p.startMicros = startMicros(bootTime_.value_or(0), stat->starttime, hz_);
-    p.cpuMicros = ticksToMicros(stat->utime + stat->stime, hz_);
-    p.stopped = stat->state == 'T';
-    if (auto cmdline = tree_.read(base + "/cmdline", kCmdlineLimit)) p.args = splitCmdline(*cmdline);
-    if (auto exe = tree_.link(base + "/exe")) {
-      p.path = exePathFromLink(*exe);
-    } else if (!p.args.empty()) {
-      // Another user's process hides its exe link; argv[0] is what is left.
-      p.path = p.args.front();
+  // CPU time used so far. On the machine itself from the process's CPU-time
+  // clock: one system call, no file (clock_getcpuclockid(3); any process's
+  // clock can be read). `stat` is used only in a fixture tree.
+  std::optional<std::uint64_t> cpuOf(std::int32_t pid, const ProcStat* stat) const {
+    if (tree_.real()) {
+      // MAKE_PROCESS_CPUCLOCK(pid, CPUCLOCK_SCHED) of the kernel's ABI,
+      // computed here rather than by clock_getcpuclockid, which spends a
+      // second system call checking it.
+      const auto clock = static_cast<clockid_t>((~static_cast<unsigned>(pid) << 3) | 2U);
+      timespec ts{};
+      if (::clock_gettime(clock, &ts) != 0) return std::nullopt;
+      return static_cast<std::uint64_t>(ts.tv_sec) * 1'000'000ULL + static_cast<std::uint64_t>(ts.tv_nsec) / 1000;
     }
-    if (auto cwd = tree_.link(base + "/cwd")) p.cwd = *cwd;
-    p.energyNanojoules = energy_.energyOf(pid, stat->starttime, stat->utime + stat->stime);
-    return p;
+    if (stat == nullptr) return std::nullopt;
+    return ticksToMicros(stat->utime + stat->stime, hz_);
+  }
+
+  // What is known of one process, from its last full reading.
+  struct Known {
+    ino_t ino = 0;  // of its /proc folder; 0 when learned outside a listing
+    std::uint64_t startTicks = 0;
+    // Change with exec.
+    std::string comm;
+    std::uint64_t startcode = 0;
+    std::uint64_t startstack = 0;
+    // CPU time at that reading: until it grows the process hasn't run.
+    std::uint64_t cpuAtCheck = 0;
+    ProcessInfo identity;  // pid, ppid, startMicros, path and args
+    std::uint64_t listed = 0;  // the last listing that saw it
+  };
+  using KnownMap = std::unordered_map<std::int32_t, Known>;
+
+  // Takes in a fresh stat line of `pid`: the executable and arguments are
+  // read only for a process not known yet, a new one under a known pid, or
+  // one that exec'd.
+  KnownMap::iterator learn(std::int32_t pid, const ProcStat& stat, std::optional<ino_t> ino) {
+    auto [it, added] = known_.try_emplace(pid);
+    Known& k = it->second;
+    const bool same = !added && k.startTicks == stat.starttime && k.comm == stat.comm &&
+                      k.startcode == stat.startcode && k.startstack == stat.startstack;
+    if (!same) {
+      const std::uint64_t listed = k.listed;
+      k = Known{};
+      k.listed = listed;
+      k.startTicks = stat.starttime;
+      k.comm = stat.comm;
+      k.startcode = stat.startcode;
+      k.startstack = stat.startstack;
+      ProcessInfo& p = k.identity;
+      p.pid = pid;
+      p.startMicros = startMicrosOf(stat);
+      const std::string base = "/proc/" + std::to_string(pid);
+      if (auto cmdline = tree_.read(base + "/cmdline", kCmdlineLimit)) p.args = splitCmdline(*cmdline);
+      if (auto exe = tree_.link(base + "/exe")) {
+        p.path = exePathFromLink(*exe);
+      } else if (!p.args.empty()) {
+        // Another user's process hides its exe link; argv[0] is what is left.
+        p.path = p.args.front();
+      }
+    }
+    k.identity.ppid = stat.ppid;
+    k.cpuAtCheck = cpuOf(pid, &stat).value_or(0);
+    if (ino) k.ino = *ino;
+    return it;
+  }
+
+  // A parent starts before its children. A child read long ago may still
+  // name a parent that has ended since, and the pid may now belong to a
+  // newer process: such a child is read again for its real parent.
+  void checkParents(std::vector<ProcessInfo>& out) {
+    for (ProcessInfo& p : out) {
+      auto parent = known_.find(p.ppid);
+      if (parent == known_.end() || parent->second.identity.startMicros <= p.startMicros) continue;
+      auto stat = tree_.stat(p.pid);
+      if (!stat || startMicrosOf(*stat) != p.startMicros) continue;
+      learn(p.pid, *stat, std::nullopt);
+      p.ppid = stat->ppid;
+    }
   }
 
   void sampleMachine() {
     const double now = clock_.monotonic();
     if (sampledAt_ && now - *sampledAt_ < kEnergySampleSeconds && now >= *sampledAt_) return;
-    auto stat = tree_.read("/proc/stat", kCmdlineLimit);
+    // The "cpu " line comes first; the rest of /proc/stat (one line per CPU,
+    // the interrupt counts) can be long and is not needed.
+    auto stat = tree_.head("/proc/stat", 4096);
     auto busy = stat ? busyTicksFromProcStat(*stat) : std::nullopt;
     if (!busy) return;
     sampledAt_ = now;
-    energy_.sample(now, *busy, draw_().value_or(0.0));
+    energy_.sample(now, ticksToMicros(*busy, hz_), draw_().value_or(0.0));
   }
 
   Result checkTarget(std::int32_t pid, const std::string& verb) const {
@@ -770,6 +1000,13 @@ class LinuxProcesses final : public Processes {
   bool capSysNice_ = false;
   std::optional<double> sampledAt_;
   EnergyShare energy_;
+  KnownMap known_;
+  std::uint64_t listings_ = 0;
+  // The process folders of the last listing, and the kernel's task stamp
+  // then: while it stays, no process started or ended, and listing /proc
+  // again (the largest cost of an idle tick) would show the same.
+  std::vector<std::pair<std::int32_t, ino_t>> folders_;
+  std::optional<TaskStamp> lastTasks_;
   std::map<std::int32_t, SlowRecord> slowed_;
 };
 

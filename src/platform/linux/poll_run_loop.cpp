@@ -6,11 +6,13 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
+#include <limits>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -82,7 +84,8 @@ class PollRunLoop final : public RunLoop {
   using Callback = std::shared_ptr<const std::function<void()>>;
   struct Timer {
     double due;
-    double interval;  // 0 for one-shot
+    double interval;   // 0 for one-shot
+    double tolerance;  // how late it may fire to share a wake-up
     Callback fn;
   };
   struct FileWatch {
@@ -95,7 +98,8 @@ class PollRunLoop final : public RunLoop {
     Callback fn;
   };
 
-  TimerId addTimer(double delay, double interval, std::function<void()> fn);
+  TimerId addTimer(double delay, double interval, double tolerance, std::function<void()> fn);
+  double wakeAt() const;
   void wake();
   int pollTimeoutMs() const;
   void runPosted();
@@ -137,24 +141,39 @@ PollRunLoop::PollRunLoop(const Clock& clock) : clock_(clock) {
   inotifyFd_.reset(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
 }
 
-TimerId PollRunLoop::addTimer(double delay, double interval, std::function<void()> fn) {
+TimerId PollRunLoop::addTimer(double delay, double interval, double tolerance, std::function<void()> fn) {
   const TimerId id = nextId_++;
   const double due = clock_.monotonic() + delay;
-  timers_.emplace(id, Timer{due, interval, std::make_shared<const std::function<void()>>(std::move(fn))});
+  timers_.emplace(id, Timer{due, interval, tolerance, std::make_shared<const std::function<void()>>(std::move(fn))});
   deadlines_.emplace(due, id);
   return id;
 }
 
-// Tolerance is not used: each deadline costs one wake-up of poll, and the
-// few timers of the app seldom fall close enough together to merge.
-TimerId PollRunLoop::every(double interval, double /*tolerance*/, std::function<void()> fn) {
+// Each deadline of its own would cost a wake-up of poll: the app's tick and
+// the platform's polls share one by firing within their tolerance.
+TimerId PollRunLoop::every(double interval, double tolerance, std::function<void()> fn) {
   if (!(interval >= kMinInterval)) interval = kMinInterval;  // also catches NaN
-  return addTimer(interval, interval, std::move(fn));
+  if (!(tolerance > 0)) tolerance = 0;
+  return addTimer(interval, interval, std::min(tolerance, interval), std::move(fn));
 }
 
 TimerId PollRunLoop::after(double delay, std::function<void()> fn) {
   if (!(delay > 0)) delay = 0;
-  return addTimer(delay, 0, std::move(fn));
+  return addTimer(delay, 0, 0, std::move(fn));
+}
+
+// The latest moment by which no timer is later than its tolerance allows;
+// the wake-up comes when the last timer due by then is due, so every timer
+// due by then fires in the same pass. A lone timer fires when due.
+double PollRunLoop::wakeAt() const {
+  double latest = std::numeric_limits<double>::infinity();
+  for (const auto& [id, timer] : timers_) latest = std::min(latest, timer.due + timer.tolerance);
+  double wake = deadlines_.begin()->first;
+  for (const auto& [due, id] : deadlines_) {
+    if (due > latest) break;
+    wake = due;
+  }
+  return wake;
 }
 
 void PollRunLoop::cancel(TimerId id) {
@@ -243,7 +262,7 @@ void PollRunLoop::onSignal(int signo, std::function<void()> fn) {
 
 int PollRunLoop::pollTimeoutMs() const {
   if (deadlines_.empty()) return -1;
-  const double wait = deadlines_.begin()->first - clock_.monotonic();
+  const double wait = wakeAt() - clock_.monotonic();
   if (wait <= 0) return 0;
   if (wait >= kMaxWaitSeconds) return static_cast<int>(kMaxWaitSeconds * 1000);
   // Rounded up: waking a fraction early would only poll again with 0.
@@ -374,6 +393,9 @@ void PollRunLoop::fireDueTimers() {
   // pass wait for the next one, so a callback that schedules `after(0)` again
   // and again cannot keep the loop from polling.
   const double now = clock_.monotonic();
+  // Woken early by something else: the due timers may still wait for the
+  // shared wake-up.
+  if (deadlines_.empty() || now < wakeAt()) return;
   const TimerId firstNew = nextId_;
   auto it = deadlines_.begin();
   while (it != deadlines_.end() && it->first <= now) {

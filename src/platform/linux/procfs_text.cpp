@@ -74,6 +74,11 @@ std::optional<ProcStat> parseProcStat(std::string_view text) {
   s.stime = *stime;
   s.nice = *nice;
   s.starttime = *start;
+  // Fields 26 and 28, since Linux 2.6: absent only from a cut-down line.
+  if (rest.size() > 25) {
+    s.startcode = integer<std::uint64_t>(rest[23]).value_or(0);
+    s.startstack = integer<std::uint64_t>(rest[25]).value_or(0);
+  }
   return s;
 }
 
@@ -99,6 +104,17 @@ std::optional<std::uint64_t> busyTicksFromProcStat(std::string_view text) {
     busy += *v;
   }
   return busy;
+}
+
+std::optional<TaskStamp> taskStampFromLoadavg(std::string_view text) {
+  auto f = fields(text);
+  if (f.size() != 5) return std::nullopt;
+  const auto slash = f[3].find('/');
+  if (slash == std::string_view::npos) return std::nullopt;
+  auto tasks = integer<std::uint64_t>(f[3].substr(slash + 1));
+  auto last = integer<std::uint64_t>(f[4]);
+  if (!tasks || !last) return std::nullopt;
+  return TaskStamp{*tasks, *last};
 }
 
 std::vector<std::string> splitCmdline(std::string_view text) {

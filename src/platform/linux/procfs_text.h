@@ -21,6 +21,11 @@ struct ProcStat {
   std::uint64_t stime = 0;  // clock ticks
   std::int64_t nice = 0;
   std::uint64_t starttime = 0;  // clock ticks after boot
+  // Where the program's code and stack begin: placed afresh (randomly) by
+  // every exec, so with comm they tell an exec that kept the pid. Zero when
+  // the kernel hides them (another user's process) or the line is short.
+  std::uint64_t startcode = 0;
+  std::uint64_t startstack = 0;
 };
 
 // Nothing for text that is not a stat line.
@@ -32,6 +37,16 @@ std::optional<std::int64_t> bootTimeFromProcStat(std::string_view text);
 // user, nice, system, irq, softirq and steal (guest time is already inside
 // user and nice; idle and iowait are not busy).
 std::optional<std::uint64_t> busyTicksFromProcStat(std::string_view text);
+
+// From /proc/loadavg ("0.20 0.18 0.12 1/80 11206"): the number of tasks
+// (threads) that exist and the last pid handed out. While neither moves, no
+// task has started or been reaped.
+struct TaskStamp {
+  std::uint64_t tasks = 0;
+  std::uint64_t lastPid = 0;
+  bool operator==(const TaskStamp&) const = default;
+};
+std::optional<TaskStamp> taskStampFromLoadavg(std::string_view text);
 
 // /proc/PID/cmdline split at its NULs. A process that rewrote its title
 // into one string gives that one string.

@@ -333,6 +333,19 @@ class SimProcesses final : public Processes {
     for (const auto& p : laptop_.processes()) out.push_back(toInfo(p));
     return out;
   }
+  // Leaves out what the detail doesn't ask for, as a real backend may, so
+  // that a caller relying on it shows up in tests.
+  std::vector<ProcessInfo> listing(ProcessDetail detail) override {
+    std::vector<ProcessInfo> out = list();
+    for (ProcessInfo& p : out) {
+      if (detail == ProcessDetail::Identity) p.cpuMicros = p.energyNanojoules = 0;
+      if (detail != ProcessDetail::Full) {
+        p.cwd.clear();
+        p.stopped = false;
+      }
+    }
+    return out;
+  }
   Result stop(std::int32_t pid) override {
     return change_([pid](SimLaptop& l) { return l.stop(pid); });
   }

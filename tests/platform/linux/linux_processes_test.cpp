@@ -37,13 +37,14 @@ TEST(LinuxProcText, StatLinesOfRealProcesses) {
     std::optional<ProcStat> expected;
   };
   auto stat = [](std::int32_t pid, std::string comm, char state, std::int32_t ppid, std::uint64_t utime,
-                 std::uint64_t stime, std::int64_t nice, std::uint64_t start) {
-    return ProcStat{pid, std::move(comm), state, ppid, utime, stime, nice, start};
+                 std::uint64_t stime, std::int64_t nice, std::uint64_t start, std::uint64_t code = 1,
+                 std::uint64_t stack = 0) {
+    return ProcStat{pid, std::move(comm), state, ppid, utime, stime, nice, start, code, stack};
   };
   const std::vector<Row> rows{
       {"15546 (cat) R 15540 15540 12915 0 -1 4194304 99 0 0 0 0 0 0 0 20 0 1 0 146810 3133440 409 "
        "18446744073709551615 94611056517120 94611056537001 140733640362320 0 0 0 0 0 0 0 0 0 17 1 0 0 0 0 0\n",
-       stat(15546, "cat", 'R', 15540, 0, 0, 0, 146810)},
+       stat(15546, "cat", 'R', 15540, 0, 0, 0, 146810, 94611056517120, 140733640362320)},
       {"812 (tmux: server) S 1 812 812 0 -1 4194368 2915 0 0 0 1520 893 0 0 20 0 1 0 8512 9953280 1024 "
        "18446744073709551615 1 1 0 0 0 0 0 3 1 0 0 0 17 0 0 0 0 0 0\n",
        stat(812, "tmux: server", 'S', 1, 1520, 893, 0, 8512)},
@@ -54,7 +55,8 @@ TEST(LinuxProcText, StatLinesOfRealProcesses) {
       {"4242 (a) b) T 1 4242 4242 0 -1 4194560 10 0 0 0 7 3 0 0 39 19 1 0 777 1 1 18446744073709551615 1 1 0 0 0 "
        "0 0 0 0 0 0 0 17 0 0 0 0 0 0\n",
        stat(4242, "a) b", 'T', 1, 7, 3, 19, 777)},
-      {"99 (renice) S 1 99 99 0 -1 0 0 0 0 0 5 5 0 0 15 -5 1 0 4096 0 0", stat(99, "renice", 'S', 1, 5, 5, -5, 4096)},
+      {"99 (renice) S 1 99 99 0 -1 0 0 0 0 0 5 5 0 0 15 -5 1 0 4096 0 0",
+       stat(99, "renice", 'S', 1, 5, 5, -5, 4096, 0, 0)},
       {"", std::nullopt},
       {"12 cat R 1", std::nullopt},
       {"x (y) R 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 0 0", std::nullopt},
@@ -66,7 +68,8 @@ TEST(LinuxProcText, StatLinesOfRealProcesses) {
     auto got = parseProcStat(row.line);
     ASSERT_EQ(got.has_value(), row.expected.has_value());
     auto fields = [](const ProcStat& s) {
-      return std::tuple(s.pid, s.comm, s.state, s.ppid, s.utime, s.stime, s.nice, s.starttime);
+      return std::tuple(s.pid, s.comm, s.state, s.ppid, s.utime, s.stime, s.nice, s.starttime, s.startcode,
+                        s.startstack);
     };
     if (got) {
       EXPECT_EQ(fields(*got), fields(*row.expected));
@@ -86,6 +89,10 @@ TEST(LinuxProcText, MachineCountersCommandLinesLimitsAndCapabilities) {
   EXPECT_EQ(bootTimeFromProcStat(procStat), 1795243647);
   EXPECT_EQ(busyTicksFromProcStat(procStat), 107773u + 0 + 14520 + 0 + 111 + 56);
   EXPECT_FALSE(bootTimeFromProcStat("cpu 1 2 3 4\n").has_value());
+  EXPECT_EQ(taskStampFromLoadavg("0.20 0.18 0.12 1/80 11206\n"), (TaskStamp{80, 11206}));
+  for (const char* junk : {"", "0.20 0.18 0.12 80 11206\n", "0.20 0.18 0.12 1/80\n", "0.2 0.1 0.1 1/x 5\n"}) {
+    EXPECT_FALSE(taskStampFromLoadavg(junk).has_value()) << junk;
+  }
 
   EXPECT_EQ(splitCmdline("node\0/usr/bin/claude\0--resume\0"s),
             (std::vector<std::string>{"node", "/usr/bin/claude", "--resume"}));
@@ -222,6 +229,23 @@ TEST_F(LinuxProcessesTest, FindsItselfAndAChildWithParentStartPathArgumentsAndFo
   EXPECT_TRUE(std::any_of(all.begin(), all.end(), [](const ProcessInfo& p) { return p.pid == ::getpid(); }));
   EXPECT_FALSE(processes().info(0).has_value());
   EXPECT_FALSE(processes().info(std::numeric_limits<std::int32_t>::max()).has_value());
+
+  // Counters come from each process's CPU-time clock: this process's own
+  // reading lies between two readings of its clock taken around it.
+  auto cpuNow = [] {
+    timespec ts{};
+    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+    return static_cast<std::uint64_t>(ts.tv_sec) * 1'000'000 + static_cast<std::uint64_t>(ts.tv_nsec) / 1000;
+  };
+  const std::uint64_t cpuBefore = cpuNow();
+  auto counted = processes().listing(ProcessDetail::Counters);
+  const std::uint64_t cpuAfter = cpuNow();
+  auto self2 = std::find_if(counted.begin(), counted.end(), [](const ProcessInfo& p) { return p.pid == ::getpid(); });
+  ASSERT_NE(self2, counted.end());
+  EXPECT_GE(self2->cpuMicros, cpuBefore);
+  EXPECT_LE(self2->cpuMicros, cpuAfter);
+  EXPECT_EQ(processes().counters(child.pid(), info->startMicros).has_value(), true);
+  EXPECT_FALSE(processes().counters(child.pid(), info->startMicros + 1).has_value());
 }
 
 TEST_F(LinuxProcessesTest, StopAndResumeReallyStopAndContinueAChild) {
@@ -332,6 +356,61 @@ TEST_F(LinuxTreeTest, EnergyIsTheProcessShareOfTheBatteryDraw) {
     machine(busy, cpu, start);
     EXPECT_EQ(p->processes().info(100)->energyNanojoules, nanojoules) << busy;
   }
+}
+
+// Given a fixture /proc with an agent (100) and its shell (200): a listing
+// learns each process once, and a new process under an old pid, an exec
+// and a parent that ended all show as they are, never as the old process.
+TEST_F(LinuxTreeTest, ListingsNeverMistakeANewProcessUnderAnOldPidForTheOldOne) {
+  put("/proc/stat", "cpu  1000 0 0 5000 0 0 0 0 0 0\nbtime 1795243647\n");
+  auto process = [&](int pid, int ppid, const std::string& comm, int start, int cpu, int stack,
+                     const std::string& cmdline) {
+    put("/proc/" + std::to_string(pid) + "/stat",
+        std::to_string(pid) + " (" + comm + ") S " + std::to_string(ppid) + " 1 1 0 -1 0 0 0 0 0 " +
+            std::to_string(cpu) + " 0 0 0 20 0 1 0 " + std::to_string(start) + " 0 0 0 4096 8192 " +
+            std::to_string(stack) + "\n");
+    put("/proc/" + std::to_string(pid) + "/cmdline", cmdline);
+  };
+  // The kernel's task count and last pid: what tells that nothing started.
+  put("/proc/loadavg", "0.00 0.00 0.00 1/2 200\n");
+  process(100, 1, "claude", 400, 10, 111, "claude\0"s);
+  process(200, 100, "node", 500, 5, 222, "node\0/x/server.js\0"s);
+  auto p = platform();
+  Processes& procs = p->processes();
+  const long hz = ::sysconf(_SC_CLK_TCK);
+  auto start = [&](int ticks) { return 1795243647ULL * 1'000'000 + static_cast<std::uint64_t>(ticks) * 1'000'000 / hz; };
+  auto find = [](const std::vector<ProcessInfo>& list, std::int32_t pid) {
+    auto it = std::find_if(list.begin(), list.end(), [pid](const ProcessInfo& i) { return i.pid == pid; });
+    return it == list.end() ? ProcessInfo{} : *it;
+  };
+
+  auto first = procs.listing(ProcessDetail::Identity);
+  ASSERT_EQ(first.size(), 2u);
+  EXPECT_EQ(std::tuple(first[0].pid, first[0].ppid, first[0].path, first[0].startMicros),
+            std::tuple(100, 1, "claude"s, start(400)));
+  EXPECT_EQ(first[1].args, (std::vector<std::string>{"node", "/x/server.js"}));
+  EXPECT_EQ(first[1].cpuMicros, 0u);  // identities only
+
+  // The agent ends and a new process takes its pid (in a folder of its
+  // own, as the kernel gives it); the shell, reparented to init, still
+  // shows its old parent in the cache until it is read again.
+  std::filesystem::rename(dir_.path() + "/proc/100", dir_.path() + "/proc/gone");
+  process(100, 1, "sleep", 900, 0, 333, "sleep\0"s "60\0"s);
+  put("/proc/loadavg", "0.00 0.00 0.00 1/2 100\n");
+  process(200, 1, "node", 500, 5, 222, "node\0/x/server.js\0"s);
+  auto second = procs.listing(ProcessDetail::Identity);
+  EXPECT_EQ(std::tuple(find(second, 100).path, find(second, 100).startMicros), std::tuple("sleep"s, start(900)));
+  EXPECT_EQ(find(second, 200).ppid, 1);
+  EXPECT_FALSE(procs.counters(100, start(400)).has_value());
+  EXPECT_EQ(procs.counters(100, start(900))->cpuMicros, 0u);
+
+  // The node process exec's another script of the same name in place: the
+  // counters listing reads it again and sees the new arguments.
+  process(200, 1, "node", 500, 7, 444, "node\0/x/claude-code/cli.js\0"s);
+  auto third = procs.listing(ProcessDetail::Counters);
+  EXPECT_EQ(find(third, 200).args, (std::vector<std::string>{"node", "/x/claude-code/cli.js"}));
+  EXPECT_EQ(find(third, 200).cpuMicros, 7ULL * 1'000'000 / static_cast<std::uint64_t>(hz));
+  EXPECT_EQ(procs.counters(200, start(500))->cpuMicros, find(third, 200).cpuMicros);
 }
 
 // ---------------------------------------------------------------- folders
