@@ -370,6 +370,9 @@ class Cli {
       out(r.dump(2));
     } else {
       out(r["hold"].value("id", std::string()));
+      // The id alone goes to standard output, for scripts; a cut reason is
+      // said beside it.
+      if (r.contains("note") && r["note"].is_string()) err(r["note"].get<std::string>());
     }
     return 0;
   }
