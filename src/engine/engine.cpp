@@ -110,7 +110,7 @@ void Engine::launch() {
     restoreRuntime();
     return;
   }
-  if (slow_) slow_->refreshWatchdog(*this);
+  for (SlowJobs* jobs : slow_) jobs->refreshWatchdog(*this);
   // The heartbeat comes before the first change this run may make, so the
   // watchdog never takes a run that quits or dies before its first tick
   // for one that quit cleanly.
@@ -269,14 +269,16 @@ void Engine::tick() {
 
   keepMarkerInStep();
 
-  if (ticks_ % 150 == 3 && slow_) slow_->checkWatchdog(*this);
+  if (ticks_ % 150 == 3) {
+    for (SlowJobs* jobs : slow_) jobs->checkWatchdog(*this);
+  }
   if (ticks_ % 5 == 0) {
     reloadConfigIfEdited();
-    if (slow_) slow_->checkScheduledWake(*this);
+    for (SlowJobs* jobs : slow_) jobs->checkScheduledWake(*this);
     refreshSetup();
     retryPendingRelease();
     reassertSleep();
-    if (slow_) slow_->checkApprove(*this);
+    for (SlowJobs* jobs : slow_) jobs->checkApprove(*this);
   }
 
   evaluate();
@@ -561,7 +563,11 @@ void Engine::reassertSleep() {
     return;
   }
   const Time t = now();
-  const bool checkIn = slow_ && slow_->checkInUntil() && *slow_->checkInUntil() > t;
+  bool checkIn = false;
+  for (const SlowJobs* jobs : slow_) {
+    const std::optional<Time> until = jobs->checkInUntil();
+    if (until && *until > t) checkIn = true;
+  }
   // An adopted hold is settled by `settleAdoptedHold` alone, also once its
   // grace has passed: switching it back on here as well would run the same
   // release twice on one tick.
@@ -852,7 +858,7 @@ void Engine::shutdown() {
     files_.remove(kHoldMarker);
   }
   if (wasHolding && lidClosed_ && closedLid_) closedLid_->leave(*this);
-  if (slow_) slow_->endApproveIfUnwatched(*this);
+  for (SlowJobs* jobs : slow_) jobs->endApproveIfUnwatched(*this);
   if (outstandingChanges().empty()) files_.remove(kAliveFile);
 }
 

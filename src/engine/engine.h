@@ -60,7 +60,8 @@ class Engine {
   // Whether anything is slowed or paused while the lid is shut.
   bool savesWhileClosed() const { return closedLid_ != nullptr; }
   void setPowerMeter(PowerMeter* s) { power_ = s; }
-  void setSlowJobs(SlowJobs* s) { slow_ = s; }
+  // Adds one more subsystem to the slow beats; each is called in the order added.
+  void addSlowJobs(SlowJobs* s) { slow_.push_back(s); }
   // Receives every announcement and alert.
   void setNoticeHandler(std::function<void(const Notice&)> fn) { notice_ = std::move(fn); }
   // Called at the end of every evaluation, so a front end can redraw.
@@ -189,7 +190,7 @@ class Engine {
   WorkSource* work_ = nullptr;
   ClosedLidSavings* closedLid_ = nullptr;
   PowerMeter* power_ = nullptr;
-  SlowJobs* slow_ = nullptr;
+  std::vector<SlowJobs*> slow_;
   std::function<void(const Notice&)> notice_;
   std::function<void()> changed_;
 

@@ -412,7 +412,7 @@ TEST_F(EngineTest, UnwritableAppFolderNeverSwitchesSleepOff) {
 TEST_F(EngineTest, SlowJobsRunOnTheirTicks) {
   RecordingSlowJobs jobs;
   engine_ = std::make_unique<Engine>(*sim_, folder_);
-  engine_->setSlowJobs(&jobs);
+  engine_->addSlowJobs(&jobs);
   engine_->launch();
   advance(2 * 10);
   EXPECT_THAT(jobs.calls, ElementsAre("refreshWatchdog", "watchdog@3", "wake@5", "approve@5", "wake@10", "approve@10"));
