@@ -213,8 +213,11 @@ WatchId PollRunLoop::watchFile(const std::string& path, std::function<void()> fn
   if (inotifyFd_) {
     // Adding the same folder again returns the existing watch descriptor, so
     // watches of several files in one folder share it.
+    // Not IN_ATTRIB: a change of times or permissions is no change of
+    // content, and the heartbeat beside the watched files changes its times
+    // every tick.
     constexpr std::uint32_t kMask = IN_CLOSE_WRITE | IN_MODIFY | IN_MOVED_TO | IN_MOVED_FROM | IN_CREATE |
-                                    IN_DELETE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+                                    IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
     wd = ::inotify_add_watch(inotifyFd_.get(), folder.c_str(), kMask);
   }
   const WatchId id = nextId_++;
