@@ -23,6 +23,7 @@
 #include "commands/mcp_server.h"
 #include "commands/setup_prompt.h"
 #include "engine/engine.h"
+#include "integrations/connect_command.h"
 #include "platform/files.h"
 
 extern char** environ;
@@ -278,8 +279,9 @@ class Cli {
         {"power", &Cli::power},       {"measure", &Cli::measure},  {"anyway", &Cli::anyway},
         {"open", &Cli::open},         {"snapshot", &Cli::snapshot}, {"island", &Cli::island},
         {"energy", &Cli::energy},     {"doctor", &Cli::doctor},    {"rescue", &Cli::rescue},
-        {"connect", &Cli::notBuilt},  {"prompt", &Cli::prompt},    {"mcp", &Cli::mcp},
+        {"connect", &Cli::connect},   {"prompt", &Cli::prompt},    {"mcp", &Cli::mcp},
         {"event", &Cli::event},
+        {"disconnect", &Cli::disconnect},
     };
     for (const Entry& e : kCommands) {
       if (name == e.name) {
@@ -666,6 +668,16 @@ class Cli {
   int prompt() {
     out(setupPrompt());
     return 0;
+  }
+
+  int connect() {
+    AIConnect agents(AgentPlaces::fromEnvironment());
+    return connectCommand(inv_.words, agents);
+  }
+
+  int disconnect() {
+    AIConnect agents(AgentPlaces::fromEnvironment());
+    return disconnectCommand(agents);
   }
 
   int notBuilt() {
