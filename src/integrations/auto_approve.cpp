@@ -168,6 +168,9 @@ std::string AutoApprove::turnOn(Ends ends, std::optional<double> hours, bool* ok
     return kOnMessage;
   }
 
+  if (places_.home.empty() || places_.home[0] != '/') {
+    return "Vigilo can't tell your home folder (HOME isn't set), so nothing was changed.";
+  }
   const std::string claudePath = places_.claudeSettings();
   const std::string codexPath = places_.codexConfig();
   const std::string claudeShown = places_.shown(claudePath);
@@ -445,11 +448,11 @@ bool ApproveJobs::agentRunning() const {
 
 void ApproveJobs::checkApprove(Engine& engine) {
   if (engine.preview() || !approve_.isOn()) return;
-  const bool working = agentWorking(engine);
-  if (working) approve_.markWork();
-  // Held for work: an agent works now, or the quiet minutes after it run.
-  const bool holdingForWork =
-      working || (engine.holding() && engine.config().mode == Mode::Auto && engine.holds().empty());
+  // Held for work: an agent works now, or the engine holds for work in
+  // mode "auto" without an explicit hold (the quiet minutes after it).
+  const bool holdingForWork = agentWorking(engine) ||
+                              (engine.holding() && engine.config().mode == Mode::Auto && engine.holds().empty());
+  if (holdingForWork) approve_.markWork();
   auto why = approve_.expiry(holdingForWork, engine.now());
   if (!why) return;
   bool ok = false;

@@ -22,6 +22,10 @@ int connectCommand(const std::vector<std::string>& words, AIConnect& connect) {
     std::fprintf(stderr, "vigilo: usage: vigilo connect [claude|codex|claude-app]\n");
     return 2;
   }
+  if (connect.places().home.empty() || connect.places().home[0] != '/') {
+    std::fprintf(stderr, "vigilo: can't tell your home folder (HOME isn't set), so no agent was connected.\n");
+    return 1;
+  }
   const ServerCommand server = AIConnect::serverCommand(connect.places());
   std::vector<std::string> agents;
   if (words.empty()) {
@@ -58,6 +62,10 @@ int connectCommand(const std::vector<std::string>& words, AIConnect& connect) {
 }
 
 int disconnectCommand(AIConnect& connect) {
+  if (connect.places().home.empty() || connect.places().home[0] != '/') {
+    std::fprintf(stderr, "vigilo: can't tell your home folder (HOME isn't set), so nothing was changed.\n");
+    return 1;
+  }
   auto lines = connect.disconnectAll();
   bool allOk = true;
   for (const auto& line : lines) {
