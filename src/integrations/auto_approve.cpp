@@ -66,6 +66,13 @@ bool claudeIsOn(const ordered_json& settings) {
   return mode && *mode == kBypass && skip != settings.end() && *skip == true;
 }
 
+std::string parentOf(const std::string& path) { return std::filesystem::path(path).parent_path().string(); }
+
+bool isFolder(const std::string& path) {
+  std::error_code ec;
+  return std::filesystem::is_directory(path, ec);
+}
+
 // Where the content of `path` lives, so that the watchdog's move over it
 // keeps a link the person made.
 std::string resolved(const std::string& path) {
@@ -192,10 +199,18 @@ std::string AutoApprove::turnOn(Ends ends, std::optional<double> hours, bool* ok
   } catch (const std::exception& e) {
     return "Couldn't change " + claudeShown + " (" + e.what() + "), so nothing was changed.";
   }
-  const bool claudeTouched = newSettings != *settings;
+  // An agent whose folder isn't there isn't used here: no settings are
+  // made up for it.
+  const bool claudeHere = claude->existed() || isFolder(parentOf(claudePath));
+  const bool codexHere = codex->existed() || isFolder(parentOf(codexPath));
+  if (!claudeHere && !codexHere) {
+    return "Neither Claude Code nor Codex is set up here (no " + parentOf(claudeShown) + " or " +
+           parentOf(codexShown) + " folder), so nothing was changed.";
+  }
+  const bool claudeTouched = claudeHere && newSettings != *settings;
   const std::string claudeBytes = jsonLike(newSettings, claude->bytes());
   const std::string codexText = codexOn(codex->bytes());
-  const bool codexTouched = codexText != codex->bytes();
+  const bool codexTouched = codexHere && codexText != codex->bytes();
 
   ordered_json j = ordered_json::object();
   if (const ordered_json* mode = defaultMode(*settings)) j["claudeMode"] = *mode;
@@ -256,9 +271,9 @@ std::string AutoApprove::turnOn(Ends ends, std::optional<double> hours, bool* ok
   auto claudeNow = CarefulFile::read(claudePath);
   auto claudeParsed = claudeNow ? parseJsonObject(claudeNow->bytes()) : std::nullopt;
   auto codexNow = CarefulFile::read(codexPath);
-  const bool stuck = claudeParsed && claudeIsOn(*claudeParsed) && codexNow &&
-                     TOMLTop::value(codexNow->bytes(), kApproval) == kNever &&
-                     TOMLTop::value(codexNow->bytes(), kSandbox) == kFullAccess;
+  const bool stuck = (!claudeHere || (claudeParsed && claudeIsOn(*claudeParsed))) &&
+                     (!codexHere || (codexNow && TOMLTop::value(codexNow->bytes(), kApproval) == kNever &&
+                                     TOMLTop::value(codexNow->bytes(), kSandbox) == kFullAccess));
   if (!stuck) {
     bool off = false;
     const std::string undo = turnOff(&off);

@@ -47,6 +47,8 @@ TEST_F(ApproveJobsTest, UntilDoneEndsWhenTheWorkItSawFinishes) {
   EXPECT_EQ(told_, (std::vector<std::string>{"Approve everything is off: The work finished. Off. Your previous "
                                              "Claude Code and Codex settings are back."}));
   EXPECT_EQ(readFile(places_.codexConfig()), "model = \"o3\"\n");
+  // Claude Code isn't set up in this home: its settings were never made up.
+  EXPECT_FALSE(std::filesystem::exists(places_.home + "/.claude"));
 }
 
 TEST_F(ApproveJobsTest, ATimedOneEndsOnTheBeatAfterItsTimeAndAnyOneEndsAtQuit) {
