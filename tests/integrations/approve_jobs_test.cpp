@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "commands/command_center.h"
 #include "engine/engine_fixture.h"
 #include "integrations/auto_approve.h"
 
@@ -67,6 +68,24 @@ TEST_F(ApproveJobsTest, ATimedOneEndsOnTheBeatAfterItsTimeAndAnyOneEndsAtQuit) {
   engine().shutdown();
   EXPECT_FALSE(approve_.isOn());
   EXPECT_FALSE(files().exists("alive"));
+}
+
+TEST_F(ApproveJobsTest, RequestsTurnItOnAndOffAndStatusSaysHowItEnds) {
+  launch();
+  CommandCenter center(engine(), [] {});
+  center.setApprove(&approve_);
+  EXPECT_EQ(center.statusDictionary()["approve_everything"]["on"], false);
+  EXPECT_EQ(center.handle("approve", {{"on", true}, {"ends", "soon"}})["error"], "ends: work, time or manual");
+  auto on = center.handle("approve", {{"on", true}, {"ends", "work"}});
+  ASSERT_EQ(on["ok"], true) << on;
+  EXPECT_EQ(on["message"], "On. New Claude Code and Codex sessions won't ask.");
+  auto a = center.statusDictionary()["approve_everything"];
+  EXPECT_EQ(a["ends_line"], "Turns off when the next work finishes");
+  EXPECT_EQ(a["ends"], "work");
+  EXPECT_TRUE(a["problem"].is_null());
+  auto off = center.handle("approve", {{"on", false}});
+  EXPECT_EQ(off["message"], "Off. Your previous Claude Code and Codex settings are back.");
+  EXPECT_EQ(off["approve_everything"]["on"], false);
 }
 
 }  // namespace
