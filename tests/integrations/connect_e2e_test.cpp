@@ -78,7 +78,7 @@ TEST_F(ConnectEndToEndTest, WithoutTheToolTheFileIsEditedAndTheServerAnswersTheS
   AppProcess app({"app", "--simulate", state}, home_, dir_.file("app.txt"), {"HOME=" + user_, "XDG_DATA_HOME="});
   ASSERT_TRUE(waitFor([&] { return runTool({"status"}, home_).status == 0; }, 10s)) << app.output();
   PipedProcess node({"/usr/bin/env", "node", (clientDir / "connected.mjs").string(), user_ + "/.claude.json"},
-                    {"HOME=" + user_, "XDG_DATA_HOME=", "VIGILO_HOME=", "VIGILO_NO_AUTOSTART="},
+                    {"HOME=" + user_, "XDG_DATA_HOME=", "VIGILO_HOME="},
                     dir_.file("node-err.txt"));
   node.closeInput();
   const std::string out = node.readToEnd(60s);

@@ -1,6 +1,8 @@
 // Starts the MCP server an agent's configuration file names, the way the
 // agent does (command and args from the file, the SDK's default environment
 // plus the entry's own env), and prints what it answered as one JSON object.
+// VIGILO_NO_AUTOSTART=1 is added only so that a server that can't find the
+// test's app never starts one of its own.
 //
 //   node connected.mjs /path/to/.claude.json
 
@@ -17,7 +19,7 @@ try {
   const transport = new StdioClientTransport({
     command: entry.command,
     args: entry.args ?? [],
-    env: { ...getDefaultEnvironment(), ...(entry.env ?? {}) },
+    env: { ...getDefaultEnvironment(), ...(entry.env ?? {}), VIGILO_NO_AUTOSTART: '1' },
     stderr: 'pipe',
   });
   client = new Client({ name: 'connected-agent', version: '1.0.0' });
