@@ -17,6 +17,7 @@
 #include "commands/command_center.h"
 #include "engine/engine.h"
 #include "engine/log.h"
+#include "integrations/auto_approve.h"
 #include "platform/linux/host_processes.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/sim/sim_laptop.h"
@@ -195,6 +196,9 @@ int runApp(const std::vector<std::string>& args) {
   PowerWatch power(folder, &work);
   engine.setWorkSource(&work);
   engine.setPowerMeter(&power);
+  AutoApprove approve(folder, AgentPlaces::fromEnvironment(), clock);
+  ApproveJobs approveJobs(approve, &work, [](const std::string& line) { say(line); });
+  engine.addSlowJobs(&approveJobs);
   std::string lastStatus, lastWarning, lastSetupError, lastSimProblem;
   auto report = [&] {
     std::string status = engine.statusLine();
@@ -245,6 +249,7 @@ int runApp(const std::vector<std::string>& args) {
   // Requests from the command-line tool, the MCP server and hooks.
   CommandCenter center(engine, [&] { loop->post(quit); });
   center.setAgents(&work, &power);
+  center.setApprove(&approve);
   std::unique_ptr<Notifications> notifications;
   if (!options->preview) {
     notifications = makeSocketNotifications(folder, loop.get());

@@ -23,6 +23,8 @@
 #include "commands/mcp_server.h"
 #include "commands/setup_prompt.h"
 #include "engine/engine.h"
+#include "integrations/auto_approve.h"
+#include "integrations/connect_command.h"
 #include "platform/files.h"
 
 extern char** environ;
@@ -119,6 +121,18 @@ bool isOk(const json& reply) {
 
 std::string statusOf(const json& reply) { return reply.value("status", std::string()); }
 
+// "Approve everything: <how it ends>" (with its problem) while it is on.
+std::optional<std::string> approveLine(const json& reply) {
+  auto a = reply.find("approve_everything");
+  if (a == reply.end() || !a->is_object() || a->value("on", false) != true) return std::nullopt;
+  std::string line = "Approve everything is on: ";
+  auto ends = a->find("ends_line");
+  line += ends != a->end() && ends->is_string() ? ends->get<std::string>() : std::string("on");
+  auto problem = a->find("problem");
+  if (problem != a->end() && problem->is_string()) line += " (" + problem->get<std::string>() + ")";
+  return line;
+}
+
 std::string holdLine(const json& h) {
   std::string line = "  hold " + h.value("id", std::string()) + ": " + h.value("reason", std::string());
   if (h.contains("end") && h["end"].is_number()) {
@@ -170,6 +184,7 @@ void printStatus(const json& r) {
     out(buf);
   }
   if (r.contains("warning") && r["warning"].is_string()) out("note: " + r["warning"].get<std::string>());
+  if (auto line = approveLine(r)) out(*line);
   if (r.contains("not_put_back_yet") && r["not_put_back_yet"].is_array() && !r["not_put_back_yet"].empty()) {
     out("not put back yet:");
     for (const auto& item : r["not_put_back_yet"]) out("  " + valueText(item));
@@ -278,8 +293,9 @@ class Cli {
         {"power", &Cli::power},       {"measure", &Cli::measure},  {"anyway", &Cli::anyway},
         {"open", &Cli::open},         {"snapshot", &Cli::snapshot}, {"island", &Cli::island},
         {"energy", &Cli::energy},     {"doctor", &Cli::doctor},    {"rescue", &Cli::rescue},
-        {"connect", &Cli::notBuilt},  {"prompt", &Cli::prompt},    {"mcp", &Cli::mcp},
+        {"connect", &Cli::connect},   {"prompt", &Cli::prompt},    {"mcp", &Cli::mcp},
         {"event", &Cli::event},
+        {"disconnect", &Cli::disconnect}, {"approve", &Cli::approve},
     };
     for (const Entry& e : kCommands) {
       if (name == e.name) {
@@ -668,6 +684,52 @@ class Cli {
     return 0;
   }
 
+  int connect() {
+    AIConnect agents(AgentPlaces::fromEnvironment());
+    return connectCommand(inv_.words, agents);
+  }
+
+  int disconnect() {
+    AIConnect agents(AgentPlaces::fromEnvironment());
+    return disconnectCommand(agents);
+  }
+
+  // `vigilo approve on [--for D] | until-done | off`, or the state alone.
+  int approve() {
+    const std::string word = inv_.words.empty() ? "" : inv_.words[0];
+    json args;
+    if (word == "on" || word == "until-done") {
+      bool bad = false;
+      auto minutes = duration(bad);
+      if (bad) return kUsage;
+      args = {{"on", true}, {"ends", word == "until-done" ? "work" : minutes ? "time" : "manual"}};
+      if (minutes) args["hours"] = *minutes / 60;
+    } else if (word == "off") {
+      args = {{"on", false}};
+    } else if (word.empty()) {
+      json r = request("status");
+      if (!isOk(r)) return failed(r);
+      out(approveLine(r).value_or("Approve everything is off."));
+      return 0;
+    } else {
+      return usage("vigilo approve on [--for 2h] | until-done | off");
+    }
+    if (inv_.words.size() > 1) return usage("vigilo approve on [--for 2h] | until-done | off");
+    if (args["on"] == true) {
+      err("Claude Code and Codex will run commands, edit files and use the network without asking you, in every "
+          "project.");
+    }
+    json r = request("approve", args);
+    if (!isOk(r)) return failed(r);
+    if (inv_.has("--json")) {
+      out(r.dump(2));
+    } else {
+      out(r.value("message", std::string()));
+      if (auto line = approveLine(r)) out(*line);
+    }
+    return 0;
+  }
+
   int notBuilt() {
     err(name_ + " isn't part of this build of Vigilo yet.");
     return 1;
@@ -724,10 +786,27 @@ class Cli {
       out("Changes Vigilo has made right now:");
       for (const auto& c : changes) out("  " + describeChange(c));
     }
+    AutoApprove approve(folder_, AgentPlaces::fromEnvironment(), m->clock);
+    if (approve.isOn()) {
+      out("Approve everything is on: Claude Code and Codex run without asking (turn off in Settings › Agents)");
+      if (auto problem = approve.status().problem; !problem.empty()) out("  " + problem);
+    }
     for (const Capability& c : m->platform->capabilities()) {
       if (!c.available) out("Not available: " + c.detail);
     }
     return 0;
+  }
+
+  // Turns Approve everything off for `rescue`: the line to print (none
+  // when it was off), and whether it is off now.
+  std::pair<std::optional<std::string>, bool> rescueApprove(const Clock& clock) {
+    AutoApprove approve(folder_, AgentPlaces::fromEnvironment(), clock);
+    if (!approve.isOn()) return {std::nullopt, true};
+    bool ok = false;
+    const std::string message = approve.turnOff(&ok);
+    return {ok ? std::string("Approve everything is off: Claude Code and Codex ask before acting again.")
+               : "Couldn't turn Approve everything off: " + message,
+            ok};
   }
 
   int rescue() {
@@ -750,13 +829,16 @@ class Cli {
     }
     Engine engine(*m->platform, folder_, EngineOptions{false, true});
     auto failedItems = engine.rescue();
+    const auto [approveLine, approveOff] = rescueApprove(m->clock);
     if (failedItems.empty()) {
       out("Everything Vigilo changed is back to how it was. Vigilo is stopped; open it again when you want it.");
-      return 0;
+      if (approveLine) out(*approveLine);
+      return approveOff ? 0 : 1;
     }
     out("Couldn't undo:");
     for (const auto& f : failedItems) out("  " + f);
     out("By hand: sudo pmset -a disablesleep 0 switches sleep back on; quit and reopen any app listed above.");
+    if (approveLine) out(*approveLine);
     return 1;
   }
 

@@ -13,6 +13,7 @@
 #include "agents/careful_file.h"
 #include "commands/channel.h"
 #include "commands/settings_schema.h"
+#include "integrations/auto_approve.h"
 #include "platform/files.h"
 #include "power/power_watch.h"
 
@@ -185,6 +186,7 @@ json CommandCenter::handle(const std::string& cmd, const json& args) {
     if (cmd == "track") return track(args);
     if (cmd == "energy") return energy();
     if (cmd == "power") return power();
+    if (cmd == "approve") return approve(args);
   } catch (const std::exception& e) {
     // A request never takes the app down; the person learns what went wrong.
     return fail(std::string("Vigilo couldn't do that: ") + e.what());
@@ -286,7 +288,42 @@ json CommandCenter::statusDictionary() {
       {"platform", engine_.platform().name()},
   });
   for (auto& [k, v] : extra.items()) reply[k] = v;
+  if (approve_) reply["approve_everything"] = approveDictionary();
   return reply;
+}
+
+json CommandCenter::approveDictionary() const {
+  const AutoApprove::Status s = approve_->status();
+  return {{"on", s.on},
+          {"ends", approve_->ends() ? json(*approve_->ends()) : json(nullptr)},
+          {"ends_line", s.on ? json(s.endsLine) : json(nullptr)},
+          {"problem", s.problem.empty() ? json(nullptr) : json(s.problem)}};
+}
+
+// `approve`: `on` (truth); to turn on, `ends` ("work", "time" or "manual")
+// and, for "time", `hours`.
+json CommandCenter::approve(const json& args) {
+  if (!approve_) return fail("Approve everything isn't offered by this app");
+  auto on = truthArg(args, "on");
+  if (!on) return fail("on: true to turn Approve everything on, false to turn it off");
+  bool done = false;
+  std::string message;
+  if (*on) {
+    const std::string ends = textArg(args, "ends").value_or("manual");
+    AutoApprove::Ends e = AutoApprove::Ends::Manual;
+    if (ends == "work") {
+      e = AutoApprove::Ends::Work;
+    } else if (ends == "time") {
+      e = AutoApprove::Ends::Time;
+    } else if (ends != "manual") {
+      return fail("ends: work, time or manual");
+    }
+    message = approve_->turnOn(e, numberArg(args, "hours", 24 * 365), &done);
+  } else {
+    message = approve_->turnOff(&done);
+  }
+  if (!done) return fail(message);
+  return ok({{"message", message}, {"approve_everything", approveDictionary()}});
 }
 
 json CommandCenter::appsUsingEnergy(std::size_t limit) {

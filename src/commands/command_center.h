@@ -10,6 +10,7 @@
 
 namespace vigilo {
 class AgentWork;
+class AutoApprove;
 class PowerWatch;
 }
 
@@ -44,6 +45,9 @@ class CommandCenter {
     power_ = power;
   }
 
+  // "Approve everything", when the app offers it.
+  void setApprove(AutoApprove* approve) { approve_ = approve; }
+
   // Handles one request and gives the reply object.
   nlohmann::json handle(const std::string& cmd, const nlohmann::json& args);
 
@@ -74,11 +78,14 @@ class CommandCenter {
   nlohmann::json energy();
   nlohmann::json power();
   nlohmann::json appsUsingEnergy(std::size_t limit);
+  nlohmann::json approve(const nlohmann::json& args);
+  nlohmann::json approveDictionary() const;
 
   Engine& engine_;
   std::function<void()> quit_;
   const AgentWork* work_ = nullptr;
   const PowerWatch* power_ = nullptr;
+  AutoApprove* approve_ = nullptr;
 };
 
 }  // namespace vigilo

@@ -1,0 +1,351 @@
+#include "integrations/ai_connect.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "agents/careful_file.h"
+#include "agents/claude_hooks.h"
+#include "integrations/toml_top.h"
+#include "platform/files.h"
+
+extern char** environ;
+
+namespace vigilo {
+namespace {
+
+using ordered_json = nlohmann::ordered_json;
+
+constexpr const char* kCodexTable = "mcp_servers.vigilo";
+// The claude tool may stop to ask something on a first run; it gets this
+// long before the file is edited instead.
+constexpr auto kToolTimeout = std::chrono::seconds(30);
+
+bool isRunnableFile(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(path.c_str(), X_OK) == 0;
+}
+
+bool exists(const std::string& path) {
+  std::error_code ec;
+  return std::filesystem::exists(path, ec);
+}
+
+std::optional<std::string> onPath(const std::string& searchPath, const std::string& name) {
+  std::size_t start = 0;
+  while (start <= searchPath.size()) {
+    std::size_t colon = searchPath.find(':', start);
+    if (colon == std::string::npos) colon = searchPath.size();
+    std::string dir = searchPath.substr(start, colon - start);
+    if (dir.empty()) dir = ".";
+    const std::string candidate = dir + "/" + name;
+    if (isRunnableFile(candidate)) return candidate;
+    start = colon + 1;
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> ownExecutable() {
+  std::error_code ec;
+  auto self = std::filesystem::read_symlink("/proc/self/exe", ec);
+  if (ec) return std::nullopt;
+  std::string path = self.string();
+  constexpr std::string_view kDeleted = " (deleted)";
+  if (path.size() > kDeleted.size() && path.compare(path.size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0) {
+    path.resize(path.size() - kDeleted.size());
+  }
+  return path;
+}
+
+// The "mcpServers"."vigilo" entry of Claude Code's and the Claude app's files.
+ordered_json serverEntry(const ServerCommand& server, bool withType) {
+  ordered_json entry = ordered_json::object();
+  if (withType) entry["type"] = "stdio";
+  entry["command"] = server.command;
+  entry["args"] = server.args;
+  if (!server.env.empty()) {
+    ordered_json env = ordered_json::object();
+    for (const auto& [k, v] : server.env) env[k] = v;
+    entry["env"] = env;
+  }
+  return entry;
+}
+
+// Sets "mcpServers"."vigilo"; false when it already holds exactly that.
+bool setServer(ordered_json& settings, const ordered_json& entry) {
+  ordered_json& servers = settings["mcpServers"];
+  if (servers.is_null()) servers = ordered_json::object();
+  if (!servers.is_object()) throw std::runtime_error("\"mcpServers\" isn't an object");
+  auto it = servers.find("vigilo");
+  if (it != servers.end() && *it == entry) return false;
+  servers["vigilo"] = entry;
+  return true;
+}
+
+bool removeServer(ordered_json& settings) {
+  auto servers = settings.find("mcpServers");
+  if (servers == settings.end() || !servers->is_object() || !servers->contains("vigilo")) return false;
+  servers->erase("vigilo");
+  if (servers->empty()) settings.erase("mcpServers");
+  return true;
+}
+
+bool hasServer(const std::string& path) {
+  auto file = CarefulFile::read(path);
+  if (!file) return false;
+  auto settings = parseJsonObject(file->bytes());
+  if (!settings) return false;
+  auto servers = settings->find("mcpServers");
+  return servers != settings->end() && servers->is_object() && servers->contains("vigilo");
+}
+
+// Where Vigilo's table lies: its header up to just after its last pair, so
+// blank lines and comments that lead to the next table stay.
+std::optional<std::pair<std::size_t, std::size_t>> codexVigiloRange(const std::string& text) {
+  const auto scan = TOMLTop::scan(text);
+  for (std::size_t i = 0; i < scan.statements.size(); ++i) {
+    const auto& s = scan.statements[i];
+    if (!s.header || s.name != kCodexTable) continue;
+    std::size_t end = s.end;
+    for (std::size_t j = i + 1; j < scan.statements.size() && !scan.statements[j].header; ++j) {
+      end = scan.statements[j].end;
+    }
+    return std::make_pair(s.begin, end);
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+int runTool(const std::string& program, const std::vector<std::string>& args) {
+  std::vector<std::string> argv{program};
+  argv.insert(argv.end(), args.begin(), args.end());
+  std::vector<char*> cargs;
+  for (auto& a : argv) cargs.push_back(a.data());
+  cargs.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  pid_t pid = 0;
+  const int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, cargs.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0) return -1;
+  const auto deadline = std::chrono::steady_clock::now() + kToolTimeout;
+  int status = 0;
+  for (;;) {
+    const pid_t done = ::waitpid(pid, &status, WNOHANG);
+    if (done == pid) break;
+    if (done < 0 && errno != EINTR) return -1;
+    if (std::chrono::steady_clock::now() > deadline) {
+      ::kill(pid, SIGKILL);
+      while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+      }
+      return -1;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+AIConnect::AIConnect(AgentPlaces places, ToolRunner runner) : places_(std::move(places)), runner_(std::move(runner)) {}
+
+ServerCommand AIConnect::serverCommand(const AgentPlaces& places) {
+  ServerCommand s;
+  const std::string installed(ClaudeHooks::kInstalledTool);
+  if (isRunnableFile(installed)) {
+    s.command = installed;
+  } else if (auto self = ownExecutable()) {
+    // The app and the tool are one executable here, so no "cli" argument.
+    s.command = *self;
+  } else if (auto found = findExecutable("vigilo")) {
+    s.command = *found;
+  } else {
+    s.command = installed;
+  }
+  s.args = {"mcp"};
+  if (!places.vigiloHome.empty()) s.env.emplace_back("VIGILO_HOME", places.vigiloHome);
+  return s;
+}
+
+std::optional<std::string> AIConnect::claudeCodeBinary() const {
+  for (const std::string& p : {places_.home + "/.claude/local/claude", places_.home + "/.local/bin/claude"}) {
+    if (isRunnableFile(p)) return p;
+  }
+  if (auto p = onPath(places_.searchPath, "claude")) return p;
+  for (const std::string& p : places_.systemClaudePaths) {
+    if (isRunnableFile(p)) return p;
+  }
+  if (isRunnableFile(places_.home + "/.npm-global/bin/claude")) return places_.home + "/.npm-global/bin/claude";
+  return std::nullopt;
+}
+
+bool AIConnect::claudeCodeInstalled() const {
+  return claudeCodeBinary().has_value() || exists(places_.home + "/.claude") || exists(places_.claudeJson());
+}
+bool AIConnect::claudeCodeConnected() const { return hasServer(places_.claudeJson()); }
+bool AIConnect::codexInstalled() const {
+  return onPath(places_.searchPath, "codex").has_value() ||
+         exists(std::filesystem::path(places_.codexConfig()).parent_path().string());
+}
+bool AIConnect::codexConnected() const {
+  auto text = readWholeFile(places_.codexConfig());
+  return text && (codexVigiloRange(*text) || codexInlineVigilo(*text));
+}
+bool AIConnect::claudeAppInstalled() const {
+  return exists(std::filesystem::path(places_.claudeAppConfig()).parent_path().string());
+}
+bool AIConnect::claudeAppConnected() const { return hasServer(places_.claudeAppConfig()); }
+
+std::string AIConnect::connectClaudeCode(const ServerCommand& server, const std::string& hookCommand) {
+  std::string message;
+  if (auto claude = claudeCodeBinary()) {
+    // An older entry (another path) is removed first, so the new one replaces it.
+    runner_(*claude, {"mcp", "remove", "--scope", "user", "vigilo"});
+    std::vector<std::string> add{"mcp", "add", "--scope", "user", "vigilo"};
+    for (const auto& [k, v] : server.env) {
+      add.push_back("--env");
+      add.push_back(k + "=" + v);
+    }
+    add.push_back("--");
+    add.push_back(server.command);
+    add.insert(add.end(), server.args.begin(), server.args.end());
+    if (runner_(*claude, add) == 0) message = "Added to Claude Code for all projects.";
+  }
+  if (message.empty()) {
+    const ordered_json entry = serverEntry(server, true);
+    message = editJSON(places_.claudeJson(), places_.shown(places_.claudeJson()), "Added to Claude Code (~/.claude.json).",
+                       [&](ordered_json& s) { return setServer(s, entry); });
+  }
+  if (auto problem = ClaudeHooks::install(places_.claudeSettings(), hookCommand)) {
+    message += " Couldn't add its status hooks: " + *problem;
+  } else {
+    message += " It now tells Vigilo when it's working, waiting for you, or done (new sessions).";
+  }
+  return message;
+}
+
+bool AIConnect::codexInlineVigilo(const std::string& text) {
+  const std::string prefix = std::string(kCodexTable) + ".";
+  for (const auto& s : TOMLTop::scan(text).statements) {
+    if (s.header) continue;
+    const std::string full = s.table.empty() ? s.name : s.table + "." + s.name;
+    // Inside Vigilo's own table (or one of its sub-tables).
+    if (s.table == kCodexTable || s.table.rfind(prefix, 0) == 0) continue;
+    if (full == kCodexTable || full.rfind(prefix, 0) == 0) return true;
+  }
+  return false;
+}
+
+std::optional<std::string> AIConnect::withCodexTable(const std::string& text, const ServerCommand& server) {
+  if (codexInlineVigilo(text)) return std::nullopt;
+  const std::string eol = TOMLTop::lineBreak(text);
+  std::string table = "[" + std::string(kCodexTable) + "]" + eol;
+  table += "command = " + TOMLTop::quote(server.command) + eol;
+  table += "args = [";
+  for (std::size_t i = 0; i < server.args.size(); ++i) table += (i ? ", " : "") + TOMLTop::quote(server.args[i]);
+  table += "]" + eol;
+  if (!server.env.empty()) {
+    table += "env = { ";
+    for (std::size_t i = 0; i < server.env.size(); ++i) {
+      table += (i ? ", " : "") + server.env[i].first + " = " + TOMLTop::quote(server.env[i].second);
+    }
+    table += " }" + eol;
+  }
+  std::string out = text;
+  if (auto range = codexVigiloRange(text)) {
+    // A table at the very end without a final line break keeps it that way.
+    if (range->second == text.size() && (text.empty() || text.back() != '\n')) table.resize(table.size() - eol.size());
+    return out.replace(range->first, range->second - range->first, table);
+  }
+  if (out.empty()) return table;
+  if (out.back() != '\n') out += eol;
+  return out + eol + table;
+}
+
+std::string AIConnect::withoutCodexTable(const std::string& text) {
+  auto range = codexVigiloRange(text);
+  if (!range) return text;
+  std::string out = text;
+  out.erase(range->first, range->second - range->first);
+  // The blank line that came with an appended table goes with it.
+  const std::string eol = TOMLTop::lineBreak(text);
+  if (range->first == out.size() && out.size() >= 2 * eol.size() &&
+      out.compare(out.size() - 2 * eol.size(), 2 * eol.size(), eol + eol) == 0) {
+    out.resize(out.size() - eol.size());
+  }
+  return out;
+}
+
+std::string AIConnect::connectCodex(const ServerCommand& server) {
+  const std::string path = places_.codexConfig();
+  const std::string shown = places_.shown(path);
+  auto file = CarefulFile::read(path);
+  if (!file) return "Couldn't read " + shown + ", so I left it alone.";
+  auto updated = withCodexTable(file->bytes(), server);
+  if (!updated) return "Codex already has an vigilo entry written by hand; left it as it is.";
+  const std::string done = "Added to Codex (" + shown + "). New sessions can use Vigilo.";
+  if (file->existed() && *updated == file->bytes()) return done;
+  if (Result r = file->backUp(); !r) return "Couldn't write Codex's config: " + r.message();
+  const auto written = file->replace(*updated);
+  if (written.outcome == CarefulFile::Outcome::Changed) {
+    return "Couldn't write Codex's config: it changed while Vigilo was editing it; try again.";
+  }
+  if (written.outcome == CarefulFile::Outcome::Failed) return "Couldn't write Codex's config: " + written.message;
+  return done;
+}
+
+std::string AIConnect::connectClaudeApp(const ServerCommand& server) {
+  const std::string path = places_.claudeAppConfig();
+  const ordered_json entry = serverEntry(server, false);
+  return editJSON(path, places_.shown(path), "Added to the Claude app. Restart it to pick Vigilo up.",
+                  [&](ordered_json& s) { return setServer(s, entry); });
+}
+
+std::vector<std::string> AIConnect::disconnectAll() {
+  std::vector<std::string> lines;
+  if (auto claude = claudeCodeBinary()) {
+    if (runner_(*claude, {"mcp", "remove", "--scope", "user", "vigilo"}) == 0) {
+      lines.push_back("Removed from Claude Code.");
+    }
+  }
+  auto removeFrom = [&](const std::string& path, const std::string& name) {
+    if (!hasServer(path)) return;
+    bool ok = false;
+    std::string m = editJSON(path, places_.shown(path), "Removed from " + name + " (" + places_.shown(path) + ").",
+                             [](ordered_json& s) { return removeServer(s); }, &ok);
+    lines.push_back(m);
+  };
+  removeFrom(places_.claudeJson(), "Claude Code");
+  for (const auto& path : places_.claudeAppConfigs()) removeFrom(path, "the Claude app");
+
+  const std::string codex = places_.codexConfig();
+  if (auto file = CarefulFile::read(codex); !file) {
+    lines.push_back("Couldn't read " + places_.shown(codex) + ", so I left it alone.");
+  } else if (file->existed()) {
+    const std::string updated = withoutCodexTable(file->bytes());
+    if (updated != file->bytes()) {
+      const bool backedUp = static_cast<bool>(file->backUp());
+      const auto written = backedUp ? file->replace(updated) : CarefulFile::WriteResult{};
+      lines.push_back(written.outcome == CarefulFile::Outcome::Written
+                          ? "Removed from Codex (" + places_.shown(codex) + ")."
+                          : "Couldn't write Codex's config: " +
+                                (written.message.empty() ? std::string("it changed or couldn't be backed up; try again.")
+                                                         : written.message));
+    }
+  }
+  if (auto problem = ClaudeHooks::uninstall(places_.claudeSettings())) {
+    lines.push_back("Couldn't remove Claude Code's status hooks: " + *problem);
+  }
+  return lines;
+}
+
+}  // namespace vigilo

@@ -1,0 +1,99 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "engine/seams.h"
+#include "engine/state_files.h"
+#include "integrations/agent_files.h"
+#include "platform/clock.h"
+
+namespace vigilo {
+
+class AgentWork;
+
+inline constexpr std::string_view kAutoApproveFile = "auto-approve.json";
+inline constexpr std::string_view kApproveRestoreFolder = "approve-restore";
+
+// "Approve everything": Claude Code and Codex run commands, edit files and
+// use the network without asking, until it is turned off, a time passes or
+// the work finishes; then the person's own settings are put back. Every
+// change is recorded in "auto-approve.json" before it is made; a copy of
+// what to put back, with the checksum of each file as Vigilo left it, waits
+// in "approve-restore" for the watchdog script, which restores a file only
+// while it is unchanged since.
+class AutoApprove {
+ public:
+  // How it ends, stored by its text: "work", "time" or "manual".
+  enum class Ends { Work, Time, Manual };
+  struct Status {
+    bool on = false;
+    std::string endsLine;
+    std::string problem;  // empty when none
+  };
+
+  AutoApprove(std::string appFolder, AgentPlaces places, const Clock& clock);
+
+  bool isOn() const;
+  // Gives the message for the person: "On. …" on success, else what went
+  // wrong (nothing was left changed then). `ok` tells which. `hours` only
+  // for Ends::Time (8 when not given).
+  std::string turnOn(Ends ends, std::optional<double> hours, bool* ok = nullptr);
+  // Puts the settings back: "Off. …", or what went wrong, ending " Approve
+  // everything may still be on; Vigilo keeps trying." (the record then stays,
+  // with the problem noted). Nothing to do when it is off.
+  std::string turnOff(bool* ok = nullptr);
+  // Agent work was seen since it was turned on.
+  void markWork();
+  // The reason to end it now, or nothing: "retry", "Its time was up", "No
+  // work started for a day" or "The work finished".
+  std::optional<std::string> expiry(bool holdingForWork, Time now) const;
+  Status status() const;
+  // How it ends: "work", "time" or "manual"; nothing when off or damaged.
+  std::optional<std::string> ends() const;
+
+  // The bytes Vigilo's Codex text would hold with the two lines set, and the
+  // Claude Code object with the two values set (pure, for tests).
+  static std::string codexOn(const std::string& text);
+  static nlohmann::ordered_json claudeOn(nlohmann::ordered_json settings);
+
+  // Runs between reading a file and writing it (tests change the file there).
+  std::function<void()> beforeWrite;
+
+ private:
+  std::optional<nlohmann::ordered_json> journal(bool* damaged = nullptr) const;
+  bool saveJournal(const nlohmann::ordered_json& j) const;
+  std::string fail(nlohmann::ordered_json j, const std::string& message, bool* ok);
+  bool writeRestore(const std::string& name, const std::string& target, const std::string& restored,
+                    const std::string& left) const;
+  void removeRestore(const std::string& name) const;
+
+  StateFiles files_;
+  AgentPlaces places_;
+  const Clock& clock_;
+};
+
+// Plugs Approve everything into the engine's slow beat: marks work, ends it
+// when its time or work is over, retries a failed put-back, and ends it at
+// quit when no agent it concerns is running.
+class ApproveJobs final : public SlowJobs {
+ public:
+  // `work` may be null; `tell` prints what happened.
+  ApproveJobs(AutoApprove& approve, const AgentWork* work, std::function<void(const std::string&)> tell);
+  void checkApprove(Engine& engine) override;
+  void endApproveIfUnwatched(Engine& engine) override;
+
+ private:
+  bool agentWorking(Engine& engine) const;
+  bool agentRunning() const;
+
+  AutoApprove& approve_;
+  const AgentWork* work_;
+  std::function<void(const std::string&)> tell_;
+  std::string lastProblem_;
+};
+
+}  // namespace vigilo
