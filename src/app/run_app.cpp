@@ -21,6 +21,7 @@
 #include "platform/linux/linux_platform.h"
 #include "platform/sim/sim_laptop.h"
 #include "power/power_watch.h"
+#include "safety/watchdog.h"
 
 namespace vigilo {
 namespace {
@@ -195,7 +196,13 @@ int runApp(const std::vector<std::string>& args) {
   PowerWatch power(folder, &work);
   engine.setWorkSource(&work);
   engine.setPowerMeter(&power);
-  std::string lastStatus, lastWarning, lastSetupError, lastSimProblem;
+  // The safety net: the watchdog script is rewritten at launch and checked
+  // every 5 minutes.
+  ProcessRunner setupRunner;
+  auto setup = makeHostSetup(currentSetupContext(folder), setupRunner);
+  Watchdog watchdog(*setup);
+  engine.addSlowJobs(&watchdog);
+  std::string lastStatus, lastWarning, lastSetupError, lastSimProblem, lastWatchdogWarning;
   auto report = [&] {
     std::string status = engine.statusLine();
     if (status != lastStatus) say(status);
@@ -206,6 +213,9 @@ int runApp(const std::vector<std::string>& args) {
     std::string setupError = engine.setupError().value_or("");
     if (setupError != lastSetupError && !setupError.empty()) say("warning: " + setupError);
     lastSetupError = setupError;
+    std::string watchdogWarning = watchdog.warning().value_or("");
+    if (watchdogWarning != lastWatchdogWarning && !watchdogWarning.empty()) say("warning: " + watchdogWarning);
+    lastWatchdogWarning = watchdogWarning;
     std::string simProblem = sim ? sim->stateFileProblem() : std::string();
     if (simProblem != lastSimProblem && !simProblem.empty()) say("warning: " + simProblem);
     lastSimProblem = simProblem;

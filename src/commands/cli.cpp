@@ -23,7 +23,10 @@
 #include "commands/mcp_server.h"
 #include "commands/setup_prompt.h"
 #include "engine/engine.h"
+#include "engine/log.h"
 #include "platform/files.h"
+#include "safety/setup_command.h"
+#include "safety/watchdog.h"
 
 extern char** environ;
 
@@ -59,7 +62,7 @@ struct Invocation {
 
 Invocation parse(const std::vector<std::string>& args) {
   static const char* const kValued[] = {"--for", "--reason", "--pid"};
-  static const char* const kSwitches[] = {"--json", "--detailed", "--screen"};
+  static const char* const kSwitches[] = {"--json", "--detailed", "--screen", "--remove", "--yes"};
   Invocation inv;
   for (std::size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
@@ -280,6 +283,8 @@ class Cli {
         {"energy", &Cli::energy},     {"doctor", &Cli::doctor},    {"rescue", &Cli::rescue},
         {"connect", &Cli::notBuilt},  {"prompt", &Cli::prompt},    {"mcp", &Cli::mcp},
         {"event", &Cli::event},
+        // Not in the help: the one-time setup, and what the watchdog script runs.
+        {"setup", &Cli::setup},       {"watchdog", &Cli::watchdog},
     };
     for (const Entry& e : kCommands) {
       if (name == e.name) {
@@ -714,6 +719,8 @@ class Cli {
     }
     SetupStatus setup = m->platform->power().setupStatus();
     out("Sleep permission: " + (setup.ready ? std::string("in place") : "missing (" + setup.reason + ")"));
+    ProcessRunner runner;
+    for (const auto& line : makeHostSetup(currentSetupContext(folder_), runner)->doctorLines()) out(line);
     auto disabled = m->platform->registry().sleepDisabled();
     out(std::string("Sleep switched off right now: ") + (!disabled ? "unknown" : *disabled ? "yes" : "no"));
     Engine engine(*m->platform, folder_, EngineOptions{false, true});
@@ -724,10 +731,58 @@ class Cli {
       out("Changes Vigilo has made right now:");
       for (const auto& c : changes) out("  " + describeChange(c));
     }
+    if (engine.files().exists(kAutoApproveFile)) {
+      out("Approve everything is on: Claude Code and Codex run without asking (turn off in Settings › Agents)");
+    }
     for (const Capability& c : m->platform->capabilities()) {
       if (!c.available) out("Not available: " + c.detail);
     }
     return 0;
+  }
+
+  int setup() {
+    ProcessRunner runner;
+    auto s = makeHostSetup(currentSetupContext(folder_), runner);
+    return runSetupCommand(*s, inv_.has("--remove"), inv_.has("--yes"), askOnTerminal);
+  }
+
+  // Run by the watchdog script when the heartbeat went stale: the app died
+  // or hangs. A laptop that just woke shows a stale heartbeat for the
+  // moment before the app's next tick, so a running app gets a few seconds
+  // to beat again before it counts as hung.
+  int watchdog() {
+    if (auto pid = runningApp(folder_); pid && *pid > 0) {
+      StateFiles files(folder_);
+      auto fresh = [&] {
+        auto beat = files.modified(kAliveFile);
+        return beat && SystemClock().now() - *beat < 40;
+      };
+      for (int i = 0; i < 50 && !fresh(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      if (fresh()) return 0;
+      logLine("Vigilo watchdog: the app (process " + std::to_string(*pid) + ") stopped beating; stopping it");
+      stopApp(*pid);
+    }
+    auto m = machine();
+    if (!m) {
+      logLine("Vigilo watchdog: couldn't reach this machine's backend to put things back");
+      return 1;
+    }
+    Engine engine(*m->platform, folder_, EngineOptions{false, true});
+    auto failedItems = putBackAfterCrash(engine);
+    for (const auto& f : failedItems) logLine("Vigilo watchdog: couldn't undo " + f);
+    return failedItems.empty() ? 0 : 1;
+  }
+
+  // Asks the app to quit (it puts things back itself) and kills it when it
+  // is stuck.
+  void stopApp(pid_t pid) {
+    ::kill(pid, SIGTERM);
+    auto stopped = [&] { return !runningApp(folder_); };
+    for (int i = 0; i < 250 && !stopped(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    if (!stopped()) {
+      ::kill(pid, SIGKILL);
+      for (int i = 0; i < 100 && !stopped(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
   }
 
   int rescue() {
