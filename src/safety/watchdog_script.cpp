@@ -161,6 +161,8 @@ std::string linuxWatchdogScript(const std::string& folder, const std::string& ex
   s += "LINK=" + shellQuote(linkPath) + "\n";
   s += "UNITS=" + shellQuote(unitFolder) + "\n";
   s += "TAB=$(printf '\\t')\n";
+  s += "# The executable finds the folder through VIGILO_HOME, which a timer does not set.\n";
+  s += "VIGILO_HOME=$D\nexport VIGILO_HOME\n";
   s += R"SH(
 # The records of a simulated laptop name simulated processes: only Vigilo
 # itself can put those back.

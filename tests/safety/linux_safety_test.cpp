@@ -241,8 +241,6 @@ class WatchdogJobsTest : public EngineTest {
  protected:
   WatchdogJobsTest() {
     ::setenv("XDG_CONFIG_HOME", "", 1);
-    setup_ = std::make_unique<LinuxSetup>(
-        SetupContext{dir_.file("person"), folder_, dir_.file("vigilo"), "ada", 1000}, runner_);
     runner_.answer = [this](const std::vector<std::string>& argv) {
       return CommandOutput{argv.back() == "vigilo-watchdog.timer" && !running_ && argv[2] == "is-active" ? 3 : 0, ""};
     };
@@ -254,7 +252,8 @@ class WatchdogJobsTest : public EngineTest {
     return *engine_;
   }
   RecordingRunner runner_;
-  std::unique_ptr<LinuxSetup> setup_;
+  std::unique_ptr<LinuxSetup> setup_ = std::make_unique<LinuxSetup>(
+      SetupContext{dir_.file("person"), folder_, dir_.file("vigilo"), "ada", 1000}, runner_);
   Watchdog watchdog_{*setup_};
   bool running_ = false;
 };
