@@ -12,6 +12,12 @@ struct CommandOutput {
   int status = -1;
   std::string output;
   bool ok() const { return status == 0; }
+  // The output without its trailing line breaks and blanks, for messages.
+  std::string said() const {
+    std::string out = output;
+    while (!out.empty() && (out.back() == '\n' || out.back() == '\r' || out.back() == ' ')) out.pop_back();
+    return out;
+  }
 };
 
 // Runs an exact command line, argv[0] being the program's full path. The one

@@ -135,7 +135,7 @@ Result LinuxSetup::installPolkitRule(std::vector<std::string>& said) {
   // pkexec: 126 when the person dismissed the password dialog, 127 when
   // they couldn't be authorised.
   if (out.status == 126) return Result::fail("Setup cancelled.");
-  if (!out.ok()) return Result::fail("Couldn't install the polkit rule: " + out.output);
+  if (!out.ok()) return Result::fail("Couldn't install the polkit rule: " + out.said());
   said.push_back("Installed the polkit rule " + polkitRulePath() +
                  " (lets Vigilo's user service keep the laptop awake with the lid shut)");
   return Result::ok();
@@ -147,7 +147,7 @@ Result LinuxSetup::removePolkitRule(std::vector<std::string>& said) {
   if (::geteuid() != 0) argv.insert(argv.begin(), "/usr/bin/pkexec");
   CommandOutput out = run(argv);
   if (out.status == 126) return Result::fail("Removal cancelled; the polkit rule " + polkitRulePath() + " stays.");
-  if (!out.ok()) return Result::fail("Couldn't remove the polkit rule " + polkitRulePath() + ": " + out.output);
+  if (!out.ok()) return Result::fail("Couldn't remove the polkit rule " + polkitRulePath() + ": " + out.said());
   said.push_back("Removed the polkit rule " + polkitRulePath());
   return Result::ok();
 }
@@ -176,7 +176,11 @@ Result LinuxSetup::installWatchdog() {
   }
   CommandOutput reload = run(systemctl({"daemon-reload"}));
   CommandOutput out = reload.ok() ? run(systemctl({"enable", "--now", std::string(kWatchdogUnit) + ".timer"})) : reload;
-  if (!out.ok()) return Result::fail("Couldn't start the watchdog: " + out.output);
+  if (!out.ok()) {
+    return Result::fail("Couldn't start the watchdog: " + out.said() +
+                        ". Without a systemd user manager (over SSH, in a container) it can't run; log in on the "
+                        "laptop and run vigilo setup again.");
+  }
   return Result::ok();
 }
 

@@ -201,7 +201,7 @@ Result MacSetup::installWatchdog() {
   // A loaded agent reads the refreshed script on its next run.
   if (watchdogLoaded()) return Result::ok();
   CommandOutput out = run({"/bin/launchctl", "bootstrap", "gui/" + std::to_string(c_.uid), propertyListPath()});
-  if (!out.ok()) return Result::fail("Couldn't start the watchdog: " + out.output);
+  if (!out.ok()) return Result::fail("Couldn't start the watchdog: " + out.said());
   return Result::ok();
 }
 

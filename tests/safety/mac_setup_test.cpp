@@ -140,7 +140,7 @@ TEST_F(MacSetupTest, FailuresSayWhatHappenedInPlainWords) {
          if (a[0] != "/bin/launchctl") return CommandOutput{0, ""};
          return CommandOutput{a[1] == "print" ? 113 : 5, "Bootstrap failed: 5: Input/output error\n"};
        },
-       "Couldn't start the watchdog: Bootstrap failed: 5: Input/output error\n"},
+       "Couldn't start the watchdog: Bootstrap failed: 5: Input/output error"},
   };
   for (const Case& c : cases) {
     runner_.calls.clear();
