@@ -740,6 +740,22 @@ class Cli {
     return 0;
   }
 
+  // Turns "Approve everything" off from the files it left for the
+  // watchdog; `line` says how that went when it was on. Gives the exit
+  // status.
+  int rescueApprove(const Engine& engine, std::string& line) {
+    if (!engine.files().exists(kAutoApproveFile)) return 0;
+    auto left = restoreApproveFiles(engine.files());
+    if (left.empty()) {
+      line = "Approve everything is off: Claude Code and Codex ask before acting again.";
+      return 0;
+    }
+    std::string reason;
+    for (const auto& l : left) reason += (reason.empty() ? "" : "; ") + l;
+    line = "Couldn't turn Approve everything off: " + reason;
+    return 1;
+  }
+
   int setup() {
     ProcessRunner runner;
     auto s = makeHostSetup(currentSetupContext(folder_), runner);
@@ -805,13 +821,17 @@ class Cli {
     }
     Engine engine(*m->platform, folder_, EngineOptions{false, true});
     auto failedItems = engine.rescue();
+    std::string approveLine;
+    const int approve = rescueApprove(engine, approveLine);
     if (failedItems.empty()) {
       out("Everything Vigilo changed is back to how it was. Vigilo is stopped; open it again when you want it.");
-      return 0;
+      if (!approveLine.empty()) out(approveLine);
+      return approve;
     }
     out("Couldn't undo:");
     for (const auto& f : failedItems) out("  " + f);
     out("By hand: sudo pmset -a disablesleep 0 switches sleep back on; quit and reopen any app listed above.");
+    if (!approveLine.empty()) out(approveLine);
     return 1;
   }
 

@@ -117,5 +117,29 @@ TEST_F(WatchdogEndToEnd, DoctorReportsTheSetupLineByLine) {
                               "asking (turn off in Settings › Agents)\n"));
 }
 
+TEST_F(WatchdogEndToEnd, RescueTurnsApproveEverythingOffOrSaysWhyNot) {
+  const std::string settings = person_ + "/settings.json";
+  writeFile(settings, R"({"permissions":{"defaultMode":"bypassPermissions"}})");
+  std::filesystem::create_directories(home_ + "/approve-restore");
+  writeFile(home_ + "/auto-approve.json", "{}");
+  writeFile(home_ + "/approve-restore/claude.target", settings);
+  writeFile(home_ + "/approve-restore/claude.restored", "{}");
+  writeFile(home_ + "/approve-restore/claude.sha", std::string(64, 'a'));  // changed since
+  ToolRun rescue = runTool({"rescue"}, home_, {"VIGILO_SIMULATE=" + state_});
+  EXPECT_EQ(rescue.status, 1);
+  EXPECT_THAT(rescue.out, ::testing::HasSubstr("Couldn't turn Approve everything off: Claude Code's settings " +
+                                               settings + " changed since Vigilo edited them"));
+  ProcessRunner runner;
+  writeFile(home_ + "/approve-restore/claude.sha",
+            runner.run({"/usr/bin/sha256sum", settings}).output.substr(0, 64));
+  rescue = runTool({"rescue"}, home_, {"VIGILO_SIMULATE=" + state_});
+  EXPECT_EQ(rescue.status, 0) << rescue.out;
+  EXPECT_EQ(rescue.out,
+            "Everything Vigilo changed is back to how it was. Vigilo is stopped; open it again when you want it.\n"
+            "Approve everything is off: Claude Code and Codex ask before acting again.\n");
+  EXPECT_EQ(readFile(settings), "{}");
+  EXPECT_FALSE(has("auto-approve.json"));
+}
+
 }  // namespace
 }  // namespace vigilo::test
