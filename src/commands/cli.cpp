@@ -731,7 +731,7 @@ class Cli {
       out("Changes Vigilo has made right now:");
       for (const auto& c : changes) out("  " + describeChange(c));
     }
-    if (engine.files().exists(kAutoApproveFile)) {
+    if (engine.files().exists(kApproveRecordFile)) {
       out("Approve everything is on: Claude Code and Codex run without asking (turn off in Settings › Agents)");
     }
     for (const Capability& c : m->platform->capabilities()) {
@@ -744,7 +744,7 @@ class Cli {
   // watchdog; `line` says how that went when it was on. Gives the exit
   // status.
   int rescueApprove(const Engine& engine, std::string& line) {
-    if (!engine.files().exists(kAutoApproveFile)) return 0;
+    if (!engine.files().exists(kApproveRecordFile)) return 0;
     auto left = restoreApproveFiles(engine.files());
     if (left.empty()) {
       line = "Approve everything is off: Claude Code and Codex ask before acting again.";

@@ -63,15 +63,15 @@ void Watchdog::checkWatchdog(Engine& engine) {
 
 std::vector<std::string> Watchdog::systemChanges(const Engine& engine) {
   std::vector<std::string> out = engine.outstandingChanges();
-  if (engine.files().exists(kAutoApproveFile)) out.emplace_back(kAutoApproveFile);
+  if (engine.files().exists(kApproveRecordFile)) out.emplace_back(kApproveRecordFile);
   return out;
 }
 
 std::vector<std::string> restoreApproveFiles(const StateFiles& files) {
   std::vector<std::string> left;
-  const std::string folder = files.path(kApproveRestoreFolder);
+  const std::string folder = files.path(kApproveShellFolder);
   std::error_code ec;
-  if (!files.exists(kAutoApproveFile) || !fs::is_directory(folder, ec)) return left;
+  if (!files.exists(kApproveRecordFile) || !fs::is_directory(folder, ec)) return left;
   for (const char* name : {"claude", "codex"}) {
     const std::string base = folder + "/" + name;
     auto targetText = readWholeFile(base + ".target", 64 * 1024);
@@ -96,7 +96,7 @@ std::vector<std::string> restoreApproveFiles(const StateFiles& files) {
   }
   if (left.empty()) {
     fs::remove_all(folder, ec);
-    if (!ec) files.remove(kAutoApproveFile);
+    if (!ec) files.remove(kApproveRecordFile);
   }
   return left;
 }

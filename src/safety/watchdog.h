@@ -9,8 +9,8 @@
 
 namespace vigilo {
 
-inline constexpr std::string_view kAutoApproveFile = "auto-approve.json";
-inline constexpr std::string_view kApproveRestoreFolder = "approve-restore";
+inline constexpr std::string_view kApproveRecordFile = "auto-approve.json";
+inline constexpr std::string_view kApproveShellFolder = "approve-restore";
 
 // The safety net's part of the tick: the watchdog script is rewritten at
 // launch so it names the running executable, and every 5 minutes the app
