@@ -209,13 +209,17 @@ Result LinuxSetup::install(std::vector<std::string>& said) {
     if (ec) return Result::fail("Couldn't link the vigilo command at " + link + ": " + ec.message());
     said.push_back("Linked the vigilo command: " + link + " → " + c_.executable);
   }
-  if (Result r = installWatchdog(); !r) return r;
-  said.push_back("Started the watchdog (" + unitFolder() + "/" + kWatchdogUnit +
-                 ".timer, every 60 seconds; it runs " + scriptPath() + ")");
+  // Each step stands on its own: a timer that can't start yet (no user
+  // manager over SSH) doesn't keep the rule from being installed.
+  Result watchdog = installWatchdog();
+  if (watchdog) {
+    said.push_back("Started the watchdog (" + unitFolder() + "/" + kWatchdogUnit +
+                   ".timer, every 60 seconds; it runs " + scriptPath() + ")");
+  }
   if (withPolkitRule && !polkitRuleInstalled()) {
     if (Result r = installPolkitRule(said); !r) return r;
   }
-  return Result::ok();
+  return watchdog;
 }
 
 Result LinuxSetup::uninstall(std::vector<std::string>& said) {
