@@ -80,6 +80,9 @@ std::string macWatchdogScript(const std::string& home, const std::string& folder
   s += "LABEL=" + std::string(kWatchdogLabel) + "\n";
   s += "S=/usr/bin/sudo\n";
   s += "TAB=$(printf '\\t')\n";
+  // An app run with its own folder is found through VIGILO_HOME, which
+  // launchd does not set.
+  if (folder != defaultFolder) s += "VIGILO_HOME=$D\nexport VIGILO_HOME\n";
   s += R"SH(
 # Sleep the app switched off and never switched back on. Sleep that was
 # already off before the app took over is not the app's to switch on.

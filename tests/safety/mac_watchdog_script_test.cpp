@@ -68,6 +68,8 @@ TEST_F(MacWatchdogScriptTest, BeginsAsTheLaunchAgentExpectsAndParses) {
   // Another folder and an executable path with a quote are quoted for sh.
   const std::string odd = macWatchdogScript("/Users/ada", "/tmp/v home", "/Apps/it's/Vigilo");
   EXPECT_NE(odd.find("D='/tmp/v home'\nEXE='/Apps/it'\\''s/Vigilo'\n"), std::string::npos);
+  EXPECT_NE(odd.find("\nVIGILO_HOME=$D\nexport VIGILO_HOME\n"), std::string::npos);
+  EXPECT_EQ(s.find("VIGILO_HOME"), std::string::npos);
   writeFile(dir_.file("odd.sh"), odd);
   ProcessRunner runner;
   EXPECT_EQ(runner.run({"/bin/sh", "-n", dir_.file("odd.sh")}).status, 0);
