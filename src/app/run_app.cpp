@@ -235,6 +235,9 @@ int runApp(const std::vector<std::string>& args) {
     quitting = true;
     say("Quitting: putting everything back");
     engine.shutdown();
+    // "Approve everything" still on with nobody left to end it: the heartbeat
+    // stays and goes stale, and the watchdog puts the agents' files back.
+    if (!options->preview && !Watchdog::systemChanges(engine).empty()) files.touch(kAliveFile);
     loop->stop();
   };
   loop->onSignal(SIGINT, quit);

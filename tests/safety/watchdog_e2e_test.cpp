@@ -96,6 +96,17 @@ TEST_F(WatchdogEndToEnd, AKilledAppIsCleanedUpByOneWatchdogRun) {
   EXPECT_EQ(laptop().commands, after.commands);
 }
 
+TEST_F(WatchdogEndToEnd, AQuitLeavesTheHeartbeatOnlyWhileAChangeIsOutstanding) {
+  for (bool approveOn : {false, true}) {
+    if (approveOn) writeFile(home_ + "/auto-approve.json", "{}");
+    AppProcess app({"app", "--simulate", state_}, home_, dir_.file("quit.txt"), {"HOME=" + person_});
+    ASSERT_TRUE(waitFor([&] { return has("alive") && has("watchdog.sh"); }, 10s)) << app.output();
+    app.signal(SIGTERM);
+    ASSERT_EQ(app.wait(10s), 0) << app.output();
+    EXPECT_EQ(has("alive"), approveOn);
+  }
+}
+
 TEST_F(WatchdogEndToEnd, DoctorReportsTheSetupLineByLine) {
   ToolRun doctor = runTool({"doctor"}, home_, {"HOME=" + person_, "VIGILO_SIMULATE=" + state_, "XDG_CONFIG_HOME="});
   EXPECT_EQ(doctor.status, 0) << doctor.err;
