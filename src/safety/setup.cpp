@@ -246,7 +246,13 @@ std::vector<std::string> MacSetup::doctorLines() {
 std::string runningExecutable() {
   std::error_code ec;
   auto p = fs::read_symlink("/proc/self/exe", ec);
-  return ec ? std::string() : p.string();
+  if (ec) return {};
+  // An executable replaced since it started (a rebuild) reads "<path> (deleted)";
+  // the path is where the new one is.
+  std::string path = p.string();
+  constexpr std::string_view kDeleted = " (deleted)";
+  if (path.size() > kDeleted.size() && path.ends_with(kDeleted)) path.resize(path.size() - kDeleted.size());
+  return path;
 }
 
 SetupContext currentSetupContext(const std::string& appFolder) {

@@ -36,7 +36,7 @@ restore_approve() {
       # Done: a later run must not mistake the restored file for a changed one.
       rm -f "$R/$name.target" "$R/$name.sha" "$R/$name.restored"
     else
-      rm -f "$target.vigilo-tmp"
+      [ -n "$target" ] && rm -f "$target.vigilo-tmp"
       left=1
     fi
   done
