@@ -35,6 +35,8 @@ std::unique_ptr<Processes> hostProcesses() { return makeHostProcesses(); }
 int vigiloMain(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
   if (!args.empty() && args[0] == "app") return runApp(std::vector<std::string>(args.begin() + 1, args.end()));
+  // The watchdog script runs "<executable> cli watchdog".
+  if (!args.empty() && args[0] == "cli") args.erase(args.begin());
   return runCli(args, ToolMachine{toolPlatform, hostProcesses});
 }
 

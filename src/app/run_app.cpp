@@ -22,6 +22,7 @@
 #include "platform/linux/linux_platform.h"
 #include "platform/sim/sim_laptop.h"
 #include "power/power_watch.h"
+#include "safety/watchdog.h"
 
 namespace vigilo {
 namespace {
@@ -199,7 +200,13 @@ int runApp(const std::vector<std::string>& args) {
   AutoApprove approve(folder, AgentPlaces::fromEnvironment(), clock);
   ApproveJobs approveJobs(approve, &work, [](const std::string& line) { say(line); });
   engine.addSlowJobs(&approveJobs);
-  std::string lastStatus, lastWarning, lastSetupError, lastSimProblem;
+  // The safety net: the watchdog script is rewritten at launch and checked
+  // every 5 minutes.
+  ProcessRunner setupRunner;
+  auto setup = makeHostSetup(currentSetupContext(folder), setupRunner);
+  Watchdog watchdog(*setup);
+  engine.addSlowJobs(&watchdog);
+  std::string lastStatus, lastWarning, lastSetupError, lastSimProblem, lastWatchdogWarning;
   auto report = [&] {
     std::string status = engine.statusLine();
     if (status != lastStatus) say(status);
@@ -210,6 +217,9 @@ int runApp(const std::vector<std::string>& args) {
     std::string setupError = engine.setupError().value_or("");
     if (setupError != lastSetupError && !setupError.empty()) say("warning: " + setupError);
     lastSetupError = setupError;
+    std::string watchdogWarning = watchdog.warning().value_or("");
+    if (watchdogWarning != lastWatchdogWarning && !watchdogWarning.empty()) say("warning: " + watchdogWarning);
+    lastWatchdogWarning = watchdogWarning;
     std::string simProblem = sim ? sim->stateFileProblem() : std::string();
     if (simProblem != lastSimProblem && !simProblem.empty()) say("warning: " + simProblem);
     lastSimProblem = simProblem;
@@ -229,6 +239,9 @@ int runApp(const std::vector<std::string>& args) {
     quitting = true;
     say("Quitting: putting everything back");
     engine.shutdown();
+    // "Approve everything" still on with nobody left to end it: the heartbeat
+    // stays and goes stale, and the watchdog puts the agents' files back.
+    if (!options->preview && !Watchdog::systemChanges(engine).empty()) files.touch(kAliveFile);
     loop->stop();
   };
   loop->onSignal(SIGINT, quit);

@@ -25,7 +25,10 @@
 #include "engine/engine.h"
 #include "integrations/auto_approve.h"
 #include "integrations/connect_command.h"
+#include "engine/log.h"
 #include "platform/files.h"
+#include "safety/setup_command.h"
+#include "safety/watchdog.h"
 
 extern char** environ;
 
@@ -61,7 +64,7 @@ struct Invocation {
 
 Invocation parse(const std::vector<std::string>& args) {
   static const char* const kValued[] = {"--for", "--reason", "--pid"};
-  static const char* const kSwitches[] = {"--json", "--detailed", "--screen"};
+  static const char* const kSwitches[] = {"--json", "--detailed", "--screen", "--remove", "--yes"};
   Invocation inv;
   for (std::size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
@@ -296,6 +299,8 @@ class Cli {
         {"connect", &Cli::connect},   {"prompt", &Cli::prompt},    {"mcp", &Cli::mcp},
         {"event", &Cli::event},
         {"disconnect", &Cli::disconnect}, {"approve", &Cli::approve},
+        // Not in the help: the one-time setup, and what the watchdog script runs.
+        {"setup", &Cli::setup},       {"watchdog", &Cli::watchdog},
     };
     for (const Entry& e : kCommands) {
       if (name == e.name) {
@@ -776,6 +781,8 @@ class Cli {
     }
     SetupStatus setup = m->platform->power().setupStatus();
     out("Sleep permission: " + (setup.ready ? std::string("in place") : "missing (" + setup.reason + ")"));
+    ProcessRunner runner;
+    for (const auto& line : makeHostSetup(currentSetupContext(folder_), runner)->doctorLines()) out(line);
     auto disabled = m->platform->registry().sleepDisabled();
     out(std::string("Sleep switched off right now: ") + (!disabled ? "unknown" : *disabled ? "yes" : "no"));
     Engine engine(*m->platform, folder_, EngineOptions{false, true});
@@ -799,14 +806,70 @@ class Cli {
 
   // Turns Approve everything off for `rescue`: the line to print (none
   // when it was off), and whether it is off now.
-  std::pair<std::optional<std::string>, bool> rescueApprove(const Clock& clock) {
+  std::pair<std::optional<std::string>, bool> rescueApprove(const Engine& engine, const Clock& clock) {
     AutoApprove approve(folder_, AgentPlaces::fromEnvironment(), clock);
     if (!approve.isOn()) return {std::nullopt, true};
     bool ok = false;
-    const std::string message = approve.turnOff(&ok);
+    std::string message = approve.turnOff(&ok);
+    if (!ok && engine.files().exists(kApproveShellFolder)) {
+      // The record may be unreadable while the restore folder left for the
+      // watchdog is whole: its checksums still tell which files are safe to
+      // put back.
+      const auto left = restoreApproveFiles(engine.files());
+      ok = left.empty();
+      if (!ok) {
+        message.clear();
+        for (const auto& l : left) message += (message.empty() ? "" : "; ") + l;
+      }
+    }
     return {ok ? std::string("Approve everything is off: Claude Code and Codex ask before acting again.")
                : "Couldn't turn Approve everything off: " + message,
             ok};
+  }
+
+  int setup() {
+    ProcessRunner runner;
+    auto s = makeHostSetup(currentSetupContext(folder_), runner);
+    return runSetupCommand(*s, inv_.has("--remove"), inv_.has("--yes"), askOnTerminal);
+  }
+
+  // Run by the watchdog script when the heartbeat went stale: the app died
+  // or hangs. A laptop that just woke shows a stale heartbeat for the
+  // moment before the app's next tick, so a running app gets a few seconds
+  // to beat again before it counts as hung.
+  int watchdog() {
+    if (auto pid = runningApp(folder_); pid && *pid > 0) {
+      StateFiles files(folder_);
+      auto fresh = [&] {
+        auto beat = files.modified(kAliveFile);
+        return beat && SystemClock().now() - *beat < 40;
+      };
+      for (int i = 0; i < 50 && !fresh(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      if (fresh()) return 0;
+      logLine("Vigilo watchdog: the app (process " + std::to_string(*pid) + ") stopped beating; stopping it");
+      stopApp(*pid);
+    }
+    auto m = machine();
+    if (!m) {
+      logLine("Vigilo watchdog: couldn't reach this machine's backend to put things back");
+      return 1;
+    }
+    Engine engine(*m->platform, folder_, EngineOptions{false, true});
+    auto failedItems = putBackAfterCrash(engine);
+    for (const auto& f : failedItems) logLine("Vigilo watchdog: couldn't undo " + f);
+    return failedItems.empty() ? 0 : 1;
+  }
+
+  // Asks the app to quit (it puts things back itself) and kills it when it
+  // is stuck.
+  void stopApp(pid_t pid) {
+    ::kill(pid, SIGTERM);
+    auto stopped = [&] { return !runningApp(folder_); };
+    for (int i = 0; i < 250 && !stopped(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    if (!stopped()) {
+      ::kill(pid, SIGKILL);
+      for (int i = 0; i < 100 && !stopped(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
   }
 
   int rescue() {
@@ -829,7 +892,7 @@ class Cli {
     }
     Engine engine(*m->platform, folder_, EngineOptions{false, true});
     auto failedItems = engine.rescue();
-    const auto [approveLine, approveOff] = rescueApprove(m->clock);
+    const auto [approveLine, approveOff] = rescueApprove(engine, m->clock);
     if (failedItems.empty()) {
       out("Everything Vigilo changed is back to how it was. Vigilo is stopped; open it again when you want it.");
       if (approveLine) out(*approveLine);

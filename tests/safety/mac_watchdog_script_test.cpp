@@ -1,0 +1,229 @@
+#include <filesystem>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "safety/script_harness.h"
+#include "safety/watchdog_script.h"
+
+namespace vigilo::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr long long kNow = 1'800'000'000;
+
+// Given the Mac's watchdog script in a temporary home, run by dash against
+// stand-in tools: the absolute tool paths the script uses on a Mac are
+// pointed at the stand-ins, everything else is the script as written.
+class MacWatchdogScriptTest : public ::testing::Test {
+ protected:
+  MacWatchdogScriptTest() : tools_(dir_.file("tools")) {
+    home_ = dir_.file("home");
+    folder_ = home_ + "/Library/Application Support/Vigilo";
+    exe_ = dir_.file("Vigilo");
+    link_ = dir_.file("usr-local-bin-vigilo");
+    std::filesystem::create_directories(folder_);
+    std::filesystem::create_directories(home_ + "/Library/LaunchAgents");
+    writeFile(exe_, "#!/bin/sh\necho \"exe $*\" >>\"$FAKE_DIR/log\"\n");
+    ::chmod(exe_.c_str(), 0755);
+    writeFile(plist(), "<plist/>");
+    std::string s = macWatchdogScript(home_, folder_, exe_);
+    for (auto [from, to] : std::vector<std::pair<std::string, std::string>>{
+             {"/usr/bin/sudo", tools_.bin() + "/sudo"},
+             {"/bin/launchctl", tools_.bin() + "/launchctl"},
+             {"/usr/bin/id", tools_.bin() + "/id"},
+             {"/usr/bin/shasum", tools_.bin() + "/shasum"},
+             {"/usr/local/bin/vigilo", link_}}) {
+      for (auto at = s.find(from); at != std::string::npos; at = s.find(from, at + to.size())) s.replace(at, from.size(), to);
+    }
+    writeFile(script(), s);
+    tools_.setNow(kNow);
+  }
+  std::string script() const { return folder_ + "/watchdog.sh"; }
+  std::string plist() const { return home_ + "/Library/LaunchAgents/com.tarnwell.vigilo.watchdog.plist"; }
+  std::string file(const std::string& name) const { return folder_ + "/" + name; }
+  bool has(const std::string& name) const { return fileExists(file(name)); }
+  void put(const std::string& name, const std::string& text = "") const { writeFile(file(name), text); }
+  int run() const { return tools_.runScript(script(), home_); }
+  void removeApp() const { std::filesystem::remove(exe_); }
+
+  TempDir dir_;
+  FakeTools tools_;
+  std::string home_, folder_, exe_, link_;
+};
+
+TEST_F(MacWatchdogScriptTest, BeginsAsTheLaunchAgentExpectsAndParses) {
+  const std::string s = macWatchdogScript("/Users/ada", "/Users/ada/Library/Application Support/Vigilo",
+                                          "/Applications/Vigilo.app/Contents/MacOS/Vigilo");
+  EXPECT_EQ(s.substr(0, s.find("\n\n")),
+            "#!/bin/sh\n"
+            "# Vigilo watchdog (written by Vigilo; refreshed each launch).\n"
+            "D=\"$HOME/Library/Application Support/Vigilo\"\n"
+            "EXE=/Applications/Vigilo.app/Contents/MacOS/Vigilo\n"
+            "LABEL=com.tarnwell.vigilo.watchdog\n"
+            "S=/usr/bin/sudo\n"
+            "TAB=$(printf '\\t')");
+  // Another folder and an executable path with a quote are quoted for sh.
+  const std::string odd = macWatchdogScript("/Users/ada", "/tmp/v home", "/Apps/it's/Vigilo");
+  EXPECT_NE(odd.find("D='/tmp/v home'\nEXE='/Apps/it'\\''s/Vigilo'\n"), std::string::npos);
+  EXPECT_NE(odd.find("\nVIGILO_HOME=$D\nexport VIGILO_HOME\n"), std::string::npos);
+  EXPECT_EQ(s.find("VIGILO_HOME"), std::string::npos);
+  writeFile(dir_.file("odd.sh"), odd);
+  ProcessRunner runner;
+  EXPECT_EQ(runner.run({"/bin/sh", "-n", dir_.file("odd.sh")}).status, 0);
+}
+
+TEST_F(MacWatchdogScriptTest, AFreshHeartbeatIsLeftAloneAStaleOneHandsOverToTheApp) {
+  // Given "alive" 39 seconds old: the app lives, nothing is done.
+  put("alive");
+  put("gone", "123");
+  setModified(file("alive"), kNow - 39);
+  EXPECT_EQ(run(), 0);
+  EXPECT_THAT(tools_.logLines(), IsEmpty());
+  EXPECT_FALSE(has("gone"));  // the executable is there again
+  // 40 seconds: the app died or hangs; its executable undoes the records.
+  setModified(file("alive"), kNow - 40);
+  put("hold");
+  EXPECT_EQ(run(), 0);
+  EXPECT_THAT(tools_.logLines(), ElementsAre("exe cli watchdog"));
+}
+
+TEST_F(MacWatchdogScriptTest, AfterACleanQuitOnlyALeftoverHoldIsReleased) {
+  // Sleep was off before the app took over: not ours to switch on.
+  put("hold");
+  put("sleep-off-before");
+  run();
+  EXPECT_FALSE(has("hold"));
+  EXPECT_TRUE(has("sleep-off-before"));
+  EXPECT_THAT(tools_.logLines(), IsEmpty());
+
+  // Ours, and sudo refuses: the record stays for the next run.
+  std::filesystem::remove(file("sleep-off-before"));
+  put("hold");
+  put("powermode-restore", "powermode 1");
+  tools_.setSudoFails(true);
+  run();
+  EXPECT_TRUE(has("hold"));
+  tools_.setSudoFails(false);
+  tools_.clearLog();
+  run();
+  EXPECT_FALSE(has("hold"));
+  // Only the hold: the other records are the app's own to put back.
+  EXPECT_TRUE(has("powermode-restore"));
+  EXPECT_THAT(tools_.logLines(), ElementsAre("sudo -n /usr/bin/pmset -a disablesleep 0"));
+}
+
+TEST_F(MacWatchdogScriptTest, WithTheAppGoneEveryRecordIsPutBackInOrder) {
+  removeApp();
+  PausedProcess ours, reused;
+  tools_.setProcessName(ours.pid(), "/usr/bin/sleep");
+  tools_.setProcessName(reused.pid(), "/Applications/Other.app/Contents/MacOS/Other");
+  put("resume-pids", std::to_string(ours.pid()) + "\t/bin/sleep\n" + std::to_string(reused.pid()) +
+                         "\t/bin/sleep\nabc\t/bin/sleep\n 12\t/bin/sleep\n");
+  put("touched.json", "[]");
+  put("powermode-restore", "lowpowermode 1\n");
+  put("timemachine-restore");
+  put("hold");
+  EXPECT_EQ(run(), 0);
+
+  EXPECT_FALSE(ours.stopped());
+  EXPECT_TRUE(reused.stopped());  // its pid now belongs to another program
+  for (const char* f : {"resume-pids", "touched.json", "powermode-restore", "timemachine-restore", "hold"}) {
+    EXPECT_FALSE(has(f)) << f;
+  }
+  EXPECT_THAT(tools_.logLines(),
+              ElementsAre("ps -p " + std::to_string(ours.pid()) + " -o comm=",
+                          "ps -p " + std::to_string(reused.pid()) + " -o comm=",
+                          "sudo -n /usr/bin/pmset -b lowpowermode 1", "sudo -n /usr/bin/tmutil enable",
+                          "sudo -n /usr/bin/pmset -a disablesleep 0"));
+}
+
+TEST_F(MacWatchdogScriptTest, PowerModeRecordsOutsideTheAllowedValuesAreDroppedWithoutPmset) {
+  removeApp();
+  for (const char* bad : {"powermode 7", "lowpowermode 2", "powermode 1 extra", "", "powermode; rm -rf /"}) {
+    put("powermode-restore", bad);
+    tools_.clearLog();
+    run();
+    EXPECT_FALSE(has("powermode-restore")) << bad;
+    EXPECT_THAT(tools_.logLines(), IsEmpty()) << bad;
+  }
+  // A refused put-back keeps its record for the next minute.
+  put("powermode-restore", "powermode 2");
+  tools_.setSudoFails(true);
+  run();
+  EXPECT_TRUE(has("powermode-restore"));
+}
+
+TEST_F(MacWatchdogScriptTest, GoneForTenMinutesRemovesTheSetup) {
+  removeApp();
+  ::symlink(dir_.file("nowhere").c_str(), link_.c_str());
+  put("alive");
+  run();
+  EXPECT_EQ(readFile(file("gone")), std::to_string(kNow) + "\n");
+  EXPECT_THAT(tools_.logLines(), IsEmpty());
+
+  tools_.setNow(kNow + 599);
+  run();
+  EXPECT_TRUE(has("watchdog.sh"));
+  EXPECT_TRUE(fileExists(plist()));
+
+  tools_.setNow(kNow + 600);
+  EXPECT_EQ(run(), 0);
+  EXPECT_THAT(tools_.logLines(), ElementsAre("sudo -n /bin/rm -f /private/etc/sudoers.d/vigilo",
+                                             "sudo -n /bin/rm -f " + link_,
+                                             "id -u", "launchctl bootout gui/501/com.tarnwell.vigilo.watchdog"));
+  for (const char* f : {"watchdog.sh", "gone", "alive"}) EXPECT_FALSE(has(f)) << f;
+  EXPECT_FALSE(fileExists(plist()));
+}
+
+TEST_F(MacWatchdogScriptTest, AGoneTimeThatIsNoNumberCountsAsNowAndALiveLinkStays) {
+  removeApp();
+  ::symlink(script().c_str(), link_.c_str());  // leads somewhere: not ours to remove
+  put("gone", "yesterday");
+  run();
+  EXPECT_TRUE(has("watchdog.sh"));
+  put("gone", std::to_string(kNow - 3600));
+  tools_.clearLog();
+  run();
+  EXPECT_THAT(tools_.logLines(), ElementsAre("sudo -n /bin/rm -f /private/etc/sudoers.d/vigilo", "id -u",
+                                             "launchctl bootout gui/501/com.tarnwell.vigilo.watchdog"));
+}
+
+TEST_F(MacWatchdogScriptTest, ApproveEverythingIsPutBackOnlyWhereTheFileIsAsVigiloLeftIt) {
+  removeApp();
+  const std::string claude = dir_.file("claude-settings.json");
+  const std::string codex = dir_.file("codex-config.toml");
+  writeFile(claude, "{\"permissions\":{\"defaultMode\":\"bypassPermissions\"}}");
+  writeFile(codex, "approval_policy = \"never\"\n# edited by the person since\n");
+  const std::string r = folder_ + "/approve-restore";
+  std::filesystem::create_directories(r);
+  put("auto-approve.json", "{}");
+  writeFile(r + "/claude.target", claude + "\n");
+  writeFile(r + "/claude.restored", "{}");
+  // SHA-256 of the Claude file exactly as written above.
+  ProcessRunner runner;
+  std::string sum = runner.run({"/usr/bin/sha256sum", claude}).output.substr(0, 64);
+  writeFile(r + "/claude.sha", sum + "\n");
+  writeFile(r + "/codex.target", codex);
+  writeFile(r + "/codex.restored", "approval_policy = \"on-request\"\n");
+  writeFile(r + "/codex.sha", std::string(64, '0'));
+  run();
+  EXPECT_EQ(readFile(claude), "{}");
+  EXPECT_EQ(readFile(codex), "approval_policy = \"never\"\n# edited by the person since\n");
+  EXPECT_TRUE(has("auto-approve.json"));  // Codex waits for the app
+  EXPECT_FALSE(fileExists(r + "/claude.target"));
+
+  // The next run does not take the restored Claude file for a changed one;
+  // once Codex is back too, the record goes.
+  writeFile(codex, "approval_policy = \"never\"\n");
+  writeFile(r + "/codex.sha", runner.run({"/usr/bin/sha256sum", codex}).output.substr(0, 64));
+  run();
+  EXPECT_EQ(readFile(codex), "approval_policy = \"on-request\"\n");
+  EXPECT_FALSE(has("auto-approve.json"));
+  EXPECT_FALSE(std::filesystem::exists(r));
+}
+
+}  // namespace
+}  // namespace vigilo::test
