@@ -7,6 +7,7 @@
 #include "platform/linux/host_processes.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/sim/sim_laptop.h"
+#include "remote/pair_command.h"
 
 namespace vigilo {
 namespace {
@@ -35,6 +36,8 @@ std::unique_ptr<Processes> hostProcesses() { return makeHostProcesses(); }
 int vigiloMain(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
   if (!args.empty() && args[0] == "app") return runApp(std::vector<std::string>(args.begin() + 1, args.end()));
+  // Pairing is a person's act at the terminal, so it stays out of the help.
+  if (!args.empty() && args[0] == "pair") return runPair(std::vector<std::string>(args.begin() + 1, args.end()), toolAppFolder());
   return runCli(args, ToolMachine{toolPlatform, hostProcesses});
 }
 

@@ -24,6 +24,7 @@
 #include "commands/setup_prompt.h"
 #include "engine/engine.h"
 #include "platform/files.h"
+#include "remote/doctor_lines.h"
 
 extern char** environ;
 
@@ -727,6 +728,7 @@ class Cli {
     for (const Capability& c : m->platform->capabilities()) {
       if (!c.available) out("Not available: " + c.detail);
     }
+    for (const std::string& line : phoneDoctorLines(folder_, m->platform->name() == "sim")) out(line);
     return 0;
   }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -44,6 +45,12 @@ class CommandCenter {
     power_ = power;
   }
 
+  // A request that another subsystem answers (`wake`, `wake_at`): `fn`
+  // gives the whole reply object.
+  void addHandler(const std::string& cmd, std::function<nlohmann::json(const nlohmann::json&)> fn) {
+    extra_[cmd] = std::move(fn);
+  }
+
   // Handles one request and gives the reply object.
   nlohmann::json handle(const std::string& cmd, const nlohmann::json& args);
 
@@ -79,6 +86,7 @@ class CommandCenter {
   std::function<void()> quit_;
   const AgentWork* work_ = nullptr;
   const PowerWatch* power_ = nullptr;
+  std::map<std::string, std::function<nlohmann::json(const nlohmann::json&)>> extra_;
 };
 
 }  // namespace vigilo

@@ -1,0 +1,133 @@
+#include <csignal>
+#include <filesystem>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "e2e/app_process.h"
+#include "e2e/piped_process.h"
+#include "engine/config.h"
+#include "remote/source_dir.h"
+#include "test_support.h"
+
+namespace vigilo::test {
+namespace {
+
+using namespace std::chrono_literals;
+using json = nlohmann::json;
+
+const std::string kPhoneDir = sourceDir(__FILE__) + "/phone";
+
+// Given a loopback ntfy stand-in, a phone paired with `vigilo pair` and a
+// running `vigilo app --simulate`: Node's WebCrypto plays the phone.
+class PhoneRelayTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    home_ = dir_.file("home");
+    std::filesystem::create_directories(home_);
+    relay_ = std::make_unique<PipedProcess>(std::vector<std::string>{"/usr/bin/env", "node", kPhoneDir + "/ntfy_standin.mjs"},
+                                            std::vector<std::string>{"KEEPALIVE_SECONDS=1"}, dir_.file("relay-err.txt"));
+    auto first = relay_->readLine(10s);
+    ASSERT_TRUE(first) << readFile(dir_.file("relay-err.txt"));
+    port_ = json::parse(*first)["port"].get<int>();
+    relayUrl_ = "http://127.0.0.1:" + std::to_string(port_);
+
+    ToolRun pair = runTool({"pair", "--relay", relayUrl_, "--no-qr"}, home_);
+    ASSERT_EQ(pair.status, 0) << pair.err;
+    const auto at = pair.out.find("https://");
+    ASSERT_NE(at, std::string::npos) << pair.out;
+    link_ = pair.out.substr(at, pair.out.find('\n', at) - at);
+
+    app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", dir_.file("laptop.json")}, home_,
+                                        dir_.file("app.txt"));
+    ASSERT_TRUE(waitFor([&] { return app_->output().find("phone control listens for 1 phone") != std::string::npos; }, 10s))
+        << app_->output();
+    phone_ = std::make_unique<PipedProcess>(std::vector<std::string>{"/usr/bin/env", "node", kPhoneDir + "/phone.mjs", link_},
+                                            std::vector<std::string>{}, dir_.file("phone-err.txt"));
+    auto ready = phone_->readLine(10s);
+    ASSERT_TRUE(ready) << readFile(dir_.file("phone-err.txt"));
+  }
+  void TearDown() override {
+    if (phone_) phone_->closeInput();
+    if (app_) {
+      app_->signal(SIGTERM);
+      EXPECT_EQ(app_->wait(15s), 0) << app_->output();
+    }
+    if (relay_) relay_->closeInput();
+  }
+
+  json ask(const json& request) {
+    if (!phone_->write(request.dump() + "\n")) return nullptr;
+    auto line = phone_->readLine(15s);
+    return line ? json::parse(*line, nullptr, false) : json(nullptr);
+  }
+  Config config() { return Config::fromJson(json::parse(readFile(home_ + "/config.json"), nullptr, false)); }
+
+  TempDir dir_;
+  std::string home_;
+  int port_ = 0;
+  std::string relayUrl_;
+  std::string link_;
+  std::unique_ptr<PipedProcess> relay_;
+  std::unique_ptr<AppProcess> app_;
+  std::unique_ptr<PipedProcess> phone_;
+};
+
+TEST_F(PhoneRelayTest, APhoneSeesTheStatusChangesTheModeAndIsRefusedWhatItMayNotDo) {
+  EXPECT_NE(link_.find("#k="), std::string::npos);
+  EXPECT_NE(link_.find("&r=http%3A%2F%2F127.0.0.1%3A" + std::to_string(port_)), std::string::npos);
+
+  json panel = ask({{"cmd", "panel"}});
+  ASSERT_EQ(panel["ok"], true) << panel.dump() << app_->output();
+  EXPECT_TRUE(panel["status"].is_string());
+  EXPECT_FALSE(panel.contains("config_path"));
+
+  json off = ask({{"cmd", "mode"}, {"args", {{"mode", "off"}}}});
+  EXPECT_EQ(off["ok"], true) << off.dump();
+  ASSERT_TRUE(waitFor([&] { return config().mode == Mode::Off; }, 5s));
+
+  EXPECT_EQ(ask({{"cmd", "quit"}})["error"], "quit isn't allowed from the phone");
+  EXPECT_EQ(ask({{"cmd", "panel"}, {"t", 61}})["error"], "too old or from the future (check the phone's clock)");
+  EXPECT_EQ(ask({{"cmd", "panel"}, {"n", "same-id"}})["ok"], true);
+  EXPECT_EQ(ask({{"cmd", "panel"}, {"n", "same-id"}})["error"], "already handled");
+  // Sealed for the other topic: it doesn't open, so nothing answers.
+  EXPECT_EQ(ask({{"cmd", "mode"}, {"args", {{"mode", "always"}}}, {"onTopic", "reply"}})["timeout"], true);
+  EXPECT_EQ(config().mode, Mode::Off);
+  // Text that isn't a box at all is ignored as well, and the app lives on.
+  EXPECT_EQ(ask({{"raw", "hello there"}})["published"], 200);
+  EXPECT_EQ(ask({{"cmd", "panel"}})["ok"], true);
+
+  // The phone tells its name; it shows in the list of paired phones.
+  ToolRun list = runTool({"pair", "--list", "--json"}, home_);
+  EXPECT_EQ(json::parse(list.out)["phones"][0]["name"], "Test phone") << list.out;
+}
+
+TEST_F(PhoneRelayTest, CommandsSentWhileTheRelayWasAwayAreNotLost) {
+  ASSERT_EQ(ask({{"cmd", "panel"}})["ok"], true);
+  ASSERT_TRUE(relay_->write("down\n"));
+  ASSERT_TRUE(relay_->readLine(5s));
+  ASSERT_TRUE(waitFor([&] { return app_->output().find("can't read the phone relay") != std::string::npos; }, 10s))
+      << app_->output();
+  ASSERT_TRUE(relay_->write("up\n"));
+  ASSERT_TRUE(relay_->readLine(5s));
+  // Published while the app is still backing off: it must be read with
+  // `since` once the app reconnects.
+  json sent = ask({{"cmd", "mode"}, {"args", {{"mode", "off"}}}, {"noWait", true}, {"n", "while-away"}});
+  ASSERT_EQ(sent["published"], 200);
+  json reply = ask({{"await", "while-away"}});
+  EXPECT_EQ(reply["ok"], true) << reply.dump() << app_->output();
+  EXPECT_TRUE(waitFor([&] { return config().mode == Mode::Off; }, 5s));
+}
+
+TEST_F(PhoneRelayTest, RevokingAPhoneStopsItAtOnce) {
+  ASSERT_EQ(ask({{"cmd", "panel"}})["ok"], true);
+  ToolRun revoke = runTool({"pair", "--all"}, home_);
+  ASSERT_EQ(revoke.status, 0) << revoke.err;
+  ASSERT_TRUE(waitFor([&] { return app_->output().find("phone control is off") != std::string::npos; }, 10s))
+      << app_->output();
+  EXPECT_EQ(ask({{"cmd", "mode"}, {"args", {{"mode", "off"}}}})["timeout"], true);
+  EXPECT_NE(config().mode, Mode::Off);
+}
+
+}  // namespace
+}  // namespace vigilo::test
