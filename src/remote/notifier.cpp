@@ -22,6 +22,7 @@ struct Notifier::Worker {
 
   Worker() {
     thread = std::thread([this] {
+      blockSignalsInThisThread();
       std::unique_lock<std::mutex> lock(mutex);
       while (true) {
         changed.wait(lock, [this] { return stopping || !jobs.empty(); });

@@ -1,6 +1,8 @@
 #include "remote/relay_client.h"
 
 #include <chrono>
+#include <csignal>
+#include <pthread.h>
 #include <cmath>
 #include <memory>
 #include <mutex>
@@ -45,6 +47,10 @@ struct Stream {
   std::string buffer;
   std::string since;
   bool opened = false;
+  // A failure was reported and not yet its end.
+  bool reported = false;
+  const RelayClient::Log* log = nullptr;
+  std::string base;
   const RelayClient::Deliver* deliver = nullptr;
   const std::atomic<bool>* stopping = nullptr;
 
@@ -52,7 +58,11 @@ struct Stream {
     auto j = nlohmann::json::parse(text, nullptr, false);
     if (!j.is_object()) return;
     const std::string event = j.value("event", "");
-    if (event == "open") opened = true;
+    if (event == "open") {
+      opened = true;
+      if (reported) (*log)("phone relay reachable again at " + base);
+      reported = false;
+    }
     if (event != "message") return;
     RelayMessage m;
     m.topic = j.value("topic", topic);
@@ -91,6 +101,12 @@ int stopProgress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
 }
 
 }  // namespace
+
+void blockSignalsInThisThread() {
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, nullptr);
+}
 
 std::string relayTopicUrl(const std::string& base, const std::string& topic) {
   std::string b = base;
@@ -135,8 +151,16 @@ bool relayPost(const std::string& url, const std::string& body, const std::vecto
 RelayClient::RelayClient(std::string base, std::vector<std::string> topics, double since, Deliver deliver, Log log)
     : base_(std::move(base)), deliver_(std::move(deliver)), log_(std::move(log)) {
   initCurlOnce();
-  for (const std::string& topic : topics) threads_.emplace_back([this, topic, since] { readTopic(topic, since); });
-  threads_.emplace_back([this] { publishLoop(); });
+  for (const std::string& topic : topics) {
+    threads_.emplace_back([this, topic, since] {
+      blockSignalsInThisThread();
+      readTopic(topic, since);
+    });
+  }
+  threads_.emplace_back([this] {
+    blockSignalsInThisThread();
+    publishLoop();
+  });
 }
 
 RelayClient::~RelayClient() {
@@ -167,8 +191,9 @@ void RelayClient::readTopic(const std::string& topic, double since) {
   stream.since = std::to_string(static_cast<long long>(std::floor(since)));
   stream.deliver = &deliver_;
   stream.stopping = &stopping_;
+  stream.log = &log_;
+  stream.base = base_;
   double backoff = 1;
-  bool reported = false;  // a failure was already reported
   while (!stopping_) {
     CurlHandle curl(curl_easy_init());
     if (!curl) {
@@ -196,13 +221,11 @@ void RelayClient::readTopic(const std::string& topic, double since) {
     if (stream.opened) {
       // It worked for a while: the relay closed the stream, start over soon.
       backoff = 1;
-      if (reported) log_("phone relay reachable again");
-      reported = false;
-    } else if (!reported) {
+    } else if (!stream.reported) {
       log_("can't read the phone relay at " + base_ + " (" +
            (rc != CURLE_OK ? std::string(curl_easy_strerror(rc)) : "HTTP " + std::to_string(code)) +
            "); retrying");
-      reported = true;
+      stream.reported = true;
     }
     if (!pause(backoff)) return;
     backoff = std::min(backoff * 2, kMaxBackoff);

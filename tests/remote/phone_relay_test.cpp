@@ -91,7 +91,7 @@ TEST_F(PhoneRelayTest, APhoneSeesTheStatusChangesTheModeAndIsRefusedWhatItMayNot
   EXPECT_EQ(ask({{"cmd", "panel"}, {"n", "same-id"}})["ok"], true);
   EXPECT_EQ(ask({{"cmd", "panel"}, {"n", "same-id"}})["error"], "already handled");
   // Sealed for the other topic: it doesn't open, so nothing answers.
-  EXPECT_EQ(ask({{"cmd", "mode"}, {"args", {{"mode", "always"}}}, {"onTopic", "reply"}})["timeout"], true);
+  EXPECT_EQ(ask({{"cmd", "mode"}, {"args", {{"mode", "always"}}}, {"onTopic", "reply"}, {"timeoutMs", 3000}})["timeout"], true);
   EXPECT_EQ(config().mode, Mode::Off);
   // Text that isn't a box at all is ignored as well, and the app lives on.
   EXPECT_EQ(ask({{"raw", "hello there"}})["published"], 200);
@@ -103,20 +103,35 @@ TEST_F(PhoneRelayTest, APhoneSeesTheStatusChangesTheModeAndIsRefusedWhatItMayNot
 }
 
 TEST_F(PhoneRelayTest, CommandsSentWhileTheRelayWasAwayAreNotLost) {
+  auto count = [&](const std::string& text) {
+    std::size_t n = 0;
+    const std::string out = app_->output();
+    for (auto at = out.find(text); at != std::string::npos; at = out.find(text, at + 1)) ++n;
+    return n;
+  };
   ASSERT_EQ(ask({{"cmd", "panel"}})["ok"], true);
+  // The relay goes away altogether and comes back.
   ASSERT_TRUE(relay_->write("down\n"));
   ASSERT_TRUE(relay_->readLine(5s));
-  ASSERT_TRUE(waitFor([&] { return app_->output().find("can't read the phone relay") != std::string::npos; }, 10s))
-      << app_->output();
+  ASSERT_TRUE(waitFor([&] { return count("can't read the phone relay") == 1; }, 10s)) << app_->output();
   ASSERT_TRUE(relay_->write("up\n"));
   ASSERT_TRUE(relay_->readLine(5s));
-  // Published while the app is still backing off: it must be read with
-  // `since` once the app reconnects.
+  ASSERT_TRUE(waitFor([&] { return count("phone relay reachable again") == 1; }, 15s)) << app_->output();
+  EXPECT_EQ(ask({{"cmd", "panel"}})["ok"], true);
+
+  // While the app can't read, the phone's command is taken by the relay; the
+  // app reads it with `since` once it gets through again.
+  ASSERT_TRUE(relay_->write("refuse-subscribers\n"));
+  ASSERT_TRUE(relay_->readLine(5s));
+  ASSERT_TRUE(waitFor([&] { return count("can't read the phone relay") == 2; }, 10s)) << app_->output();
   json sent = ask({{"cmd", "mode"}, {"args", {{"mode", "off"}}}, {"noWait", true}, {"n", "while-away"}});
   ASSERT_EQ(sent["published"], 200);
+  ASSERT_TRUE(relay_->write("accept-subscribers\n"));
+  ASSERT_TRUE(relay_->readLine(5s));
   json reply = ask({{"await", "while-away"}});
   EXPECT_EQ(reply["ok"], true) << reply.dump() << app_->output();
   EXPECT_TRUE(waitFor([&] { return config().mode == Mode::Off; }, 5s));
+  EXPECT_EQ(count("phone: mode done"), 1u) << "handled once, though read after a reconnect";
 }
 
 TEST_F(PhoneRelayTest, RevokingAPhoneStopsItAtOnce) {
@@ -125,7 +140,7 @@ TEST_F(PhoneRelayTest, RevokingAPhoneStopsItAtOnce) {
   ASSERT_EQ(revoke.status, 0) << revoke.err;
   ASSERT_TRUE(waitFor([&] { return app_->output().find("phone control is off") != std::string::npos; }, 10s))
       << app_->output();
-  EXPECT_EQ(ask({{"cmd", "mode"}, {"args", {{"mode", "off"}}}})["timeout"], true);
+  EXPECT_EQ(ask({{"cmd", "mode"}, {"args", {{"mode", "off"}}}, {"timeoutMs", 3000}})["timeout"], true);
   EXPECT_NE(config().mode, Mode::Off);
 }
 

@@ -6,7 +6,9 @@
 //
 // Prints {"port":N} once listening on 127.0.0.1. Lines on stdin drive it:
 // "down" closes the listener and every connection (the relay goes away,
-// keeping its cache), "up" listens again on the same port.
+// keeping its cache), "up" listens again on the same port;
+// "refuse-subscribers" ends every stream and answers new ones 503 while
+// still taking messages, "accept-subscribers" ends that.
 import http from 'node:http';
 import readline from 'node:readline';
 import { randomBytes } from 'node:crypto';
@@ -19,6 +21,7 @@ const cache = [];
 const subscribers = new Set();
 const sockets = new Set();
 let port = 0;
+let refuseSubscribers = false;
 
 const now = () => Math.floor(Date.now() / 1000);
 function newId() {
@@ -91,6 +94,7 @@ const server = http.createServer((req, res) => {
     return;
   }
   if (req.method === 'GET' && parts.length === 2 && parts[1] === 'json') {
+    if (refuseSubscribers) return fail(res, 503, 50301, 'service unavailable');
     const topics = parts[0].split(',');
     if (!topics.every((t) => topicRe.test(t))) return fail(res, 400, 40009, 'invalid topic');
     const poll = url.searchParams.get('poll') === '1';
@@ -136,6 +140,14 @@ readline.createInterface({ input: process.stdin }).on('line', (line) => {
     process.stdout.write(JSON.stringify({ down: true }) + '\n');
   } else if (line === 'up') {
     listen();
+  } else if (line === 'refuse-subscribers') {
+    // Publishing still works; reading is refused and open streams end.
+    refuseSubscribers = true;
+    for (const s of subscribers) s.res.destroy();
+    process.stdout.write(JSON.stringify({ refusing: true }) + '\n');
+  } else if (line === 'accept-subscribers') {
+    refuseSubscribers = false;
+    process.stdout.write(JSON.stringify({ refusing: false }) + '\n');
   }
 }).on('close', () => process.exit(0));
 listen();

@@ -5,7 +5,8 @@
 //   {"cmd":"panel","onTopic":"reply"}      sealed for the wrong topic
 //   {"raw":"text"}                          publish text as is
 //   {"cmd":"panel","noWait":true} then {"await":"id"}
-// A request without an answer within 10 s prints {"timeout":true}.
+// A request without an answer within 10 s (or its "timeoutMs") prints
+// {"timeout":true}.
 import http from 'node:http';
 import readline from 'node:readline';
 import { randomUUID } from 'node:crypto';
@@ -21,6 +22,13 @@ const replies = new Map();
 const waiting = new Map();
 
 function subscribe(since) {
+  let again = false;
+  // Once per connection, however it ends (the relay closing it, or going away).
+  const retry = () => {
+    if (again) return;
+    again = true;
+    setTimeout(() => subscribe('all'), 200);
+  };
   const req = http.get(`${relay}/${replyTopic}/json?since=${since}`, (res) => {
     let buffer = '';
     res.on('data', async (chunk) => {
@@ -46,9 +54,9 @@ function subscribe(since) {
         }
       }
     });
-    res.on('end', () => setTimeout(() => subscribe('all'), 200));
+    res.on('close', retry);
   });
-  req.on('error', () => setTimeout(() => subscribe('all'), 200));
+  req.on('error', retry);
 }
 
 function publish(body) {
@@ -62,13 +70,13 @@ function publish(body) {
   });
 }
 
-function answerTo(n) {
+function answerTo(n, limit = 10000) {
   return new Promise((resolve) => {
     if (replies.has(n)) return resolve(replies.get(n));
     const timer = setTimeout(() => {
       waiting.delete(n);
       resolve({ timeout: true });
-    }, 10000);
+    }, limit);
     waiting.set(n, (r) => {
       clearTimeout(timer);
       resolve(r);
@@ -98,6 +106,6 @@ for await (const line of lines) {
     process.stdout.write(JSON.stringify({ published: status, n }) + '\n');
     continue;
   }
-  process.stdout.write(JSON.stringify(await answerTo(n)) + '\n');
+  process.stdout.write(JSON.stringify(await answerTo(n, req.timeoutMs)) + '\n');
 }
 process.exit(0);
