@@ -399,7 +399,17 @@ class Cli {
     if (bad) return kUsage;
     json args = {{"time", inv_.words[0]}};
     if (minutes) args["minutes"] = *minutes;
-    return simple("wake_at", args);
+    json r = request("wake_at", args);
+    if (!isOk(r)) return failed(r);
+    if (inv_.has("--json")) {
+      out(r.dump(2));
+      return 0;
+    }
+    const auto at = r.find("wakeAt");
+    out(at != r.end() && at->is_number() ? "Wakes at " + formatShortTime(at->get<double>()) + "."
+                                         : std::string("No scheduled wake."));
+    out(statusOf(r));
+    return 0;
   }
 
   int checkIn() {

@@ -17,6 +17,8 @@ using namespace std::chrono_literals;
 using json = nlohmann::json;
 
 const std::string kPhoneDir = sourceDir(__FILE__) + "/phone";
+const std::string kBrowserDir = sourceDir(__FILE__) + "/browser";
+const std::string kPageDir = sourceDir(__FILE__) + "/../../web/phone";
 
 // Given a loopback ntfy stand-in, a phone paired with `vigilo pair` and a
 // running `vigilo app --simulate`: Node's WebCrypto plays the phone.
@@ -26,15 +28,16 @@ class PhoneRelayTest : public ::testing::Test {
     home_ = dir_.file("home");
     std::filesystem::create_directories(home_);
     relay_ = std::make_unique<PipedProcess>(std::vector<std::string>{"/usr/bin/env", "node", kPhoneDir + "/ntfy_standin.mjs"},
-                                            std::vector<std::string>{"KEEPALIVE_SECONDS=1"}, dir_.file("relay-err.txt"));
+                                            std::vector<std::string>{"KEEPALIVE_SECONDS=1", "PAGE_DIR=" + kPageDir},
+                                            dir_.file("relay-err.txt"));
     auto first = relay_->readLine(10s);
     ASSERT_TRUE(first) << readFile(dir_.file("relay-err.txt"));
     port_ = json::parse(*first)["port"].get<int>();
     relayUrl_ = "http://127.0.0.1:" + std::to_string(port_);
 
-    ToolRun pair = runTool({"pair", "--relay", relayUrl_, "--no-qr"}, home_);
+    ToolRun pair = runTool({"pair", "--relay", relayUrl_, "--page", relayUrl_ + "/page/index.html", "--no-qr"}, home_);
     ASSERT_EQ(pair.status, 0) << pair.err;
-    const auto at = pair.out.find("https://");
+    const auto at = pair.out.find(relayUrl_ + "/page/index.html#k=");
     ASSERT_NE(at, std::string::npos) << pair.out;
     link_ = pair.out.substr(at, pair.out.find('\n', at) - at);
 
@@ -142,6 +145,31 @@ TEST_F(PhoneRelayTest, RevokingAPhoneStopsItAtOnce) {
       << app_->output();
   EXPECT_EQ(ask({{"cmd", "mode"}, {"args", {{"mode", "off"}}}, {"timeoutMs", 3000}})["timeout"], true);
   EXPECT_NE(config().mode, Mode::Off);
+}
+
+TEST_F(PhoneRelayTest, ThePhonesPageInABrowserShowsTheStatusAndLetsTheLaptopSleep) {
+  ASSERT_TRUE(std::filesystem::exists(kBrowserDir + "/node_modules/puppeteer-core"))
+      << "puppeteer-core is not installed: run scripts/setup (it runs npm ci --prefix tests/remote/browser).";
+  ASSERT_EQ(::access("/usr/bin/chromium", X_OK), 0) << "Chromium is not installed: run scripts/setup.";
+  ASSERT_EQ(ask({{"cmd", "mode"}, {"args", {{"mode", "always"}}}})["ok"], true);
+  ASSERT_TRUE(waitFor([&] { return config().mode == Mode::On; }, 5s));
+
+  const std::string shot = (std::filesystem::path(VIGILO_BINARY).parent_path() / "phone-page.png").string();
+  std::filesystem::remove(shot);
+  PipedProcess browser({"/usr/bin/env", "node", kBrowserDir + "/page.mjs", link_, shot, "sleep"},
+                       {"HOME=" + dir_.path()}, dir_.file("browser-err.txt"));
+  browser.closeInput();
+  const std::string out = browser.readToEnd(90s);
+  ASSERT_EQ(browser.wait(10s), 0) << out << readFile(dir_.file("browser-err.txt")) << app_->output();
+  json page = json::parse(out, nullptr, false);
+  ASSERT_TRUE(page.is_object()) << out;
+  EXPECT_NE(page["before"], "Connecting…") << "the status came from the laptop";
+  EXPECT_EQ(page["mode"], "When busy");
+  EXPECT_EQ(page["message"], "Done.");
+  EXPECT_EQ(page["battery"], "80%");
+  EXPECT_TRUE(page["errors"].empty()) << page["errors"].dump();
+  EXPECT_EQ(config().mode, Mode::Auto);
+  EXPECT_GT(std::filesystem::file_size(shot), 1000u);
 }
 
 }  // namespace
