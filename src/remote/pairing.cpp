@@ -1,5 +1,7 @@
 #include "remote/pairing.h"
 
+#include <cmath>
+
 #include <nlohmann/json.hpp>
 
 namespace vigilo {
@@ -48,6 +50,9 @@ RemoteSettings RemoteSettings::load(const StateFiles& files) {
                                     !relayAddressProblem(it->get<std::string>())) {
     s.pageBase = it->get<std::string>();
   }
+  if (auto it = j.find("readUntil"); it != j.end() && it->is_number() && std::isfinite(it->get<double>())) {
+    s.readUntil = it->get<double>();
+  }
   if (auto it = j.find("phones"); it != j.end() && it->is_array()) {
     for (const json& p : *it) {
       if (!p.is_object() || !p.contains("id") || !p["id"].is_string() || !p.contains("key") || !p["key"].is_string())
@@ -72,6 +77,7 @@ bool RemoteSettings::save(const StateFiles& files) const {
     phonesJson.push_back(std::move(e));
   }
   json j = {{"enabled", enabled}, {"relay", relay}, {"pageBase", pageBase}, {"phones", std::move(phonesJson)}};
+  if (readUntil) j["readUntil"] = *readUntil;
   return files.ensureDir() && files.writeDurably(kRemoteFile, j.dump(2) + "\n", 0600);
 }
 

@@ -38,6 +38,9 @@ struct RemoteSettings {
   bool enabled = true;
   std::string relay = std::string(kDefaultRelay);
   std::string pageBase = std::string(kDefaultPageBase);
+  // The relay time of the last command read, so a restarted app reads on
+  // from there instead of answering again what it already answered.
+  std::optional<double> readUntil;
 
   // Reads "remote.json" leniently: a missing or damaged file gives no
   // phones, wrong-typed keys their defaults, phones without an id are left

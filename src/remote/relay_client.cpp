@@ -16,6 +16,7 @@ namespace {
 constexpr double kPublishTimeout = 15;
 constexpr long kSilentLimit = 120;
 constexpr double kMaxBackoff = 60;
+constexpr std::size_t kMaxLine = 256 * 1024;
 
 void initCurlOnce() {
   static std::once_flag once;
@@ -47,6 +48,7 @@ struct Stream {
   std::string buffer;
   std::string since;
   bool opened = false;
+  bool skipping = false;  // inside a line too long to be a message
   // A failure was reported and not yet its end.
   bool reported = false;
   const RelayClient::Log* log = nullptr;
@@ -82,8 +84,19 @@ struct Stream {
 size_t onData(char* data, size_t size, size_t n, void* user) {
   auto* s = static_cast<Stream*>(user);
   s->buffer.append(data, size * n);
-  // A line longer than any ntfy message can be is not a relay talking.
-  if (s->buffer.size() > 1024 * 1024) return 0;
+  // A line longer than any ntfy message can be is skipped, not kept whole:
+  // failing the stream would read it again at every reconnect.
+  if (s->buffer.size() > kMaxLine && s->buffer.find('\n') == std::string::npos) {
+    s->buffer.clear();
+    s->skipping = true;
+    return size * n;
+  }
+  if (s->skipping) {
+    const std::size_t nl = s->buffer.find('\n');
+    if (nl == std::string::npos) return size * n;
+    s->buffer.erase(0, nl + 1);
+    s->skipping = false;
+  }
   std::size_t start = 0;
   for (std::size_t nl; (nl = s->buffer.find('\n', start)) != std::string::npos; start = nl + 1) {
     s->line(s->buffer.substr(start, nl - start));
@@ -202,6 +215,7 @@ void RelayClient::readTopic(const std::string& topic, double since) {
     }
     const std::string url = relayTopicUrl(base_, topic) + "/json?since=" + stream.since;
     stream.buffer.clear();
+    stream.skipping = false;
     stream.opened = false;
     curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, onData);

@@ -1,5 +1,7 @@
 #include "remote/remote_control.h"
 
+#include <algorithm>
+
 #include "commands/command_center.h"
 
 namespace vigilo {
@@ -52,7 +54,7 @@ void RemoteControl::reload() {
   // Commands a phone sent while the app was stopped are still picked up, as
   // far back as a wake may wait.
   relay_ = std::make_unique<RelayClient>(
-      settings_.relay, topics, clock_.now() - kWakeMaxAge,
+      settings_.relay, topics, std::max(clock_.now() - kWakeMaxAge, settings_.readUntil.value_or(0)),
       [this, weak, loop](RelayMessage m) {
         loop->post([this, weak, m = std::move(m)] {
           if (!weak.expired()) received(m);
@@ -71,6 +73,7 @@ void RemoteControl::received(const RelayMessage& m) {
   const std::vector<UsablePhone> phones = settings_.usable();
   auto outcome = commands_.handle(phones, m.topic, m.message, clock_.now());
   if (!outcome) return;
+  if (m.time > settings_.readUntil.value_or(0)) settings_.readUntil = m.time;
   for (PairedPhone& p : settings_.phones) {
     if (p.id != outcome->phoneId) continue;
     p.lastSeen = clock_.now();

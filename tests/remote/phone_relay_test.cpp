@@ -100,6 +100,20 @@ TEST_F(PhoneRelayTest, APhoneSeesTheStatusChangesTheModeAndIsRefusedWhatItMayNot
   EXPECT_EQ(ask({{"raw", "hello there"}})["published"], 200);
   EXPECT_EQ(ask({{"cmd", "panel"}})["ok"], true);
 
+  // Wakes: one scheduled for later, one at once, and a second that finds it
+  // already awake.
+  json at = ask({{"cmd", "wake_at"}, {"args", {{"time", "07:00"}, {"minutes", 30}}}});
+  EXPECT_EQ(at["ok"], true) << at.dump();
+  EXPECT_TRUE(at["wakeAt"].is_number());
+  EXPECT_EQ(ask({{"cmd", "wake"}, {"args", {{"minutes", 5}}}})["ok"], true);
+  EXPECT_EQ(ask({{"cmd", "wake"}, {"args", {{"minutes", 5}}}})["skipped"], "already awake");
+  ASSERT_TRUE(waitFor([&] { return app_->output().find("Woken from your phone") != std::string::npos; }, 5s))
+      << app_->output();
+  // A phone can't loosen a safety setting.
+  json floor = ask({{"cmd", "set"}, {"args", {{"key", "battery_floor"}, {"value", 0}}}});
+  EXPECT_EQ(floor["ok"], false) << floor.dump();
+  EXPECT_EQ(config().batteryFloor, 15);
+
   // The phone tells its name; it shows in the list of paired phones.
   ToolRun list = runTool({"pair", "--list", "--json"}, home_);
   EXPECT_EQ(json::parse(list.out)["phones"][0]["name"], "Test phone") << list.out;
