@@ -17,6 +17,7 @@ constexpr double kPublishTimeout = 15;
 constexpr long kSilentLimit = 120;
 constexpr double kMaxBackoff = 60;
 constexpr std::size_t kMaxLine = 256 * 1024;
+constexpr double kSleptGap = 20;
 
 void initCurlOnce() {
   static std::once_flag once;
@@ -49,6 +50,8 @@ struct Stream {
   std::string since;
   bool opened = false;
   bool skipping = false;  // inside a line too long to be a message
+  double lastProgress = 0;
+  bool woke = false;  // the machine slept during this connection
   // A failure was reported and not yet its end.
   bool reported = false;
   const RelayClient::Log* log = nullptr;
@@ -105,8 +108,21 @@ size_t onData(char* data, size_t size, size_t n, void* user) {
   return size * n;
 }
 
+double wallSeconds() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
 int onProgress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  return static_cast<Stream*>(user)->stopping->load() ? 1 : 0;
+  auto* s = static_cast<Stream*>(user);
+  if (s->stopping->load()) return 1;
+  // curl calls this about once a second. A far longer gap on the wall clock
+  // means the machine slept: its connection is likely dead without knowing
+  // it, and a check-in lasts seconds, so read afresh at once.
+  const double now = wallSeconds();
+  const bool slept = s->lastProgress > 0 && now - s->lastProgress > kSleptGap;
+  s->lastProgress = now;
+  if (slept) s->woke = true;
+  return slept ? 1 : 0;
 }
 
 int stopProgress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
@@ -217,6 +233,8 @@ void RelayClient::readTopic(const std::string& topic, double since) {
     stream.buffer.clear();
     stream.skipping = false;
     stream.opened = false;
+    stream.lastProgress = 0;
+    stream.woke = false;
     curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, onData);
     curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &stream);
@@ -232,6 +250,10 @@ void RelayClient::readTopic(const std::string& topic, double since) {
     if (stopping_) return;
     long code = 0;
     curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &code);
+    if (stream.woke) {
+      backoff = 1;
+      continue;
+    }
     if (stream.opened) {
       // It worked for a while: the relay closed the stream, start over soon.
       backoff = 1;

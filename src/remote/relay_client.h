@@ -42,7 +42,8 @@ bool relayPost(const std::string& url, const std::string& body, const std::vecto
 // from `since` (Unix seconds) and then from the id of the last message seen,
 // so a dropped connection or a relay that went away and came back loses
 // nothing it still holds. Failures are retried with a back-off from 1 s
-// doubling to 60 s; a stream silent for 120 s is dropped and read again.
+// doubling to 60 s; a stream silent for 120 s is dropped and read again, and
+// one that lived through a sleep of the machine is read afresh at once.
 class RelayClient {
  public:
   using Deliver = std::function<void(RelayMessage)>;

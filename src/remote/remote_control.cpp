@@ -45,7 +45,9 @@ void RemoteControl::reload() {
   listenedTopics_ = topics;
   listenedRelay_ = settings_.relay;
   if (topics.empty()) {
-    say_("phone control is off (no phone paired)");
+    say_(!settings_.enabled ? "phone control is off (vigilo pair --on turns it back on)"
+         : settings_.phones.empty() ? "phone control is off (no phone paired)"
+                                    : "phone control is off (no paired phone has a usable key)");
     return;
   }
   std::weak_ptr<bool> weak = alive_;
