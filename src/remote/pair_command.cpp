@@ -125,16 +125,24 @@ int runPair(const std::vector<std::string>& args, const std::string& appFolder) 
     return 0;
   }
   if (revoke || all) {
-    if (revoke && !settings.revoke(*revoke)) return fail("no paired phone has the id " + *revoke + " (see vigilo pair --list)");
-    if (all) settings.revokeAll();
-    if (!settings.save(files)) return fail("Couldn't save the phone settings");
+    bool found = true;
+    auto saved = RemoteSettings::update(files, [&](RemoteSettings& s) {
+      if (all) s.revokeAll();
+      if (revoke) found = s.revoke(*revoke);
+      return found;
+    });
+    if (!found) return fail("no paired phone has the id " + *revoke + " (see vigilo pair --list)");
+    if (!saved) return fail("Couldn't save the phone settings");
     std::printf("%s, and any copy of its QR code, stops working at once.\n",
                 all ? "Every paired phone" : "This phone");
     return 0;
   }
   if (off || on) {
-    settings.enabled = on;
-    if (!settings.save(files)) return fail("Couldn't save the phone settings");
+    auto saved = RemoteSettings::update(files, [&](RemoteSettings& s) {
+      s.enabled = on;
+      return true;
+    });
+    if (!saved) return fail("Couldn't save the phone settings");
     std::printf("%s\n", on ? "Phone control is on." : "Phone control is off: no phone command is read until vigilo pair --on.");
     return 0;
   }
@@ -143,9 +151,15 @@ int runPair(const std::vector<std::string>& args, const std::string& appFolder) 
     if (!address) continue;
     if (auto problem = relayAddressProblem(*address)) return fail(*problem);
   }
-  if (relay) settings.relay = *relay;
-  if (page) settings.pageBase = *page;
-  auto added = settings.pairNewPhone(files, static_cast<double>(std::time(nullptr)));
+  RemoteSettings::Added added;
+  // pairNewPhone saves by itself, under the lock.
+  RemoteSettings::update(files, [&](RemoteSettings& s) {
+    if (relay) s.relay = *relay;
+    if (page) s.pageBase = *page;
+    added = s.pairNewPhone(files, static_cast<double>(std::time(nullptr)));
+    settings = s;
+    return false;
+  });
   if (!added.phone) return fail(added.error);
   const std::string link = settings.pairingLink(*added.phone);
   if (!noQr) {

@@ -1,6 +1,10 @@
 #include "remote/pairing.h"
 
+#include <cerrno>
 #include <cmath>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
@@ -79,6 +83,25 @@ bool RemoteSettings::save(const StateFiles& files) const {
   json j = {{"enabled", enabled}, {"relay", relay}, {"pageBase", pageBase}, {"phones", std::move(phonesJson)}};
   if (readUntil) j["readUntil"] = *readUntil;
   return files.ensureDir() && files.writeDurably(kRemoteFile, j.dump(2) + "\n", 0600);
+}
+
+std::optional<RemoteSettings> RemoteSettings::update(const StateFiles& files,
+                                                    const std::function<bool(RemoteSettings&)>& edit) {
+  if (!files.ensureDir()) return std::nullopt;
+  const int fd = ::open(files.path("remote.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (fd >= 0) {
+    while (::flock(fd, LOCK_EX) != 0 && errno == EINTR) {
+    }
+  }
+  RemoteSettings s = load(files);
+  std::optional<RemoteSettings> out;
+  if (!edit(s)) {
+    out = s;
+  } else if (s.save(files)) {
+    out = s;
+  }
+  if (fd >= 0) ::close(fd);
+  return out;
 }
 
 std::vector<UsablePhone> RemoteSettings::usable() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -48,6 +49,13 @@ struct RemoteSettings {
   static RemoteSettings load(const StateFiles& files);
   // Writes it durably (0600: it holds the keys). False when it cannot.
   bool save(const StateFiles& files) const;
+
+  // Loads, changes with `edit` and saves under an advisory lock on
+  // "remote.lock", so the app noting a phone's name and `vigilo pair` never
+  // undo each other's change. `edit` returns false to save nothing. Gives
+  // the settings as saved, or nothing when they couldn't be saved.
+  static std::optional<RemoteSettings> update(const StateFiles& files,
+                                              const std::function<bool(RemoteSettings&)>& edit);
 
   std::vector<UsablePhone> usable() const;
   // Whether phone control runs: on, with at least one usable phone.

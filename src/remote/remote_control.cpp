@@ -75,15 +75,20 @@ void RemoteControl::received(const RelayMessage& m) {
   const std::vector<UsablePhone> phones = settings_.usable();
   auto outcome = commands_.handle(phones, m.topic, m.message, clock_.now());
   if (!outcome) return;
-  if (m.time > settings_.readUntil.value_or(0)) settings_.readUntil = m.time;
-  for (PairedPhone& p : settings_.phones) {
-    if (p.id != outcome->phoneId) continue;
-    p.lastSeen = clock_.now();
-    if (outcome->deviceName) p.name = *outcome->deviceName;
-  }
-  // The topics are unchanged, so the reload this write triggers keeps the
-  // listener running.
-  if (!settings_.save(files_)) say_("warning: Couldn't save the phone settings");
+  // Noted on the file as it is now: `vigilo pair` may have changed it since
+  // it was read. The topics stay as they are, so the reload this write
+  // triggers keeps the listener running.
+  const Time now = clock_.now();
+  auto saved = RemoteSettings::update(files_, [&](RemoteSettings& s) {
+    if (m.time > s.readUntil.value_or(0)) s.readUntil = m.time;
+    for (PairedPhone& p : s.phones) {
+      if (p.id != outcome->phoneId) continue;
+      p.lastSeen = now;
+      if (outcome->deviceName) p.name = *outcome->deviceName;
+    }
+    return true;
+  });
+  if (!saved) say_("warning: Couldn't save the phone settings");
   const std::string cmd = outcome->cmd.empty() ? "(no command)" : outcome->cmd.substr(0, 64);
   say_("phone: " + cmd + (outcome->reply.value("ok", false) ? " done" : " refused: " + outcome->reply.value("error", "")));
   if (relay_ && !outcome->sealedReply.empty()) relay_->publish(outcome->replyTopic, outcome->sealedReply);
