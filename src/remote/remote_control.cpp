@@ -7,6 +7,12 @@
 namespace vigilo {
 
 nlohmann::json runPhoneRequest(CommandCenter& center, const std::string& cmd, const nlohmann::json& args) {
+  // The same bound the request channel sets on names.
+  constexpr std::size_t kMaxName = 1024;
+  for (auto& [key, value] : args.items()) {
+    if (key == "reason" || !value.is_string() || value.get_ref<const std::string&>().size() <= kMaxName) continue;
+    return {{"ok", false}, {"error", key.substr(0, 64) + " is too long (at most 1024 characters)"}};
+  }
   nlohmann::json reply = center.handle(cmd, args);
   if (cmd == "panel" && reply.value("ok", true) == false &&
       reply.value("error", "").rfind("Unknown command", 0) == 0) {

@@ -113,6 +113,8 @@ TEST_F(PhoneRelayTest, APhoneSeesTheStatusChangesTheModeAndIsRefusedWhatItMayNot
   json floor = ask({{"cmd", "set"}, {"args", {{"key", "battery_floor"}, {"value", 0}}}});
   EXPECT_EQ(floor["ok"], false) << floor.dump();
   EXPECT_EQ(config().batteryFloor, 15);
+  EXPECT_EQ(ask({{"cmd", "watch"}, {"args", {{"app", std::string(2000, 'x')}}}})["error"],
+            "app is too long (at most 1024 characters)");
 
   // The phone tells its name; it shows in the list of paired phones.
   ToolRun list = runTool({"pair", "--list", "--json"}, home_);
