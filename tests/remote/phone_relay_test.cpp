@@ -49,6 +49,7 @@ class PhoneRelayTest : public ::testing::Test {
                                             std::vector<std::string>{}, dir_.file("phone-err.txt"));
     auto ready = phone_->readLine(10s);
     ASSERT_TRUE(ready) << readFile(dir_.file("phone-err.txt"));
+    phoneReady_ = *ready;
   }
   void TearDown() override {
     if (phone_) phone_->closeInput();
@@ -71,6 +72,7 @@ class PhoneRelayTest : public ::testing::Test {
   int port_ = 0;
   std::string relayUrl_;
   std::string link_;
+  std::string phoneReady_;  // the phone's first line, with its topics
   std::unique_ptr<PipedProcess> relay_;
   std::unique_ptr<AppProcess> app_;
   std::unique_ptr<PipedProcess> phone_;
@@ -151,6 +153,21 @@ TEST_F(PhoneRelayTest, CommandsSentWhileTheRelayWasAwayAreNotLost) {
   EXPECT_EQ(reply["ok"], true) << reply.dump() << app_->output();
   EXPECT_TRUE(waitFor([&] { return config().mode == Mode::Off; }, 5s));
   EXPECT_EQ(count("phone: mode done"), 1u) << "handled once, though read after a reconnect";
+}
+
+TEST_F(PhoneRelayTest, ARelaySendingGarbageNeitherStopsNorCrashesTheApp) {
+  const std::string cmdTopic = json::parse(phoneReady_)["cmdTopic"];
+  ASSERT_TRUE(relay_->write("garbage " + cmdTopic + "\n"));
+  ASSERT_TRUE(relay_->readLine(5s));
+  EXPECT_EQ(ask({{"cmd", "mode"}, {"args", {{"mode", "off"}}}})["ok"], true);
+  EXPECT_TRUE(waitFor([&] { return config().mode == Mode::Off; }, 5s));
+  EXPECT_EQ(app_->output().find("can't read the phone relay"), std::string::npos) << app_->output();
+  // Read on the same stream: the bad lines were skipped, not a reason to
+  // start over.
+  ASSERT_TRUE(relay_->write("stats\n"));
+  auto stats = relay_->readLine(5s);
+  ASSERT_TRUE(stats);
+  EXPECT_EQ(json::parse(*stats)["subscriptions"][cmdTopic], 1) << *stats;
 }
 
 TEST_F(PhoneRelayTest, RevokingAPhoneStopsItAtOnce) {

@@ -8,7 +8,9 @@
 // "down" closes the listener and every connection (the relay goes away,
 // keeping its cache), "up" listens again on the same port;
 // "refuse-subscribers" ends every stream and answers new ones 503 while
-// still taking messages, "accept-subscribers" ends that.
+// still taking messages, "accept-subscribers" ends that; "garbage <topic>"
+// sends what no ntfy server would; "stats" prints how many streams each
+// topic had.
 import http from 'node:http';
 import readline from 'node:readline';
 import { randomBytes } from 'node:crypto';
@@ -22,6 +24,7 @@ const subscribers = new Set();
 const sockets = new Set();
 let port = 0;
 let refuseSubscribers = false;
+const subscriptions = {};  // streams opened, by topic
 
 const now = () => Math.floor(Date.now() / 1000);
 function newId() {
@@ -108,6 +111,7 @@ const server = http.createServer((req, res) => {
     }
     res.write(JSON.stringify({ id: newId(), time: now(), event: 'open', topic: parts[0] }) + '\n');
     for (const m of cached) res.write(JSON.stringify(m) + '\n');
+    for (const t of topics) subscriptions[t] = (subscriptions[t] ?? 0) + 1;
     const sub = { topics, res };
     subscribers.add(sub);
     const timer = setInterval(() => {
@@ -145,6 +149,20 @@ readline.createInterface({ input: process.stdin }).on('line', (line) => {
     refuseSubscribers = true;
     for (const s of subscribers) s.res.destroy();
     process.stdout.write(JSON.stringify({ refusing: true }) + '\n');
+  } else if (line.startsWith('garbage ')) {
+    // A relay gone wrong: an endless line, text that isn't JSON and a
+    // message of the wrong shape, on every stream of the topic.
+    const topicName = line.slice(8);
+    for (const s of subscribers) {
+      if (!s.topics.includes(topicName)) continue;
+      s.res.write('x'.repeat(300 * 1024));
+      s.res.write('y'.repeat(10) + '\n');
+      s.res.write('not json\n');
+      s.res.write(JSON.stringify({ id: newId(), time: now(), event: 'message', topic: topicName, message: 42 }) + '\n');
+    }
+    process.stdout.write(JSON.stringify({ garbage: true }) + '\n');
+  } else if (line === 'stats') {
+    process.stdout.write(JSON.stringify({ subscriptions }) + '\n');
   } else if (line === 'accept-subscribers') {
     refuseSubscribers = false;
     process.stdout.write(JSON.stringify({ refusing: false }) + '\n');
