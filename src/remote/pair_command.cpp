@@ -13,7 +13,7 @@ namespace vigilo {
 namespace {
 
 constexpr const char* kUsage =
-    "usage: vigilo pair [--relay URL] [--page URL] [--no-qr] | --list [--json] | --revoke <id> | --all | --off | --on";
+    "vigilo: usage: vigilo pair [--relay URL] [--page URL] [--no-qr] | --list [--json] | --revoke <id> | --all | --off | --on";
 
 struct QrFree {
   void operator()(QRcode* q) const { QRcode_free(q); }
