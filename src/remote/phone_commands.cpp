@@ -120,8 +120,14 @@ std::optional<PhoneOutcome> PhoneCommands::handle(const std::vector<UsablePhone>
   }
   reply["re"] = id;
   reply["t"] = std::floor(now);
-  outcome.reply = reply;
   outcome.sealedReply = seal(reply.dump(), outcome.replyTopic, from->key).value_or("");
+  // ntfy turns a longer body into an attachment, which the phone doesn't
+  // read: say so in a reply that fits.
+  if (outcome.sealedReply.size() > kMaxRelayBody) {
+    reply = {{"ok", false}, {"error", "the answer is too long for the relay"}, {"re", id}, {"t", std::floor(now)}};
+    outcome.sealedReply = seal(reply.dump(), outcome.replyTopic, from->key).value_or("");
+  }
+  outcome.reply = reply;
   return outcome;
 }
 

@@ -12,6 +12,9 @@
 
 namespace vigilo {
 
+// The longest message body ntfy keeps as a message.
+inline constexpr std::size_t kMaxRelayBody = 4096;
+
 // Whether a phone may send `cmd`.
 bool allowedFromPhone(const std::string& cmd);
 

@@ -257,6 +257,18 @@ TEST_F(PhoneCommandsTest, MessagesThatAreNotOursGetNoReply) {
   EXPECT_TRUE(ran_.empty());
 }
 
+TEST_F(PhoneCommandsTest, AnAnswerTooLongForTheRelayIsSaidToBe) {
+  PhoneCommands chatty(&files_, [](const std::string&, const json&) {
+    return json{{"ok", true}, {"status", std::string(4000, 's')}};
+  });
+  auto box = seal(cmd("long", "panel", 1'800'000'000).dump(), phone_.commandTopic, phone_.key);
+  auto outcome = chatty.handle(settings_.usable(), phone_.commandTopic, *box, 1'800'000'000);
+  ASSERT_TRUE(outcome);
+  EXPECT_LE(outcome->sealedReply.size(), kMaxRelayBody);
+  EXPECT_EQ(json::parse(*open(outcome->sealedReply, phone_.replyTopic, phone_.key))["error"],
+            "the answer is too long for the relay");
+}
+
 TEST(PhoneReplyTest, SchemaKeepsOnlyWhatThePhoneShows) {
   json schema = {{"ok", true},
                  {"status", "Idle"},

@@ -87,6 +87,12 @@ TEST_F(PhoneRelayTest, APhoneSeesTheStatusChangesTheModeAndIsRefusedWhatItMayNot
   EXPECT_TRUE(panel["status"].is_string());
   EXPECT_FALSE(panel.contains("config_path"));
 
+  // The longest answers still fit in one relay message.
+  json schema = ask({{"cmd", "schema"}});
+  EXPECT_EQ(schema["ok"], true) << schema.dump();
+  EXPECT_GT(schema["settings"].size(), 10u);
+  EXPECT_EQ(ask({{"cmd", "power"}})["ok"], true);
+
   json off = ask({{"cmd", "mode"}, {"args", {{"mode", "off"}}}});
   EXPECT_EQ(off["ok"], true) << off.dump();
   ASSERT_TRUE(waitFor([&] { return config().mode == Mode::Off; }, 5s));
