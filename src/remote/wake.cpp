@@ -125,6 +125,7 @@ Result SimWakeScheduler::cancel() {
 }
 
 Result ScheduledWakes::arm(Engine& engine, int seconds) {
+  if (auto problem = scheduler_.unavailable()) return Result::fail(*problem);
   // The record comes first, so a crash leaves a trace of the armed alarm.
   if (!engine.files().writeDurably(kWakeAlarmFile, std::to_string(static_cast<long long>(engine.now() + seconds)) + "\n")) {
     return Result::fail("Couldn't record the wake alarm in " + engine.files().dir());

@@ -128,6 +128,10 @@ TEST_F(ScheduledWakesTest, BadTimesCancelsAndMachinesThatCannotWakeAreToldApart)
   scheduler_.refusal = "This machine has no RTC wake alarm (/x), so it can't wake itself at a set time.";
   EXPECT_EQ(wakes_.wakeAt(e, {{"time", "07:00"}})["error"], *scheduler_.refusal);
   EXPECT_FALSE(e.config().wakeAt);
+  // Check-ins that can't be scheduled are said once, in the same words.
+  e.apply([&] { Config c = e.config(); c.checkInMinutes = 15; return c; }(), true);
+  advance(30);
+  EXPECT_EQ(std::count(said_.begin(), said_.end(), "warning: " + *scheduler_.refusal), 1);
 
   laptop().setSetup(false, "broken");
   advance(10);
