@@ -8,7 +8,8 @@ namespace {
 
 using namespace vigilo;
 
-const std::string kCommand = R"({"n":"8c5b6f0e-0a4e-4f3c-9d1e-2b7a9c1d4e5f","cmd":"panel","args":{},"t":1800000000,"dev":"Pixel"})";
+const std::string kCommand =
+    R"({"n":"8c5b6f0e-0a4e-4f3c-9d1e-2b7a9c1d4e5f","cmd":"panel","args":{},"t":1800000000,"dev":"Pixel"})";
 
 void BM_Seal(benchmark::State& state) {
   const PhoneKey key = *newPhoneKey();

@@ -37,7 +37,9 @@ int vigiloMain(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
   if (!args.empty() && args[0] == "app") return runApp(std::vector<std::string>(args.begin() + 1, args.end()));
   // Pairing is a person's act at the terminal, so it stays out of the help.
-  if (!args.empty() && args[0] == "pair") return runPair(std::vector<std::string>(args.begin() + 1, args.end()), toolAppFolder());
+  if (!args.empty() && args[0] == "pair") {
+    return runPair(std::vector<std::string>(args.begin() + 1, args.end()), toolAppFolder());
+  }
   return runCli(args, ToolMachine{toolPlatform, hostProcesses});
 }
 

@@ -1,10 +1,10 @@
 #include "remote/crypto.h"
 
-#include <memory>
-
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 #include <openssl/sha.h>
+
+#include <memory>
 
 namespace vigilo {
 namespace {

@@ -15,9 +15,9 @@ std::vector<std::string> phoneDoctorLines(const std::string& appFolder, bool sim
     out.push_back("Phones: none paired (vigilo pair pairs one)");
   } else {
     out.push_back("Phones: " + std::to_string(remote.phones.size()) + " paired" +
-                  (usable != remote.phones.size() ? " (" + std::to_string(remote.phones.size() - usable) +
-                                                        " with a damaged key)"
-                                                  : "") +
+                  (usable != remote.phones.size()
+                       ? " (" + std::to_string(remote.phones.size() - usable) + " with a damaged key)"
+                       : "") +
                   ", phone control " + (remote.enabled ? "on" : "off") + ", relay " + remote.relay);
   }
   if (simulated) {

@@ -1,11 +1,11 @@
 #include "remote/pair_command.h"
 
+#include <qrencode.h>
+
 #include <cstdio>
 #include <ctime>
 #include <memory>
-
 #include <nlohmann/json.hpp>
-#include <qrencode.h>
 
 #include "remote/pairing.h"
 
@@ -13,7 +13,8 @@ namespace vigilo {
 namespace {
 
 constexpr const char* kUsage =
-    "vigilo: usage: vigilo pair [--relay URL] [--page URL] [--no-qr] | --list [--json] | --revoke <id> | --all | --off | --on";
+    "vigilo: usage: vigilo pair [--relay URL] [--page URL] [--no-qr] | --list [--json] | --revoke <id> | --all | --off "
+    "| --on";
 
 struct QrFree {
   void operator()(QRcode* q) const { QRcode_free(q); }
@@ -109,7 +110,9 @@ int runPair(const std::vector<std::string>& args, const std::string& appFolder) 
       nlohmann::json out = {{"enabled", settings.enabled}, {"relay", settings.relay}, {"page", settings.pageBase}};
       nlohmann::json phones = nlohmann::json::array();
       for (const PairedPhone& p : settings.phones) {
-        phones.push_back({{"id", p.id}, {"name", p.name}, {"added", p.added},
+        phones.push_back({{"id", p.id},
+                          {"name", p.name},
+                          {"added", p.added},
                           {"last_seen", p.lastSeen ? nlohmann::json(*p.lastSeen) : nlohmann::json(nullptr)}});
       }
       out["phones"] = std::move(phones);
@@ -133,8 +136,7 @@ int runPair(const std::vector<std::string>& args, const std::string& appFolder) 
     });
     if (!found) return fail("no paired phone has the id " + *revoke + " (see vigilo pair --list)");
     if (!saved) return fail("Couldn't save the phone settings");
-    std::printf("%s, and any copy of its QR code, stops working at once.\n",
-                all ? "Every paired phone" : "This phone");
+    std::printf("%s, and any copy of its QR code, stops working at once.\n", all ? "Every paired phone" : "This phone");
     return 0;
   }
   if (off || on) {
@@ -143,7 +145,8 @@ int runPair(const std::vector<std::string>& args, const std::string& appFolder) 
       return true;
     });
     if (!saved) return fail("Couldn't save the phone settings");
-    std::printf("%s\n", on ? "Phone control is on." : "Phone control is off: no phone command is read until vigilo pair --on.");
+    std::printf("%s\n",
+                on ? "Phone control is on." : "Phone control is off: no phone command is read until vigilo pair --on.");
     return 0;
   }
 
@@ -169,8 +172,9 @@ int runPair(const std::vector<std::string>& args, const std::string& appFolder) 
   std::printf("Scan with the Vigilo app or your phone's camera.\n");
   std::printf("Anyone with this code can control this Mac.\n\n");
   std::printf("%s\n\n", link.c_str());
-  std::printf("Paired as %s. Commands are end-to-end encrypted. A phone can't loosen the battery limit or the heat guard.\n",
-              added.phone->id.c_str());
+  std::printf(
+      "Paired as %s. Commands are end-to-end encrypted. A phone can't loosen the battery limit or the heat guard.\n",
+      added.phone->id.c_str());
   std::printf("Undo with: vigilo pair --revoke %s\n", added.phone->id.c_str());
   return 0;
 }

@@ -1,11 +1,11 @@
 #include "remote/pairing.h"
 
-#include <cerrno>
-#include <cmath>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cmath>
 #include <nlohmann/json.hpp>
 
 namespace vigilo {
@@ -50,8 +50,7 @@ RemoteSettings RemoteSettings::load(const StateFiles& files) {
   if (auto it = j.find("relay"); it != j.end() && it->is_string() && !relayAddressProblem(it->get<std::string>())) {
     s.relay = it->get<std::string>();
   }
-  if (auto it = j.find("pageBase"); it != j.end() && it->is_string() &&
-                                    !relayAddressProblem(it->get<std::string>())) {
+  if (auto it = j.find("pageBase"); it != j.end() && it->is_string() && !relayAddressProblem(it->get<std::string>())) {
     s.pageBase = it->get<std::string>();
   }
   if (auto it = j.find("readUntil"); it != j.end() && it->is_number() && std::isfinite(it->get<double>())) {
@@ -86,7 +85,7 @@ bool RemoteSettings::save(const StateFiles& files) const {
 }
 
 std::optional<RemoteSettings> RemoteSettings::update(const StateFiles& files,
-                                                    const std::function<bool(RemoteSettings&)>& edit) {
+                                                     const std::function<bool(RemoteSettings&)>& edit) {
   if (!files.ensureDir()) return std::nullopt;
   const int fd = ::open(files.path("remote.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd >= 0) {

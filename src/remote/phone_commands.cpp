@@ -8,17 +8,33 @@ namespace {
 
 using json = nlohmann::json;
 
-constexpr std::array<std::string_view, 12> kAllowed = {"panel", "mode",  "preset", "watch", "track", "sleep_now",
-                                                       "set",   "power", "power_test", "schema", "wake", "wake_at"};
+constexpr std::array<std::string_view, 12> kAllowed = {"panel", "mode",  "preset",     "watch",  "track", "sleep_now",
+                                                       "set",   "power", "power_test", "schema", "wake",  "wake_at"};
 
 // The figures a phone shows; anything else (paths, process lists, the
 // person's app rules) stays on the machine.
-constexpr std::array<std::string_view, 22> kPhoneKeys = {
-    "ok",          "error",        "status",           "skipped",          "wakeAt",
-    "mode",        "keeping_awake", "lid_closed",      "preset",           "system_watts",
-    "battery",     "blocked_by",   "warning",          "reason",           "hours_left_closed",
-    "saving_now_watts", "closed_estimate_watts", "estimated_savings_this_week", "watch_list", "added",
-    "removed",     "check_in_minutes"};
+constexpr std::array<std::string_view, 22> kPhoneKeys = {"ok",
+                                                         "error",
+                                                         "status",
+                                                         "skipped",
+                                                         "wakeAt",
+                                                         "mode",
+                                                         "keeping_awake",
+                                                         "lid_closed",
+                                                         "preset",
+                                                         "system_watts",
+                                                         "battery",
+                                                         "blocked_by",
+                                                         "warning",
+                                                         "reason",
+                                                         "hours_left_closed",
+                                                         "saving_now_watts",
+                                                         "closed_estimate_watts",
+                                                         "estimated_savings_this_week",
+                                                         "watch_list",
+                                                         "added",
+                                                         "removed",
+                                                         "check_in_minutes"};
 
 json trimmedBattery(const json& b) {
   if (!b.is_object()) return b;
@@ -111,8 +127,9 @@ std::optional<PhoneOutcome> PhoneCommands::handle(const std::vector<UsablePhone>
   if (auto refusal = guard_.check(t, id, maxAge, now)) {
     reply = {{"ok", false}, {"error", *refusal}};
   } else if (!allowedFromPhone(outcome.cmd)) {
-    reply = {{"ok", false}, {"error", (outcome.cmd.empty() ? std::string("(no command)") : outcome.cmd.substr(0, 64)) +
-                                          " isn't allowed from the phone"}};
+    reply = {{"ok", false},
+             {"error", (outcome.cmd.empty() ? std::string("(no command)") : outcome.cmd.substr(0, 64)) +
+                           " isn't allowed from the phone"}};
   } else {
     args["_age"] = std::max(0.0, std::floor(now - t));
     reply = phoneReply(runner_(outcome.cmd, args), outcome.cmd);

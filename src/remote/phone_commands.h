@@ -1,11 +1,10 @@
 #pragma once
 
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "remote/pairing.h"
 #include "remote/remote_guard.h"

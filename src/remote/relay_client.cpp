@@ -1,13 +1,13 @@
 #include "remote/relay_client.h"
 
-#include <chrono>
-#include <csignal>
+#include <curl/curl.h>
 #include <pthread.h>
+
+#include <chrono>
 #include <cmath>
+#include <csignal>
 #include <memory>
 #include <mutex>
-
-#include <curl/curl.h>
 #include <nlohmann/json.hpp>
 
 namespace vigilo {
@@ -259,8 +259,7 @@ void RelayClient::readTopic(const std::string& topic, double since) {
       backoff = 1;
     } else if (!stream.reported) {
       log_("can't read the phone relay at " + base_ + " (" +
-           (rc != CURLE_OK ? std::string(curl_easy_strerror(rc)) : "HTTP " + std::to_string(code)) +
-           "); retrying");
+           (rc != CURLE_OK ? std::string(curl_easy_strerror(rc)) : "HTTP " + std::to_string(code)) + "); retrying");
       stream.reported = true;
     }
     if (!pause(backoff)) return;

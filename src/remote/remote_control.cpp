@@ -14,8 +14,7 @@ nlohmann::json runPhoneRequest(CommandCenter& center, const std::string& cmd, co
     return {{"ok", false}, {"error", key.substr(0, 64) + " is too long (at most 1024 characters)"}};
   }
   nlohmann::json reply = center.handle(cmd, args);
-  if (cmd == "panel" && reply.value("ok", true) == false &&
-      reply.value("error", "").rfind("Unknown command", 0) == 0) {
+  if (cmd == "panel" && reply.value("ok", true) == false && reply.value("error", "").rfind("Unknown command", 0) == 0) {
     reply = center.handle("status", args);
   }
   return reply;
@@ -51,7 +50,7 @@ void RemoteControl::reload() {
   listenedTopics_ = topics;
   listenedRelay_ = settings_.relay;
   if (topics.empty()) {
-    say_(!settings_.enabled ? "phone control is off (vigilo pair --on turns it back on)"
+    say_(!settings_.enabled         ? "phone control is off (vigilo pair --on turns it back on)"
          : settings_.phones.empty() ? "phone control is off (no phone paired)"
                                     : "phone control is off (no paired phone has a usable key)");
     return;
@@ -96,7 +95,8 @@ void RemoteControl::received(const RelayMessage& m) {
   });
   if (!saved) say_("warning: Couldn't save the phone settings");
   const std::string cmd = outcome->cmd.empty() ? "(no command)" : outcome->cmd.substr(0, 64);
-  say_("phone: " + cmd + (outcome->reply.value("ok", false) ? " done" : " refused: " + outcome->reply.value("error", "")));
+  say_("phone: " + cmd +
+       (outcome->reply.value("ok", false) ? " done" : " refused: " + outcome->reply.value("error", "")));
   if (relay_ && !outcome->sealedReply.empty()) relay_->publish(outcome->replyTopic, outcome->sealedReply);
 }
 

@@ -1,7 +1,6 @@
 #include "remote/remote_guard.h"
 
 #include <cmath>
-
 #include <nlohmann/json.hpp>
 
 namespace vigilo {

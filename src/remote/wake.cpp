@@ -1,12 +1,13 @@
 #include "remote/wake.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <ctime>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "commands/command_center.h"
 
@@ -127,7 +128,8 @@ Result SimWakeScheduler::cancel() {
 Result ScheduledWakes::arm(Engine& engine, int seconds) {
   if (auto problem = scheduler_.unavailable()) return Result::fail(*problem);
   // The record comes first, so a crash leaves a trace of the armed alarm.
-  if (!engine.files().writeDurably(kWakeAlarmFile, std::to_string(static_cast<long long>(engine.now() + seconds)) + "\n")) {
+  if (!engine.files().writeDurably(kWakeAlarmFile,
+                                   std::to_string(static_cast<long long>(engine.now() + seconds)) + "\n")) {
     return Result::fail("Couldn't record the wake alarm in " + engine.files().dir());
   }
   return scheduler_.wakeIn(seconds);
@@ -222,7 +224,8 @@ json ScheduledWakes::wake(Engine& engine, const json& args) {
   }
   Hold h = engine.addHold(reason, std::max(1.0, minutes), std::nullopt, std::nullopt);
   engine.evaluate();
-  return okReply(engine, {{"hold", {{"id", h.id}, {"reason", h.reason}, {"end", h.until ? json(*h.until) : json(nullptr)}}}});
+  return okReply(engine,
+                 {{"hold", {{"id", h.id}, {"reason", h.reason}, {"end", h.until ? json(*h.until) : json(nullptr)}}}});
 }
 
 json ScheduledWakes::wakeAt(Engine& engine, const json& args) {
@@ -235,8 +238,7 @@ json ScheduledWakes::wakeAt(Engine& engine, const json& args) {
   } else if (auto text = textArg(args, "time")) {
     if (*text == "off" || *text == "none" || *text == "cancel") {
       cancel = true;
-    } else if (!text->empty() && text->size() <= 12 &&
-               text->find_first_not_of("0123456789") == std::string::npos) {
+    } else if (!text->empty() && text->size() <= 12 && text->find_first_not_of("0123456789") == std::string::npos) {
       at = std::stod(*text);
     } else {
       at = clockTime(*text, now);
@@ -252,7 +254,8 @@ json ScheduledWakes::wakeAt(Engine& engine, const json& args) {
   }
   if (*at <= now) return failReply("That time has passed: give one still to come.");
   if (auto problem = scheduler_.unavailable()) return failReply(*problem);
-  if (auto minutes = numberArg(args, "minutes", 1440)) c.wakeForMinutes = std::clamp(static_cast<int>(*minutes), 5, 1440);
+  if (auto minutes = numberArg(args, "minutes", 1440))
+    c.wakeForMinutes = std::clamp(static_cast<int>(*minutes), 5, 1440);
   c.wakeAt = *at;
   engine.apply(c, true);
   scheduleWake(engine);

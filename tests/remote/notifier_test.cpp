@@ -1,12 +1,13 @@
-#include <filesystem>
+#include "remote/notifier.h"
 
 #include <gtest/gtest.h>
+
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "e2e/piped_process.h"
 #include "engine/engine_fixture.h"
 #include "platform/linux/desktop_alerts.h"
-#include "remote/notifier.h"
 #include "remote/relay_client.h"
 #include "remote/source_dir.h"
 
@@ -59,10 +60,10 @@ class Relay {
   std::vector<json> messages(const std::string& topic) {
     std::vector<json> out;
     std::string body;
-    PipedProcess curl({"/usr/bin/env", "node", "-e",
-                       "fetch(process.argv[1]).then(r=>r.text()).then(t=>process.stdout.write(t))",
-                       url + "/" + topic + "/json?poll=1"},
-                      {}, "/dev/null");
+    PipedProcess curl(
+        {"/usr/bin/env", "node", "-e", "fetch(process.argv[1]).then(r=>r.text()).then(t=>process.stdout.write(t))",
+         url + "/" + topic + "/json?poll=1"},
+        {}, "/dev/null");
     curl.closeInput();
     std::string all = curl.readToEnd(10s);
     std::size_t start = 0;
@@ -89,7 +90,13 @@ TEST_F(NotifierTest, EachAlertGoesWhereTheSettingsSayInOrder) {
   ASSERT_FALSE(relay.url.empty());
   std::vector<std::string> log;
   int relayAsked = 0;
-  Notifier notifier(e, std::make_unique<RecordingOutlets>(&log), [&] { ++relayAsked; return relay.url; }, nullptr);
+  Notifier notifier(
+      e, std::make_unique<RecordingOutlets>(&log),
+      [&] {
+        ++relayAsked;
+        return relay.url;
+      },
+      nullptr);
 
   notifier.finished("Claude Code", 95, false, "finished");
   notifier.needsYou("Codex");
@@ -123,7 +130,8 @@ TEST_F(NotifierTest, EachAlertGoesWhereTheSettingsSayInOrder) {
 TEST_F(NotifierTest, APushReportsWhetherTheServerTookIt) {
   Engine& e = launch();
   Relay relay(dir_.file("relay-err.txt"));
-  Notifier notifier(e, nullptr, [&] { return relay.url; }, nullptr);
+  Notifier notifier(
+      e, nullptr, [&] { return relay.url; }, nullptr);
   std::vector<bool> results;
   notifier.push("ok-topic", "Vigilo", "Phone alerts work. You'll get one when an agent goes idle.",
                 [&](bool sent) { results.push_back(sent); });

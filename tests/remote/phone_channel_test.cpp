@@ -1,9 +1,9 @@
+#include <gtest/gtest.h>
+
 #include <cstdio>
 #include <filesystem>
-#include <string>
-
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <string>
 
 #include "remote/crypto.h"
 #include "remote/pairing.h"
@@ -43,7 +43,8 @@ json nodeKat(const std::string& key, const std::string& nonceHex, const std::str
 
 std::string fromHex(const std::string& hex) {
   std::string out;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) out.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
+    out.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
   return out;
 }
 
@@ -150,12 +151,16 @@ TEST(PairingTest, PairRevokeAndLinksFollowTheStoredSettings) {
 // command center behind it.
 class PhoneCommandsTest : public ::testing::Test {
  protected:
-  PhoneCommandsTest() : files_(dir_.path()), commands_(&files_, [this](const std::string& cmd, const json& args) {
-    ran_.push_back(cmd);
-    lastArgs_ = args;
-    return json{{"ok", true}, {"status", "Idle"}, {"config_path", "/home/x/secret"},
-                {"battery", {{"percent", 80}, {"watts", 6}, {"on_power", false}, {"charging", false}, {"cycles", 9}}}};
-  }) {
+  PhoneCommandsTest()
+      : files_(dir_.path()), commands_(&files_, [this](const std::string& cmd, const json& args) {
+          ran_.push_back(cmd);
+          lastArgs_ = args;
+          return json{
+              {"ok", true},
+              {"status", "Idle"},
+              {"config_path", "/home/x/secret"},
+              {"battery", {{"percent", 80}, {"watts", 6}, {"on_power", false}, {"charging", false}, {"cycles", 9}}}};
+        }) {
     settings_.pairNewPhone(files_, 0);
     phone_ = settings_.usable().at(0);
   }
@@ -273,12 +278,18 @@ TEST(PhoneReplyTest, SchemaKeepsOnlyWhatThePhoneShows) {
   json schema = {{"ok", true},
                  {"status", "Idle"},
                  {"path", "/home/x/.local/share/vigilo/config.json"},
-                 {"settings", {{{"key", "preset"}, {"type", "string"}, {"allowed", {"a", "b"}}, {"value", "a"},
-                                {"description", "long text"}, {"topic", "t"}}}}};
+                 {"settings",
+                  {{{"key", "preset"},
+                    {"type", "string"},
+                    {"allowed", {"a", "b"}},
+                    {"value", "a"},
+                    {"description", "long text"},
+                    {"topic", "t"}}}}};
   json trimmed = phoneReply(schema, "schema");
-  EXPECT_EQ(trimmed, (json{{"ok", true},
-                           {"status", "Idle"},
-                           {"settings", {{{"key", "preset"}, {"type", "string"}, {"allowed", {"a", "b"}}, {"value", "a"}}}}}));
+  EXPECT_EQ(trimmed,
+            (json{{"ok", true},
+                  {"status", "Idle"},
+                  {"settings", {{{"key", "preset"}, {"type", "string"}, {"allowed", {"a", "b"}}, {"value", "a"}}}}}));
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
+#include <gtest/gtest.h>
+
 #include <csignal>
 #include <filesystem>
-
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "e2e/app_process.h"
@@ -27,9 +27,9 @@ class PhoneRelayTest : public ::testing::Test {
   void SetUp() override {
     home_ = dir_.file("home");
     std::filesystem::create_directories(home_);
-    relay_ = std::make_unique<PipedProcess>(std::vector<std::string>{"/usr/bin/env", "node", kPhoneDir + "/ntfy_standin.mjs"},
-                                            std::vector<std::string>{"KEEPALIVE_SECONDS=1", "PAGE_DIR=" + kPageDir},
-                                            dir_.file("relay-err.txt"));
+    relay_ = std::make_unique<PipedProcess>(
+        std::vector<std::string>{"/usr/bin/env", "node", kPhoneDir + "/ntfy_standin.mjs"},
+        std::vector<std::string>{"KEEPALIVE_SECONDS=1", "PAGE_DIR=" + kPageDir}, dir_.file("relay-err.txt"));
     auto first = relay_->readLine(10s);
     ASSERT_TRUE(first) << readFile(dir_.file("relay-err.txt"));
     port_ = json::parse(*first)["port"].get<int>();
@@ -43,10 +43,12 @@ class PhoneRelayTest : public ::testing::Test {
 
     app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", dir_.file("laptop.json")}, home_,
                                         dir_.file("app.txt"));
-    ASSERT_TRUE(waitFor([&] { return app_->output().find("phone control listens for 1 phone") != std::string::npos; }, 10s))
+    ASSERT_TRUE(
+        waitFor([&] { return app_->output().find("phone control listens for 1 phone") != std::string::npos; }, 10s))
         << app_->output();
-    phone_ = std::make_unique<PipedProcess>(std::vector<std::string>{"/usr/bin/env", "node", kPhoneDir + "/phone.mjs", link_},
-                                            std::vector<std::string>{}, dir_.file("phone-err.txt"));
+    phone_ = std::make_unique<PipedProcess>(
+        std::vector<std::string>{"/usr/bin/env", "node", kPhoneDir + "/phone.mjs", link_}, std::vector<std::string>{},
+        dir_.file("phone-err.txt"));
     auto ready = phone_->readLine(10s);
     ASSERT_TRUE(ready) << readFile(dir_.file("phone-err.txt"));
     phoneReady_ = *ready;
@@ -102,7 +104,9 @@ TEST_F(PhoneRelayTest, APhoneSeesTheStatusChangesTheModeAndIsRefusedWhatItMayNot
   EXPECT_EQ(ask({{"cmd", "panel"}, {"n", "same-id"}})["ok"], true);
   EXPECT_EQ(ask({{"cmd", "panel"}, {"n", "same-id"}})["error"], "already handled");
   // Sealed for the other topic: it doesn't open, so nothing answers.
-  EXPECT_EQ(ask({{"cmd", "mode"}, {"args", {{"mode", "always"}}}, {"onTopic", "reply"}, {"timeoutMs", 3000}})["timeout"], true);
+  EXPECT_EQ(
+      ask({{"cmd", "mode"}, {"args", {{"mode", "always"}}}, {"onTopic", "reply"}, {"timeoutMs", 3000}})["timeout"],
+      true);
   EXPECT_EQ(config().mode, Mode::Off);
   // Text that isn't a box at all is ignored as well, and the app lives on.
   EXPECT_EQ(ask({{"raw", "hello there"}})["published"], 200);

@@ -1,7 +1,7 @@
+#include <gtest/gtest.h>
+
 #include <csignal>
 #include <filesystem>
-
-#include <gtest/gtest.h>
 
 #include "e2e/app_process.h"
 #include "engine/config.h"
@@ -21,7 +21,9 @@ TEST(WakeCommandsTest, WakeAtAndCheckInDoWhatTheHelpSays) {
   AppProcess app({"app", "--simulate", dir.file("laptop.json")}, home, dir.file("app.txt"));
   ASSERT_TRUE(waitFor([&] { return app.output().find("sleeps when closed") != std::string::npos; }, 10s))
       << app.output();
-  auto config = [&] { return Config::fromJson(nlohmann::json::parse(readFile(home + "/config.json"), nullptr, false)); };
+  auto config = [&] {
+    return Config::fromJson(nlohmann::json::parse(readFile(home + "/config.json"), nullptr, false));
+  };
 
   ToolRun at = runTool({"wake-at", "07:00", "--for", "45m"}, home);
   ASSERT_EQ(at.status, 0) << at.err;

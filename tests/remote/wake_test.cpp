@@ -1,7 +1,8 @@
+#include "remote/wake.h"
+
 #include <gtest/gtest.h>
 
 #include "engine/engine_fixture.h"
-#include "remote/wake.h"
 
 namespace vigilo::test {
 namespace {
@@ -14,10 +15,17 @@ TEST(WakePlanTest, StepsShrinkTowardsTheWakeAndNeverExceedAnHour) {
     int checkIn;
     std::optional<int> step;
   } cases[] = {
-      {std::nullopt, 15, 900},   {std::nullopt, 30, 1800}, {std::nullopt, 60, 3600},
-      {20 * 60, 60, 900},        {8 * 60, 60, 300},        {4 * 60, 60, 60},
-      {30, 60, 60},              {3 * 3600, 0, 3600},      {std::nullopt, 0, std::nullopt},
-      {-100, 0, 60},             {25 * 60, 0, 900},
+      {std::nullopt, 15, 900},
+      {std::nullopt, 30, 1800},
+      {std::nullopt, 60, 3600},
+      {20 * 60, 60, 900},
+      {8 * 60, 60, 300},
+      {4 * 60, 60, 60},
+      {30, 60, 60},
+      {3 * 3600, 0, 3600},
+      {std::nullopt, 0, std::nullopt},
+      {-100, 0, 60},
+      {25 * 60, 0, 900},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(WakePlan::nextStep(c.untilWake, c.checkIn), c.step)
@@ -53,7 +61,8 @@ class ScheduledWakesTest : public EngineTest {
 
 TEST_F(ScheduledWakesTest, AWakeTwentyMinutesOutIsReachedInShrinkingStepsThenHolds) {
   Engine& e = start();
-  json r = wakes_.wakeAt(e, {{"time", std::to_string(static_cast<long long>(clock_.now() + 20 * 60))}, {"minutes", 45}});
+  json r =
+      wakes_.wakeAt(e, {{"time", std::to_string(static_cast<long long>(clock_.now() + 20 * 60))}, {"minutes", 45}});
   ASSERT_EQ(r["ok"], true) << r.dump();
   EXPECT_EQ(r["wakeAt"], std::floor(clock_.now() + 20 * 60));
   EXPECT_EQ(scheduler_.log.back(), "wake in 900");
@@ -72,7 +81,13 @@ TEST_F(ScheduledWakesTest, AWakeTwentyMinutesOutIsReachedInShrinkingStepsThenHol
 
 TEST_F(ScheduledWakesTest, ACheckInHoldsBrieflyAndAPhoneWakeTakesOver) {
   Engine& e = start();
-  e.apply([&] { Config c = e.config(); c.checkInMinutes = 15; return c; }(), true);
+  e.apply(
+      [&] {
+        Config c = e.config();
+        c.checkInMinutes = 15;
+        return c;
+      }(),
+      true);
   advance(10);
   EXPECT_EQ(scheduler_.log.back(), "wake in 900");
   laptop().setLidClosed(true);
@@ -129,7 +144,13 @@ TEST_F(ScheduledWakesTest, BadTimesCancelsAndMachinesThatCannotWakeAreToldApart)
   EXPECT_EQ(wakes_.wakeAt(e, {{"time", "07:00"}})["error"], *scheduler_.refusal);
   EXPECT_FALSE(e.config().wakeAt);
   // Check-ins that can't be scheduled are said once, in the same words.
-  e.apply([&] { Config c = e.config(); c.checkInMinutes = 15; return c; }(), true);
+  e.apply(
+      [&] {
+        Config c = e.config();
+        c.checkInMinutes = 15;
+        return c;
+      }(),
+      true);
   advance(30);
   EXPECT_EQ(std::count(said_.begin(), said_.end(), "warning: " + *scheduler_.refusal), 1);
 

@@ -1,15 +1,15 @@
 #include "platform/linux/desktop_alerts.h"
 
-#include <cctype>
-#include <cerrno>
-#include <cstdlib>
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <unistd.h>
-#include <vector>
-
 #include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <vector>
 
 extern char** environ;
 
@@ -90,14 +90,16 @@ class DesktopAlerts final : public AlertOutlets {
     } else {
       sd_bus_error error = SD_BUS_ERROR_NULL;
       sd_bus_message* reply = nullptr;
-      const int r = sd_bus_call_method(bus.get(), kService, kPath, kService, "GetServerInformation", &error, &reply, "");
+      const int r =
+          sd_bus_call_method(bus.get(), kService, kPath, kService, "GetServerInformation", &error, &reply, "");
       sd_bus_error_free(&error);
       if (reply) sd_bus_message_unref(reply);
-      if (r < 0) out.push_back("No notification daemon answers on the session bus, so alerts show only in Vigilo's output.");
+      if (r < 0)
+        out.push_back("No notification daemon answers on the session bus, so alerts show only in Vigilo's output.");
     }
     const bool theme = ::access((o_.soundsDir + "/complete.oga").c_str(), R_OK) == 0;
-    const bool player = !findProgram("canberra-gtk-play").empty() || !findProgram("paplay").empty() ||
-                        !findProgram("pw-play").empty();
+    const bool player =
+        !findProgram("canberra-gtk-play").empty() || !findProgram("paplay").empty() || !findProgram("pw-play").empty();
     if (!theme || !player) {
       out.push_back(std::string("The chime can't play: ") +
                     (!theme ? "the freedesktop sound theme (sound-theme-freedesktop) isn't installed"
