@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
@@ -146,6 +147,16 @@ TEST(DesktopAlertsTest, NotificationsReachTheSessionsNotificationDaemon) {
   if (::access("/usr/bin/dbus-daemon", X_OK) != 0) GTEST_SKIP() << "dbus-daemon is not installed";
   TempDir dir;
   PipedProcess mock({kHere + "/notify_mock.py"}, {}, dir.file("mock-err.txt"));
+  // Ended by closing its input, never killed: it must take its private bus
+  // and the mock daemon with it.
+  struct EndMock {
+    PipedProcess& p;
+    ~EndMock() {
+      p.closeInput();
+      if (p.wait(std::chrono::seconds(10)) < 0) p.signal(SIGTERM);
+      p.wait(std::chrono::seconds(5));
+    }
+  } endMock{mock};
   auto address = mock.readLine(30s);
   if (!address) GTEST_SKIP() << "dbusmock's notification_daemon didn't start: " << readFile(dir.file("mock-err.txt"));
   auto alerts = makeDesktopAlerts(DesktopAlertOptions{*address, dir.file("no-sounds")});

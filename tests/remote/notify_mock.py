@@ -6,6 +6,7 @@ Notify calls recorded so far as a JSON list of [app, summary, body]. Ends
 with stdin, taking the bus and the mock with it.
 """
 import json
+import signal
 import subprocess
 import sys
 
@@ -18,6 +19,8 @@ mock, obj = dbusmock.DBusTestCase.spawn_server_template('notification_daemon', {
 bus_address = __import__('os').environ['DBUS_SESSION_BUS_ADDRESS']
 print(bus_address, flush=True)
 mock_iface = dbus.Interface(obj, dbusmock.MOCK_IFACE)
+# A terminated helper takes its bus and mock along, as at the end of input.
+signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
 try:
     for _ in sys.stdin:
         calls = mock_iface.GetMethodCalls('Notify')
