@@ -7,6 +7,7 @@
 #include "platform/linux/host_processes.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/sim/sim_laptop.h"
+#include "remote/pair_command.h"
 
 namespace vigilo {
 namespace {
@@ -37,6 +38,10 @@ int vigiloMain(int argc, char** argv) {
   if (!args.empty() && args[0] == "app") return runApp(std::vector<std::string>(args.begin() + 1, args.end()));
   // The watchdog script runs "<executable> cli watchdog".
   if (!args.empty() && args[0] == "cli") args.erase(args.begin());
+  // Pairing is a person's act at the terminal, so it stays out of the help.
+  if (!args.empty() && args[0] == "pair") {
+    return runPair(std::vector<std::string>(args.begin() + 1, args.end()), toolAppFolder());
+  }
   return runCli(args, ToolMachine{toolPlatform, hostProcesses});
 }
 

@@ -23,6 +23,10 @@
 #include "platform/sim/sim_laptop.h"
 #include "power/power_watch.h"
 #include "safety/watchdog.h"
+#include "platform/linux/desktop_alerts.h"
+#include "remote/notifier.h"
+#include "remote/remote_control.h"
+#include "remote/wake.h"
 
 namespace vigilo {
 namespace {
@@ -88,11 +92,19 @@ class FolderLock {
 // sees (system banners, phone) attach here.
 class PrintedAlerts final : public AgentAlerts {
  public:
+  explicit PrintedAlerts(AgentAlerts* next) : next_(next) {}
   void finished(const std::string& name, int minutes, bool processGone, const std::string& state) override {
     say("alert: " + name + " " + state + " after " + std::to_string(minutes) + " min of work" +
         (processGone ? " (its process ended)" : ""));
+    if (next_) next_->finished(name, minutes, processGone, state);
   }
-  void needsYou(const std::string& name) override { say("alert: " + name + " needs you"); }
+  void needsYou(const std::string& name) override {
+    say("alert: " + name + " needs you");
+    if (next_) next_->needsYou(name);
+  }
+
+ private:
+  AgentAlerts* next_;
 };
 
 std::string homeFolder() {
@@ -192,7 +204,11 @@ int runApp(const std::vector<std::string>& args) {
     }
     if (!recordMachine(folder, simulateFile)) say("warning: couldn't record which machine " + folder + " belongs to");
   }
-  PrintedAlerts alerts;
+  // The desktop's notifications and chime on a real machine; the simulated
+  // laptop has no desktop, so its alerts go to the output and the relay.
+  Notifier notifier(engine, sim ? nullptr : makeDesktopAlerts(),
+                    [&files] { return RemoteSettings::load(files).relay; }, nullptr);
+  PrintedAlerts alerts(&notifier);
   AgentWork work(*platform, folder, homeFolder(), &alerts);
   PowerWatch power(folder, &work);
   engine.setWorkSource(&work);
@@ -206,6 +222,16 @@ int runApp(const std::vector<std::string>& args) {
   auto setup = makeHostSetup(currentSetupContext(folder), setupRunner);
   Watchdog watchdog(*setup);
   engine.addSlowJobs(&watchdog);
+  // Scheduled wakes and phone check-ins: the simulated laptop keeps its own
+  // wake timer; a real machine needs its RTC wake alarm.
+  std::unique_ptr<WakeScheduler> wakeScheduler;
+  if (sim) {
+    wakeScheduler = std::make_unique<SimWakeScheduler>(say);
+  } else {
+    wakeScheduler = makeRtcWakeScheduler();
+  }
+  ScheduledWakes wakes(*wakeScheduler, say);
+  engine.addSlowJobs(&wakes);
   std::string lastStatus, lastWarning, lastSetupError, lastSimProblem, lastWatchdogWarning;
   auto report = [&] {
     std::string status = engine.statusLine();
@@ -257,12 +283,15 @@ int runApp(const std::vector<std::string>& args) {
   for (const Capability& c : engine.capabilities()) {
     if (!c.available) say("warning: " + c.detail);
   }
+  for (const std::string& m : notifier.missing()) say("warning: " + m);
   report();
 
   // Requests from the command-line tool, the MCP server and hooks.
   CommandCenter center(engine, [&] { loop->post(quit); });
   center.setAgents(&work, &power);
   center.setApprove(&approve);
+  center.addHandler("wake", [&](const nlohmann::json& args) { return wakes.wake(engine, args); });
+  center.addHandler("wake_at", [&](const nlohmann::json& args) { return wakes.wakeAt(engine, args); });
   std::unique_ptr<Notifications> notifications;
   if (!options->preview) {
     notifications = makeSocketNotifications(folder, loop.get());
@@ -277,7 +306,17 @@ int runApp(const std::vector<std::string>& args) {
     });
     if (!events) say("warning: agent hooks can't reach this app: " + events.message());
   }
+  // Paired phones, through the relay.
+  std::unique_ptr<RemoteControl> remote;
+  if (!options->preview) {
+    remote = std::make_unique<RemoteControl>(
+        *loop, clock, files, [&center](const std::string& cmd, const nlohmann::json& args) {
+          return runPhoneRequest(center, cmd, args);
+        }, say);
+    remote->start();
+  }
   loop->run();
+  remote.reset();
   if (notifications) notifications->stopObserving();
   return 0;
 }

@@ -29,6 +29,7 @@
 #include "platform/files.h"
 #include "safety/setup_command.h"
 #include "safety/watchdog.h"
+#include "remote/doctor_lines.h"
 
 extern char** environ;
 
@@ -419,7 +420,17 @@ class Cli {
     if (bad) return kUsage;
     json args = {{"time", inv_.words[0]}};
     if (minutes) args["minutes"] = *minutes;
-    return simple("wake_at", args);
+    json r = request("wake_at", args);
+    if (!isOk(r)) return failed(r);
+    if (inv_.has("--json")) {
+      out(r.dump(2));
+      return 0;
+    }
+    const auto at = r.find("wakeAt");
+    out(at != r.end() && at->is_number() ? "Wakes at " + formatShortTime(at->get<double>()) + "."
+                                         : std::string("No scheduled wake."));
+    out(statusOf(r));
+    return 0;
   }
 
   int checkIn() {
@@ -801,6 +812,7 @@ class Cli {
     for (const Capability& c : m->platform->capabilities()) {
       if (!c.available) out("Not available: " + c.detail);
     }
+    for (const std::string& line : phoneDoctorLines(folder_, m->platform->name() == "sim")) out(line);
     return 0;
   }
 

@@ -187,6 +187,7 @@ json CommandCenter::handle(const std::string& cmd, const json& args) {
     if (cmd == "energy") return energy();
     if (cmd == "power") return power();
     if (cmd == "approve") return approve(args);
+    if (auto it = extra_.find(cmd); it != extra_.end()) return it->second(args);
   } catch (const std::exception& e) {
     // A request never takes the app down; the person learns what went wrong.
     return fail(std::string("Vigilo couldn't do that: ") + e.what());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -47,6 +48,11 @@ class CommandCenter {
 
   // "Approve everything", when the app offers it.
   void setApprove(AutoApprove* approve) { approve_ = approve; }
+  // A request that another subsystem answers (`wake`, `wake_at`): `fn`
+  // gives the whole reply object.
+  void addHandler(const std::string& cmd, std::function<nlohmann::json(const nlohmann::json&)> fn) {
+    extra_[cmd] = std::move(fn);
+  }
 
   // Handles one request and gives the reply object.
   nlohmann::json handle(const std::string& cmd, const nlohmann::json& args);
@@ -86,6 +92,7 @@ class CommandCenter {
   const AgentWork* work_ = nullptr;
   const PowerWatch* power_ = nullptr;
   AutoApprove* approve_ = nullptr;
+  std::map<std::string, std::function<nlohmann::json(const nlohmann::json&)>> extra_;
 };
 
 }  // namespace vigilo

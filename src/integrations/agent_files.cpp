@@ -126,17 +126,5 @@ std::string editJSON(const std::string& path, const std::string& shownPath, cons
   return "Couldn't write " + shownPath + ": " + written.message;
 }
 
-std::string sha256Hex(std::string_view data) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  if (EVP_Digest(data.data(), data.size(), digest, &length, EVP_sha256(), nullptr) != 1) return {};
-  static const char* kHex = "0123456789abcdef";
-  std::string out;
-  for (unsigned int i = 0; i < length; ++i) {
-    out += kHex[digest[i] >> 4];
-    out += kHex[digest[i] & 0xF];
-  }
-  return out;
-}
 
 }  // namespace vigilo

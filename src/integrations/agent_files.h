@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/sha256.h"
+
 #include <functional>
 #include <optional>
 #include <string>
@@ -49,7 +51,5 @@ std::string editJSON(const std::string& path, const std::string& shownPath, cons
 // two spaces and a final newline for a new file.
 std::string jsonLike(const nlohmann::ordered_json& value, std::string_view like);
 
-// Lower-case hex SHA-256 of `data`.
-std::string sha256Hex(std::string_view data);
 
 }  // namespace vigilo

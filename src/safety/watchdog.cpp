@@ -1,10 +1,10 @@
 #include "safety/watchdog.h"
 
 #include <filesystem>
-#include <openssl/evp.h>
 
 #include "engine/log.h"
 #include "platform/files.h"
+#include "platform/sha256.h"
 
 namespace vigilo {
 namespace fs = std::filesystem;
@@ -16,18 +16,6 @@ constexpr const char* kMacWarning =
 constexpr const char* kLinuxWarning =
     "The safety watchdog isn't running, so a crash wouldn't be cleaned up automatically. Run: vigilo setup";
 
-std::optional<std::string> sha256Hex(const std::string& bytes) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  if (EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr) != 1) return std::nullopt;
-  static const char* kHex = "0123456789abcdef";
-  std::string out;
-  for (unsigned int i = 0; i < length; ++i) {
-    out += kHex[digest[i] >> 4];
-    out += kHex[digest[i] & 15];
-  }
-  return out;
-}
 
 std::string trimmed(std::string text) {
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' ')) text.pop_back();
@@ -80,7 +68,8 @@ std::vector<std::string> restoreApproveFiles(const StateFiles& files) {
     auto current = readWholeFile(target);
     auto stored = readWholeFile(base + ".sha", 1024);
     auto restored = readWholeFile(base + ".restored");
-    auto sum = current ? sha256Hex(*current) : std::nullopt;
+    std::optional<std::string> sum;
+    if (current) sum = sha256Hex(*current);
     if (!sum || !stored || !restored || *sum != trimmed(*stored)) {
       left.push_back(std::string(name == std::string("claude") ? "Claude Code" : "Codex") + "'s settings " + target +
                      " changed since Vigilo edited them; Vigilo puts them back when it runs again");

@@ -117,7 +117,8 @@ TEST_F(WatchdogEndToEnd, DoctorReportsTheSetupLineByLine) {
                          "Vigilo folder: " + home_, "App: not running", "Sleep permission: in place",
                          ::testing::StartsWith("Watchdog: "),
                          "Command link: missing (run: vigilo setup)", ::testing::StartsWith("Polkit rule: "),
-                         "Sleep switched off right now: no", "Changes Vigilo has made right now: none"));
+                         "Sleep switched off right now: no", "Changes Vigilo has made right now: none",
+                         "Phones: none paired (vigilo pair pairs one)", "Scheduled wakes: simulated"));
   // With "Approve everything" on and a change left, both are told.
   writeFile(home_ + "/auto-approve.json", "{}");
   writeFile(home_ + "/timemachine-restore", "");

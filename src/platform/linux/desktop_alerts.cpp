@@ -1,0 +1,162 @@
+#include "platform/linux/desktop_alerts.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <vector>
+
+extern char** environ;
+
+namespace vigilo {
+namespace {
+
+constexpr const char* kService = "org.freedesktop.Notifications";
+constexpr const char* kPath = "/org/freedesktop/Notifications";
+
+std::string sessionBus(const std::string& given) {
+  if (!given.empty()) return given;
+  if (const char* env = std::getenv("DBUS_SESSION_BUS_ADDRESS"); env != nullptr && *env != '\0') return env;
+  if (const char* run = std::getenv("XDG_RUNTIME_DIR"); run != nullptr && *run != '\0') {
+    return std::string("unix:path=") + run + "/bus";
+  }
+  return {};
+}
+
+std::string findProgram(const std::string& name) {
+  const char* path = std::getenv("PATH");
+  std::string dirs = path != nullptr ? path : "/usr/bin:/bin";
+  std::size_t start = 0;
+  while (start <= dirs.size()) {
+    std::size_t end = dirs.find(':', start);
+    if (end == std::string::npos) end = dirs.size();
+    const std::string candidate = dirs.substr(start, end - start) + "/" + name;
+    if (end > start && ::access(candidate.c_str(), X_OK) == 0) return candidate;
+    start = end + 1;
+  }
+  return {};
+}
+
+// The theme's event name for a chime: macOS's "Glass" is the theme's
+// "complete"; other names are taken as event names.
+std::string eventName(const std::string& sound) {
+  if (sound.empty() || sound == "Glass") return "complete";
+  std::string out;
+  for (unsigned char c : sound) {
+    if (std::isalnum(c) || c == '-') out.push_back(static_cast<char>(std::tolower(c)));
+  }
+  return out.empty() ? "complete" : out;
+}
+
+struct BusUnref {
+  void operator()(sd_bus* b) const { sd_bus_flush_close_unref(b); }
+};
+
+class DesktopAlerts final : public AlertOutlets {
+ public:
+  explicit DesktopAlerts(DesktopAlertOptions o) : o_(std::move(o)) {}
+
+  bool note(const std::string& title, const std::string& body) override {
+    std::unique_ptr<sd_bus, BusUnref> bus = connect();
+    if (!bus) return false;
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    const int r = sd_bus_call_method(bus.get(), kService, kPath, kService, "Notify", &error, nullptr, "susssasa{sv}i",
+                                     "Vigilo", 0u, "computer", title.c_str(), body.c_str(), 0, 0, -1);
+    sd_bus_error_free(&error);
+    return r >= 0;
+  }
+
+  bool play(const std::string& name) override {
+    const std::string event = eventName(name);
+    const std::string file = o_.soundsDir + "/" + event + ".oga";
+    if (std::string p = findProgram("canberra-gtk-play"); !p.empty()) return run({p, "-i", event});
+    if (::access(file.c_str(), R_OK) != 0) return false;
+    for (const char* player : {"paplay", "pw-play"}) {
+      if (std::string p = findProgram(player); !p.empty()) return run({p, file});
+    }
+    return false;
+  }
+
+  std::vector<std::string> missing() override {
+    std::vector<std::string> out;
+    std::unique_ptr<sd_bus, BusUnref> bus = connect();
+    if (!bus) {
+      out.push_back("No desktop session bus, so alerts can't show as desktop notifications.");
+    } else {
+      sd_bus_error error = SD_BUS_ERROR_NULL;
+      sd_bus_message* reply = nullptr;
+      const int r =
+          sd_bus_call_method(bus.get(), kService, kPath, kService, "GetServerInformation", &error, &reply, "");
+      sd_bus_error_free(&error);
+      if (reply) sd_bus_message_unref(reply);
+      if (r < 0)
+        out.push_back("No notification daemon answers on the session bus, so alerts show only in Vigilo's output.");
+    }
+    const bool theme = ::access((o_.soundsDir + "/complete.oga").c_str(), R_OK) == 0;
+    const bool player =
+        !findProgram("canberra-gtk-play").empty() || !findProgram("paplay").empty() || !findProgram("pw-play").empty();
+    if (!theme || !player) {
+      out.push_back(std::string("The chime can't play: ") +
+                    (!theme ? "the freedesktop sound theme (sound-theme-freedesktop) isn't installed"
+                            : "no sound player (canberra-gtk-play, paplay or pw-play) is installed") +
+                    ".");
+    }
+    return out;
+  }
+
+ private:
+  std::unique_ptr<sd_bus, BusUnref> connect() {
+    const std::string address = sessionBus(o_.busAddress);
+    if (address.empty()) return nullptr;
+    sd_bus* raw = nullptr;
+    if (sd_bus_new(&raw) < 0) return nullptr;
+    std::unique_ptr<sd_bus, BusUnref> bus(raw);
+    if (sd_bus_set_address(bus.get(), address.c_str()) < 0 || sd_bus_set_bus_client(bus.get(), 1) < 0 ||
+        sd_bus_set_method_call_timeout(bus.get(), 3'000'000) < 0 || sd_bus_start(bus.get()) < 0) {
+      return nullptr;
+    }
+    return bus;
+  }
+
+  // Runs a player to its end, silently; its output goes nowhere.
+  static bool run(std::vector<std::string> argv) {
+    std::vector<char*> args;
+    for (auto& a : argv) args.push_back(a.data());
+    args.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    // The app blocks signals for its loop; the player starts with none blocked.
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
+    pid_t pid = -1;
+    const int rc = posix_spawn(&pid, args[0], &actions, &attr, args.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attr);
+    if (rc != 0) return false;
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  }
+
+  DesktopAlertOptions o_;
+};
+
+}  // namespace
+
+std::unique_ptr<AlertOutlets> makeDesktopAlerts(DesktopAlertOptions options) {
+  return std::make_unique<DesktopAlerts>(std::move(options));
+}
+
+}  // namespace vigilo

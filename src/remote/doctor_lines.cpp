@@ -1,0 +1,36 @@
+#include "remote/doctor_lines.h"
+
+#include "platform/linux/desktop_alerts.h"
+#include "remote/pairing.h"
+#include "remote/wake.h"
+
+namespace vigilo {
+
+std::vector<std::string> phoneDoctorLines(const std::string& appFolder, bool simulated) {
+  std::vector<std::string> out;
+  const StateFiles files(appFolder);
+  const RemoteSettings remote = RemoteSettings::load(files);
+  const std::size_t usable = remote.usable().size();
+  if (remote.phones.empty()) {
+    out.push_back("Phones: none paired (vigilo pair pairs one)");
+  } else {
+    out.push_back("Phones: " + std::to_string(remote.phones.size()) + " paired" +
+                  (usable != remote.phones.size()
+                       ? " (" + std::to_string(remote.phones.size() - usable) + " with a damaged key)"
+                       : "") +
+                  ", phone control " + (remote.enabled ? "on" : "off") + ", relay " + remote.relay);
+  }
+  if (simulated) {
+    out.push_back("Scheduled wakes: simulated");
+    return out;
+  }
+  if (auto problem = makeRtcWakeScheduler()->unavailable()) {
+    out.push_back("Not available: " + *problem);
+  } else {
+    out.push_back("Scheduled wakes: through the RTC wake alarm");
+  }
+  for (const std::string& m : makeDesktopAlerts()->missing()) out.push_back("Not available: " + m);
+  return out;
+}
+
+}  // namespace vigilo

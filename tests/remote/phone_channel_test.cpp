@@ -1,0 +1,296 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "remote/crypto.h"
+#include "remote/pairing.h"
+#include "remote/phone_commands.h"
+#include "remote/source_dir.h"
+#include "test_support.h"
+
+namespace vigilo {
+namespace {
+
+using json = nlohmann::json;
+using test::TempDir;
+using test::writeFile;
+
+const std::string kPhoneDir = test::sourceDir(__FILE__) + "/phone";
+
+std::string shellQuote(const std::string& s) {
+  std::string out = "'";
+  for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return out + "'";
+}
+
+// Runs the phone's WebCrypto code under Node and gives its JSON answer.
+json nodeKat(const std::string& key, const std::string& nonceHex, const std::string& plaintext,
+             const std::string& toOpen = "") {
+  std::string cmd = "node " + shellQuote(kPhoneDir + "/kat.mjs") + " " + shellQuote(key) + " " + shellQuote(nonceHex) +
+                    " " + shellQuote(plaintext) + (toOpen.empty() ? "" : " " + shellQuote(toOpen));
+  FILE* p = ::popen(cmd.c_str(), "r");
+  if (!p) return nullptr;
+  std::string out;
+  char buf[4096];
+  std::size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+  ::pclose(p);
+  return json::parse(out, nullptr, false);
+}
+
+std::string fromHex(const std::string& hex) {
+  std::string out;
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
+    out.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+  return out;
+}
+
+PhoneKey fixedKey() {
+  PhoneKey k{};
+  for (std::size_t i = 0; i < k.size(); ++i) k[i] = static_cast<std::uint8_t>(i * 7 + 3);
+  return k;
+}
+
+TEST(PhoneCryptoTest, TopicsAndBoxesMatchAnIndependentWebCryptoPhone) {
+  // Given a fixed key and nonce, Node's crypto derives the same topics and
+  // seals the same box; each side opens what the other sealed.
+  const PhoneKey key = fixedKey();
+  const std::string nonceHex = "000102030405060708090a0b";
+  const std::string plain = R"({"n":"abc-1","cmd":"panel","args":{},"t":1800000000,"dev":"Pixel ✓"})";
+  const std::string cmdTopic = topicFor(key, kCommandLabel);
+  const std::string replyTopic = topicFor(key, kReplyLabel);
+  auto ours = sealWithNonce(plain, cmdTopic, key, fromHex(nonceHex));
+  ASSERT_TRUE(ours);
+  auto replyBox = seal(R"({"ok":true,"re":"abc-1"})", replyTopic, key);
+  ASSERT_TRUE(replyBox);
+
+  json node = nodeKat(encodeKey(key), nonceHex, plain, *replyBox);
+  ASSERT_TRUE(node.is_object()) << "node did not answer";
+  EXPECT_EQ(node["cmd"], cmdTopic);
+  EXPECT_EQ(node["reply"], replyTopic);
+  EXPECT_EQ(node["sealed"], *ours);
+  EXPECT_EQ(node["opened"], R"({"ok":true,"re":"abc-1"})");
+  EXPECT_EQ(open(node["sealed"].get<std::string>(), cmdTopic, key), plain);
+  EXPECT_EQ(cmdTopic.size(), 7u + 24u);
+  EXPECT_NE(cmdTopic, replyTopic);
+}
+
+TEST(PhoneCryptoTest, DamagedMovedOrForeignBoxesDoNotOpen) {
+  const PhoneKey key = fixedKey();
+  PhoneKey other = key;
+  other[0] ^= 1;
+  const std::string cmdTopic = topicFor(key, kCommandLabel);
+  const std::string box = *seal("hello", cmdTopic, key);
+  std::string flipped = box;
+  flipped[20] = flipped[20] == 'A' ? 'B' : 'A';
+  std::string padded = box;
+  while (padded.size() % 4 != 0) padded += '=';
+  std::string classic = box;
+  for (char& c : classic) c = c == '-' ? '+' : c == '_' ? '/' : c;
+
+  EXPECT_EQ(open(padded, cmdTopic, key), "hello");
+  EXPECT_EQ(open(classic, cmdTopic, key), "hello");
+  EXPECT_FALSE(open(flipped, cmdTopic, key));
+  EXPECT_FALSE(open(box, topicFor(key, kReplyLabel), key)) << "moved to the other topic";
+  EXPECT_FALSE(open(box, cmdTopic, other));
+  EXPECT_FALSE(open(box.substr(0, 36), cmdTopic, key)) << "27 bytes: shorter than nonce and tag";
+  EXPECT_FALSE(open("not base64 at all!", cmdTopic, key));
+  EXPECT_FALSE(open("", cmdTopic, key));
+  // An empty plaintext still makes a full box that opens.
+  EXPECT_EQ(open(*seal("", cmdTopic, key), cmdTopic, key), "");
+}
+
+TEST(PhoneCryptoTest, KeysRoundTripOnlyAtThirtyTwoBytes) {
+  auto key = newPhoneKey();
+  ASSERT_TRUE(key);
+  const std::string text = encodeKey(*key);
+  EXPECT_EQ(text.size(), 43u);
+  EXPECT_EQ(text.find_first_of("+/="), std::string::npos);
+  EXPECT_EQ(decodeKey(text), key);
+  EXPECT_FALSE(decodeKey(text.substr(0, 42)));
+  EXPECT_FALSE(decodeKey(text + "AAAA"));
+}
+
+TEST(PairingTest, PairRevokeAndLinksFollowTheStoredSettings) {
+  TempDir dir;
+  StateFiles files(dir.path());
+  RemoteSettings s = RemoteSettings::load(files);
+  EXPECT_FALSE(s.active());
+  for (std::size_t i = 0; i < kMaxPhones; ++i) ASSERT_TRUE(s.pairNewPhone(files, 100).phone);
+  auto refused = s.pairNewPhone(files, 100);
+  EXPECT_FALSE(refused.phone);
+  EXPECT_EQ(refused.error, "5 phones are paired; revoke one first");
+
+  RemoteSettings again = RemoteSettings::load(files);
+  ASSERT_EQ(again.phones.size(), kMaxPhones);
+  EXPECT_EQ(again.phones[0].name, "New phone");
+  EXPECT_EQ(again.usable().size(), kMaxPhones);
+  EXPECT_EQ(std::filesystem::status(dir.file("remote.json")).permissions() & std::filesystem::perms::group_read,
+            std::filesystem::perms::none);
+  EXPECT_EQ(again.pairingLink(again.phones[0]), std::string(kDefaultPageBase) + "#k=" + again.phones[0].key);
+  again.relay = "http://127.0.0.1:8080";
+  EXPECT_EQ(again.pairingLink(again.phones[0]),
+            std::string(kDefaultPageBase) + "#k=" + again.phones[0].key + "&r=http%3A%2F%2F127.0.0.1%3A8080");
+
+  EXPECT_TRUE(again.revoke(again.phones[1].id));
+  EXPECT_FALSE(again.revoke("nope"));
+  EXPECT_EQ(again.phones.size(), kMaxPhones - 1);
+  again.phones[0].key = "short";  // a damaged key is not usable, the rest are
+  EXPECT_EQ(again.usable().size(), kMaxPhones - 2);
+
+  writeFile(dir.file("remote.json"), "{\"phones\": [42, {\"id\": 1}], \"relay\": \"ftp://x\"");
+  RemoteSettings broken = RemoteSettings::load(files);
+  EXPECT_TRUE(broken.phones.empty());
+  EXPECT_EQ(broken.relay, kDefaultRelay);
+}
+
+// A phone sending through the channel to the handler, with a recording
+// command center behind it.
+class PhoneCommandsTest : public ::testing::Test {
+ protected:
+  PhoneCommandsTest()
+      : files_(dir_.path()), commands_(&files_, [this](const std::string& cmd, const json& args) {
+          ran_.push_back(cmd);
+          lastArgs_ = args;
+          return json{
+              {"ok", true},
+              {"status", "Idle"},
+              {"config_path", "/home/x/secret"},
+              {"battery", {{"percent", 80}, {"watts", 6}, {"on_power", false}, {"charging", false}, {"cycles", 9}}}};
+        }) {
+    settings_.pairNewPhone(files_, 0);
+    phone_ = settings_.usable().at(0);
+  }
+
+  // Sends `command` (sealed on `topic`, the phone's command topic by default)
+  // and gives the opened reply, or null when nothing came back.
+  json send(json command, Time now, std::string topic = "") {
+    if (topic.empty()) topic = phone_.commandTopic;
+    auto box = seal(command.dump(), topic, phone_.key);
+    auto outcome = commands_.handle(settings_.usable(), phone_.commandTopic, *box, now);
+    if (!outcome) return nullptr;
+    EXPECT_EQ(outcome->replyTopic, phone_.replyTopic);
+    auto plain = open(outcome->sealedReply, phone_.replyTopic, phone_.key);
+    return plain ? json::parse(*plain) : json("unopenable");
+  }
+  json cmd(const std::string& id, const std::string& name, double t) {
+    return {{"n", id}, {"cmd", name}, {"args", json::object()}, {"t", t}};
+  }
+
+  TempDir dir_;
+  StateFiles files_;
+  RemoteSettings settings_;
+  UsablePhone phone_;
+  std::vector<std::string> ran_;
+  json lastArgs_;
+  PhoneCommands commands_;
+};
+
+TEST_F(PhoneCommandsTest, RefusalsHaveTheirExactTextsAndRunNothing) {
+  const Time now = 1'800'000'000;
+  struct Case {
+    json command;
+    std::string error;
+  } cases[] = {
+      {cmd("", "panel", now), "bad id"},
+      {cmd(std::string(65, 'a'), "panel", now), "bad id"},
+      {cmd("future-61", "panel", now + 61), "too old or from the future (check the phone's clock)"},
+      {cmd("old", "panel", now - kCommandMaxAge - 1), "too old or from the future (check the phone's clock)"},
+      {cmd("old-wake", "wake", now - kWakeMaxAge - 1), "too old or from the future (check the phone's clock)"},
+      {json{{"n", "no-t"}, {"cmd", "panel"}}, "too old or from the future (check the phone's clock)"},
+      {cmd("hold-1", "hold", now), "hold isn't allowed from the phone"},
+      {cmd("quit-1", "quit", now), "quit isn't allowed from the phone"},
+      {cmd("release-1", "release", now), "release isn't allowed from the phone"},
+  };
+  for (const Case& c : cases) {
+    json reply = send(c.command, now);
+    EXPECT_EQ(reply["ok"], false) << c.command.dump();
+    EXPECT_EQ(reply["error"], c.error) << c.command.dump();
+    EXPECT_EQ(reply["t"], now);
+  }
+  EXPECT_TRUE(ran_.empty());
+}
+
+TEST_F(PhoneCommandsTest, AcceptedCommandsRunOnceWithTheirAgeAndATrimmedReply) {
+  const Time now = 1'800'000'000;
+  json reply = send(cmd("fresh-59", "panel", now + 59), now);
+  EXPECT_EQ(reply["ok"], true);
+  EXPECT_EQ(reply["re"], "fresh-59");
+  EXPECT_EQ(reply["status"], "Idle");
+  EXPECT_FALSE(reply.contains("config_path")) << "paths stay on the machine";
+  EXPECT_EQ(reply["battery"], (json{{"percent", 80}, {"watts", 6}, {"on_power", false}, {"charging", false}}));
+  EXPECT_EQ(send(cmd("wake-late", "wake", now - 3 * 3600 + 10), now)["ok"], true);
+  EXPECT_EQ(lastArgs_["_age"], 3 * 3600 - 10);
+
+  json again = send(cmd("fresh-59", "panel", now), now + 1);
+  EXPECT_EQ(again["error"], "already handled");
+  EXPECT_EQ(ran_, (std::vector<std::string>{"panel", "wake"}));
+
+  // The seen ids outlive the app: a new handler over the same folder refuses
+  // the replay too.
+  PhoneCommands restarted(&files_, [](const std::string&, const json&) { return json{{"ok", true}}; });
+  auto box = seal(cmd("fresh-59", "panel", now).dump(), phone_.commandTopic, phone_.key);
+  auto outcome = restarted.handle(settings_.usable(), phone_.commandTopic, *box, now + 2);
+  ASSERT_TRUE(outcome);
+  EXPECT_EQ(outcome->reply["error"], "already handled");
+  EXPECT_FALSE(outcome->ran);
+}
+
+TEST_F(PhoneCommandsTest, TheThirtiethCommandInAMinuteWaits) {
+  const Time now = 1'800'000'000;
+  for (int i = 0; i < 29; ++i) ASSERT_EQ(send(cmd("c" + std::to_string(i), "panel", now), now + i)["ok"], true) << i;
+  EXPECT_EQ(send(cmd("c29", "panel", now + 29), now + 29)["error"], "too many commands, wait a minute");
+  // A minute after the first, there is room again.
+  EXPECT_EQ(send(cmd("c30", "panel", now + 60), now + 60)["ok"], true);
+}
+
+TEST_F(PhoneCommandsTest, MessagesThatAreNotOursGetNoReply) {
+  const Time now = 1'800'000'000;
+  // Sealed for the reply topic but posted on the command topic: the topic is
+  // authenticated, so it does not open and nobody answers.
+  EXPECT_TRUE(send(cmd("moved", "panel", now), now, phone_.replyTopic).is_null());
+  EXPECT_FALSE(commands_.handle(settings_.usable(), phone_.commandTopic, "garbage", now));
+  EXPECT_FALSE(commands_.handle(settings_.usable(), "vigilo-elsewhere", "garbage", now));
+  // A box that opens but isn't JSON is answered, as a refusal.
+  auto box = seal("not json", phone_.commandTopic, phone_.key);
+  auto outcome = commands_.handle(settings_.usable(), phone_.commandTopic, *box, now);
+  ASSERT_TRUE(outcome);
+  EXPECT_EQ(outcome->reply["error"], "bad id");
+  EXPECT_TRUE(ran_.empty());
+}
+
+TEST_F(PhoneCommandsTest, AnAnswerTooLongForTheRelayIsSaidToBe) {
+  PhoneCommands chatty(&files_, [](const std::string&, const json&) {
+    return json{{"ok", true}, {"status", std::string(4000, 's')}};
+  });
+  auto box = seal(cmd("long", "panel", 1'800'000'000).dump(), phone_.commandTopic, phone_.key);
+  auto outcome = chatty.handle(settings_.usable(), phone_.commandTopic, *box, 1'800'000'000);
+  ASSERT_TRUE(outcome);
+  EXPECT_LE(outcome->sealedReply.size(), kMaxRelayBody);
+  EXPECT_EQ(json::parse(*open(outcome->sealedReply, phone_.replyTopic, phone_.key))["error"],
+            "the answer is too long for the relay");
+}
+
+TEST(PhoneReplyTest, SchemaKeepsOnlyWhatThePhoneShows) {
+  json schema = {{"ok", true},
+                 {"status", "Idle"},
+                 {"path", "/home/x/.local/share/vigilo/config.json"},
+                 {"settings",
+                  {{{"key", "preset"},
+                    {"type", "string"},
+                    {"allowed", {"a", "b"}},
+                    {"value", "a"},
+                    {"description", "long text"},
+                    {"topic", "t"}}}}};
+  json trimmed = phoneReply(schema, "schema");
+  EXPECT_EQ(trimmed,
+            (json{{"ok", true},
+                  {"status", "Idle"},
+                  {"settings", {{{"key", "preset"}, {"type", "string"}, {"allowed", {"a", "b"}}, {"value", "a"}}}}}));
+}
+
+}  // namespace
+}  // namespace vigilo
