@@ -13,6 +13,7 @@
 #include "agents/agent_events.h"
 #include "agents/agent_work.h"
 #include "app/commands.h"
+#include "closedlid/closed_lid.h"
 #include "commands/channel.h"
 #include "commands/command_center.h"
 #include "engine/engine.h"
@@ -195,6 +196,21 @@ int runApp(const std::vector<std::string>& args) {
   PowerWatch power(folder, &work);
   engine.setWorkSource(&work);
   engine.setPowerMeter(&power);
+  // What the agents use is never slowed or paused while the lid is shut.
+  ClosedLid closedLid(engine, [&work, &engine] {
+    AgentProtection p;
+    p.pids = work.watcher().protectedPids();
+    p.bundles = work.watcher().protectedBundles();
+    const Time now = engine.now();
+    for (const AgentSession& s : work.sessions()) {
+      if (WorkDetection::busy(s, now)) {
+        p.activeAgent = s.kind.name;
+        break;
+      }
+    }
+    return p;
+  });
+  engine.setClosedLidSavings(&closedLid);
   std::string lastStatus, lastWarning, lastSetupError, lastSimProblem;
   auto report = [&] {
     std::string status = engine.statusLine();
@@ -218,6 +234,7 @@ int runApp(const std::vector<std::string>& args) {
     }
   });
   engine.setChangeHandler(report);
+  closedLid.setNoticeHandler([](const Notice& n) { say(n.title + ": " + n.text); });
 
   bool quitting = false;
   auto quit = [&] {
@@ -245,6 +262,7 @@ int runApp(const std::vector<std::string>& args) {
   // Requests from the command-line tool, the MCP server and hooks.
   CommandCenter center(engine, [&] { loop->post(quit); });
   center.setAgents(&work, &power);
+  center.setClosedLid(&closedLid);
   std::unique_ptr<Notifications> notifications;
   if (!options->preview) {
     notifications = makeSocketNotifications(folder, loop.get());

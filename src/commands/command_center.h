@@ -11,6 +11,7 @@
 namespace vigilo {
 class AgentWork;
 class PowerWatch;
+class ClosedLid;
 }
 
 namespace vigilo {
@@ -44,6 +45,9 @@ class CommandCenter {
     power_ = power;
   }
 
+  // The closed-lid session, when the app runs one.
+  void setClosedLid(ClosedLid* closedLid) { closedLid_ = closedLid; }
+
   // Handles one request and gives the reply object.
   nlohmann::json handle(const std::string& cmd, const nlohmann::json& args);
 
@@ -66,6 +70,7 @@ class CommandCenter {
   nlohmann::json releaseOwn(const nlohmann::json& args);
   nlohmann::json releasePid(const nlohmann::json& args);
   nlohmann::json preset(const nlohmann::json& args);
+  nlohmann::json rule(const nlohmann::json& args);
   nlohmann::json watch(const nlohmann::json& args);
   nlohmann::json agent(const nlohmann::json& args);
   nlohmann::json set(const nlohmann::json& args);
@@ -79,6 +84,7 @@ class CommandCenter {
   std::function<void()> quit_;
   const AgentWork* work_ = nullptr;
   const PowerWatch* power_ = nullptr;
+  ClosedLid* closedLid_ = nullptr;
 };
 
 }  // namespace vigilo
