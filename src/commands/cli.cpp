@@ -486,7 +486,16 @@ class Cli {
 
   int rule() {
     if (inv_.words.size() != 2) return usage("vigilo rule <app> leave|slow|pause");
-    return simple("rule", {{"app", inv_.words[0]}, {"rule", inv_.words[1]}});
+    json r = request("rule", {{"app", inv_.words[0]}, {"rule", inv_.words[1]}});
+    if (!isOk(r)) return failed(r);
+    if (inv_.has("--json")) {
+      out(r.dump(2));
+      return 0;
+    }
+    // "TextEdit (com.apple.TextEdit) while the lid is closed: pause (preset default)"
+    out(r.value("app", inv_.words[0]) + " (" + r.value("bundle_id", std::string()) + ") while the lid is closed: " +
+        r.value("rule", std::string()));
+    return 0;
   }
 
   int watchOrUnwatch(bool remove) {

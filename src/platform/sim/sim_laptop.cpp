@@ -709,6 +709,11 @@ void SimLaptop::setExternalDisplay(bool connected) {
   s_->notify();
 }
 
+void SimLaptop::setDisplayAssertionGone() {
+  s_->displayAssertion = false;
+  s_->notify();
+}
+
 void SimLaptop::setLocked(bool locked) {
   s_->locked = locked;
   s_->notify();

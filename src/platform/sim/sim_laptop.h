@@ -101,6 +101,8 @@ class SimLaptop {
   void setLowPowerByUser(int value);
   // Installs an app bundle (replacing one at the same path).
   void installApp(AppBundle app);
+  // The app holding the display assertion is gone, and the assertion with it.
+  void setDisplayAssertionGone();
 
   // Called after every change made through the methods above and below and
   // after `fromJson`, not when the battery merely moves with time: the

@@ -439,6 +439,9 @@ class SimPlatformImpl final : public SimPlatform {
       if (syncLocked(true) == Sync::Missing && lock.held()) writeLocked();
       if (!lock.held()) problem_ = lockedText(options_.stateFile);
     }
+    // A display assertion dies with the app that took it: whoever ran the
+    // laptop before is gone.
+    if (laptop_.displayAssertion()) laptop_.setDisplayAssertionGone();
     thermal_ = laptop_.thermalState();
     adapter_ = adapter();
     laptop_.setObserver([this] { noticeEvents(); });
