@@ -120,6 +120,18 @@ std::set<std::int32_t> protectedPidSet(const TargetInputs& in) {
     if (auto it = children.find(pid); it != children.end()) todo.insert(todo.end(), it->second.begin(), it->second.end());
   }
   out.insert(in.agentPids.begin(), in.agentPids.end());
+  // An agent also depends on what it runs inside: the terminal or editor
+  // whose pty it writes to would block it once paused.
+  std::map<std::int32_t, std::int32_t> parent;
+  for (const ProcessInfo& p : in.processes) parent[p.pid] = p.ppid;
+  for (std::int32_t pid : in.agentPids) {
+    for (int depth = 0; depth < 64; ++depth) {
+      auto it = parent.find(pid);
+      if (it == parent.end() || it->second <= 1) break;
+      pid = it->second;
+      out.insert(pid);
+    }
+  }
   if (in.self > 0) out.insert(in.self);
   return out;
 }
@@ -168,6 +180,12 @@ std::map<std::int32_t, ClosedTarget> closedTargets(const TargetInputs& in, const
   std::map<std::int32_t, ClosedTarget> out;
   std::set<std::int32_t> kept = protectedPidSet(in);
   std::set<std::string> keptBundles = in.agentBundles;
+  // The app an agent runs inside is kept whole (an editor's other helpers
+  // serve its terminal too).
+  for (std::int32_t pid : kept) {
+    if (in.agentPids.count(pid) || std::find(in.holdPids.begin(), in.holdPids.end(), pid) != in.holdPids.end()) continue;
+    if (auto b = in.bundles.find(pid); b != in.bundles.end()) keptBundles.insert(b->second.path);
+  }
   const BackgroundWork work = scanBackgroundWork(in);
   if (work.agentUsesXcode) {
     keptBundles.insert(std::string(kXcode));

@@ -187,6 +187,13 @@ TEST_F(ClosedLidTest, AReusedPidIsNeverSignalled) {
 
 TEST_F(ClosedLidTest, ProtectedProcessesAndAnExternalScreenAreLeftAlone) {
   protection.bundles = {"/Applications/Docker.app"};
+  // An agent running in a terminal app: the terminal (and its other
+  // processes) carries the agent's output and must keep running.
+  laptop().installApp(AppBundle{"/Applications/iTerm.app", "com.googlecode.iterm2", "iTerm"});
+  const auto terminal = laptop().startProcess("/Applications/iTerm.app/Contents/MacOS/iTerm2");
+  const auto terminalHelper = laptop().startProcess("/Applications/iTerm.app/Contents/MacOS/helper");
+  const auto shell = laptop().startProcess("/bin/zsh", {}, terminal);
+  protection.pids = {laptop().startProcess("/usr/local/bin/claude", {}, shell)};
   start(R"({"mode": "off", "preset": "max_battery"})");
   // A hold bound to the editor protects it and its helper.
   engine().addHold("editing", std::nullopt, editor, std::nullopt);
@@ -201,6 +208,9 @@ TEST_F(ClosedLidTest, ProtectedProcessesAndAnExternalScreenAreLeftAlone) {
   EXPECT_EQ(state(editor), "running");
   EXPECT_EQ(state(helper), "running");
   EXPECT_EQ(state(docker), "running") << "what an agent uses is never slowed";
+  EXPECT_EQ(state(terminal), "running");
+  EXPECT_EQ(state(terminalHelper), "running");
+  EXPECT_EQ(state(shell), "running");
 }
 
 TEST_F(ClosedLidTest, HeatMakesTheTargetsStrictest) {
