@@ -216,7 +216,7 @@ int runApp(const std::vector<std::string>& args) {
     std::string status = engine.statusLine();
     if (status != lastStatus) say(status);
     lastStatus = status;
-    std::string warning = engine.warning().value_or("");
+    std::string warning = engine.warning().value_or(closedLid.warning().value_or(""));
     if (warning != lastWarning && !warning.empty()) say("warning: " + warning);
     lastWarning = warning;
     std::string setupError = engine.setupError().value_or("");
