@@ -26,7 +26,12 @@ std::vector<AppBundle> runningApps(Platform& platform) {
   std::set<std::string> seen;
   for (const ProcessInfo& p : platform.processes().listing(ProcessDetail::Identity)) {
     auto bundle = outermostBundle(p.path);
-    if (!bundle || !seen.emplace(*bundle).second) continue;
+    if (!bundle) {
+      auto app = platform.processes().appOf(p);
+      if (app && seen.emplace(app->path).second) out.push_back(*app);
+      continue;
+    }
+    if (!seen.emplace(*bundle).second) continue;
     const std::string path(*bundle);
     if (auto app = platform.processes().appBundle(path)) {
       out.push_back(*app);

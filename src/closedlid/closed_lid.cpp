@@ -194,7 +194,10 @@ std::map<std::int32_t, ClosedTarget> ClosedLid::selectTargets(Preset preset, con
   std::map<std::string, std::optional<AppBundle>> cache;
   for (const ProcessInfo& p : in.processes) {
     auto bundlePath = outermostBundle(p.path);
-    if (!bundlePath) continue;
+    if (!bundlePath) {
+      if (auto app = platform.processes().appOf(p)) in.bundles[p.pid] = *app;
+      continue;
+    }
     const std::string key(*bundlePath);
     auto it = cache.find(key);
     if (it == cache.end()) {

@@ -89,6 +89,13 @@ class Processes {
 
   // The apps installed on the machine, for looking one up by name.
   virtual std::vector<AppBundle> installedApps() { return {}; }
+  // The app a process belongs to where apps aren't bundle folders in the
+  // path (Linux desktop entries: `path` is the entry's file, `bundleId` its
+  // id); nothing otherwise.
+  virtual std::optional<AppBundle> appOf(const ProcessInfo& p) {
+    (void)p;
+    return std::nullopt;
+  }
   // What the bundle at `bundlePath` says about itself; nothing when the
   // backend knows no such bundle (the caller may then read it from disk).
   virtual std::optional<AppBundle> appBundle(const std::string& bundlePath) {

@@ -55,10 +55,10 @@ class ClosedLidCrashTest : public ::testing::Test {
       for (const auto& t : journal) found = found || (t["pid"] == p["pid"] && t["paused"] == p["stopped"]);
       EXPECT_TRUE(found) << "process " << p["pid"] << " changed without a record";
     }
-    if (l["powerModes"]["lowpowermode"] == 1) EXPECT_TRUE(has("powermode-restore"));
-    if (l["automaticBackups"] == false) EXPECT_TRUE(has("timemachine-restore"));
-    if (l["display"]["on"] == false) EXPECT_TRUE(has("display-off"));
-    if (l["display"]["brightness"] != 0.7) EXPECT_TRUE(has("brightness-restore"));
+    if (l["powerModes"]["lowpowermode"] == 1) { EXPECT_TRUE(has("powermode-restore")); }
+    if (l["automaticBackups"] == false) { EXPECT_TRUE(has("timemachine-restore")); }
+    if (l["display"]["on"] == false) { EXPECT_TRUE(has("display-off")); }
+    if (l["display"]["brightness"] != 0.7) { EXPECT_TRUE(has("brightness-restore")); }
   }
 
   TempDir dir_;

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "platform/files.h"
+#include "platform/linux/desktop_entries.h"
 #include "platform/linux/logind.h"
 #include "platform/linux/procfs_text.h"
 #include "platform/linux/sysfs_text.h"
@@ -640,6 +641,17 @@ int setPolicy(pid_t tid, int policy) {
 
 class LinuxProcesses final : public Processes {
  public:
+  // Read again at most once a minute: installing an app is rare, and the
+  // session asks on every tick.
+  const std::vector<DesktopEntry>& desktopEntries() {
+    const double now = clock_.monotonic();
+    if (!entriesRead_ || now - *entriesRead_ > 60.0 || now < *entriesRead_) {
+      entries_ = readDesktopEntries(xdgDataDirs());
+      entriesRead_ = now;
+    }
+    return entries_;
+  }
+
   LinuxProcesses(const SysTree& tree, Clock& clock, std::function<std::optional<double>()> draw)
       : tree_(tree), clock_(clock), draw_(std::move(draw)) {
     hz_ = ::sysconf(_SC_CLK_TCK);
@@ -753,6 +765,18 @@ class LinuxProcesses final : public Processes {
     auto cpu = cpuOf(pid, stat ? &*stat : nullptr);
     if (!cpu) return std::nullopt;
     return ProcessCounters{*cpu, energy_.energyOf(pid, known->second.startTicks, *cpu)};
+  }
+
+  // Apps are the desktop entries: the launcher's list of what a person runs.
+  std::vector<AppBundle> installedApps() override {
+    std::vector<AppBundle> out;
+    for (const DesktopEntry& e : desktopEntries()) out.push_back(AppBundle{e.path, e.id, e.name});
+    return out;
+  }
+  std::optional<AppBundle> appOf(const ProcessInfo& p) override {
+    const DesktopEntry* e = entryFor(desktopEntries(), p);
+    if (e == nullptr) return std::nullopt;
+    return AppBundle{e->path, e->id, e->name};
   }
 
   Result stop(std::int32_t pid) override { return signal(pid, SIGSTOP, "pause"); }
@@ -1055,6 +1079,8 @@ class LinuxProcesses final : public Processes {
   std::vector<std::pair<std::int32_t, ino_t>> folders_;
   std::optional<TaskStamp> lastTasks_;
   std::map<std::int32_t, SlowRecord> slowed_;
+  std::vector<DesktopEntry> entries_;
+  std::optional<double> entriesRead_;
 };
 
 // ---------------------------------------------------------------- events
