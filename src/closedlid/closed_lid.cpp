@@ -191,7 +191,9 @@ std::map<std::int32_t, ClosedTarget> ClosedLid::selectTargets(Preset preset, con
   const Config& c = engine_.config();
   TargetInputs in;
   in.processes = platform.processes().listing(ProcessDetail::Identity);
-  std::map<std::string, std::optional<AppBundle>> cache;
+  // A bundle's Info.plist is read from disk once for the app's life: a read
+  // every 2 s for every running app would be wasted work.
+  auto& cache = bundleCache_;
   for (const ProcessInfo& p : in.processes) {
     auto bundlePath = outermostBundle(p.path);
     if (!bundlePath) {
@@ -199,18 +201,18 @@ std::map<std::int32_t, ClosedTarget> ClosedLid::selectTargets(Preset preset, con
       continue;
     }
     const std::string key(*bundlePath);
+    if (auto known = platform.processes().appBundle(key)) {
+      in.bundles[p.pid] = *known;
+      continue;
+    }
     auto it = cache.find(key);
     if (it == cache.end()) {
-      std::optional<AppBundle> app = platform.processes().appBundle(key);
-      if (!app) {
-        BundleMeta meta = readBundleMeta(key);
-        const auto slash = key.rfind('/');
-        std::string name = key.substr(slash + 1, key.size() - slash - 5);
-        app = AppBundle{key, meta.bundleID, meta.displayName.value_or(name)};
-      }
-      it = cache.emplace(key, std::move(app)).first;
+      BundleMeta meta = readBundleMeta(key);
+      const auto slash = key.rfind('/');
+      std::string name = key.substr(slash + 1, key.size() - slash - 5);
+      it = cache.emplace(key, AppBundle{key, meta.bundleID, meta.displayName.value_or(name)}).first;
     }
-    if (it->second) in.bundles[p.pid] = *it->second;
+    in.bundles[p.pid] = *it->second;
   }
   in.assertions = platform.registry().powerAssertions();
   if (protection_) {

@@ -108,6 +108,7 @@ class ClosedLid final : public ClosedLidSavings {
   bool loaded_ = false;
   std::vector<Touched> touched_;
   std::map<std::int32_t, ClosedTarget> targeted_;
+  std::map<std::string, std::optional<AppBundle>> bundleCache_;
   bool active_ = false;
   bool displayAssertion_ = false;
   bool screenOff_ = false;
