@@ -233,6 +233,16 @@ json CommandCenter::statusDictionary() {
     }
     if (!warning) warning = closedLid_->warning();
   }
+  json receipt = nullptr;
+  if (closedLid_ && closedLid_->receipt()) {
+    const Receipt& r = *closedLid_->receipt();
+    receipt = {{"closed_at", r.closedAt},
+               {"opened_at", timeOrNull(r.openedAt)},
+               {"start_percent", r.startPercent ? json(*r.startPercent) : json(nullptr)},
+               {"end_percent", r.endPercent ? json(*r.endPercent) : json(nullptr)},
+               {"agent", r.agentName ? json(*r.agentName) : json(nullptr)},
+               {"line", receiptLine(r)}};
+  }
   json unavailable = json::array();
   for (const Capability& cap : engine_.capabilities()) {
     if (!cap.available) unavailable.push_back({{"name", cap.name}, {"detail", cap.detail}});
@@ -299,6 +309,7 @@ json CommandCenter::statusDictionary() {
       {"not_put_back_yet", notPutBack},
       {"unrestored", unrestored},
       {"targeted", targeted},
+      {"receipt", receipt},
       {"unavailable", unavailable},
       {"platform", engine_.platform().name()},
   });

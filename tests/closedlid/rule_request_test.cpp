@@ -68,6 +68,15 @@ TEST_F(RuleRequestTest, ARuleTakesEffectAtOnceWhileTheLidIsShut) {
   json status = center_->statusDictionary();
   EXPECT_EQ(status["app_rules"]["com.apple.TextEdit"], "leave");
   EXPECT_EQ(status["unrestored"], json::array());
+  EXPECT_EQ(status["targeted"].size(), 0u) << "the editor is left now";
+  EXPECT_EQ(status["receipt"]["agent"], "Always awake");
+  EXPECT_EQ(status["receipt"]["start_percent"], 80);
+  EXPECT_TRUE(status["receipt"]["opened_at"].is_null());
+  laptop().setLidClosed(false);
+  advance(2);
+  status = center_->statusDictionary();
+  EXPECT_FALSE(status["receipt"]["opened_at"].is_null());
+  EXPECT_EQ(status["receipt"]["line"], "Stayed awake 0 min");
 }
 
 }  // namespace
