@@ -269,6 +269,30 @@ TEST_F(ClosedLidTest, ScreenModes) {
   EXPECT_NE(closedLid_->warning()->find("went back to the dark screen"), std::string::npos);
 }
 
+TEST_F(ClosedLidTest, BootedSimulatorsAreShutDownOnceUnlessTestsRun) {
+  struct Case {
+    bool testsRunning;
+    const char* preset;
+    bool shutDown;
+  } cases[] = {{false, "balanced", true}, {true, "balanced", false}, {false, "full_speed", false}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.preset) + (c.testsRunning ? " with tests" : ""));
+    const auto device = laptop().startProcess("/Library/Developer/CoreSimulator/launchd_sim");
+    const auto runner = c.testsRunning ? laptop().startProcess("/tmp/AppUITests-Runner") : 0;
+    const long before = count("simctl shutdown all");
+    start(std::string(R"({"mode": "on", "shutDownSimulators": true, "preset": ")") + c.preset + R"("})");
+    closeLid();
+    advance(4);
+    EXPECT_EQ(count("simctl shutdown all") - before, c.shutDown ? 1 : 0);
+    EXPECT_EQ(laptop().process(device) == nullptr, c.shutDown);
+    openLid();
+    engine().shutdown();
+    crash();
+    if (laptop().process(device)) laptop().endProcess(device);
+    if (runner) laptop().endProcess(runner);
+  }
+}
+
 // The selection itself, as a pure function.
 TEST(ClosedTargets, BackgroundClassesAndSkips) {
   TargetInputs in;
