@@ -13,6 +13,7 @@
 #include "agents/agent_events.h"
 #include "agents/agent_work.h"
 #include "app/commands.h"
+#include "closedlid/closed_lid.h"
 #include "commands/channel.h"
 #include "commands/command_center.h"
 #include "engine/engine.h"
@@ -232,12 +233,27 @@ int runApp(const std::vector<std::string>& args) {
   }
   ScheduledWakes wakes(*wakeScheduler, say);
   engine.addSlowJobs(&wakes);
+  // What the agents use is never slowed or paused while the lid is shut.
+  ClosedLid closedLid(engine, [&work, &engine] {
+    AgentProtection p;
+    p.pids = work.watcher().protectedPids();
+    p.bundles = work.watcher().protectedBundles();
+    const Time now = engine.now();
+    for (const AgentSession& s : work.sessions()) {
+      if (WorkDetection::busy(s, now)) {
+        p.activeAgent = s.kind.name;
+        break;
+      }
+    }
+    return p;
+  });
+  engine.setClosedLidSavings(&closedLid);
   std::string lastStatus, lastWarning, lastSetupError, lastSimProblem, lastWatchdogWarning;
   auto report = [&] {
     std::string status = engine.statusLine();
     if (status != lastStatus) say(status);
     lastStatus = status;
-    std::string warning = engine.warning().value_or("");
+    std::string warning = engine.warning().value_or(closedLid.warning().value_or(""));
     if (warning != lastWarning && !warning.empty()) say("warning: " + warning);
     lastWarning = warning;
     std::string setupError = engine.setupError().value_or("");
@@ -258,6 +274,7 @@ int runApp(const std::vector<std::string>& args) {
     }
   });
   engine.setChangeHandler(report);
+  closedLid.setNoticeHandler([](const Notice& n) { say(n.title + ": " + n.text); });
 
   bool quitting = false;
   auto quit = [&] {
@@ -292,6 +309,7 @@ int runApp(const std::vector<std::string>& args) {
   center.setApprove(&approve);
   center.addHandler("wake", [&](const nlohmann::json& args) { return wakes.wake(engine, args); });
   center.addHandler("wake_at", [&](const nlohmann::json& args) { return wakes.wakeAt(engine, args); });
+  center.setClosedLid(&closedLid);
   std::unique_ptr<Notifications> notifications;
   if (!options->preview) {
     notifications = makeSocketNotifications(folder, loop.get());

@@ -298,7 +298,7 @@ class Cli {
         {"open", &Cli::open},         {"snapshot", &Cli::snapshot}, {"island", &Cli::island},
         {"energy", &Cli::energy},     {"doctor", &Cli::doctor},    {"rescue", &Cli::rescue},
         {"connect", &Cli::connect},   {"prompt", &Cli::prompt},    {"mcp", &Cli::mcp},
-        {"event", &Cli::event},
+        {"event", &Cli::event},       {"apps", &Cli::apps},
         {"disconnect", &Cli::disconnect}, {"approve", &Cli::approve},
         // Not in the help: the one-time setup, and what the watchdog script runs.
         {"setup", &Cli::setup},       {"watchdog", &Cli::watchdog},
@@ -518,7 +518,16 @@ class Cli {
 
   int rule() {
     if (inv_.words.size() != 2) return usage("vigilo rule <app> leave|slow|pause");
-    return simple("rule", {{"app", inv_.words[0]}, {"rule", inv_.words[1]}});
+    json r = request("rule", {{"app", inv_.words[0]}, {"rule", inv_.words[1]}});
+    if (!isOk(r)) return failed(r);
+    if (inv_.has("--json")) {
+      out(r.dump(2));
+      return 0;
+    }
+    // "TextEdit (com.apple.TextEdit) while the lid is closed: pause (preset default)"
+    out(r.value("app", inv_.words[0]) + " (" + r.value("bundle_id", std::string()) + ") while the lid is closed: " +
+        r.value("rule", std::string()));
+    return 0;
   }
 
   int watchOrUnwatch(bool remove) {
@@ -615,6 +624,34 @@ class Cli {
     for (const auto& a : r["apps"]) {
       if (a.is_object()) out(appLine(a));
     }
+  }
+
+  // `vigilo apps`: what the closed-lid session slows or pauses right now,
+  // and what it has not put back yet.
+  int apps() {
+    json r = request("status");
+    if (!isOk(r)) return failed(r);
+    const json targeted = r.value("targeted", json::array());
+    const json unrestored = r.value("unrestored", json::array());
+    if (inv_.has("--json")) {
+      out(json{{"targeted", targeted}, {"unrestored", unrestored}}.dump(2));
+      return 0;
+    }
+    if (targeted.empty()) {
+      out(r.value("lid_closed", false) && r.value("keeping_awake", false)
+              ? "Nothing would be slowed or paused right now"
+              : "Nothing is slowed or paused: that happens while the lid is shut and the machine is held awake.");
+    }
+    for (const auto& t : targeted) {
+      if (!t.is_object()) continue;
+      out("  " + t.value("rule", std::string()) + "  " + t.value("name", std::string()) + " (pid " +
+          valueText(t.value("pid", json(0))) + ")");
+    }
+    if (!unrestored.empty()) {
+      out("not put back yet:");
+      for (const auto& u : unrestored) out("  " + valueText(u));
+    }
+    return 0;
   }
 
   int measure() {

@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include "agents/agent_work.h"
+#include "closedlid/app_lookup.h"
+#include "closedlid/closed_lid.h"
 #include "agents/careful_file.h"
 #include "commands/channel.h"
 #include "commands/settings_schema.h"
@@ -172,6 +174,7 @@ json CommandCenter::handle(const std::string& cmd, const json& args) {
     if (cmd == "hold") return hold(args);
     if (cmd == "release") return release(args);
     if (cmd == "preset") return preset(args);
+    if (cmd == "rule") return rule(args);
     if (cmd == "watch") return watch(args);
     if (cmd == "agent") return agent(args);
     if (cmd == "set") return set(args);
@@ -221,6 +224,28 @@ json CommandCenter::statusDictionary() {
   if (!warning) warning = e.setupError();
   json notPutBack = json::array();
   for (const auto& f : e.outstandingChanges()) notPutBack.push_back(f);
+  json unrestored = json::array();
+  json targeted = json::array();
+  if (closedLid_) {
+    for (const auto& name : closedLid_->unrestored()) unrestored.push_back(name);
+    for (const auto& [pid, t] : closedLid_->targeted()) {
+      targeted.push_back({{"pid", pid},
+                          {"name", t.name},
+                          {"bundle_id", t.bundleId ? json(*t.bundleId) : json(nullptr)},
+                          {"rule", std::string(toText(t.rule))}});
+    }
+    if (!warning) warning = closedLid_->warning();
+  }
+  json receipt = nullptr;
+  if (closedLid_ && closedLid_->receipt()) {
+    const Receipt& r = *closedLid_->receipt();
+    receipt = {{"closed_at", r.closedAt},
+               {"opened_at", timeOrNull(r.openedAt)},
+               {"start_percent", r.startPercent ? json(*r.startPercent) : json(nullptr)},
+               {"end_percent", r.endPercent ? json(*r.endPercent) : json(nullptr)},
+               {"agent", r.agentName ? json(*r.agentName) : json(nullptr)},
+               {"line", receiptLine(r)}};
+  }
   json unavailable = json::array();
   for (const Capability& cap : engine_.capabilities()) {
     if (!cap.available) unavailable.push_back({{"name", cap.name}, {"detail", cap.detail}});
@@ -285,6 +310,9 @@ json CommandCenter::statusDictionary() {
       {"menu_bar_title", e.menuBarTitle()},
       {"pending_release", e.pendingRelease()},
       {"not_put_back_yet", notPutBack},
+      {"unrestored", unrestored},
+      {"targeted", targeted},
+      {"receipt", receipt},
       {"unavailable", unavailable},
       {"platform", engine_.platform().name()},
   });
@@ -495,6 +523,32 @@ json CommandCenter::preset(const json& args) {
   c.preset = *p;
   saveFromOutside(c);
   return ok({{"preset", std::string(toText(engine_.config().preset))}});
+}
+
+json CommandCenter::rule(const json& args) {
+  auto app = textArg(args, "app");
+  auto text = textArg(args, "rule");
+  if (text && *text == "reset") text = "default";
+  std::optional<AppRule> wanted = text ? parseAppRule(*text) : std::nullopt;
+  if (!text || (!wanted && *text != "default")) return fail("rule must be leave, slow, pause or default");
+  if (!app || app->empty()) return fail("needs app");
+  auto found = findApp(engine_.platform(), *app);
+  if (!found) return fail("Couldn't find an app called " + *app);
+  if (!found->bundleId) return fail(found->name + " has no bundle id");
+  Config c = engine_.config();
+  if (wanted) {
+    c.appRules[*found->bundleId] = *wanted;
+  } else {
+    c.appRules.erase(*found->bundleId);
+  }
+  saveFromOutside(c);
+  // With the lid shut the new rule takes effect at once.
+  if (closedLid_ && closedLid_->sessionActive()) closedLid_->reapplyClosedState(std::nullopt);
+  const Config& now = engine_.config();
+  const bool own = now.appRules.count(*found->bundleId) > 0;
+  std::string inForce(toText(ruleFor(found->bundleId, now.preset, now.appRules)));
+  if (!own) inForce += " (preset default)";
+  return ok({{"app", found->name}, {"bundle_id", *found->bundleId}, {"rule", inForce}});
 }
 
 json CommandCenter::watch(const json& args) {

@@ -13,6 +13,7 @@ namespace vigilo {
 class AgentWork;
 class AutoApprove;
 class PowerWatch;
+class ClosedLid;
 }
 
 namespace vigilo {
@@ -53,6 +54,8 @@ class CommandCenter {
   void addHandler(const std::string& cmd, std::function<nlohmann::json(const nlohmann::json&)> fn) {
     extra_[cmd] = std::move(fn);
   }
+  // The closed-lid session, when the app runs one.
+  void setClosedLid(ClosedLid* closedLid) { closedLid_ = closedLid; }
 
   // Handles one request and gives the reply object.
   nlohmann::json handle(const std::string& cmd, const nlohmann::json& args);
@@ -76,6 +79,7 @@ class CommandCenter {
   nlohmann::json releaseOwn(const nlohmann::json& args);
   nlohmann::json releasePid(const nlohmann::json& args);
   nlohmann::json preset(const nlohmann::json& args);
+  nlohmann::json rule(const nlohmann::json& args);
   nlohmann::json watch(const nlohmann::json& args);
   nlohmann::json agent(const nlohmann::json& args);
   nlohmann::json set(const nlohmann::json& args);
@@ -93,6 +97,7 @@ class CommandCenter {
   const PowerWatch* power_ = nullptr;
   AutoApprove* approve_ = nullptr;
   std::map<std::string, std::function<nlohmann::json(const nlohmann::json&)>> extra_;
+  ClosedLid* closedLid_ = nullptr;
 };
 
 }  // namespace vigilo

@@ -78,6 +78,13 @@ Engine::~Engine() {
 
 Time Engine::now() const { return platform_.clock().now(); }
 
+std::optional<bool> Engine::readLid() {
+  auto lid = platform_.registry().lidClosed();
+  // A shut laptop driving an external screen is in use: it counts as open.
+  if (lid && *lid && platform_.displays().externalConnected()) return false;
+  return lid;
+}
+
 void Engine::tell(const std::string& title, const std::string& text) {
   if (notice_) notice_(Notice{Notice::Kind::Alert, title, text});
 }
@@ -147,8 +154,7 @@ void Engine::launch() {
     reloadConfigFromDisk();
   });
 
-  auto lid = platform_.registry().lidClosed();
-  lidClosed_ = lid.value_or(false);
+  lidClosed_ = readLid().value_or(false);
   readThermal();
   readBattery();
   if (power_) power_->sample(*this);
@@ -258,7 +264,7 @@ void Engine::tick() {
   ++ticks_;
 
   // Lid and closed-lid upkeep.
-  if (auto lid = platform_.registry().lidClosed(); lid && *lid != lidClosed_) lidChanged(*lid);
+  if (auto lid = readLid(); lid && *lid != lidClosed_) lidChanged(*lid);
   if (lidClosed_ && holding_ && closedLid_) closedLid_->reapply(*this, false);
 
   readThermal();
@@ -446,7 +452,7 @@ void Engine::evaluate() {
 
   // 9. Heat follow-up.
   if (holding_ && lidClosed_ && config_.heatGuard && thermal_ >= kSerious && closedLid_) {
-    closedLid_->reapply(*this, false);
+    closedLid_->reapply(*this, true);
   }
   if (heatForced_ && thermal_ < kSerious) heatForced_ = false;
   clearStaleWarnings();
@@ -781,6 +787,8 @@ std::vector<std::string> Engine::putBackRecords() {
     char* end = nullptr;
     double level = std::strtod(text->c_str(), &end);
     if (end != text->c_str() && std::isfinite(level)) {
+      // A session that began on a dark screen must not leave a black one.
+      if (level <= 0.02) level = 0.5;
       if (Result r = platform_.displays().setBrightness(std::clamp(level, 0.0, 1.0))) {
         files_.remove(kBrightnessRestoreFile);
       } else {

@@ -157,6 +157,8 @@ class Engine {
 
  private:
   void loadConfigAtLaunch();
+  // The lid as the closed-lid logic sees it (an external screen counts as open).
+  std::optional<bool> readLid();
   void writeConfig();
   void readBattery();
   void readThermal();

@@ -1,10 +1,17 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "platform/result.h"
 
 namespace vigilo {
+
+// The battery-power line of the power settings.
+struct PowerModeSetting {
+  std::string key;  // "lowpowermode" or "powermode"
+  int value = 0;
+};
 
 // Whether the one-time setup that allows the privileged power switches is in
 // working order. `reason` says in plain English what is wrong when not.
@@ -42,6 +49,21 @@ class PowerControl {
   virtual Result restorePowerMode(const std::string& key, int value) = 0;
   // Switches automatic backups on (true) or off.
   virtual Result setAutomaticBackups(bool enabled) = 0;
+
+  // --- What the lid-closed savings use. The defaults describe a machine
+  // that lacks the feature; a backend overrides what it offers.
+
+  // The battery power-mode setting as the system lists it: key
+  // ("lowpowermode" or "powermode") and value. Nothing where the machine has
+  // no such setting.
+  virtual std::optional<PowerModeSetting> batteryPowerMode() { return std::nullopt; }
+  // Sets the battery power mode to `value` (1: Low Power Mode). Putting the
+  // recorded value back goes through `restorePowerMode`.
+  virtual Result setPowerMode(const std::string& key, int value) { return restorePowerMode(key, value); }
+  // Whether automatic backups are on; nothing where the machine has none.
+  virtual std::optional<bool> automaticBackupsOn() { return std::nullopt; }
+  // Shuts every booted simulator down, without waiting for them.
+  virtual Result shutDownSimulators() { return Result::fail("This machine has no simulators to shut down."); }
 };
 
 // The built-in screen.
@@ -56,6 +78,25 @@ class Displays {
   virtual Result setBuiltInEnabled(bool enabled) = 0;
   // Sets the built-in screen's brightness, 0.0 ... 1.0.
   virtual Result setBrightness(double level) = 0;
+
+  // The built-in screen's brightness now, 0.0 ... 1.0; nothing when it
+  // can't be read.
+  virtual std::optional<double> brightness() { return std::nullopt; }
+  // Whether the machine has a built-in screen Vigilo can darken.
+  virtual bool hasBuiltIn() { return false; }
+  // Whether some online display is not the built-in one: a shut laptop
+  // driving an external screen is in use, not closed.
+  virtual bool externalConnected() { return false; }
+  // Whether the login session's screen is locked; nothing when unknown.
+  virtual std::optional<bool> sessionLocked() { return std::nullopt; }
+  // Puts the screen to sleep now, which locks the session as usual.
+  virtual Result lockScreen() { return Result::fail("This machine can't lock its screen on request."); }
+  // Takes (true) or releases the assertion that keeps the display from
+  // idling to sleep, which is what would lock the session.
+  virtual Result holdDisplayAwake(bool on) {
+    (void)on;
+    return Result::fail("This machine can't keep its display from idling to sleep.");
+  }
 };
 
 }  // namespace vigilo

@@ -24,6 +24,14 @@ struct ProcessInfo {
   bool stopped = false;            // stopped by a signal
 };
 
+// An application bundle: the ".app" folder, its bundle identifier when it
+// has one, and the name it is shown by.
+struct AppBundle {
+  std::string path;  // "/Applications/Spotify.app"
+  std::optional<std::string> bundleId;
+  std::string name;
+};
+
 // How much a listing reads of each process.
 enum class ProcessDetail {
   // What names a process: pid, ppid, startMicros, path and args. A backend
@@ -78,6 +86,22 @@ class Processes {
   // Lowers a process to background priority, and puts it back exactly.
   virtual Result slow(std::int32_t pid) = 0;
   virtual Result unslow(std::int32_t pid) = 0;
+
+  // The apps installed on the machine, for looking one up by name.
+  virtual std::vector<AppBundle> installedApps() { return {}; }
+  // The app a process belongs to where apps aren't bundle folders in the
+  // path (Linux desktop entries: `path` is the entry's file, `bundleId` its
+  // id); nothing otherwise.
+  virtual std::optional<AppBundle> appOf(const ProcessInfo& p) {
+    (void)p;
+    return std::nullopt;
+  }
+  // What the bundle at `bundlePath` says about itself; nothing when the
+  // backend knows no such bundle (the caller may then read it from disk).
+  virtual std::optional<AppBundle> appBundle(const std::string& bundlePath) {
+    (void)bundlePath;
+    return std::nullopt;
+  }
 };
 
 }  // namespace vigilo

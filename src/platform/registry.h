@@ -38,6 +38,7 @@ struct PowerAssertion {
   std::string name;                // "AssertName"
   std::optional<std::int32_t> onBehalfOf;  // "AssertionOnBehalfOfPID"
   std::optional<double> since;     // "AssertStartWhen", seconds since 1970
+  std::vector<std::string> resources;  // "ResourcesUsed" ("audio-out", ...)
 };
 
 // Read-only hardware state: the battery controller and the power-management

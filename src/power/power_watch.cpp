@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "agents/agent_work.h"
+#include "closedlid/targets.h"
 #include "engine/engine.h"
 
 namespace vigilo {
@@ -10,18 +11,6 @@ namespace {
 
 // The learned values go to disk every this many ticks (a minute).
 constexpr std::int64_t kSaveEvery = 30;
-
-AppRule presetRule(Preset p) {
-  switch (p) {
-    case Preset::MaxBattery:
-      return AppRule::Pause;
-    case Preset::Balanced:
-      return AppRule::Slow;
-    case Preset::FullSpeed:
-      return AppRule::Leave;
-  }
-  return AppRule::Slow;
-}
 
 }  // namespace
 
@@ -50,7 +39,7 @@ std::string PowerWatch::whileClosed(const Engine& engine, const AppUsage& app) c
   const Config& c = engine.config();
   auto own = c.appRules.find(app.name);
   if (own == c.appRules.end() && app.bundleID) own = c.appRules.find(*app.bundleID);
-  return std::string(toText(own != c.appRules.end() ? own->second : presetRule(c.preset)));
+  return std::string(toText(own != c.appRules.end() ? own->second : ruleFor(app.bundleID, c.preset, {})));
 }
 
 double PowerWatch::closedEstimate(const Engine& engine) const {

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "platform/files.h"
+#include "platform/linux/desktop_entries.h"
 #include "platform/linux/logind.h"
 #include "platform/linux/procfs_text.h"
 #include "platform/linux/sysfs_text.h"
@@ -373,9 +374,31 @@ class LinuxPower final : public PowerControl {
     return *probe_;  // the probe's descriptor closes here
   }
 
-  Result restorePowerMode(const std::string& key, int value) override {
-    return Result::fail("Power modes aren't available on Linux yet, so Vigilo can't put back \"" + key + " " +
-                        std::to_string(value) + "\".");
+  // Low Power Mode is a power-saver hold of power-profiles-daemon: the
+  // profile in force is read as "lowpowermode" 1 (power-saver) or 0.
+  std::optional<PowerModeSetting> batteryPowerMode() override {
+    auto profile = logind_.activeProfile();
+    if (!profile.ok()) return std::nullopt;
+    return PowerModeSetting{"lowpowermode", *profile.value == "power-saver" ? 1 : 0};
+  }
+  Result setPowerMode(const std::string& key, int value) override {
+    if (value != 1) return restorePowerMode(key, value);
+    if (profileHold_) return Result::ok();
+    auto hold = logind_.holdProfile("power-saver", "Saving power while the lid is shut", "vigilo");
+    if (!hold.ok()) return Result::fail("power-profiles-daemon didn't switch to power-saver: " + hold.message);
+    profileHold_ = *hold.value;
+    return Result::ok();
+  }
+  // The hold is the only change: releasing it puts back whatever profile
+  // was in force. A hold of an earlier run died with that run.
+  Result restorePowerMode(const std::string&, int) override {
+    if (!profileHold_) return Result::ok();
+    auto released = logind_.releaseProfile(*profileHold_);
+    if (!released.ok() && released.failure != BusFailure::NoLogind) {
+      return Result::fail("power-profiles-daemon didn't release Vigilo's power-saver hold: " + released.message);
+    }
+    profileHold_.reset();
+    return Result::ok();
   }
   Result setAutomaticBackups(bool) override {
     return Result::fail("Automatic backups (Time Machine) aren't available on Linux, so there is nothing to switch.");
@@ -390,6 +413,7 @@ class LinuxPower final : public PowerControl {
   Logind& logind_;
   SleepLock& lock_;
   Clock& clock_;
+  std::optional<std::uint32_t> profileHold_;
   std::optional<SetupStatus> probe_;
   double probedAt_ = 0.0;
 };
@@ -463,6 +487,31 @@ class LinuxDisplays final : public Displays {
   Result setBuiltInEnabled(bool) override {
     return Result::fail("Switching the built-in screen off and on isn't available on Linux yet.");
   }
+
+  bool hasBuiltIn() override { return tree_.backlight().has_value(); }
+  std::optional<double> brightness() override {
+    auto name = tree_.backlight();
+    if (!name) return std::nullopt;
+    auto now = tree_.read("/sys/class/backlight/" + *name + "/brightness");
+    auto max = tree_.read("/sys/class/backlight/" + *name + "/max_brightness");
+    if (!now || !max) return std::nullopt;
+    const auto nowValue = sysfsInteger(*now);
+    const auto maxValue = sysfsInteger(*max);
+    if (!nowValue || !maxValue || *maxValue < 1 || *nowValue < 0) return std::nullopt;
+    return std::clamp(static_cast<double>(*nowValue) / static_cast<double>(*maxValue), 0.0, 1.0);
+  }
+  std::optional<bool> sessionLocked() override {
+    auto locked = logind_.sessionLocked();
+    return locked.ok() ? locked.value : std::nullopt;
+  }
+  Result lockScreen() override {
+    auto answer = logind_.lockSession();
+    if (answer.ok()) return Result::ok();
+    return Result::fail("logind didn't lock the session: " + answer.message);
+  }
+  // The sleep switch's logind lock already blocks "idle" for as long as the
+  // machine is held, and a closed-lid session only runs while it is held.
+  Result holdDisplayAwake(bool) override { return Result::ok(); }
 
   Result setBrightness(double level) override {
     auto name = tree_.backlight();
@@ -593,6 +642,17 @@ int setPolicy(pid_t tid, int policy) {
 
 class LinuxProcesses final : public Processes {
  public:
+  // Read again at most once a minute: installing an app is rare, and the
+  // session asks on every tick.
+  const std::vector<DesktopEntry>& desktopEntries() {
+    const double now = clock_.monotonic();
+    if (!entriesRead_ || now - *entriesRead_ > 60.0 || now < *entriesRead_) {
+      entries_ = readDesktopEntries(xdgDataDirs());
+      entriesRead_ = now;
+    }
+    return entries_;
+  }
+
   LinuxProcesses(const SysTree& tree, Clock& clock, std::function<std::optional<double>()> draw)
       : tree_(tree), clock_(clock), draw_(std::move(draw)) {
     hz_ = ::sysconf(_SC_CLK_TCK);
@@ -706,6 +766,18 @@ class LinuxProcesses final : public Processes {
     auto cpu = cpuOf(pid, stat ? &*stat : nullptr);
     if (!cpu) return std::nullopt;
     return ProcessCounters{*cpu, energy_.energyOf(pid, known->second.startTicks, *cpu)};
+  }
+
+  // Apps are the desktop entries: the launcher's list of what a person runs.
+  std::vector<AppBundle> installedApps() override {
+    std::vector<AppBundle> out;
+    for (const DesktopEntry& e : desktopEntries()) out.push_back(AppBundle{e.path, e.id, e.name});
+    return out;
+  }
+  std::optional<AppBundle> appOf(const ProcessInfo& p) override {
+    const DesktopEntry* e = entryFor(desktopEntries(), p);
+    if (e == nullptr) return std::nullopt;
+    return AppBundle{e->path, e->id, e->name};
   }
 
   Result stop(std::int32_t pid) override { return signal(pid, SIGSTOP, "pause"); }
@@ -1008,6 +1080,8 @@ class LinuxProcesses final : public Processes {
   std::vector<std::pair<std::int32_t, ino_t>> folders_;
   std::optional<TaskStamp> lastTasks_;
   std::map<std::int32_t, SlowRecord> slowed_;
+  std::vector<DesktopEntry> entries_;
+  std::optional<double> entriesRead_;
 };
 
 // ---------------------------------------------------------------- events
@@ -1109,7 +1183,7 @@ class LinuxPlatformImpl final : public Platform {
   std::vector<Capability> capabilities() override {
     auto locks = logind_.listInhibitors();
     return {sleepSwitchCapability(locks), batteryCapability(),   lidCapability(),        thermalCapability(),
-            processesCapability(),        powerModeCapability(), screenCapability(locks)};
+            processesCapability(),        powerModeCapability(), screenCapability(locks), macOnlyCapability()};
   }
 
  private:
@@ -1215,9 +1289,22 @@ class LinuxPlatformImpl final : public Platform {
   }
 
   Capability powerModeCapability() {
-    return Capability{"power mode", false,
-                      "Power modes (power-profiles-daemon) aren't supported on Linux yet, so Vigilo leaves the power "
-                      "profile as it is."};
+    auto profile = logind_.activeProfile();
+    if (!profile.ok()) {
+      return Capability{"power mode", false,
+                        "power-profiles-daemon can't be reached (" + profile.message +
+                            "), so Vigilo leaves the power profile as it is while the lid is shut."};
+    }
+    return Capability{"power mode", true,
+                      "While the lid is shut Vigilo holds the power-saver profile (power-profiles-daemon); the hold "
+                      "ends with Vigilo, even if it crashes."};
+  }
+
+  // What a Mac has and Linux doesn't: said once, and skipped.
+  Capability macOnlyCapability() {
+    return Capability{"backups, simulators and previews", false,
+                      "Pausing Time Machine backups, simulators and Xcode previews while the lid is shut is a Mac "
+                      "feature; Linux has none of them, so Vigilo skips it."};
   }
 
   Capability screenCapability(const BusAnswer<std::vector<Inhibitor>>& bus) {

@@ -210,6 +210,117 @@ BusAnswer<bool> Logind::setBrightness(const std::string& subsystem, const std::s
   return a;
 }
 
+BusAnswer<bool> Logind::lockSession() {
+  BusAnswer<bool> a;
+  sd_bus* bus = connection(a.failure, a.message);
+  if (bus == nullptr) return a;
+  BusError error;
+  int r = sd_bus_call_method(bus, kService, kAutoSessionPath, kSession, "Lock", error.get(), nullptr, "");
+  if (r < 0) return failed<bool>(r, error.get(), "asking logind to lock the session");
+  a.value = true;
+  return a;
+}
+
+BusAnswer<bool> Logind::sessionLocked() {
+  BusAnswer<bool> a;
+  sd_bus* bus = connection(a.failure, a.message);
+  if (bus == nullptr) return a;
+  BusError error;
+  int locked = 0;
+  int r = sd_bus_get_property_trivial(bus, kService, kAutoSessionPath, kSession, "LockedHint", error.get(), 'b',
+                                      &locked);
+  if (r < 0) return failed<bool>(r, error.get(), "reading whether the session is locked");
+  a.value = locked != 0;
+  return a;
+}
+
+namespace {
+struct ProfilesService {
+  const char* name;
+  const char* path;
+};
+constexpr ProfilesService kProfileServices[] = {
+    {"org.freedesktop.UPower.PowerProfiles", "/org/freedesktop/UPower/PowerProfiles"},
+    {"net.hadess.PowerProfiles", "/net/hadess/PowerProfiles"},
+};
+}  // namespace
+
+BusAnswer<std::string> Logind::activeProfile() {
+  BusAnswer<std::string> a;
+  sd_bus* bus = connection(a.failure, a.message);
+  if (bus == nullptr) return a;
+  for (const ProfilesService& service : kProfileServices) {
+    BusError error;
+    sd_bus_message* raw = nullptr;
+    int r = sd_bus_call_method(bus, service.name, service.path, "org.freedesktop.DBus.Properties", "Get", error.get(),
+                               &raw, "ss", service.name, "ActiveProfile");
+    Message reply(raw);
+    if (r < 0) {
+      a = failed<std::string>(r, error.get(), "reading the power profile");
+      if (a.failure == BusFailure::NoLogind) continue;  // try the older name
+      return a;
+    }
+    const char* profile = nullptr;
+    if (sd_bus_message_enter_container(reply.get(), 'v', "s") < 0 || sd_bus_message_read(reply.get(), "s", &profile) < 0 ||
+        profile == nullptr) {
+      a.failure = BusFailure::Failed;
+      a.message = "power-profiles-daemon gave an unreadable profile";
+      return a;
+    }
+    profiles_ = &service - kProfileServices;
+    a.value = profile;
+    a.failure = BusFailure::None;
+    return a;
+  }
+  a.message = "power-profiles-daemon isn't running";
+  return a;
+}
+
+BusAnswer<std::uint32_t> Logind::holdProfile(const std::string& profile, const std::string& reason,
+                                             const std::string& applicationId) {
+  BusAnswer<std::uint32_t> a;
+  if (!profiles_ && !activeProfile().ok()) {
+    a.failure = BusFailure::NoLogind;
+    a.message = "power-profiles-daemon isn't running";
+    return a;
+  }
+  sd_bus* bus = connection(a.failure, a.message);
+  if (bus == nullptr) return a;
+  const ProfilesService& service = kProfileServices[*profiles_];
+  BusError error;
+  sd_bus_message* raw = nullptr;
+  int r = sd_bus_call_method(bus, service.name, service.path, service.name, "HoldProfile", error.get(), &raw, "sss",
+                             profile.c_str(), reason.c_str(), applicationId.c_str());
+  Message reply(raw);
+  if (r < 0) return failed<std::uint32_t>(r, error.get(), "holding the power profile");
+  std::uint32_t cookie = 0;
+  if (sd_bus_message_read(reply.get(), "u", &cookie) < 0) {
+    a.failure = BusFailure::Failed;
+    a.message = "power-profiles-daemon gave no hold cookie";
+    return a;
+  }
+  a.value = cookie;
+  return a;
+}
+
+BusAnswer<bool> Logind::releaseProfile(std::uint32_t cookie) {
+  BusAnswer<bool> a;
+  if (!profiles_) {
+    a.failure = BusFailure::NoLogind;
+    a.message = "power-profiles-daemon isn't running";
+    return a;
+  }
+  sd_bus* bus = connection(a.failure, a.message);
+  if (bus == nullptr) return a;
+  const ProfilesService& service = kProfileServices[*profiles_];
+  BusError error;
+  int r = sd_bus_call_method(bus, service.name, service.path, service.name, "ReleaseProfile", error.get(), nullptr,
+                             "u", cookie);
+  if (r < 0) return failed<bool>(r, error.get(), "releasing the power profile");
+  a.value = true;
+  return a;
+}
+
 void Logind::watchSleep(std::function<void(bool)> fn) {
   sleepHandler_ = std::move(fn);
   if (!sleepHandler_) {

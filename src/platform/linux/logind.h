@@ -2,6 +2,7 @@
 
 #include <systemd/sd-bus.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -68,6 +69,18 @@ class Logind {
   BusAnswer<bool> suspend();
   // Session.SetBrightness on the caller's session ("session/auto").
   BusAnswer<bool> setBrightness(const std::string& subsystem, const std::string& name, std::uint32_t value);
+  // Session.Lock and the session's LockedHint, on the caller's session.
+  BusAnswer<bool> lockSession();
+  BusAnswer<bool> sessionLocked();
+
+  // power-profiles-daemon on the same system bus (tried as
+  // org.freedesktop.UPower.PowerProfiles, then net.hadess.PowerProfiles).
+  // A hold lasts as long as this connection: it ends by itself when Vigilo
+  // dies, so a crash can never leave the profile changed.
+  BusAnswer<std::string> activeProfile();
+  BusAnswer<std::uint32_t> holdProfile(const std::string& profile, const std::string& reason,
+                                       const std::string& applicationId);
+  BusAnswer<bool> releaseProfile(std::uint32_t cookie);
 
   // Calls `fn(true)` when the machine is about to sleep and `fn(false)`
   // after it woke (Manager.PrepareForSleep), through the loop. An empty
@@ -94,6 +107,8 @@ class Logind {
 
   std::string address_;
   RunLoop& loop_;
+  // Which power-profiles service answered (an index of the names above).
+  std::optional<std::ptrdiff_t> profiles_;
   std::unique_ptr<sd_bus, BusCloser> bus_;
   std::unique_ptr<sd_bus_slot, SlotCloser> sleepSlot_;
   std::optional<WatchId> watch_;

@@ -33,6 +33,7 @@ constexpr double kMaxMilliampHours = 1e6;
 constexpr double kMaxMillivolts = 1e6;
 constexpr std::int64_t kMaxMilliamps = 1'000'000;
 constexpr std::size_t kAssertionLimit = 1000;
+constexpr std::size_t kAppLimit = 1000;
 // The controller adds SystemLoad to its accumulator about this often.
 constexpr double kAccumulatorPeriod = 30.0;
 constexpr std::int32_t kInitPid = 1;
@@ -62,6 +63,23 @@ std::uint64_t toMicros(Time t) {
 std::string baseNameOf(const std::string& path) {
   const auto slash = path.rfind('/');
   return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// "/Applications/Spotify.app" is "Spotify".
+std::string appNameOf(const std::string& bundlePath) {
+  std::string name = baseNameOf(bundlePath);
+  if (name.size() > 4 && name.compare(name.size() - 4, 4, ".app") == 0) name.resize(name.size() - 4);
+  return name;
+}
+
+json appsJson(const std::vector<AppBundle>& apps) {
+  json list = json::array();
+  for (const auto& a : apps) {
+    json e = {{"path", a.path}, {"name", a.name}};
+    if (a.bundleId) e["bundleId"] = *a.bundleId;
+    list.push_back(std::move(e));
+  }
+  return list;
 }
 
 std::string formatNumber(double v) {
@@ -153,6 +171,11 @@ struct SimLaptop::State {
   bool displayOn = true;
   double brightness = 1.0;
   bool automaticBackups = true;
+  bool builtIn = true;           // the machine has a built-in screen
+  bool externalDisplay = false;  // an external screen is connected
+  bool displayAssertion = false; // the display is kept from idling to sleep
+  bool locked = false;           // the login session's screen is locked
+  std::vector<AppBundle> apps;   // installed app bundles
   std::map<std::string, int> powerModes = {{"lowpowermode", 0}, {"powermode", 0}};
 
   std::vector<SimProcess> processes;  // sorted by pid
@@ -652,6 +675,81 @@ Result SimLaptop::setBrightness(double level) {
   return Result::ok();
 }
 
+std::optional<PowerModeSetting> SimLaptop::batteryPowerMode() const {
+  return PowerModeSetting{"lowpowermode", s_->powerModes.at("lowpowermode")};
+}
+
+Result SimLaptop::setDisplayAssertion(bool on) {
+  s_->record(on ? "display assertion on" : "display assertion off");
+  s_->displayAssertion = on;
+  s_->notify();
+  return Result::ok();
+}
+
+Result SimLaptop::lockScreen() {
+  s_->record("displaysleepnow");
+  s_->locked = true;
+  s_->notify();
+  return Result::ok();
+}
+
+Result SimLaptop::shutDownSimulators() {
+  s_->record("simctl shutdown all");
+  std::vector<std::int32_t> gone;
+  for (const auto& p : s_->processes) {
+    if (baseNameOf(p.path) == "launchd_sim") gone.push_back(p.pid);
+  }
+  for (std::int32_t pid : gone) endProcess(pid);
+  s_->notify();
+  return Result::ok();
+}
+
+void SimLaptop::setExternalDisplay(bool connected) {
+  s_->externalDisplay = connected;
+  s_->notify();
+}
+
+void SimLaptop::setDisplayAssertionGone() {
+  s_->displayAssertion = false;
+  s_->notify();
+}
+
+void SimLaptop::setLocked(bool locked) {
+  s_->locked = locked;
+  s_->notify();
+}
+
+void SimLaptop::setBuiltInPresent(bool present) {
+  s_->builtIn = present;
+  s_->notify();
+}
+
+void SimLaptop::setBackupsByUser(bool on) {
+  s_->automaticBackups = on;
+  s_->notify();
+}
+
+void SimLaptop::setLowPowerByUser(int value) {
+  s_->powerModes["lowpowermode"] = value;
+  s_->notify();
+}
+
+void SimLaptop::installApp(AppBundle app) {
+  std::erase_if(s_->apps, [&](const AppBundle& a) { return a.path == app.path; });
+  s_->apps.push_back(std::move(app));
+  s_->notify();
+}
+
+const std::vector<AppBundle>& SimLaptop::apps() const { return s_->apps; }
+bool SimLaptop::builtInPresent() const { return s_->builtIn; }
+bool SimLaptop::externalDisplay() const { return s_->externalDisplay; }
+bool SimLaptop::displayAssertion() const { return s_->displayAssertion; }
+bool SimLaptop::locked() const { return s_->locked; }
+int SimLaptop::powerMode(const std::string& key) const {
+  auto it = s_->powerModes.find(key);
+  return it == s_->powerModes.end() ? -1 : it->second;
+}
+
 Result SimLaptop::stop(std::int32_t pid) { return s_->control(Control::Stop, pid, clock_.now()); }
 Result SimLaptop::resume(std::int32_t pid) { return s_->control(Control::Resume, pid, clock_.now()); }
 Result SimLaptop::slow(std::int32_t pid) { return s_->control(Control::Slow, pid, clock_.now()); }
@@ -693,6 +791,7 @@ json SimLaptop::toJson() const {
     json e = {{"pid", a.pid}, {"processName", a.processName}, {"type", a.type}, {"name", a.name}};
     if (a.onBehalfOf) e["onBehalfOf"] = *a.onBehalfOf;
     if (a.since) e["since"] = *a.since;
+    if (!a.resources.empty()) e["resources"] = a.resources;
     assertions.push_back(std::move(e));
   }
   json modes = json::object();
@@ -703,7 +802,14 @@ json SimLaptop::toJson() const {
           {"thermal", s.thermal},
           {"sleepDisabled", s.sleepDisabled},
           {"refuse", {{"sleepOff", s.refuseOff}, {"sleepOn", s.refuseOn}}},
-          {"display", {{"on", s.displayOn}, {"brightness", s.brightness}}},
+          {"display",
+           {{"on", s.displayOn},
+            {"brightness", s.brightness},
+            {"builtIn", s.builtIn},
+            {"external", s.externalDisplay},
+            {"awakeAssertion", s.displayAssertion}}},
+          {"locked", s.locked},
+          {"apps", appsJson(s.apps)},
           {"automaticBackups", s.automaticBackups},
           {"powerModes", std::move(modes)},
           {"processes", std::move(processes)},
@@ -758,6 +864,23 @@ void SimLaptop::fromJson(const json& j) {
     const json& d = object(j, "display");
     if (auto v = boolean(d, "on")) s.displayOn = *v;
     if (auto v = numberIn(d, "brightness", 0.0, 1.0)) s.brightness = *v;
+    if (auto v = boolean(d, "builtIn")) s.builtIn = *v;
+    if (auto v = boolean(d, "external")) s.externalDisplay = *v;
+    if (auto v = boolean(d, "awakeAssertion")) s.displayAssertion = *v;
+  }
+  if (auto v = boolean(j, "locked")) s.locked = *v;
+  if (const json* list = member(j, "apps"); list != nullptr && list->is_array()) {
+    for (const auto& e : *list) {
+      if (!e.is_object() || s.apps.size() >= kAppLimit) continue;
+      auto path = text(e, "path");
+      if (!path || path->empty()) continue;
+      AppBundle a;
+      a.path = *path;
+      a.bundleId = text(e, "bundleId");
+      if (a.bundleId && a.bundleId->empty()) a.bundleId.reset();
+      a.name = text(e, "name").value_or(appNameOf(a.path));
+      s.apps.push_back(std::move(a));
+    }
   }
   if (auto v = boolean(j, "automaticBackups")) s.automaticBackups = *v;
   for (auto& [key, value] : s.powerModes) {
@@ -840,6 +963,10 @@ void SimLaptop::fromJson(const json& j) {
       if (auto v = numberIn(e, "onBehalfOf", 1, std::numeric_limits<std::int32_t>::max()))
         a.onBehalfOf = static_cast<std::int32_t>(*v);
       a.since = number(e, "since");
+      if (const json* res = member(e, "resources"); res != nullptr && res->is_array()) {
+        for (const auto& r : *res)
+          if (r.is_string()) a.resources.push_back(r.get<std::string>());
+      }
       s.assertions.push_back(std::move(a));
     }
   }

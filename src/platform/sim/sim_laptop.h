@@ -91,6 +91,18 @@ class SimLaptop {
   // Releases the assertions of `pid` named `name`, or all of them when
   // `name` is empty; false when there was none.
   bool removePowerAssertion(std::int32_t pid, const std::string& name = {});
+  // An external screen is plugged in or out; the session locks or unlocks;
+  // the machine has a built-in screen or not.
+  void setExternalDisplay(bool connected);
+  void setLocked(bool locked);
+  void setBuiltInPresent(bool present);
+  // The person switches backups or Low Power Mode themselves (not logged).
+  void setBackupsByUser(bool on);
+  void setLowPowerByUser(int value);
+  // Installs an app bundle (replacing one at the same path).
+  void installApp(AppBundle app);
+  // The app holding the display assertion is gone, and the assertion with it.
+  void setDisplayAssertionGone();
 
   // Called after every change made through the methods above and below and
   // after `fromJson`, not when the battery merely moves with time: the
@@ -112,7 +124,8 @@ class SimLaptop {
   // Every privileged operation asked for, in order, as short text:
   // "disablesleep 1", "disablesleep 0", "sleepnow", "powermode <key> <v>",
   // "backups on|off", "display on|off", "brightness <v>", "stop <pid>",
-  // "resume <pid>", "slow <pid>", "unslow <pid>"; refused ones end in
+  // "resume <pid>", "slow <pid>", "unslow <pid>", "display assertion
+  // on|off", "displaysleepnow", "simctl shutdown all"; refused ones end in
   // " (refused)".
   const std::vector<std::string>& commandLog() const;
   // How many operations were asked for since the start; the log above keeps
@@ -122,6 +135,13 @@ class SimLaptop {
   bool builtInDisplayOn() const;
   double brightness() const;
   bool automaticBackups() const;
+  const std::vector<AppBundle>& apps() const;
+  bool builtInPresent() const;
+  bool externalDisplay() const;
+  bool displayAssertion() const;
+  bool locked() const;
+  // A battery power-mode setting's value; -1 for an unknown key.
+  int powerMode(const std::string& key) const;
 
   // --- The privileged operations (what the platform interfaces forward to).
   Result setSleepDisabled(bool disabled);
@@ -131,6 +151,10 @@ class SimLaptop {
   Result setAutomaticBackups(bool enabled);
   Result setBuiltInDisplay(bool on);
   Result setBrightness(double level);
+  std::optional<PowerModeSetting> batteryPowerMode() const;
+  Result setDisplayAssertion(bool on);
+  Result lockScreen();
+  Result shutDownSimulators();
   Result stop(std::int32_t pid);
   Result resume(std::int32_t pid);
   Result slow(std::int32_t pid);

@@ -297,6 +297,11 @@ class SimPower final : public PowerControl {
   Result setAutomaticBackups(bool enabled) override {
     return change_([enabled](SimLaptop& l) { return l.setAutomaticBackups(enabled); });
   }
+  std::optional<PowerModeSetting> batteryPowerMode() override { return laptop_.batteryPowerMode(); }
+  std::optional<bool> automaticBackupsOn() override { return laptop_.automaticBackups(); }
+  Result shutDownSimulators() override {
+    return change_([](SimLaptop& l) { return l.shutDownSimulators(); });
+  }
 
  private:
   std::function<Result(const Change&)> change_;
@@ -305,7 +310,20 @@ class SimPower final : public PowerControl {
 
 class SimDisplays final : public Displays {
  public:
-  explicit SimDisplays(std::function<Result(const Change&)> change) : change_(std::move(change)) {}
+  SimDisplays(std::function<Result(const Change&)> change, SimLaptop& l) : change_(std::move(change)), laptop_(l) {}
+  std::optional<double> brightness() override {
+    if (!laptop_.builtInPresent()) return std::nullopt;
+    return laptop_.brightness();
+  }
+  bool hasBuiltIn() override { return laptop_.builtInPresent(); }
+  bool externalConnected() override { return laptop_.externalDisplay(); }
+  std::optional<bool> sessionLocked() override { return laptop_.locked(); }
+  Result lockScreen() override {
+    return change_([](SimLaptop& l) { return l.lockScreen(); });
+  }
+  Result holdDisplayAwake(bool on) override {
+    return change_([on](SimLaptop& l) { return l.setDisplayAssertion(on); });
+  }
   Result setBuiltInEnabled(bool enabled) override {
     return change_([enabled](SimLaptop& l) { return l.setBuiltInDisplay(enabled); });
   }
@@ -315,6 +333,7 @@ class SimDisplays final : public Displays {
 
  private:
   std::function<Result(const Change&)> change_;
+  SimLaptop& laptop_;
 };
 
 class SimProcesses final : public Processes {
@@ -357,6 +376,13 @@ class SimProcesses final : public Processes {
   }
   Result unslow(std::int32_t pid) override {
     return change_([pid](SimLaptop& l) { return l.unslow(pid); });
+  }
+  std::vector<AppBundle> installedApps() override { return laptop_.apps(); }
+  std::optional<AppBundle> appBundle(const std::string& bundlePath) override {
+    for (const AppBundle& a : laptop_.apps()) {
+      if (a.path == bundlePath) return a;
+    }
+    return std::nullopt;
   }
 
  private:
@@ -405,7 +431,7 @@ class SimPlatformImpl final : public SimPlatform {
         laptop_(clock),
         registry_(laptop_),
         power_([this](const Change& c) { return change(c); }, laptop_),
-        displays_([this](const Change& c) { return change(c); }),
+        displays_([this](const Change& c) { return change(c); }, laptop_),
         processes_([this](const Change& c) { return change(c); }, laptop_, options_.hostProcess) {
     if (!options_.stateFile.empty()) {
       FileLock lock(options_.stateFile);
@@ -413,6 +439,9 @@ class SimPlatformImpl final : public SimPlatform {
       if (syncLocked(true) == Sync::Missing && lock.held()) writeLocked();
       if (!lock.held()) problem_ = lockedText(options_.stateFile);
     }
+    // A display assertion dies with the app that took it: whoever ran the
+    // laptop before is gone.
+    if (laptop_.displayAssertion()) laptop_.setDisplayAssertionGone();
     thermal_ = laptop_.thermalState();
     adapter_ = adapter();
     laptop_.setObserver([this] { noticeEvents(); });

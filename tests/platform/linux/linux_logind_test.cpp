@@ -479,12 +479,13 @@ TEST_F(LinuxLogindTest, SuspendAndBrightnessGoThroughLogind) {
       mock_->calls("SetBrightness", session.c_str()),
       (std::vector<std::vector<std::string>>{{"backlight", "acpi_video0", "8"}, {"backlight", "acpi_video0", "15"}}));
   EXPECT_FALSE(p->displays().setBuiltInEnabled(false));
-  EXPECT_FALSE(p->power().restorePowerMode("lowpowermode", 1));
+  // Without a power-saver hold of its own there is nothing to put back.
+  EXPECT_TRUE(p->power().restorePowerMode("lowpowermode", 1));
 }
 
 TEST_F(LinuxLogindTest, CapabilitiesNameEveryFeatureAndWhatIsMissing) {
   const std::vector<std::string> names{"sleep switch", "battery",    "lid",   "thermal",
-                                       "processes",    "power mode", "screen"};
+                                       "processes",    "power mode", "screen", "backups, simulators and previews"};
   auto names_of = [](const std::vector<Capability>& caps) {
     std::vector<std::string> out;
     for (const auto& c : caps) out.push_back(c.name);
@@ -510,7 +511,10 @@ TEST_F(LinuxLogindTest, CapabilitiesNameEveryFeatureAndWhatIsMissing) {
   auto laptop = platform();
   caps = laptop->capabilities();
   EXPECT_EQ(names_of(caps), names);
-  for (const auto& c : caps) EXPECT_EQ(c.available, c.name != "power mode") << c.name << ": " << c.detail;
+  for (const auto& c : caps) {
+    EXPECT_EQ(c.available, c.name != "power mode" && c.name != "backups, simulators and previews")
+        << c.name << ": " << c.detail;
+  }
   EXPECT_EQ(capability(caps, "lid")->detail, "The lid is read from /proc/acpi/button/lid/LID0/state.");
 }
 
@@ -534,6 +538,89 @@ TEST_F(LinuxLogindTest, KillingTheAppReleasesItsLock) {
   app.signal(SIGKILL);
   EXPECT_EQ(app.wait(5s), 128 + SIGKILL);
   EXPECT_TRUE(waitFor([&] { return mock_->inhibitors().empty(); }, 5s));
+}
+
+// The arguments of every call of `method` on the power-profiles mock, by
+// their text; numbers as decimal text.
+std::vector<std::vector<std::string>> profileCalls(const std::string& address, const char* method) {
+  sd_bus* raw = nullptr;
+  sd_bus_new(&raw);
+  std::unique_ptr<sd_bus, BusUnref> bus(raw);
+  sd_bus_set_address(raw, address.c_str());
+  sd_bus_set_bus_client(raw, 1);
+  std::vector<std::vector<std::string>> out;
+  if (sd_bus_start(raw) < 0) return out;
+  sd_bus_message* reply = nullptr;
+  if (sd_bus_call_method(raw, "net.hadess.PowerProfiles", "/net/hadess/PowerProfiles", kMock, "GetMethodCalls",
+                         nullptr, &reply, "s", method) < 0) {
+    return out;
+  }
+  Message r(reply);
+  sd_bus_message_enter_container(reply, 'a', "(tav)");
+  while (sd_bus_message_enter_container(reply, 'r', "tav") > 0) {
+    std::uint64_t when = 0;
+    sd_bus_message_read(reply, "t", &when);
+    sd_bus_message_enter_container(reply, 'a', "v");
+    std::vector<std::string> args;
+    char type = 0;
+    const char* contents = nullptr;
+    while (sd_bus_message_peek_type(reply, &type, &contents) > 0) {
+      sd_bus_message_enter_container(reply, 'v', contents);
+      if (contents[0] == 's') {
+        const char* text = nullptr;
+        sd_bus_message_read(reply, "s", &text);
+        args.emplace_back(text);
+      } else {
+        std::uint32_t u = 0;
+        sd_bus_message_read(reply, "u", &u);
+        args.push_back(std::to_string(u));
+      }
+      sd_bus_message_exit_container(reply);
+    }
+    sd_bus_message_exit_container(reply);
+    sd_bus_message_exit_container(reply);
+    out.push_back(std::move(args));
+  }
+  return out;
+}
+
+TEST_F(LinuxLogindTest, LowPowerIsAPowerSaverHoldTakenOnceAndReleased) {
+  auto p = platform();
+  EXPECT_FALSE(p->power().batteryPowerMode()) << "no power-profiles-daemon: no power mode to read";
+  const int log = ::open((dir_.path() + "/ppd.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  pid_t ppd = spawn({"/usr/bin/python3", "-m", "dbusmock", "--template", "power_profiles_daemon"}, log, log,
+                    {"DBUS_SYSTEM_BUS_ADDRESS=" + mock_->address()});
+  ::close(log);
+  ASSERT_TRUE(waitFor([&] { return p->power().batteryPowerMode().has_value(); }, 20s))
+      << readFile(dir_.path() + "/ppd.log");
+  EXPECT_EQ(p->power().batteryPowerMode()->key, "lowpowermode");
+  EXPECT_EQ(p->power().batteryPowerMode()->value, 0);
+
+  ASSERT_TRUE(p->power().setPowerMode("lowpowermode", 1));
+  ASSERT_TRUE(p->power().setPowerMode("lowpowermode", 1));  // already held: no second hold
+  using Calls = std::vector<std::vector<std::string>>;
+  EXPECT_EQ(profileCalls(mock_->address(), "HoldProfile"),
+            (Calls{{"power-saver", "Saving power while the lid is shut", "vigilo"}}));
+  ASSERT_TRUE(p->power().restorePowerMode("lowpowermode", 0));
+  EXPECT_EQ(profileCalls(mock_->address(), "ReleaseProfile"), (Calls{{"1"}}));
+  ASSERT_TRUE(p->power().restorePowerMode("lowpowermode", 0));
+  EXPECT_EQ(profileCalls(mock_->address(), "ReleaseProfile").size(), 1u) << "released exactly once";
+  EXPECT_TRUE(capability(p->capabilities(), "power mode")->available);
+  endChild(ppd);
+}
+
+TEST_F(LinuxLogindTest, TheScreenLocksAndReadsItsBrightnessThroughLogindAndSysfs) {
+  putAll({{"/sys/class/backlight/acpi_video0/type", "firmware\n"},
+          {"/sys/class/backlight/acpi_video0/max_brightness", "15\n"},
+          {"/sys/class/backlight/acpi_video0/brightness", "6\n"}});
+  const std::string session = "/org/freedesktop/login1/session/auto";
+  mock_->addObject(session, "org.freedesktop.login1.Session");
+  mock_->addMethod("org.freedesktop.login1.Session", "Lock", "", "", "", session.c_str());
+  auto p = platform();
+  EXPECT_TRUE(p->displays().hasBuiltIn());
+  EXPECT_EQ(p->displays().brightness(), 0.4);
+  ASSERT_TRUE(p->displays().lockScreen());
+  EXPECT_EQ(mock_->calls("Lock", session.c_str()).size(), 1u);
 }
 
 }  // namespace

@@ -1,0 +1,349 @@
+#include "closedlid/closed_lid.h"
+
+#include <map>
+
+#include "engine/engine_fixture.h"
+
+namespace vigilo::test {
+namespace {
+
+// Given the simulated laptop with a music player, an editor (with a helper
+// inside its bundle), a container engine and a chat app installed and
+// running, and a session that holds the laptop awake.
+class ClosedLidTest : public EngineTest {
+ protected:
+  ClosedLidTest() {
+    auto app = [&](const std::string& name, const std::string& id) {
+      const std::string bundle = "/Applications/" + name + ".app";
+      laptop().installApp(AppBundle{bundle, id, name});
+      return laptop().startProcess(bundle + "/Contents/MacOS/" + name);
+    };
+    music = app("Spotify", "com.spotify.client");
+    editor = app("TextEdit", "com.apple.TextEdit");
+    helper = laptop().startProcess("/Applications/TextEdit.app/Contents/XPCServices/helper", {}, editor);
+    docker = app("Docker", "com.docker.docker");
+    chat = app("Slack", "com.tinyspeck.slackmacgap");
+  }
+
+  Engine& start(const std::string& config = R"({"mode": "on"})") {
+    writeConfig(config);
+    engine_ = std::make_unique<Engine>(*sim_, folder_);
+    closedLid_ = std::make_unique<ClosedLid>(*engine_, [this] { return protection; });
+    engine_->setWorkSource(&work_);
+    engine_->setClosedLidSavings(closedLid_.get());
+    closedLid_->setNoticeHandler([this](const Notice& n) { notices_.push_back(n.title + ": " + n.text); });
+    engine_->launch();
+    return *engine_;
+  }
+  // The engine dies without putting anything back.
+  void crash() {
+    closedLid_.reset();
+    engine_.reset();
+  }
+  void closeLid() {
+    laptop().setLidClosed(true);
+    advance(2);
+  }
+  void openLid() {
+    laptop().setLidClosed(false);
+    advance(2);
+  }
+  // "paused", "slowed" or "running".
+  std::string state(std::int32_t pid) {
+    const SimProcess* p = laptop().process(pid);
+    if (p == nullptr) return "gone";
+    return p->stopped ? "paused" : p->slowed ? "slowed" : "running";
+  }
+  std::map<std::int32_t, std::string> states() {
+    return {{music, state(music)}, {editor, state(editor)}, {helper, state(helper)},
+            {docker, state(docker)}, {chat, state(chat)}};
+  }
+  bool recordsEmpty() {
+    for (const char* f : {"touched.json", "resume-pids", "powermode-restore", "timemachine-restore",
+                          "brightness-restore", "display-off"}) {
+      if (files().exists(f)) return false;
+    }
+    return true;
+  }
+
+  std::int32_t music = 0, editor = 0, helper = 0, docker = 0, chat = 0;
+  AgentProtection protection;
+  std::unique_ptr<ClosedLid> closedLid_;
+};
+
+TEST_F(ClosedLidTest, EachPresetAndRuleChangesExactlyItsApps) {
+  struct Case {
+    const char* config;
+    std::map<std::string, std::string> expected;  // by app
+  };
+  const std::vector<Case> cases = {
+      {R"({"mode": "on", "preset": "max_battery"})",
+       {{"music", "running"}, {"editor", "paused"}, {"helper", "paused"}, {"docker", "slowed"}, {"chat", "paused"}}},
+      {R"({"mode": "on", "preset": "max_battery", "appRules": {"com.tinyspeck.slackmacgap": "leave"}})",
+       {{"music", "running"}, {"editor", "paused"}, {"helper", "paused"}, {"docker", "slowed"}, {"chat", "running"}}},
+      {R"({"mode": "on", "preset": "balanced"})",
+       {{"music", "slowed"}, {"editor", "slowed"}, {"helper", "slowed"}, {"docker", "slowed"}, {"chat", "slowed"}}},
+      {R"({"mode": "on", "preset": "full_speed"})",
+       {{"music", "running"}, {"editor", "running"}, {"helper", "running"}, {"docker", "running"}, {"chat", "running"}}},
+      {R"({"mode": "on", "preset": "full_speed", "appRules": {"com.apple.TextEdit": "pause", "com.spotify.client": "slow"}})",
+       {{"music", "slowed"}, {"editor", "paused"}, {"helper", "paused"}, {"docker", "running"}, {"chat", "running"}}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.config);
+    start(c.config);
+    closeLid();
+    const std::map<std::string, std::string> got = {{"music", state(music)},   {"editor", state(editor)},
+                                                    {"helper", state(helper)}, {"docker", state(docker)},
+                                                    {"chat", state(chat)}};
+    EXPECT_EQ(got, c.expected);
+    openLid();
+    for (const auto& [pid, s] : states()) EXPECT_EQ(s, "running") << pid;
+    EXPECT_TRUE(recordsEmpty());
+    engine().shutdown();
+    crash();
+  }
+}
+
+TEST_F(ClosedLidTest, ClosedSessionDarkensAndSavesThenPutsAllBackWhenTheLidOpens) {
+  // Given backups on, Low Power Mode off and a bright screen.
+  laptop().setBrightness(0.8);
+  start(R"({"mode": "on", "preset": "max_battery", "pauseTimeMachine": true})");
+  closeLid();
+  EXPECT_EQ(laptop().brightness(), 0.0);
+  EXPECT_TRUE(laptop().displayAssertion());
+  EXPECT_EQ(laptop().powerMode("lowpowermode"), 1);
+  EXPECT_FALSE(laptop().automaticBackups());
+  EXPECT_EQ(files().read("powermode-restore").value_or(""), "lowpowermode 0\n");
+  EXPECT_TRUE(files().exists("timemachine-restore"));
+  EXPECT_NE(files().read("resume-pids").value_or("").find(std::to_string(editor) + "\t/Applications/TextEdit.app"),
+            std::string::npos);
+  EXPECT_TRUE(closedLid_->unrestored().empty()) << "nothing is 'unrestored' during a session";
+
+  // A re-application every tick changes nothing more.
+  const auto before = laptop().commandCount();
+  advance(10);
+  EXPECT_EQ(laptop().commandCount(), before);
+
+  // The poll notices the lid opening within half a second.
+  laptop().setLidClosed(false);
+  advance(0.5);
+  EXPECT_EQ(laptop().brightness(), 0.8);
+  EXPECT_FALSE(laptop().displayAssertion());
+  EXPECT_EQ(laptop().powerMode("lowpowermode"), 0);
+  EXPECT_TRUE(laptop().automaticBackups());
+  for (const auto& [pid, s] : states()) EXPECT_EQ(s, "running") << pid;
+  EXPECT_TRUE(recordsEmpty());
+  ASSERT_FALSE(notices_.empty());
+  EXPECT_EQ(notices_.back().rfind("Welcome back: Stayed awake ", 0), 0u) << notices_.back();
+}
+
+TEST_F(ClosedLidTest, TheSessionEndsWithTheHoldAndAtQuit) {
+  start(R"({"mode": "on", "preset": "balanced"})");
+  closeLid();
+  ASSERT_EQ(state(editor), "slowed");
+  engine().setMode(Mode::Off);
+  EXPECT_EQ(state(editor), "running");
+  EXPECT_TRUE(recordsEmpty());
+  // A hold starting while the lid is still shut starts a session again.
+  engine().addHold("training", std::nullopt, std::nullopt, std::nullopt);
+  EXPECT_EQ(state(editor), "slowed");
+  engine().shutdown();
+  EXPECT_EQ(state(editor), "running");
+  EXPECT_TRUE(recordsEmpty());
+  EXPECT_FALSE(files().exists("alive"));
+}
+
+TEST_F(ClosedLidTest, ACrashMidSessionIsPutBackAtTheNextLaunch) {
+  laptop().setBrightness(0.01);
+  start(R"({"mode": "on", "preset": "max_battery", "pauseTimeMachine": true, "screenOffNoLock": true})");
+  closeLid();
+  ASSERT_EQ(state(editor), "paused");
+  ASSERT_FALSE(laptop().builtInDisplayOn());
+  crash();
+  openLid();
+  start(R"({"mode": "off"})");
+  for (const auto& [pid, s] : states()) EXPECT_EQ(s, "running") << pid;
+  EXPECT_TRUE(laptop().builtInDisplayOn());
+  EXPECT_EQ(laptop().brightness(), 0.5) << "a dark screen at the start never comes back black";
+  EXPECT_EQ(laptop().powerMode("lowpowermode"), 0);
+  EXPECT_TRUE(laptop().automaticBackups());
+  EXPECT_TRUE(recordsEmpty());
+}
+
+TEST_F(ClosedLidTest, AReusedPidIsNeverSignalled) {
+  start(R"({"mode": "on", "preset": "max_battery"})");
+  closeLid();
+  ASSERT_EQ(state(chat), "paused");
+  // The paused app dies and a stranger gets its pid.
+  laptop().endProcess(chat);
+  const auto stranger = laptop().startProcess("/usr/local/bin/other", {}, 1, chat);
+  laptop().stop(stranger);  // someone else's pause
+  openLid();
+  EXPECT_EQ(state(stranger), "paused");
+  const auto& log = laptop().commandLog();
+  EXPECT_EQ(std::count(log.begin(), log.end(), "resume " + std::to_string(chat)), 0);
+  EXPECT_TRUE(recordsEmpty());
+}
+
+TEST_F(ClosedLidTest, ProtectedProcessesAndAnExternalScreenAreLeftAlone) {
+  protection.bundles = {"/Applications/Docker.app"};
+  // An agent running in a terminal app: the terminal (and its other
+  // processes) carries the agent's output and must keep running.
+  laptop().installApp(AppBundle{"/Applications/iTerm.app", "com.googlecode.iterm2", "iTerm"});
+  const auto terminal = laptop().startProcess("/Applications/iTerm.app/Contents/MacOS/iTerm2");
+  const auto terminalHelper = laptop().startProcess("/Applications/iTerm.app/Contents/MacOS/helper");
+  const auto shell = laptop().startProcess("/bin/zsh", {}, terminal);
+  protection.pids = {laptop().startProcess("/usr/local/bin/claude", {}, shell)};
+  start(R"({"mode": "off", "preset": "max_battery"})");
+  // A hold bound to the editor protects it and its helper.
+  engine().addHold("editing", std::nullopt, editor, std::nullopt);
+  laptop().setExternalDisplay(true);
+  closeLid();
+  EXPECT_FALSE(engine().lidClosed()) << "a shut laptop driving a screen is in use";
+  EXPECT_EQ(state(chat), "running");
+  laptop().setExternalDisplay(false);
+  advance(2);
+  ASSERT_TRUE(engine().lidClosed());
+  EXPECT_EQ(state(chat), "paused");
+  EXPECT_EQ(state(editor), "running");
+  EXPECT_EQ(state(helper), "running");
+  EXPECT_EQ(state(docker), "running") << "what an agent uses is never slowed";
+  EXPECT_EQ(state(terminal), "running");
+  EXPECT_EQ(state(terminalHelper), "running");
+  EXPECT_EQ(state(shell), "running");
+}
+
+TEST_F(ClosedLidTest, HeatMakesTheTargetsStrictest) {
+  start(R"({"mode": "on", "preset": "balanced"})");
+  closeLid();
+  ASSERT_EQ(state(editor), "slowed");
+  laptop().setThermalState(2);
+  advance(2);
+  EXPECT_EQ(state(editor), "paused");
+  EXPECT_EQ(state(music), "running");
+  EXPECT_EQ(state(docker), "slowed");
+  // Once cool again the configured preset comes back, each change once.
+  laptop().setThermalState(0);
+  advance(2);
+  EXPECT_EQ(state(editor), "slowed");
+  EXPECT_EQ(state(music), "slowed");
+  const auto& log = laptop().commandLog();
+  EXPECT_EQ(std::count(log.begin(), log.end(), "stop " + std::to_string(editor)), 1);
+}
+
+TEST_F(ClosedLidTest, WhatThePersonSetThemselvesIsNeitherRecordedNorUndone) {
+  laptop().setLowPowerByUser(1);
+  laptop().setBackupsByUser(false);
+  start(R"({"mode": "on", "pauseTimeMachine": true})");
+  closeLid();
+  EXPECT_FALSE(files().exists("powermode-restore"));
+  EXPECT_FALSE(files().exists("timemachine-restore"));
+  openLid();
+  EXPECT_EQ(laptop().powerMode("lowpowermode"), 1);
+  EXPECT_FALSE(laptop().automaticBackups());
+}
+
+TEST_F(ClosedLidTest, ScreenModes) {
+  // lockOnClose: the screen sleeps and locks; nothing else is touched.
+  start(R"({"mode": "on", "lockOnClose": true, "preset": "full_speed"})");
+  closeLid();
+  EXPECT_TRUE(laptop().locked());
+  EXPECT_FALSE(laptop().displayAssertion());
+  EXPECT_EQ(laptop().brightness(), 1.0);
+  openLid();
+  engine().shutdown();
+  crash();
+
+  // Switching the screen off locks this laptop within 12 s: back to the
+  // dark screen for good, with a warning.
+  laptop().setLocked(false);
+  start(R"({"mode": "on", "screenOffNoLock": true, "preset": "full_speed"})");
+  closeLid();
+  ASSERT_FALSE(laptop().builtInDisplayOn());
+  laptop().setLocked(true);
+  advance(6);
+  EXPECT_TRUE(laptop().builtInDisplayOn());
+  EXPECT_FALSE(engine().config().screenOffNoLock);
+  EXPECT_EQ(laptop().brightness(), 0.0);
+  ASSERT_TRUE(closedLid_->warning());
+  EXPECT_NE(closedLid_->warning()->find("went back to the dark screen"), std::string::npos);
+}
+
+TEST_F(ClosedLidTest, BootedSimulatorsAreShutDownOnceUnlessTestsRun) {
+  struct Case {
+    bool testsRunning;
+    const char* preset;
+    bool shutDown;
+  } cases[] = {{false, "balanced", true}, {true, "balanced", false}, {false, "full_speed", false}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.preset) + (c.testsRunning ? " with tests" : ""));
+    const auto device = laptop().startProcess("/Library/Developer/CoreSimulator/launchd_sim");
+    const auto runner = c.testsRunning ? laptop().startProcess("/tmp/AppUITests-Runner") : 0;
+    const long before = count("simctl shutdown all");
+    start(std::string(R"({"mode": "on", "shutDownSimulators": true, "preset": ")") + c.preset + R"("})");
+    closeLid();
+    advance(4);
+    EXPECT_EQ(count("simctl shutdown all") - before, c.shutDown ? 1 : 0);
+    EXPECT_EQ(laptop().process(device) == nullptr, c.shutDown);
+    openLid();
+    engine().shutdown();
+    crash();
+    if (laptop().process(device)) laptop().endProcess(device);
+    if (runner) laptop().endProcess(runner);
+  }
+}
+
+// The selection itself, as a pure function.
+TEST(ClosedTargets, BackgroundClassesAndSkips) {
+  TargetInputs in;
+  auto proc = [&](std::int32_t pid, const std::string& path, std::int32_t ppid = 1) {
+    ProcessInfo p;
+    p.pid = pid;
+    p.ppid = ppid;
+    p.startMicros = 1000 + static_cast<std::uint64_t>(pid);
+    p.path = path;
+    in.processes.push_back(p);
+  };
+  proc(10, "/Applications/Xcode.app/Contents/Developer/Applications/Simulator.app/Contents/MacOS/Simulator");
+  proc(11, "/Library/Developer/CoreSimulator/launchd_sim");
+  proc(12, "/usr/local/bin/player");
+  proc(13, "/usr/sbin/coreaudiod");
+  proc(14, "/usr/bin/clang");
+  proc(15, "/Applications/Music.app/Contents/MacOS/Music");
+  in.bundles[15] = AppBundle{"/Applications/Music.app", "com.apple.Music", "Music"};
+  PowerAssertion a;
+  a.pid = 12;
+  a.resources = {"audio-out"};
+  PowerAssertion viaCoreAudio;
+  viaCoreAudio.pid = 13;
+  viaCoreAudio.processName = "coreaudiod";
+  viaCoreAudio.name = "com.apple.audio.context.preventuseridlesleep pid 15";
+  in.assertions = {a, viaCoreAudio};
+  in.slowBuilds = true;
+  in.preset = Preset::MaxBattery;
+
+  auto rules = [](const std::map<std::int32_t, ClosedTarget>& m) {
+    std::map<std::int32_t, std::string> out;
+    for (const auto& [pid, t] : m) out[pid] = std::string(toText(t.rule));
+    return out;
+  };
+  using M = std::map<std::int32_t, std::string>;
+  EXPECT_EQ(rules(closedTargets(in, {})), (M{{10, "pause"}, {11, "pause"}, {12, "pause"}, {14, "slow"}}));
+  EXPECT_EQ(rules(closedTargets(in, {"simulators", "builds"})), (M{{12, "pause"}}));
+  EXPECT_EQ(rules(closedTargets(in, {"audio"})), (M{{10, "pause"}, {11, "pause"}, {14, "slow"}}));
+
+  // A UI test runner keeps simulators running; so does an agent using Xcode.
+  proc(16, "/tmp/MyAppUITests-Runner");
+  EXPECT_EQ(rules(closedTargets(in, {"audio", "builds"})), M{});
+  in.processes.pop_back();
+  in.agentBundles = {"com.apple.dt.Xcode"};
+  EXPECT_EQ(rules(closedTargets(in, {"audio", "builds"})), M{});
+
+  // Protected trees: a hold on 1 covers everything started under it.
+  in.agentBundles.clear();
+  in.holdPids = {1};
+  EXPECT_EQ(rules(closedTargets(in, {})), M{});
+}
+
+}  // namespace
+}  // namespace vigilo::test

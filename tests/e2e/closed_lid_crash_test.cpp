@@ -1,0 +1,124 @@
+#include <csignal>
+#include <filesystem>
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "e2e/app_process.h"
+#include "engine/journal.h"
+#include "platform/sim/sim_laptop.h"
+#include "test_support.h"
+
+namespace vigilo::test {
+namespace {
+
+using namespace std::chrono_literals;
+using json = nlohmann::json;
+
+// Given a shut simulated laptop with apps to pause and slow, and an app
+// folder set to keep it awake with every saving on.
+class ClosedLidCrashTest : public ::testing::Test {
+ protected:
+  ClosedLidCrashTest() {
+    home_ = dir_.file("home");
+    state_ = dir_.file("laptop.json");
+    std::filesystem::create_directories(home_);
+    writeFile(state_, R"({"lid": "closed",
+      "apps": [{"path": "/Applications/TextEdit.app", "bundleId": "com.apple.TextEdit", "name": "TextEdit"},
+               {"path": "/Applications/Docker.app", "bundleId": "com.docker.docker", "name": "Docker"},
+               {"path": "/Applications/Slack.app", "bundleId": "com.tinyspeck.slackmacgap", "name": "Slack"}],
+      "processes": [{"pid": 1, "ppid": 0, "path": "/sbin/launchd"},
+                    {"pid": 200, "path": "/Applications/TextEdit.app/Contents/MacOS/TextEdit"},
+                    {"pid": 201, "path": "/Applications/TextEdit.app/Contents/XPCServices/helper", "ppid": 200},
+                    {"pid": 202, "path": "/Applications/Docker.app/Contents/MacOS/Docker"},
+                    {"pid": 203, "path": "/Applications/Slack.app/Contents/MacOS/Slack"}],
+      "display": {"on": true, "brightness": 0.7}})");
+    writeConfig(R"({"mode": "on", "preset": "max_battery", "pauseTimeMachine": true, "screenOffNoLock": true})");
+  }
+  void writeConfig(const std::string& text) { writeFile(home_ + "/config.json", text); }
+  std::unique_ptr<AppProcess> start() {
+    return std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", state_}, home_,
+                                        dir_.file("out-" + std::to_string(++runs_) + ".txt"));
+  }
+  json laptop() {
+    auto j = json::parse(readFile(state_), nullptr, false);
+    return j.is_object() ? j : json::object();
+  }
+  bool has(const std::string& name) const { return fileExists(home_ + "/" + name); }
+
+  // Every change visible on the laptop has its record in the app folder.
+  void expectEveryChangeRecorded(const json& l) {
+    auto journal = json::parse(has("touched.json") ? readFile(home_ + "/touched.json") : "[]", nullptr, false);
+    for (const auto& p : l["processes"]) {
+      if (!p.value("stopped", false) && !p.value("slowed", false)) continue;
+      bool found = false;
+      for (const auto& t : journal) found = found || (t["pid"] == p["pid"] && t["paused"] == p["stopped"]);
+      EXPECT_TRUE(found) << "process " << p["pid"] << " changed without a record";
+    }
+    if (l["powerModes"]["lowpowermode"] == 1) { EXPECT_TRUE(has("powermode-restore")); }
+    if (l["automaticBackups"] == false) { EXPECT_TRUE(has("timemachine-restore")); }
+    if (l["display"]["on"] == false) { EXPECT_TRUE(has("display-off")); }
+    if (l["display"]["brightness"] != 0.7) { EXPECT_TRUE(has("brightness-restore")); }
+  }
+
+  TempDir dir_;
+  std::string home_;
+  std::string state_;
+  int runs_ = 0;
+};
+
+TEST_F(ClosedLidCrashTest, KilledAtRandomMomentsEveryChangeComesBack) {
+  std::mt19937 random(12);
+  std::uniform_int_distribution<int> delayMs(0, 250);
+  int killsMidSession = 0;
+  for (int i = 0; i < 50; ++i) {
+    auto app = start();
+    std::this_thread::sleep_for(std::chrono::milliseconds(delayMs(random)));
+    app->signal(SIGKILL);
+    ASSERT_EQ(app->wait(5s), 128 + SIGKILL);
+    const json l = laptop();
+    expectEveryChangeRecorded(l);
+    if (has("touched.json")) ++killsMidSession;
+  }
+  // The kills must have landed inside sessions, or the test proves nothing.
+  EXPECT_GE(killsMidSession, 10);
+
+  // One more run that surely gets into the session, killed there.
+  {
+    auto app = start();
+    ASSERT_TRUE(waitFor([&] { return laptop()["display"]["on"] == false && has("touched.json"); }, 10s))
+        << app->output();
+    app->signal(SIGKILL);
+    app->wait(5s);
+  }
+
+  // The next launch with the lid open and nothing to hold puts all back.
+  json l = laptop();
+  l["lid"] = "open";
+  writeFile(state_, l.dump());
+  writeConfig(R"({"mode": "off"})");
+  auto app = start();
+  const auto recordsGone = [&] {
+    for (const char* f : {"touched.json", "resume-pids", "powermode-restore", "timemachine-restore",
+                          "brightness-restore", "display-off"}) {
+      if (has(f)) return false;
+    }
+    return true;
+  };
+  ASSERT_TRUE(waitFor(recordsGone, 10s)) << app->output();
+  app->signal(SIGTERM);
+  ASSERT_EQ(app->wait(10s), 0);
+  l = laptop();
+  for (const auto& p : l["processes"]) {
+    EXPECT_FALSE(p.value("stopped", false)) << p["pid"];
+    EXPECT_FALSE(p.value("slowed", false)) << p["pid"];
+  }
+  EXPECT_EQ(l["display"]["on"], true);
+  EXPECT_EQ(l["display"]["brightness"], 0.7);
+  EXPECT_EQ(l["powerModes"]["lowpowermode"], 0);
+  EXPECT_EQ(l["automaticBackups"], true);
+  EXPECT_FALSE(has("alive"));
+}
+
+}  // namespace
+}  // namespace vigilo::test
