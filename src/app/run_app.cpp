@@ -21,6 +21,7 @@
 #include "platform/linux/linux_platform.h"
 #include "platform/sim/sim_laptop.h"
 #include "power/power_watch.h"
+#include "ui/tray.h"
 
 namespace vigilo {
 namespace {
@@ -128,6 +129,16 @@ std::optional<AppOptions> parseAppOptions(const std::vector<std::string>& args) 
 
 }  // namespace
 
+// The icons beside the executable in a checkout (build/vigilo and
+// data/icons); installed icons are found by the desktop's theme.
+static std::string trayIconFolder() {
+  std::error_code ec;
+  const auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
+  if (ec) return {};
+  const auto icons = (exe.parent_path().parent_path() / "data" / "icons").lexically_normal();
+  return std::filesystem::is_directory(icons, ec) ? icons.string() : std::string();
+}
+
 int runApp(const std::vector<std::string>& args) {
   auto options = parseAppOptions(args);
   if (!options) return 2;
@@ -217,7 +228,18 @@ int runApp(const std::vector<std::string>& args) {
       say("» " + n.text);
     }
   });
-  engine.setChangeHandler(report);
+  // The tray item, when a desktop session bus is there to show it.
+  std::unique_ptr<Tray> tray;
+  std::string lastTrayProblem;
+  auto redraw = [&] {
+    report();
+    if (!tray) return;
+    tray->refresh();
+    std::string problem = tray->problem();
+    if (problem != lastTrayProblem && !problem.empty()) say("warning: " + problem);
+    lastTrayProblem = problem;
+  };
+  engine.setChangeHandler(redraw);
 
   bool quitting = false;
   auto quit = [&] {
@@ -245,6 +267,20 @@ int runApp(const std::vector<std::string>& args) {
   // Requests from the command-line tool, the MCP server and hooks.
   CommandCenter center(engine, [&] { loop->post(quit); });
   center.setAgents(&work, &power);
+  if (!options->preview) {
+    tray = makeSessionTray(
+        *loop, [&engine] { return trayView(engine); },
+        [&](const TrayAction& action) {
+          if (action.cmd == "quit") {
+            quit();
+            return;
+          }
+          nlohmann::json reply = center.handle(action.cmd, action.args);
+          if (!reply.value("ok", false)) say("warning: " + reply.value("error", std::string("the menu's request failed")));
+        },
+        trayIconFolder());
+    redraw();
+  }
   std::unique_ptr<Notifications> notifications;
   if (!options->preview) {
     notifications = makeSocketNotifications(folder, loop.get());

@@ -24,6 +24,7 @@
 #include "commands/setup_prompt.h"
 #include "engine/engine.h"
 #include "platform/files.h"
+#include "ui/tray.h"
 
 extern char** environ;
 
@@ -727,6 +728,7 @@ class Cli {
     for (const Capability& c : m->platform->capabilities()) {
       if (!c.available) out("Not available: " + c.detail);
     }
+    if (auto tray = trayUnavailable()) out("Not available: " + *tray);
     return 0;
   }
 
