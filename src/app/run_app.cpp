@@ -236,7 +236,7 @@ int runApp(const std::vector<std::string>& args) {
     if (!tray) return;
     tray->refresh();
     std::string problem = tray->problem();
-    if (problem != lastTrayProblem && !problem.empty()) say("warning: " + problem);
+    if (problem != lastTrayProblem) say(problem.empty() ? std::string("The tray icon is shown") : "warning: " + problem);
     lastTrayProblem = problem;
   };
   engine.setChangeHandler(redraw);
