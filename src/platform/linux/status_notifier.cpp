@@ -148,6 +148,9 @@ class SessionTray final : public Tray {
     if (r < 0 || raw == nullptr) {
       problem_ = "the tray icon isn't shown: no D-Bus session bus to show it on (" +
                  errnoMessage("connecting to the session bus", -r) + ")";
+      // The desktop session may come later (a user service started before
+      // login); trying costs one failed connect.
+      reconnectLater();
       return;
     }
     bus_.reset(raw);
@@ -213,18 +216,23 @@ class SessionTray final : public Tray {
     pumping_ = false;
     if (r < 0 && r != -EBUSY) {
       problem_ = "the tray icon isn't shown: lost the session bus (" + errnoMessage("reading the session bus", -r) +
-                 "); trying again in 30 s";
+                 "); trying again every 30 s";
       disconnect();
-      std::weak_ptr<bool> alive = alive_;
-      reconnectTimer_ = loop_.after(kReconnectSeconds, [this, alive] {
-        if (auto a = alive.lock(); a && *a) {
-          reconnectTimer_.reset();
-          connect();
-        }
-      });
+      reconnectLater();
       return;
     }
     scheduleWakeup();
+  }
+
+  void reconnectLater() {
+    if (reconnectTimer_) return;
+    std::weak_ptr<bool> alive = alive_;
+    reconnectTimer_ = loop_.after(kReconnectSeconds, [this, alive] {
+      if (auto a = alive.lock(); a && *a) {
+        reconnectTimer_.reset();
+        connect();
+      }
+    });
   }
 
   void scheduleWakeup() {
