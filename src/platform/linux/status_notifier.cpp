@@ -125,7 +125,10 @@ class SessionTray final : public Tray {
     const bool first = !shown_;
     shown_ = true;
     if (!first) {
-      if (next.icon != view_now_.icon) emit(kItemPath, kItemInterface, "NewIcon");
+      if (next.icon != view_now_.icon) {
+        emit(kItemPath, kItemInterface, "NewIcon");
+        emit(kItemPath, kItemInterface, "NewAttentionIcon");
+      }
       if (next.tooltip != view_now_.tooltip) emit(kItemPath, kItemInterface, "NewToolTip");
       if (next.title != view_now_.title) emitLabel(next.title);
       if (statusOf(next) != statusOf(view_now_)) emitStatus(statusOf(next));
@@ -357,7 +360,9 @@ class SessionTray final : public Tray {
     if (p == "Status") return sd_bus_message_append(reply, "s", statusOf(v).c_str());
     if (p == "IconName") return sd_bus_message_append(reply, "s", std::string(iconName(v.icon)).c_str());
     if (p == "IconThemePath") return sd_bus_message_append(reply, "s", self->iconThemePath_.c_str());
-    if (p == "OverlayIconName" || p == "AttentionIconName" || p == "XAyatanaLabelGuide") {
+    // Hosts show the attention icon while the status asks for attention.
+    if (p == "AttentionIconName") return sd_bus_message_append(reply, "s", std::string(iconName(v.icon)).c_str());
+    if (p == "OverlayIconName" || p == "XAyatanaLabelGuide") {
       return sd_bus_message_append(reply, "s", "");
     }
     if (p == "XAyatanaLabel") return sd_bus_message_append(reply, "s", v.title.c_str());
