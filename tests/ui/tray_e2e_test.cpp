@@ -219,7 +219,7 @@ TEST_F(TrayTest, RegistersWhenTheHostAppearsFollowsTheStatusAndTakesClicks) {
 
   // A hold changes the status; the tooltip follows within a tick.
   ASSERT_EQ(runTool({"hold", "--reason", "training run"}, home_).status, 0);
-  EXPECT_TRUE(waitFor([&] { return tooltip() == "training run · stays awake closed"; }, 3s)) << tooltip();
+  EXPECT_TRUE(waitFor([&] { return tooltip() == "training run · stays awake closed"; }, 4s)) << tooltip();
   ASSERT_EQ(runTool({"release"}, home_).status, 0);
 
   auto always = menuItem("Always");

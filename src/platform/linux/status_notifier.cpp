@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -64,6 +65,18 @@ const sd_bus_vtable* withStart(sd_bus_vtable* table) {
     table[0].x.start.vtable_format_reference = vigilo_sd_bus_vtable_format();
   }
   return table;
+}
+
+// Why the session bus can't be reached, in words: sd-bus says "No medium
+// found" when neither variable tells it where the bus is.
+std::string noSessionBus(int r) {
+  const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  if ((address == nullptr || *address == '\0') && (runtime == nullptr || *runtime == '\0')) {
+    return "no D-Bus session bus to show it on (neither DBUS_SESSION_BUS_ADDRESS nor XDG_RUNTIME_DIR is set, as "
+           "over SSH or in a container)";
+  }
+  return "no D-Bus session bus to show it on (" + errnoMessage("connecting to the session bus", -r) + ")";
 }
 
 std::uint64_t monotonicMicros() {
@@ -149,8 +162,7 @@ class SessionTray final : public Tray {
     // $XDG_RUNTIME_DIR: where the desktop's tray host listens.
     const int r = sd_bus_open_user(&raw);
     if (r < 0 || raw == nullptr) {
-      problem_ = "the tray icon isn't shown: no D-Bus session bus to show it on (" +
-                 errnoMessage("connecting to the session bus", -r) + ")";
+      problem_ = "the tray icon isn't shown: " + noSessionBus(r);
       // The desktop session may come later (a user service started before
       // login); trying costs one failed connect.
       reconnectLater();
@@ -807,7 +819,7 @@ std::optional<std::string> trayUnavailable() {
   sd_bus* raw = nullptr;
   const int r = sd_bus_open_user(&raw);
   if (r < 0 || raw == nullptr) {
-    return "tray icon: no D-Bus session bus to show it on (" + errnoMessage("connecting to the session bus", -r) + ")";
+    return "tray icon: " + noSessionBus(r);
   }
   Bus bus(raw);
   sd_bus_set_method_call_timeout(raw, 1'000'000);
