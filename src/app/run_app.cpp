@@ -20,8 +20,8 @@
 #include "platform/linux/host_processes.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/sim/sim_laptop.h"
-#include "power/power_watch.h"
 #include "ui/tray.h"
+#include "power/power_watch.h"
 
 namespace vigilo {
 namespace {
@@ -267,20 +267,6 @@ int runApp(const std::vector<std::string>& args) {
   // Requests from the command-line tool, the MCP server and hooks.
   CommandCenter center(engine, [&] { loop->post(quit); });
   center.setAgents(&work, &power);
-  if (!options->preview) {
-    tray = makeSessionTray(
-        *loop, [&engine] { return trayView(engine); },
-        [&](const TrayAction& action) {
-          if (action.cmd == "quit") {
-            quit();
-            return;
-          }
-          nlohmann::json reply = center.handle(action.cmd, action.args);
-          if (!reply.value("ok", false)) say("warning: " + reply.value("error", std::string("the menu's request failed")));
-        },
-        trayIconFolder());
-    redraw();
-  }
   std::unique_ptr<Notifications> notifications;
   if (!options->preview) {
     notifications = makeSocketNotifications(folder, loop.get());
@@ -294,6 +280,19 @@ int runApp(const std::vector<std::string>& args) {
       engine.evaluate();
     });
     if (!events) say("warning: agent hooks can't reach this app: " + events.message());
+    // The tray's clicks go through the command center like any request.
+    tray = makeSessionTray(
+        *loop, [&engine] { return trayView(engine); },
+        [&](const TrayAction& action) {
+          if (action.cmd == "quit") {
+            quit();
+            return;
+          }
+          nlohmann::json reply = center.handle(action.cmd, action.args);
+          if (!reply.value("ok", false)) say("warning: " + reply.value("error", std::string("the menu's request failed")));
+        },
+        trayIconFolder());
+    redraw();
   }
   loop->run();
   if (notifications) notifications->stopObserving();

@@ -22,9 +22,9 @@
 #include "commands/channel.h"
 #include "commands/mcp_server.h"
 #include "commands/setup_prompt.h"
+#include "ui/tray.h"
 #include "engine/engine.h"
 #include "platform/files.h"
-#include "ui/tray.h"
 
 extern char** environ;
 
@@ -708,6 +708,7 @@ class Cli {
     if (auto recorded = recordedMachine(folder_)) out("Machine: " + machineName(*recorded));
     auto pid = runningApp(folder_);
     out(pid ? "App: running (process " + std::to_string(*pid) + ")" : std::string("App: not running"));
+    if (auto tray = trayUnavailable()) out("Not available: " + *tray);
     auto m = machine();
     if (!m) {
       out("Sleep permission: unknown (this machine's backend couldn't be started)");
@@ -728,7 +729,6 @@ class Cli {
     for (const Capability& c : m->platform->capabilities()) {
       if (!c.available) out("Not available: " + c.detail);
     }
-    if (auto tray = trayUnavailable()) out("Not available: " + *tray);
     return 0;
   }
 
