@@ -49,5 +49,12 @@ const bool kNoAutostart = [] {
   return true;
 }();
 
+// Nor may an app a test starts put an icon in the person's tray: tests that
+// want a tray give their own private session bus.
+const bool kNoSessionBus = [] {
+  ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/vigilo-tests-have-no-session-bus", 1);
+  return true;
+}();
+
 }  // namespace
 }  // namespace vigilo::test

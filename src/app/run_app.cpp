@@ -22,6 +22,7 @@
 #include "platform/linux/host_processes.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/sim/sim_laptop.h"
+#include "ui/tray.h"
 #include "power/power_watch.h"
 #include "safety/watchdog.h"
 #include "platform/linux/desktop_alerts.h"
@@ -142,6 +143,16 @@ std::optional<AppOptions> parseAppOptions(const std::vector<std::string>& args) 
 }
 
 }  // namespace
+
+// The icons beside the executable in a checkout (build/vigilo and
+// data/icons); installed icons are found by the desktop's theme.
+static std::string trayIconFolder() {
+  std::error_code ec;
+  const auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
+  if (ec) return {};
+  const auto icons = (exe.parent_path().parent_path() / "data" / "icons").lexically_normal();
+  return std::filesystem::is_directory(icons, ec) ? icons.string() : std::string();
+}
 
 int runApp(const std::vector<std::string>& args) {
   auto options = parseAppOptions(args);
@@ -273,8 +284,19 @@ int runApp(const std::vector<std::string>& args) {
       say("» " + n.text);
     }
   });
-  engine.setChangeHandler(report);
   closedLid.setNoticeHandler([](const Notice& n) { say(n.title + ": " + n.text); });
+  // The tray item, when a desktop session bus is there to show it.
+  std::unique_ptr<Tray> tray;
+  std::string lastTrayProblem;
+  auto redraw = [&] {
+    report();
+    if (!tray) return;
+    tray->refresh();
+    std::string problem = tray->problem();
+    if (problem != lastTrayProblem) say(problem.empty() ? std::string("The tray icon is shown") : "warning: " + problem);
+    lastTrayProblem = problem;
+  };
+  engine.setChangeHandler(redraw);
 
   bool quitting = false;
   auto quit = [&] {
@@ -323,6 +345,19 @@ int runApp(const std::vector<std::string>& args) {
       engine.evaluate();
     });
     if (!events) say("warning: agent hooks can't reach this app: " + events.message());
+    // The tray's clicks go through the command center like any request.
+    tray = makeSessionTray(
+        *loop, [&engine] { return trayView(engine); },
+        [&](const TrayAction& action) {
+          if (action.cmd == "quit") {
+            quit();
+            return;
+          }
+          nlohmann::json reply = center.handle(action.cmd, action.args);
+          if (!reply.value("ok", false)) say("warning: " + reply.value("error", std::string("the menu's request failed")));
+        },
+        trayIconFolder());
+    redraw();
   }
   // Paired phones, through the relay.
   std::unique_ptr<RemoteControl> remote;
@@ -334,7 +369,9 @@ int runApp(const std::vector<std::string>& args) {
     remote->start();
   }
   loop->run();
+  // Both call into the command center, which goes before them.
   remote.reset();
+  tray.reset();
   if (notifications) notifications->stopObserving();
   return 0;
 }

@@ -22,6 +22,7 @@
 #include "commands/channel.h"
 #include "commands/mcp_server.h"
 #include "commands/setup_prompt.h"
+#include "ui/tray.h"
 #include "engine/engine.h"
 #include "integrations/auto_approve.h"
 #include "integrations/connect_command.h"
@@ -822,6 +823,7 @@ class Cli {
     if (auto recorded = recordedMachine(folder_)) out("Machine: " + machineName(*recorded));
     auto pid = runningApp(folder_);
     out(pid ? "App: running (process " + std::to_string(*pid) + ")" : std::string("App: not running"));
+    if (auto tray = trayUnavailable()) out("Not available: " + *tray);
     auto m = machine();
     if (!m) {
       out("Sleep permission: unknown (this machine's backend couldn't be started)");

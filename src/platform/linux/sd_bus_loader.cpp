@@ -76,6 +76,44 @@ VIGILO_FORWARD(int, sd_bus_message_skip, (sd_bus_message * m, const char* types)
 VIGILO_FORWARD(int, sd_bus_error_is_set, (const sd_bus_error* e), (e), e != nullptr && e->name != nullptr)
 VIGILO_FORWARD(int, sd_bus_error_has_name, (const sd_bus_error* e, const char* name), (e, name), 0)
 
+VIGILO_FORWARD(int, sd_bus_open_user, (sd_bus * *ret), (ret), -ENOSYS)
+VIGILO_FORWARD(int, sd_bus_add_object_vtable,
+               (sd_bus * bus, sd_bus_slot** slot, const char* path, const char* interface, const sd_bus_vtable* vtable,
+                void* userdata),
+               (bus, slot, path, interface, vtable, userdata), -ENOSYS)
+VIGILO_FORWARD(int, sd_bus_request_name_async,
+               (sd_bus * bus, sd_bus_slot** slot, const char* name, uint64_t flags, sd_bus_message_handler_t callback,
+                void* userdata),
+               (bus, slot, name, flags, callback, userdata), -ENOSYS)
+VIGILO_FORWARD(int, sd_bus_match_signal_async,
+               (sd_bus * bus, sd_bus_slot** ret, const char* sender, const char* path, const char* interface,
+                const char* member, sd_bus_message_handler_t callback, sd_bus_message_handler_t install_callback,
+                void* userdata),
+               (bus, ret, sender, path, interface, member, callback, install_callback, userdata), -ENOSYS)
+VIGILO_FORWARD(int, sd_bus_call_async,
+               (sd_bus * bus, sd_bus_slot** slot, sd_bus_message* m, sd_bus_message_handler_t callback, void* userdata,
+                uint64_t usec),
+               (bus, slot, m, callback, userdata, usec), -ENOSYS)
+VIGILO_FORWARD(int, sd_bus_send, (sd_bus * bus, sd_bus_message* m, uint64_t* cookie), (bus, m, cookie), -ENOSYS)
+VIGILO_FORWARD(int, sd_bus_get_events, (sd_bus * bus), (bus), -ENOSYS)
+VIGILO_FORWARD(int, sd_bus_get_timeout, (sd_bus * bus, uint64_t* usec), (bus, usec), -ENOSYS)
+VIGILO_FORWARD(int, sd_bus_message_new_signal,
+               (sd_bus * bus, sd_bus_message** m, const char* path, const char* interface, const char* member),
+               (bus, m, path, interface, member), -ENOSYS)
+VIGILO_FORWARD(int, sd_bus_message_new_method_return, (sd_bus_message * call, sd_bus_message** m), (call, m),
+               -ENOSYS)
+VIGILO_FORWARD(int, sd_bus_message_is_method_error, (sd_bus_message * m, const char* name), (m, name), 0)
+VIGILO_FORWARD(const sd_bus_error*, sd_bus_message_get_error, (sd_bus_message * m), (m), nullptr)
+VIGILO_FORWARD(int, sd_bus_error_set, (sd_bus_error * e, const char* name, const char* message), (e, name, message),
+               -EINVAL)
+
+// An object's vtable must point at the library's own format marker (a data
+// symbol, so it can't be forwarded): null when libsystemd is missing.
+const unsigned* vigilo_sd_bus_vtable_format() {
+  return static_cast<const unsigned*>(library() != nullptr ? ::dlsym(library(), "sd_bus_object_vtable_format")
+                                                            : nullptr);
+}
+
 void sd_bus_error_free(sd_bus_error* e) {
   using Fn = void (*)(sd_bus_error*);
   static const Fn fn = symbol<Fn>("sd_bus_error_free");

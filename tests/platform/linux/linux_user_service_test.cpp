@@ -55,6 +55,12 @@ TEST(LinuxUserService, WritesTheUnitSaysWhatToRunAndRemovesIt) {
             std::string::npos)
       << install.out;
 
+  // The desktop's launcher entry runs the same binary; the tray finds its icons by name.
+  const std::string desktop = readFile(dir.file(".local/share/applications/vigilo.desktop"));
+  EXPECT_NE(desktop.find("\nExec=\"" + dir.file("100%%/vigilo") + "\" app\n"), std::string::npos) << desktop;
+  const std::string icons = dir.file(".local/share/icons/hicolor/scalable/apps/");
+  EXPECT_TRUE(fileExists(icons + "vigilo.svg") && fileExists(icons + "vigilo-awake-always.svg"));
+
   ScriptRun missing = runScript(dir.path(), "'" + dir.file("nothing-here") + "'");
   EXPECT_EQ(missing.status, 1);
   EXPECT_NE(missing.out.find("isn't an executable; build Vigilo first"), std::string::npos) << missing.out;
@@ -62,6 +68,8 @@ TEST(LinuxUserService, WritesTheUnitSaysWhatToRunAndRemovesIt) {
   ScriptRun remove = runScript(dir.path(), "--remove");
   EXPECT_EQ(remove.status, 0) << remove.out;
   EXPECT_FALSE(fileExists(unitPath));
+  EXPECT_FALSE(fileExists(dir.file(".local/share/applications/vigilo.desktop")));
+  EXPECT_FALSE(fileExists(icons + "vigilo.svg"));
   EXPECT_NE(remove.out.find("removed " + unitPath), std::string::npos) << remove.out;
 }
 

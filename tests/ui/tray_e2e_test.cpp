@@ -1,0 +1,242 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "e2e/app_process.h"
+#include "test_support.h"
+
+namespace vigilo::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+pid_t spawnChild(const std::vector<std::string>& argv, int out, const std::vector<std::string>& env = {}) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (out >= 0) {
+      ::dup2(out, 1);
+      ::dup2(out, 2);
+    }
+    for (const auto& e : env) ::putenv(const_cast<char*>(e.c_str()));
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    ::execv(args[0], args.data());
+    ::_exit(127);
+  }
+  return pid;
+}
+
+void endChild(pid_t& pid) {
+  if (pid <= 0) return;
+  ::kill(pid, SIGTERM);
+  if (!waitFor([&] { return ::waitpid(pid, nullptr, WNOHANG) == pid; }, 5s)) {
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+  }
+  pid = -1;
+}
+
+struct BusUnref {
+  void operator()(sd_bus* b) const { sd_bus_flush_close_unref(b); }
+};
+struct MessageUnref {
+  void operator()(sd_bus_message* m) const { sd_bus_message_unref(m); }
+};
+using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
+
+// Walks one (ia{sv}av) menu node for the item labelled `label`.
+std::optional<int> findLabel(sd_bus_message* m, const std::string& label) {
+  std::optional<int> found;
+  std::int32_t id = 0;
+  if (sd_bus_message_enter_container(m, 'r', "ia{sv}av") <= 0 || sd_bus_message_read(m, "i", &id) < 0) return found;
+  sd_bus_message_enter_container(m, 'a', "{sv}");
+  while (sd_bus_message_enter_container(m, 'e', "sv") > 0) {
+    const char* key = nullptr;
+    sd_bus_message_read(m, "s", &key);
+    if (std::string(key) == "label") {
+      const char* text = nullptr;
+      sd_bus_message_read(m, "v", "s", &text);
+      if (text != nullptr && label == text) found = id;
+    } else {
+      sd_bus_message_skip(m, "v");
+    }
+    sd_bus_message_exit_container(m);
+  }
+  sd_bus_message_exit_container(m);
+  sd_bus_message_enter_container(m, 'a', "v");
+  while (sd_bus_message_enter_container(m, 'v', "(ia{sv}av)") > 0) {
+    if (auto child = findLabel(m, label); child && !found) found = child;
+    sd_bus_message_exit_container(m);
+  }
+  sd_bus_message_exit_container(m);
+  sd_bus_message_exit_container(m);
+  return found;
+}
+
+// __FILE__ may be relative to the build folder, where the binary is.
+std::string watcherScript() {
+  const auto here = std::filesystem::path(VIGILO_BINARY).parent_path() / std::filesystem::path(__FILE__).parent_path();
+  return (here / "fake_watcher.py").lexically_normal().string();
+}
+
+// Given a private session bus with no tray host yet, and the app running on
+// the simulated laptop there.
+class TrayTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (::access("/usr/bin/dbus-daemon", X_OK) != 0) GTEST_SKIP() << "dbus-daemon is not installed (scripts/setup)";
+    const int devnull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    pid_t probe = spawnChild({"/usr/bin/python3", "-c", "import dbus, gi.repository.GLib"}, devnull);
+    ::close(devnull);
+    int status = 0;
+    ::waitpid(probe, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) GTEST_SKIP() << "python3-dbus is not installed (scripts/setup)";
+
+    int fds[2];
+    ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
+    daemon_ = spawnChild({"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"}, fds[1]);
+    ::close(fds[1]);
+    addressPipe_ = fds[0];
+    std::string line;
+    pollfd p{fds[0], POLLIN, 0};
+    while (line.find('\n') == std::string::npos && ::poll(&p, 1, 5000) > 0) {
+      char buf[256];
+      const ssize_t n = ::read(fds[0], buf, sizeof buf);
+      if (n <= 0) break;
+      line.append(buf, static_cast<std::size_t>(n));
+    }
+    address_ = line.substr(0, line.find('\n'));
+    ASSERT_FALSE(address_.empty()) << "dbus-daemon printed no address";
+    sd_bus* raw = nullptr;
+    ASSERT_GE(sd_bus_new(&raw), 0);
+    bus_.reset(raw);
+    sd_bus_set_address(raw, address_.c_str());
+    sd_bus_set_bus_client(raw, 1);
+    ASSERT_GE(sd_bus_start(raw), 0);
+    home_ = dir_.file("home");
+    std::filesystem::create_directories(home_);
+  }
+  void TearDown() override {
+    app_.reset();
+    bus_.reset();
+    endChild(watcher_);
+    endChild(daemon_);
+    if (addressPipe_ >= 0) ::close(addressPipe_);
+  }
+
+  void startWatcher() {
+    const int log = ::open(dir_.file("watcher.txt").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    watcher_ = spawnChild({"/usr/bin/python3", watcherScript()}, log,
+                          {"DBUS_SESSION_BUS_ADDRESS=" + address_});
+    ::close(log);
+  }
+  std::string itemName() const { return "org.kde.StatusNotifierItem-" + std::to_string(app_->pid()) + "-1"; }
+
+  std::string tooltip() {
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_message* raw = nullptr;
+    const int r = sd_bus_call_method(bus_.get(), itemName().c_str(), "/StatusNotifierItem",
+                                     "org.freedesktop.DBus.Properties", "Get", &error, &raw, "ss",
+                                     "org.kde.StatusNotifierItem", "ToolTip");
+    sd_bus_error_free(&error);
+    Message reply(raw);
+    if (r < 0) return {};
+    const char *icon = nullptr, *title = nullptr, *text = nullptr;
+    sd_bus_message_enter_container(raw, 'v', "(sa(iiay)ss)");
+    sd_bus_message_enter_container(raw, 'r', "sa(iiay)ss");
+    sd_bus_message_read(raw, "s", &icon);
+    sd_bus_message_skip(raw, "a(iiay)");
+    sd_bus_message_read(raw, "ss", &title, &text);
+    return text != nullptr ? text : "";
+  }
+
+  std::optional<int> menuItem(const std::string& label) {
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_message* raw = nullptr;
+    const int r = sd_bus_call_method(bus_.get(), itemName().c_str(), "/MenuBar", "com.canonical.dbusmenu",
+                                     "GetLayout", &error, &raw, "iias", 0, -1, 0);
+    sd_bus_error_free(&error);
+    Message reply(raw);
+    std::uint32_t revision = 0;
+    if (r < 0 || sd_bus_message_read(raw, "u", &revision) < 0) return std::nullopt;
+    return findLabel(raw, label);
+  }
+
+  int click(int id) {
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    const int r = sd_bus_call_method(bus_.get(), itemName().c_str(), "/MenuBar", "com.canonical.dbusmenu", "Event",
+                                     &error, nullptr, "isvu", id, "clicked", "s", "", 0u);
+    sd_bus_error_free(&error);
+    return r;
+  }
+
+  std::string statusLine() {
+    ToolRun run = runTool({"status"}, home_);
+    return run.out.substr(0, run.out.find('\n'));
+  }
+
+  TempDir dir_;
+  std::string home_;
+  std::string address_;
+  int addressPipe_ = -1;
+  pid_t daemon_ = -1;
+  pid_t watcher_ = -1;
+  std::unique_ptr<sd_bus, BusUnref> bus_;
+  std::unique_ptr<AppProcess> app_;
+};
+
+TEST_F(TrayTest, RegistersWhenTheHostAppearsFollowsTheStatusAndTakesClicks) {
+  writeFile(home_ + "/config.json", R"({"mode": "auto"})");
+  app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", dir_.file("laptop.json")}, home_,
+                                      dir_.file("app.txt"),
+                                      std::vector<std::string>{"DBUS_SESSION_BUS_ADDRESS=" + address_});
+  // No tray host yet: the app runs on and says why there is no icon.
+  ASSERT_TRUE(waitFor([&] { return app_->output().find("no StatusNotifierWatcher") != std::string::npos; }, 10s))
+      << app_->output();
+
+  startWatcher();
+  ASSERT_TRUE(waitFor(
+      [&] { return readFile(dir_.file("watcher.txt")).find("registered " + itemName()) != std::string::npos; }, 20s))
+      << readFile(dir_.file("watcher.txt")) << app_->output();
+  EXPECT_EQ(tooltip(), "Nothing running · sleeps when closed");
+
+  // A hold changes the status; the tooltip follows within a tick.
+  ASSERT_EQ(runTool({"hold", "--reason", "training run"}, home_).status, 0);
+  EXPECT_TRUE(waitFor([&] { return tooltip() == "training run · stays awake closed"; }, 4s)) << tooltip();
+  ASSERT_EQ(runTool({"release"}, home_).status, 0);
+
+  auto always = menuItem("Always");
+  ASSERT_TRUE(always);
+  ASSERT_GE(click(*always), 0);
+  EXPECT_TRUE(waitFor([&] { return statusLine() == "Awake until you turn it off"; }, 5s)) << statusLine();
+  ToolRun json = runTool({"status", "--json"}, home_);
+  EXPECT_EQ(nlohmann::json::parse(json.out, nullptr, false).value("mode", ""), "always") << json.out;
+  EXPECT_TRUE(waitFor([&] { return tooltip() == "Awake until you turn it off"; }, 3s)) << tooltip();
+
+  // Quit from the menu puts everything back and ends the app cleanly.
+  auto quit = menuItem("Quit Vigilo");
+  ASSERT_TRUE(quit);
+  ASSERT_GE(click(*quit), 0);
+  EXPECT_EQ(app_->wait(10s), 0) << app_->output();
+  EXPECT_NE(app_->output().find("Quitting: putting everything back"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace vigilo::test
