@@ -823,7 +823,6 @@ class Cli {
     if (auto recorded = recordedMachine(folder_)) out("Machine: " + machineName(*recorded));
     auto pid = runningApp(folder_);
     out(pid ? "App: running (process " + std::to_string(*pid) + ")" : std::string("App: not running"));
-    if (auto tray = trayUnavailable()) out("Not available: " + *tray);
     auto m = machine();
     if (!m) {
       out("Sleep permission: unknown (this machine's backend couldn't be started)");
@@ -851,6 +850,7 @@ class Cli {
     for (const Capability& c : m->platform->capabilities()) {
       if (!c.available) out("Not available: " + c.detail);
     }
+    if (auto tray = trayUnavailable()) out("Not available: " + *tray);
     for (const std::string& line : phoneDoctorLines(folder_, m->platform->name() == "sim")) out(line);
     return 0;
   }

@@ -118,6 +118,7 @@ TEST_F(WatchdogEndToEnd, DoctorReportsTheSetupLineByLine) {
                          ::testing::StartsWith("Watchdog: "),
                          "Command link: missing (run: vigilo setup)", ::testing::StartsWith("Polkit rule: "),
                          "Sleep switched off right now: no", "Changes Vigilo has made right now: none",
+                         ::testing::StartsWith("Not available: tray icon: "),
                          "Phones: none paired (vigilo pair pairs one)", "Scheduled wakes: simulated"));
   // With "Approve everything" on and a change left, both are told.
   writeFile(home_ + "/auto-approve.json", "{}");
