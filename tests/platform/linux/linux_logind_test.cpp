@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -607,6 +608,129 @@ TEST_F(LinuxLogindTest, LowPowerIsAPowerSaverHoldTakenOnceAndReleased) {
   EXPECT_EQ(profileCalls(mock_->address(), "ReleaseProfile").size(), 1u) << "released exactly once";
   EXPECT_TRUE(capability(p->capabilities(), "power mode")->available);
   endChild(ppd);
+}
+
+// A power-profiles-daemon that drops a hold when its holder's connection
+// closes, as the real one does; dbusmock's own template keeps it.
+std::string holdOwnerTemplate() {
+  const auto here = std::filesystem::path(VIGILO_BINARY).parent_path() / std::filesystem::path(__FILE__).parent_path();
+  return (here / "ppd_hold_owner.py").lexically_normal().string();
+}
+
+// The profile in force and each hold's fields, read over `bus`.
+struct ProfileState {
+  std::string active;
+  std::vector<std::map<std::string, std::string>> holds;
+};
+std::optional<ProfileState> profileState(sd_bus* bus) {
+  ProfileState state;
+  auto get = [&](const char* property) {
+    sd_bus_message* raw = nullptr;
+    sd_bus_call_method(bus, "net.hadess.PowerProfiles", "/net/hadess/PowerProfiles", "org.freedesktop.DBus.Properties",
+                       "Get", nullptr, &raw, "ss", "net.hadess.PowerProfiles", property);
+    return Message(raw);
+  };
+  Message activeReply = get("ActiveProfile");
+  const char* active = nullptr;
+  if (!activeReply || sd_bus_message_read(activeReply.get(), "v", "s", &active) < 0) return std::nullopt;
+  state.active = active;
+  Message reply = get("ActiveProfileHolds");
+  if (!reply) return std::nullopt;
+  sd_bus_message* raw = reply.get();
+  sd_bus_message_enter_container(raw, 'v', "aa{sv}");
+  sd_bus_message_enter_container(raw, 'a', "a{sv}");
+  while (sd_bus_message_enter_container(raw, 'a', "{sv}") > 0) {
+    std::map<std::string, std::string> hold;
+    while (sd_bus_message_enter_container(raw, 'e', "sv") > 0) {
+      const char* key = nullptr;
+      const char* value = nullptr;
+      sd_bus_message_read(raw, "s", &key);
+      if (sd_bus_message_read(raw, "v", "s", &value) > 0) hold[key] = value;
+      sd_bus_message_exit_container(raw);
+    }
+    sd_bus_message_exit_container(raw);
+    state.holds.push_back(std::move(hold));
+  }
+  return state;
+}
+
+TEST_F(LinuxLogindTest, AKilledAppLeavesNoPowerSaverHoldBehind) {
+  const int log = ::open((dir_.path() + "/ppd.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  pid_t ppd = spawn({"/usr/bin/python3", "-m", "dbusmock", "--template", holdOwnerTemplate()}, log, log,
+                    {"DBUS_SYSTEM_BUS_ADDRESS=" + mock_->address()});
+  ::close(log);
+  struct EndOnExit {
+    pid_t& pid;
+    ~EndOnExit() { endChild(pid); }
+  } endPpd{ppd};
+  sd_bus* raw = nullptr;
+  sd_bus_new(&raw);
+  std::unique_ptr<sd_bus, BusUnref> bus(raw);
+  sd_bus_set_address(raw, mock_->address().c_str());
+  sd_bus_set_bus_client(raw, 1);
+  ASSERT_GE(sd_bus_start(raw), 0);
+  ASSERT_TRUE(waitFor([&] { return profileState(raw).has_value(); }, 20s)) << readFile(dir_.path() + "/ppd.log");
+  ASSERT_EQ(profileState(raw)->active, "balanced");
+
+  // The app's Linux backend in a child of its own, killed while it holds.
+  int ready[2];
+  ASSERT_EQ(::pipe2(ready, O_CLOEXEC), 0);
+  pid_t app = ::fork();
+  struct KillOnExit {
+    pid_t& pid;
+    ~KillOnExit() {
+      if (pid > 0) ::kill(pid, SIGKILL), ::waitpid(pid, nullptr, 0);
+    }
+  } killApp{app};
+  if (app == 0) {
+    ::close(ready[0]);
+    char held = '0';
+    // The platform stays alive, as in a running app, until the kill.
+    std::unique_ptr<Platform> p;
+    try {
+      p = platform();
+      if (p->power().setPowerMode("lowpowermode", 1)) held = '1';
+    } catch (...) {
+    }
+    if (::write(ready[1], &held, 1) != 1) ::_exit(1);
+    for (;;) ::pause();
+  }
+  ::close(ready[1]);
+  char held = 0;
+  pollfd pf{ready[0], POLLIN, 0};
+  const bool answered = ::poll(&pf, 1, 20000) > 0 && ::read(ready[0], &held, 1) == 1;
+  ::close(ready[0]);
+  EXPECT_TRUE(answered && held == '1') << readFile(dir_.path() + "/ppd.log");
+
+  auto state = profileState(raw);
+  ASSERT_TRUE(state);
+  EXPECT_EQ(state->active, "power-saver");
+  ASSERT_EQ(state->holds.size(), 1u) << readFile(dir_.path() + "/ppd.log");
+  EXPECT_EQ(state->holds[0]["Profile"], "power-saver");
+  EXPECT_EQ(state->holds[0]["ApplicationId"], "vigilo");
+  // The hold belongs to the app's own connection, not one that outlives it
+  // (such as this test's).
+  const std::string sender = state->holds[0]["Sender"];
+  std::uint32_t holderPid = 0;
+  sd_bus_message* pidReply = nullptr;
+  ASSERT_GE(sd_bus_call_method(raw, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                               "GetConnectionUnixProcessID", nullptr, &pidReply, "s", sender.c_str()),
+            0)
+      << "the holder " << sender << " is not on the bus";
+  Message pidMessage(pidReply);
+  sd_bus_message_read(pidReply, "u", &holderPid);
+  EXPECT_EQ(holderPid, static_cast<std::uint32_t>(app));
+
+  ::kill(app, SIGKILL);
+  ::waitpid(app, nullptr, 0);
+  app = -1;
+  EXPECT_TRUE(waitFor(
+      [&] {
+        auto after = profileState(raw);
+        return after && after->holds.empty() && after->active == "balanced";
+      },
+      5s))
+      << readFile(dir_.path() + "/ppd.log");
 }
 
 TEST_F(LinuxLogindTest, TheScreenLocksAndReadsItsBrightnessThroughLogindAndSysfs) {
