@@ -47,7 +47,9 @@ class ClosedLidCrashTest : public ::testing::Test {
   bool has(const std::string& name) const { return fileExists(home_ + "/" + name); }
 
   // Every change visible on the laptop has its record in the app folder.
-  void expectEveryChangeRecorded(const json& l) {
+  void expectEveryChangeRecorded(json l) {
+    // Killed before it wrote the laptop file, the app changed nothing yet.
+    if (!l.contains("processes")) return;
     auto journal = json::parse(has("touched.json") ? readFile(home_ + "/touched.json") : "[]", nullptr, false);
     for (const auto& p : l["processes"]) {
       if (!p.value("stopped", false) && !p.value("slowed", false)) continue;
