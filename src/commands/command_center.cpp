@@ -59,24 +59,6 @@ std::string modeText(Mode m) {
   return "auto";
 }
 
-// The next time the local clock shows `hour`:00, after `now`.
-Time nextHour(Time now, int hour) {
-  std::time_t secs = static_cast<std::time_t>(now);
-  std::tm tm{};
-  localtime_r(&secs, &tm);
-  tm.tm_hour = hour;
-  tm.tm_min = 0;
-  tm.tm_sec = 0;
-  tm.tm_isdst = -1;
-  std::time_t at = std::mktime(&tm);
-  if (static_cast<Time>(at) <= now) {
-    tm.tm_mday += 1;
-    tm.tm_isdst = -1;
-    at = std::mktime(&tm);
-  }
-  return static_cast<Time>(at);
-}
-
 }  // namespace
 
 std::optional<std::string> textArg(const json& args, const char* key) {
@@ -444,7 +426,7 @@ json CommandCenter::mode(const json& args) {
     engine_.stayAwakeUntil(engine_.now() + *minutes * 60.0);
   } else if (auto hour = numberArg(args, "until_hour", 23)) {
     if (*hour < 0) return fail("until_hour must be an hour from 0 to 23");
-    engine_.stayAwakeUntil(nextHour(engine_.now(), static_cast<int>(*hour)));
+    engine_.stayAwakeUntil(nextLocalTime(engine_.now(), static_cast<int>(*hour), 0));
   } else {
     engine_.stayAwakeFor(std::nullopt);
   }

@@ -21,4 +21,22 @@ double SystemClock::monotonic() const {
   return duration<double>(steady_clock::now().time_since_epoch()).count();
 }
 
+Time nextLocalTime(Time now, int hour, int minute) {
+  std::time_t secs = static_cast<std::time_t>(now);
+  std::tm tm{};
+  localtime_r(&secs, &tm);
+  tm.tm_hour = hour;
+  tm.tm_min = minute;
+  tm.tm_sec = 0;
+  // Let mktime decide whether summer time applies on that day.
+  tm.tm_isdst = -1;
+  std::time_t at = std::mktime(&tm);
+  if (static_cast<Time>(at) <= now) {
+    tm.tm_mday += 1;
+    tm.tm_isdst = -1;
+    at = std::mktime(&tm);
+  }
+  return static_cast<Time>(at);
+}
+
 }  // namespace vigilo

@@ -6,6 +6,10 @@ namespace vigilo {
 // stores it.
 using Time = double;
 
+// The first moment after `now` at which the local clock shows
+// `hour`:`minute`:00: today, else tomorrow.
+Time nextLocalTime(Time now, int hour, int minute);
+
 // Where "now" comes from. The engine reads it once per tick; timers run on
 // the monotonic reading so that a change of the wall clock does not fire or
 // starve them. A laptop that slept shows up as a jump in both.

@@ -40,20 +40,7 @@ std::optional<Time> clockTime(const std::string& text, Time now) {
   const int hour = (text[0] - '0') * 10 + (text[1] - '0');
   const int minute = (text[3] - '0') * 10 + (text[4] - '0');
   if (hour > 23 || minute > 59) return std::nullopt;
-  std::time_t secs = static_cast<std::time_t>(now);
-  std::tm tm{};
-  localtime_r(&secs, &tm);
-  tm.tm_hour = hour;
-  tm.tm_min = minute;
-  tm.tm_sec = 0;
-  tm.tm_isdst = -1;
-  std::time_t at = std::mktime(&tm);
-  if (static_cast<Time>(at) <= now) {
-    tm.tm_mday += 1;
-    tm.tm_isdst = -1;
-    at = std::mktime(&tm);
-  }
-  return static_cast<Time>(at);
+  return nextLocalTime(now, hour, minute);
 }
 
 class RtcWakeScheduler final : public WakeScheduler {
