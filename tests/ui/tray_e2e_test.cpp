@@ -16,50 +16,13 @@
 #include <nlohmann/json.hpp>
 
 #include "e2e/app_process.h"
+#include "platform/linux/bus_children.h"
 #include "test_support.h"
 
 namespace vigilo::test {
 namespace {
 
 using namespace std::chrono_literals;
-
-pid_t spawnChild(const std::vector<std::string>& argv, int out, const std::vector<std::string>& env = {}) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    if (out >= 0) {
-      ::dup2(out, 1);
-      ::dup2(out, 2);
-    }
-    for (const auto& e : env) ::putenv(const_cast<char*>(e.c_str()));
-    std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    ::execv(args[0], args.data());
-    ::_exit(127);
-  }
-  return pid;
-}
-
-void endChild(pid_t& pid) {
-  if (pid <= 0) return;
-  ::kill(pid, SIGTERM);
-  if (!waitFor([&] { return ::waitpid(pid, nullptr, WNOHANG) == pid; }, 5s)) {
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, nullptr, 0);
-  }
-  pid = -1;
-}
-
-struct BusUnref {
-  void operator()(sd_bus* b) const { sd_bus_flush_close_unref(b); }
-};
-struct MessageUnref {
-  void operator()(sd_bus_message* m) const { sd_bus_message_unref(m); }
-};
-using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
 
 // Walks one (ia{sv}av) menu node for the item labelled `label`.
 std::optional<int> findLabel(sd_bus_message* m, const std::string& label) {
@@ -103,7 +66,7 @@ class TrayTest : public ::testing::Test {
   void SetUp() override {
     if (::access("/usr/bin/dbus-daemon", X_OK) != 0) GTEST_SKIP() << "dbus-daemon is not installed (scripts/setup)";
     const int devnull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    pid_t probe = spawnChild({"/usr/bin/python3", "-c", "import dbus, gi.repository.GLib"}, devnull);
+    pid_t probe = spawn({"/usr/bin/python3", "-c", "import dbus, gi.repository.GLib"}, devnull, devnull);
     ::close(devnull);
     int status = 0;
     ::waitpid(probe, &status, 0);
@@ -111,7 +74,7 @@ class TrayTest : public ::testing::Test {
 
     int fds[2];
     ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
-    daemon_ = spawnChild({"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"}, fds[1]);
+    daemon_ = spawn({"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"}, fds[1], fds[1]);
     ::close(fds[1]);
     addressPipe_ = fds[0];
     std::string line;
@@ -143,8 +106,7 @@ class TrayTest : public ::testing::Test {
 
   void startWatcher() {
     const int log = ::open(dir_.file("watcher.txt").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    watcher_ = spawnChild({"/usr/bin/python3", watcherScript()}, log,
-                          {"DBUS_SESSION_BUS_ADDRESS=" + address_});
+    watcher_ = spawn({"/usr/bin/python3", watcherScript()}, log, log, {"DBUS_SESSION_BUS_ADDRESS=" + address_});
     ::close(log);
   }
   std::string itemName() const { return "org.kde.StatusNotifierItem-" + std::to_string(app_->pid()) + "-1"; }

@@ -19,6 +19,7 @@
 
 #include "e2e/app_process.h"
 #include "engine/engine.h"
+#include "platform/linux/bus_children.h"
 #include "platform/linux/linux_fixture.h"
 #include "platform/linux/logind.h"
 
@@ -31,42 +32,6 @@ constexpr const char* kLogind = "org.freedesktop.login1";
 constexpr const char* kPath = "/org/freedesktop/login1";
 constexpr const char* kManager = "org.freedesktop.login1.Manager";
 constexpr const char* kMock = "org.freedesktop.DBus.Mock";
-
-pid_t spawn(const std::vector<std::string>& argv, int out, int err, const std::vector<std::string>& env = {}) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    if (out >= 0) ::dup2(out, 1);
-    if (err >= 0) ::dup2(err, 2);
-    for (const auto& e : env) ::putenv(const_cast<char*>(e.c_str()));
-    std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    ::execv(args[0], args.data());
-    ::_exit(127);
-  }
-  return pid;
-}
-
-void endChild(pid_t& pid) {
-  if (pid <= 0) return;
-  ::kill(pid, SIGTERM);
-  if (!waitFor([&] { return ::waitpid(pid, nullptr, WNOHANG) == pid; }, 5s)) {
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, nullptr, 0);
-  }
-  pid = -1;
-}
-
-struct BusUnref {
-  void operator()(sd_bus* b) const { sd_bus_flush_close_unref(b); }
-};
-struct MessageUnref {
-  void operator()(sd_bus_message* m) const { sd_bus_message_unref(m); }
-};
-using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
 
 // A private dbus-daemon standing in for the system bus, with
 // python3-dbusmock's logind template on it. The test talks to the mock over
