@@ -124,7 +124,7 @@ struct AgentProcess {
 
 std::optional<AgentProcess> findAgent(Processes& procs, std::int32_t pid, std::string_view agent) {
   for (int level = 0; level < kWalkLevels && pid >= 2; ++level) {
-    auto info = procs.info(pid);
+    auto info = procs.identity(pid);
     if (!info || info->path.empty()) return std::nullopt;
     auto kind = matchKind(info->path, info->args);
     if (kind && kind->id == agent) return AgentProcess{pid, info->startMicros};
@@ -157,7 +157,7 @@ bool replaceFile(const std::string& folder, const std::string& name, const std::
     }
   }
   ok = (::close(fd) == 0) && ok;
-  ok = ok && ::rename(tmp.c_str(), path.c_str()) == 0;
+  ok = ok && moveInto(tmp, path);
   if (!ok) ::unlink(tmp.c_str());
   return ok;
 }

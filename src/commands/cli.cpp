@@ -9,7 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <iostream>
+#include <istream>
+#include <ostream>
 #include <map>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -27,6 +28,7 @@
 #include "integrations/auto_approve.h"
 #include "integrations/connect_command.h"
 #include "engine/log.h"
+#include "platform/fd_stream.h"
 #include "platform/files.h"
 #include "safety/setup_command.h"
 #include "safety/watchdog.h"
@@ -719,18 +721,19 @@ class Cli {
   // `vigilo mcp`: the MCP server on standard input and output until the
   // input ends. Holds it takes belong to the agent session that started it.
   int mcp() {
-    // Nothing else reads or writes the standard streams in this mode, so
-    // they need not stay in step with C stdio; the streams then read whole
-    // chunks instead of a character at a time.
-    std::ios::sync_with_stdio(false);
+    // Nothing else reads or writes the standard streams in this mode, so the
+    // server reads and writes the descriptors directly, in whole chunks.
+    FdStreamBuf inBuf(0), outBuf(1), logBuf(2);
+    std::istream in(&inBuf);
+    std::ostream out(&outBuf), errors(&logBuf);
     // A client that hangs up mid-answer must not kill us with SIGPIPE: the
     // failed write ends the server instead.
     std::signal(SIGPIPE, SIG_IGN);
     McpContext context{[this](const std::string& cmd, const json& args, double timeout) {
                          return client_.send(cmd, args, timeout);
                        },
-                       static_cast<std::int64_t>(::getppid()), &std::cerr};
-    return runMcpServer(std::cin, std::cout, std::move(context));
+                       static_cast<std::int64_t>(::getppid()), &errors};
+    return runMcpServer(in, out, std::move(context));
   }
 
   int prompt() {

@@ -1,6 +1,7 @@
 #include "platform/files.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -34,6 +35,18 @@ class Fd {
 
 }  // namespace
 
+bool moveInto(const std::string& from, const std::string& to) {
+#ifdef RENAME_EXCHANGE
+  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_EXCHANGE) == 0) {
+    if (::unlink(from.c_str()) == 0) return true;
+    // `to` was a folder: put both back and let rename refuse it as usual.
+    ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_EXCHANGE);
+  }
+  // No old file to swap with, or a filesystem that can't swap.
+#endif
+  return ::rename(from.c_str(), to.c_str()) == 0;
+}
+
 namespace {
 
 Result writeFile(const std::string& path, std::string_view data, std::optional<mode_t> mode, bool sync) {
@@ -65,7 +78,8 @@ Result writeFile(const std::string& path, std::string_view data, std::optional<m
   }
   if (sync && ::fsync(fd.get()) != 0) return failed("couldn't flush");
   if (::close(fd.release()) != 0) return failed("couldn't close");
-  if (::rename(tmp.c_str(), path.c_str()) != 0) return failed("couldn't rename");
+  const bool moved = sync ? ::rename(tmp.c_str(), path.c_str()) == 0 : moveInto(tmp, path);
+  if (!moved) return failed("couldn't rename");
   return Result::ok();
 }
 
@@ -84,12 +98,16 @@ Result makePrivateFolder(const std::string& path) {
   std::error_code ec;
   // Parents that are missing are made private too; existing ones are left
   // as their owner set them.
-  const std::filesystem::path target(path);
-  std::filesystem::path partial;
-  for (const auto& part : target) {
-    partial /= part;
-    if (::mkdir(partial.c_str(), kPrivateFolderMode) != 0 && errno != EEXIST) {
-      return Result::fail(errnoMessage("couldn't create " + partial.string(), errno), errno);
+  // The folder itself first: it almost always has its parents already, and
+  // an agent's hook comes here on every prompt.
+  if (::mkdir(path.c_str(), kPrivateFolderMode) != 0 && errno == ENOENT) {
+    const std::filesystem::path target(path);
+    std::filesystem::path partial;
+    for (const auto& part : target) {
+      partial /= part;
+      if (::mkdir(partial.c_str(), kPrivateFolderMode) != 0 && errno != EEXIST) {
+        return Result::fail(errnoMessage("couldn't create " + partial.string(), errno), errno);
+      }
     }
   }
   struct stat st {};

@@ -24,6 +24,14 @@ Result writeFileDurably(const std::string& path, std::string_view data, std::opt
 // not meant to survive a power cut (replies read a moment later).
 Result writeFileAtomically(const std::string& path, std::string_view data);
 
+// Puts the file `from` in place of `to`, as rename does: a reader finds the
+// old file or the new one, never neither. Where it can, it swaps the two
+// names and removes the old file instead, since a rename over an existing
+// file makes ext4 write the new, unflushed one out to disk at once (its
+// guard for programs that forget to flush), which cost an agent's hook most
+// of its time and a disk write on every prompt.
+bool moveInto(const std::string& from, const std::string& to);
+
 // Creates `path` and any missing parents as folders only the user can enter
 // (0700), and makes `path` itself 0700 when it exists with other modes and
 // belongs to the user. Fails with a plain-English reason.

@@ -63,6 +63,9 @@ class Processes {
   // The full record of `pid`, or nothing when it does not exist or cannot be
   // read.
   virtual std::optional<ProcessInfo> info(std::int32_t pid) = 0;
+  // What names `pid` (pid, ppid, startMicros, path and args), read afresh;
+  // a backend may leave the rest of the record empty to answer sooner.
+  virtual std::optional<ProcessInfo> identity(std::int32_t pid) { return info(pid); }
   // Every process that can be seen.
   virtual std::vector<ProcessInfo> list() = 0;
   // Every process that can be seen, read to `detail`: a caller that needs

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 #include <functional>
-#include <iostream>
+#include <cstdlib>
 #include <unistd.h>
 
 namespace vigilo {
@@ -11,8 +11,13 @@ bool askOnTerminal(const std::string& question) {
   if (::isatty(0) == 0) return false;
   std::printf("%s [y/N] ", question.c_str());
   std::fflush(stdout);
-  std::string answer;
-  if (!std::getline(std::cin, answer)) return false;
+  char* raw = nullptr;
+  std::size_t size = 0;
+  const ssize_t n = ::getline(&raw, &size, stdin);
+  std::string answer = n > 0 ? std::string(raw, static_cast<std::size_t>(n)) : std::string();
+  std::free(raw);
+  if (n <= 0) return false;
+  while (!answer.empty() && (answer.back() == '\n' || answer.back() == '\r')) answer.pop_back();
   return answer == "y" || answer == "Y" || answer == "yes" || answer == "Yes";
 }
 
