@@ -177,7 +177,8 @@ json CommandCenter::handle(const std::string& cmd, const json& args) {
     if (cmd == "panel") {
       json reply = statusDictionary();
       if (savings_) {
-        for (auto& [k, v] : savings_->panelKeys().items()) reply[k] = v;
+        const json keys = savings_->panelKeys();
+    for (auto& [k, v] : keys.items()) reply[k] = v;
       }
       return reply;
     }
@@ -311,7 +312,8 @@ json CommandCenter::statusDictionary() {
   });
   for (auto& [k, v] : extra.items()) reply[k] = v;
   if (savings_) {
-    for (auto& [k, v] : savings_->statusKeys().items()) reply[k] = v;
+    const json keys = savings_->statusKeys();
+    for (auto& [k, v] : keys.items()) reply[k] = v;
   }
   if (approve_) reply["approve_everything"] = approveDictionary();
   return reply;
@@ -393,7 +395,8 @@ json CommandCenter::power() {
                    // and on; without them there is nothing to measure.
                    {"power_test", "not available"}});
   if (savings_) {
-    for (auto& [k, v] : savings_->powerKeys().items()) reply[k] = v;
+    const json keys = savings_->powerKeys();
+    for (auto& [k, v] : keys.items()) reply[k] = v;
   }
   return reply;
 }
