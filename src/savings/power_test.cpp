@@ -150,10 +150,11 @@ void PowerTest::stop() {
 std::optional<std::string> PowerTest::abortReason() const {
   if (stopAsked_) return std::string("it was stopped on request");
   if (!engine_.lidClosed()) return std::string("the lid was opened");
-  if (!engine_.holding()) return std::string("Vigilo stopped keeping the Mac awake");
+  // The causes first: a hold ended by the heat guard reads as the heat.
   const bool onPower = engine_.battery() && engine_.battery()->onAC;
   if (onPower != startOnPower_) return std::string("the power adapter was plugged in or out");
   if (engine_.thermal() >= kSerious) return std::string("the Mac got too hot");
+  if (!engine_.holding()) return std::string("Vigilo stopped keeping the Mac awake");
   return std::nullopt;
 }
 

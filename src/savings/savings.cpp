@@ -91,7 +91,7 @@ void Savings::updateBaseline() {
 double Savings::liveSavingW() const {
   if (!closedLid_.sessionActive()) return 0;
   const auto& effects = test_.effects();
-  if (auto total = effects.find("total"); total != effects.end() && closedLid_.savingsOff().empty()) {
+  if (auto total = effects.find("total"); total != effects.end() && !test_.running()) {
     return total->second;
   }
   double watts = 0;
