@@ -174,3 +174,33 @@ TEST_F(PowerTestTest, QuickEstimateComparesTheTargetedAppsBeforeAndAfter) {
 
 }  // namespace
 }  // namespace vigilo::test
+
+namespace vigilo::test {
+namespace {
+
+TEST(FastSimClockTest, SpeedIsKeptInTheFileClampedAndScalesTheClock) {
+  TempDir dir;
+  ManualClock base;
+  SimLaptop laptop(base);
+  struct Case {
+    const char* file;
+    double speed;
+  };
+  for (Case c : {Case{R"({"clockSpeed": 50})", 50}, Case{R"({"clockSpeed": 5000})", 100},
+                 Case{R"({"clockSpeed": 0.1})", 1}, Case{R"({"clockSpeed": "fast"})", 1}, Case{"{broken", 1}}) {
+    writeFile(dir.file("laptop.json"), c.file);
+    EXPECT_EQ(simClockSpeed(dir.file("laptop.json")), c.speed) << c.file;
+  }
+  EXPECT_EQ(simClockSpeed(dir.file("missing.json")), 1);
+  laptop.fromJson(nlohmann::json::parse(R"({"clockSpeed": 50})"));
+  EXPECT_EQ(laptop.toJson()["clockSpeed"], 50) << "the app writing the file back keeps the setting";
+
+  ScaledClock fast(base, 50);
+  const Time start = fast.now();
+  base.advance(2);
+  EXPECT_DOUBLE_EQ(fast.now() - start, 100);
+  EXPECT_DOUBLE_EQ(fast.rate(), 50);
+}
+
+}  // namespace
+}  // namespace vigilo::test

@@ -802,11 +802,10 @@ json SimLaptop::toJson() const {
   }
   json modes = json::object();
   for (const auto& [k, v] : s.powerModes) modes[k] = v;
-  return {{"setup", {{"ready", s.setupReady}, {"reason", s.setupReason}}},
+  json state = {{"setup", {{"ready", s.setupReady}, {"reason", s.setupReason}}},
           {"lid", s.lid == Lid::Open ? "open" : s.lid == Lid::Closed ? "closed" : "none"},
           {"battery", std::move(battery)},
           {"thermal", s.thermal},
-          {"clockSpeed", s.clockSpeed},
           {"sleepDisabled", s.sleepDisabled},
           {"refuse", {{"sleepOff", s.refuseOff}, {"sleepOn", s.refuseOn}}},
           {"display",
@@ -825,6 +824,9 @@ json SimLaptop::toJson() const {
           {"lastStartMicros", s.lastStartMicros},
           {"log", s.log},
           {"updated", s.updated}};
+  // Written only when set, so a file that never asked for it stays as it was.
+  if (s.clockSpeed != 1.0) state["clockSpeed"] = s.clockSpeed;
+  return state;
 }
 
 void SimLaptop::fromJson(const json& j) {
