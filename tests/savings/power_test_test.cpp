@@ -1,6 +1,7 @@
 #include <functional>
 
 #include "closedlid/closed_lid.h"
+#include "commands/command_center.h"
 #include "engine/engine_fixture.h"
 #include "savings/savings.h"
 #include "savings/savings_stats.h"
@@ -89,7 +90,19 @@ TEST_F(PowerTestTest, DetailedTestMeasuresEachSavingAndPutsTheMapBack) {
   ASSERT_EQ(stats.sessions.size(), 1u);
   EXPECT_NEAR(stats.sessions[0].whSaved, 2.0, 0.1) << "4 W for the half hour after the test";
   EXPECT_GT(stats.sessions[0].closedMinutes, 30.0);
-  EXPECT_EQ(savings_->statusKeys()["power_measured"], true);
+  // The panel and power replies carry the week's figures and the results.
+  CommandCenter center(engine(), nullptr);
+  center.setSavings(savings_.get());
+  const nlohmann::json panel = center.handle("panel", nlohmann::json::object());
+  EXPECT_NEAR(panel["estimated_savings_this_week"].get<double>(), 2.0, 0.1);
+  EXPECT_NEAR(panel["by_slowing_apps_wh"].get<double>(), 2.0, 0.1);
+  EXPECT_EQ(panel["by_sleeping_when_done_wh"], 0.0);
+  EXPECT_NEAR(panel["full_charges_equivalent"].get<double>(), 2.0 / kDefaultFullWh, 0.01);
+  EXPECT_EQ(panel["saving_now_watts"], 0.0) << "the lid is open";
+  EXPECT_EQ(panel["power_measured"], true);
+  EXPECT_TRUE(panel.contains("vs_lid_open_wh"));
+  const nlohmann::json stop = center.handle("power_test", {{"stop", true}});
+  EXPECT_EQ(stop["error"], "No power test is running");
 }
 
 TEST_F(PowerTestTest, EveryAbortReasonStopsTheTestAndPutsTheSavingsBack) {
