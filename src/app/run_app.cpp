@@ -14,6 +14,7 @@
 #include "agents/agent_work.h"
 #include "app/commands.h"
 #include "closedlid/closed_lid.h"
+#include "savings/savings.h"
 #include "commands/channel.h"
 #include "commands/command_center.h"
 #include "engine/engine.h"
@@ -162,7 +163,9 @@ int runApp(const std::vector<std::string>& args) {
     if (const char* env = std::getenv("VIGILO_SIMULATE"); env != nullptr && *env != '\0') options->simulate = env;
   }
 
-  SystemClock clock;
+  SystemClock systemClock;
+  // A simulated laptop may run its clock fast, so minutes pass in seconds.
+  ScaledClock clock(systemClock, options->simulate.empty() ? 1.0 : simClockSpeed(options->simulate));
   std::unique_ptr<RunLoop> loop;
   try {
     loop = makePollRunLoop(clock);
@@ -258,7 +261,11 @@ int runApp(const std::vector<std::string>& args) {
     }
     return p;
   });
-  engine.setClosedLidSavings(&closedLid);
+  // What the savings are worth: counted per session into "stats.json", and
+  // measured by the power test and the quick estimate.
+  Savings savings(engine, closedLid, &power);
+  engine.setClosedLidSavings(&savings);
+  engine.setSleepHandler([&savings, &engine] { savings.willSleep(engine.lastEndReason()); });
   std::string lastStatus, lastWarning, lastSetupError, lastSimProblem, lastWatchdogWarning;
   auto report = [&] {
     std::string status = engine.statusLine();
@@ -332,6 +339,7 @@ int runApp(const std::vector<std::string>& args) {
   center.addHandler("wake", [&](const nlohmann::json& args) { return wakes.wake(engine, args); });
   center.addHandler("wake_at", [&](const nlohmann::json& args) { return wakes.wakeAt(engine, args); });
   center.setClosedLid(&closedLid);
+  center.setSavings(&savings);
   std::unique_ptr<Notifications> notifications;
   if (!options->preview) {
     notifications = makeSocketNotifications(folder, loop.get());

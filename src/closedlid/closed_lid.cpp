@@ -24,10 +24,33 @@ constexpr const char* kLockWarning =
 
 }  // namespace
 
+namespace {
+
+std::string minutesText(double seconds) {
+  const long long minutes = std::llround(seconds / 60.0);
+  return minutes >= 60 ? formatMinutes(minutes) : std::to_string(minutes) + " min";
+}
+
+}  // namespace
+
 std::string receiptLine(const Receipt& r) {
   if (!r.openedAt || *r.openedAt < r.closedAt) return "Stayed awake";
-  const long long minutes = std::llround((*r.openedAt - r.closedAt) / 60.0);
-  return "Stayed awake " + (minutes >= 60 ? formatMinutes(minutes) : std::to_string(minutes) + " min");
+  const Time opened = *r.openedAt;
+  // The stretch awake ends where sleep was let in; a stamp outside the
+  // session (the clock moved) is ignored.
+  auto inside = [&](const std::optional<Time>& t) { return t && *t >= r.closedAt && *t <= opened; };
+  const bool slept = inside(r.sleptAt);
+  const bool asked = inside(r.sleepRequestedAt);
+  const Time sleptAt = slept ? *r.sleptAt : opened;
+  const Time awakeUntil = asked ? *r.sleepRequestedAt : sleptAt;
+  std::string line = "Stayed awake " + minutesText(awakeUntil - r.closedAt);
+  if (slept) {
+    line += ", then slept " + minutesText(opened - sleptAt);
+  } else if (asked) {
+    line += ", then asked it to sleep";
+  }
+  if (r.offlineSeconds >= 60) line += " · no internet for " + minutesText(r.offlineSeconds);
+  return line;
 }
 
 ClosedLid::ClosedLid(Engine& engine, std::function<AgentProtection()> protection)
@@ -97,7 +120,17 @@ void ClosedLid::enter(Engine&) {
   }
 }
 
+void ClosedLid::noteSleep(Time at, const std::string& because) {
+  if (!receipt_ || receipt_->openedAt || receipt_->sleptAt) return;
+  receipt_->sleptAt = at;
+  receipt_->sleptBecause = because;
+}
+
 void ClosedLid::leave(Engine&) {
+  // The session ends with the lid still shut: the machine is let go to sleep.
+  if (engine_.lidClosed() && receipt_ && !receipt_->openedAt && !receipt_->sleepRequestedAt) {
+    receipt_->sleepRequestedAt = engine_.now();
+  }
   if (!engine_.lidClosed() && receipt_ && !receipt_->openedAt) {
     finishSession(engine_.now());
     if (notice_) notice_(Notice{Notice::Kind::Alert, "Welcome back", receiptLine(*receipt_)});
@@ -123,11 +156,28 @@ void ClosedLid::finishSession(Time openedAt) {
 
 // ---------------------------------------------------------------- state
 
-void ClosedLid::reapplyClosedState(std::optional<Preset> forcing, const std::set<std::string>& skip) {
+void ClosedLid::setSavingsOff(std::set<std::string> off) {
+  savingsOff_ = std::move(off);
+  if (!active_) return;
+  if (changesAllowed() && !engine_.config().lockOnClose) {
+    if (savingsOff_.count("screen")) {
+      restoreBrightness();
+    } else {
+      dimForClosedLid();
+    }
+  }
+  reapplyClosedState(std::nullopt);
+}
+
+void ClosedLid::reapplyClosedState(std::optional<Preset> forcing, const std::set<std::string>& skipAsked) {
   const Preset preset = forcing.value_or(presetInForce());
   const Config& c = engine_.config();
+  std::set<std::string> skip = skipAsked;
+  for (std::string_view cls : {kSkipApps, kSkipSimulators, kSkipAudio}) {
+    if (savingsOff_.count(std::string(cls))) skip.insert(std::string(cls));
+  }
   if (changesAllowed()) {
-    if (preset != Preset::FullSpeed && c.lowPowerWhileClosed) {
+    if (preset != Preset::FullSpeed && c.lowPowerWhileClosed && !savingsOff_.count("low_power")) {
       setLowPower();
     } else {
       restorePowerMode();

@@ -19,12 +19,20 @@ namespace vigilo {
 struct Receipt {
   Time closedAt = 0;
   std::optional<Time> openedAt;
+  std::optional<Time> sleepRequestedAt;  // the session ended with the lid shut: sleep was let in
+  std::optional<Time> sleptAt;           // the machine went to sleep
+  std::optional<std::string> sleptBecause;
   std::optional<int> startPercent;
   std::optional<int> endPercent;
   std::optional<std::string> agentName;
+  double offlineSeconds = 0;
+  std::optional<Time> offlineSince;
 };
 
-// "Stayed awake 42 min": the opening of the line shown when the lid opens.
+// "Stayed awake 42 min, then slept 1h 5m · no internet for 3 min": the
+// line shown when the lid opens. Durations stop at the clock's now (or the
+// opening); a receipt whose times run backwards (the clock was set back)
+// gives no durations.
 std::string receiptLine(const Receipt& r);
 
 // What the agents depend on, from agent detection.
@@ -55,6 +63,12 @@ class ClosedLid final : public ClosedLidSavings {
   // Re-derives every closed-lid change from the settings; `forcing` stands
   // in for the configured preset, `skip` leaves classes out (the power test).
   void reapplyClosedState(std::optional<Preset> forcing, const std::set<std::string>& skip = {});
+  // The savings switched off (the power test): "apps", "simulators" and
+  // "audio" leave those classes alone, "low_power" keeps the user's power
+  // mode, "screen" keeps the screen lit. Every later reapply honours it
+  // until it is set back to empty. Applies at once while a session runs.
+  void setSavingsOff(std::set<std::string> off);
+  const std::set<std::string>& savingsOff() const { return savingsOff_; }
   // Undoes every closed-lid change; each step runs even when one fails.
   void restoreClosedState();
 
@@ -80,6 +94,8 @@ class ClosedLid final : public ClosedLidSavings {
 
   // Called with each finished receipt (savings statistics hook in here).
   void onSessionFinished(std::function<void(const Receipt&)> fn) { finished_ = std::move(fn); }
+  // The machine is going to sleep: stamps the open receipt once.
+  void noteSleep(Time at, const std::string& because);
   // Receives the "Welcome back" note.
   void setNoticeHandler(std::function<void(const Notice&)> fn) { notice_ = std::move(fn); }
 
@@ -115,6 +131,7 @@ class ClosedLid final : public ClosedLidSavings {
   std::optional<TimerId> lidPoll_;
   std::vector<TimerId> lockChecks_;
   std::optional<Receipt> receipt_;
+  std::set<std::string> savingsOff_;
   std::optional<std::string> warning_;
   std::function<void(const Receipt&)> finished_;
   std::function<void(const Notice&)> notice_;

@@ -589,10 +589,7 @@ class Cli {
   }
 
   int power() {
-    if (!inv_.words.empty() && inv_.words[0] == "test") {
-      json args = {{"detailed", inv_.has("--detailed")}, {"screen", inv_.has("--screen")}};
-      return simple("power_test", args);
-    }
+    if (!inv_.words.empty() && inv_.words[0] == "test") return powerTest();
     json r = request("power", json::object(), 10.0);
     if (!isOk(r)) return failed(r);
     if (inv_.has("--json")) {
@@ -619,7 +616,66 @@ class Cli {
       out(line);
     }
     printApps(r);
+    printMeasured(r);
     return 0;
+  }
+
+  // The power test's results in a `power` reply.
+  static void printMeasured(const json& r) {
+    const std::string state = r.value("power_test", std::string());
+    if (state == "running") {
+      out("Power test: running (" + valueText(r.value("power_test_progress", json("starting"))) + ")");
+    } else if (state == "aborted") {
+      out("Power test stopped early: " + valueText(r.value("power_test_aborted", json(""))));
+    }
+    if (r.contains("power_test_result") && r["power_test_result"].is_string()) {
+      out(r["power_test_result"].get<std::string>());
+    }
+    const json effects = r.value("measured_effects", json::object());
+    if (!effects.is_object()) return;
+    for (auto& [name, watts] : effects.items()) {
+      if (name == "total" || !watts.is_number()) continue;
+      char buf[120];
+      std::snprintf(buf, sizeof buf, "  %s: saves %.1f W", name == "low_power" ? "Low Power Mode" : name.c_str(),
+                    watts.get<double>());
+      out(buf);
+    }
+  }
+
+  // `vigilo power test [--detailed] [--screen]`, and `vigilo power test stop`.
+  int powerTest() {
+    if (inv_.words.size() > 1 && inv_.words[1] == "stop") return simple("power_test", {{"stop", true}});
+    if (inv_.words.size() > 1) return usage("vigilo power test [--detailed] [--screen] | vigilo power test stop");
+    json args = {{"detailed", inv_.has("--detailed")}, {"screen", inv_.has("--screen")}};
+    json r = request("power_test", args);
+    if (!isOk(r)) return failed(r);
+    const double about = r.value("about_seconds", json(240.0)).is_number() ? r["about_seconds"].get<double>() : 240.0;
+    const bool quiet = inv_.has("--json");
+    if (!quiet) out("Measuring for about " + std::to_string(static_cast<int>(std::ceil(about / 60.0))) + " min…");
+    // The app's clock may run fast (a simulated laptop), never slow: twice
+    // the expected length and a margin is plenty.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(about * 2 + 120);
+    std::string lastProgress;
+    json p;
+    while (true) {
+      std::this_thread::sleep_for(std::chrono::seconds(1));
+      p = request("power", json::object(), 10.0);
+      if (!isOk(p)) return failed(p);
+      const std::string progress = valueText(p.value("power_test_progress", json("")));
+      if (!quiet && !progress.empty() && progress != "null" && progress != lastProgress) out("  " + progress);
+      lastProgress = progress;
+      if (p.value("power_test", std::string()) != "running") break;
+      if (std::chrono::steady_clock::now() > deadline) {
+        err("the test didn't finish in time; run vigilo power later for results");
+        return 1;
+      }
+    }
+    if (quiet) {
+      out(p.dump(2));
+    } else {
+      printMeasured(p);
+    }
+    return p.value("power_test", std::string()) == "aborted" ? 1 : 0;
   }
 
   static void printApps(const json& r) {
@@ -660,7 +716,24 @@ class Cli {
   int measure() {
     json r = request("measure", json::object(), 20.0);
     if (!isOk(r)) return failed(r);
-    out(inv_.has("--json") ? r.dump(2) : statusOf(r));
+    if (inv_.has("--json")) {
+      out(r.dump(2));
+      return 0;
+    }
+    char buf[200];
+    const json saving = r.value("measured_saving_watts", json(nullptr));
+    std::snprintf(buf, sizeof buf, "Slowing and pausing the apps the lid-closed rules pick saves about %.1f W",
+                  saving.is_number() ? saving.get<double>() : 0.0);
+    out(buf);
+    const json apps = r.value("measured_apps", json::array());
+    if (!apps.is_array() || apps.empty()) out("  (no app would be slowed or paused right now)");
+    for (const auto& a : apps) {
+      if (!a.is_object()) continue;
+      std::snprintf(buf, sizeof buf, "  %s  (measured: saves %.1f W)", a.value("name", std::string()).c_str(),
+                    a.value("saves_watts", 0.0));
+      out(buf);
+    }
+    out("A rough, short-window estimate.");
     return 0;
   }
 

@@ -18,6 +18,7 @@
 #include "integrations/auto_approve.h"
 #include "platform/files.h"
 #include "power/power_watch.h"
+#include "savings/savings.h"
 
 namespace vigilo {
 namespace {
@@ -129,6 +130,7 @@ void CommandCenter::receive(const std::string& text) {
   const json argObject = (args != request.end() && args->is_object()) ? *args : json::object();
   const std::string name = cmd->get<std::string>();
   json reply = tooLong(argObject);
+  if (reply.is_null() && name == "measure" && savings_) return measure(idText);
   if (reply.is_null()) reply = handle(name.size() > kMaxName ? cutUtf8(name, 64) : name, argObject);
   writeReply(engine_.files().dir(), idText, reply);
   if (name == "quit" && quit_) quit_();
@@ -171,6 +173,16 @@ json CommandCenter::handle(const std::string& cmd, const json& args) {
     if (cmd == "track") return track(args);
     if (cmd == "energy") return energy();
     if (cmd == "power") return power();
+    if (cmd == "power_test") return powerTest(args);
+    if (cmd == "panel") {
+      json reply = statusDictionary();
+      if (savings_) {
+        const json keys = savings_->panelKeys();
+    for (auto& [k, v] : keys.items()) reply[k] = v;
+      }
+      return reply;
+    }
+    if (cmd == "measure" && !savings_) return fail("Vigilo isn't measuring savings in this mode");
     if (cmd == "approve") return approve(args);
     if (auto it = extra_.find(cmd); it != extra_.end()) return it->second(args);
   } catch (const std::exception& e) {
@@ -299,6 +311,10 @@ json CommandCenter::statusDictionary() {
       {"platform", engine_.platform().name()},
   });
   for (auto& [k, v] : extra.items()) reply[k] = v;
+  if (savings_) {
+    const json keys = savings_->statusKeys();
+    for (auto& [k, v] : keys.items()) reply[k] = v;
+  }
   if (approve_) reply["approve_everything"] = approveDictionary();
   return reply;
 }
@@ -368,16 +384,46 @@ json CommandCenter::power() {
   auto hours = power_->hoursLeftClosed(engine_);
   const LearnedPower& learned = w.learned();
   auto opt = [](const std::optional<double>& v) { return v ? json(*v) : json(nullptr); };
-  return ok({{"system_watts", opt(watts)},
-             {"learned_open_watts", opt(learned.openDraw)},
-             {"learned_closed_watts", opt(learned.closedDraw)},
-             {"full_wh", w.fullWh()},
-             {"closed_estimate_watts", power_->closedEstimate(engine_)},
-             {"hours_left_closed", opt(hours)},
-             {"apps", appsUsingEnergy(kEnergyRows)},
-             // The power test switches the lid-closed savings off and on;
-             // until this machine has them there is nothing to measure.
-             {"power_test", "not available"}});
+  json reply = ok({{"system_watts", opt(watts)},
+                   {"learned_open_watts", opt(learned.openDraw)},
+                   {"learned_closed_watts", opt(learned.closedDraw)},
+                   {"full_wh", w.fullWh()},
+                   {"closed_estimate_watts", power_->closedEstimate(engine_)},
+                   {"hours_left_closed", opt(hours)},
+                   {"apps", appsUsingEnergy(kEnergyRows)},
+                   // The power test switches the lid-closed savings off
+                   // and on; without them there is nothing to measure.
+                   {"power_test", "not available"}});
+  if (savings_) {
+    const json keys = savings_->powerKeys();
+    for (auto& [k, v] : keys.items()) reply[k] = v;
+  }
+  return reply;
+}
+
+// `power_test`: `detailed`, `screen` (truths); `stop` (truth) ends a
+// running test early.
+json CommandCenter::powerTest(const json& args) {
+  if (!savings_) return fail("This Mac doesn't report whole-system power, so savings can't be measured");
+  PowerTest& test = savings_->test();
+  if (truthArg(args, "stop").value_or(false)) {
+    if (!test.running()) return fail("No power test is running");
+    test.stop();
+    return ok({{"stopped", true}});
+  }
+  if (auto refused = test.start(truthArg(args, "screen").value_or(false), truthArg(args, "detailed").value_or(false))) {
+    return fail(*refused);
+  }
+  return ok({{"started", true},
+             {"about_seconds", test.aboutSeconds()},
+             {"next", "Call power again (vigilo power) for results once power_test shows done."}});
+}
+
+void CommandCenter::measure(const std::string& id) {
+  const std::string dir = engine_.files().dir();
+  savings_->measureSavings([this, dir, id](json fields, std::optional<std::string> error) {
+    writeReply(dir, id, error ? fail(*error) : ok(fields));
+  });
 }
 
 json CommandCenter::track(const json& args) {

@@ -14,6 +14,7 @@ class AgentWork;
 class AutoApprove;
 class PowerWatch;
 class ClosedLid;
+class Savings;
 }
 
 namespace vigilo {
@@ -56,6 +57,9 @@ class CommandCenter {
   }
   // The closed-lid session, when the app runs one.
   void setClosedLid(ClosedLid* closedLid) { closedLid_ = closedLid; }
+  // The savings measurement (power test, quick estimate, statistics), when
+  // the app runs it.
+  void setSavings(Savings* savings) { savings_ = savings; }
 
   // Handles one request and gives the reply object.
   nlohmann::json handle(const std::string& cmd, const nlohmann::json& args);
@@ -87,6 +91,9 @@ class CommandCenter {
   nlohmann::json track(const nlohmann::json& args);
   nlohmann::json energy();
   nlohmann::json power();
+  nlohmann::json powerTest(const nlohmann::json& args);
+  // `measure` answers once the estimate is done: the reply is written then.
+  void measure(const std::string& id);
   nlohmann::json appsUsingEnergy(std::size_t limit);
   nlohmann::json approve(const nlohmann::json& args);
   nlohmann::json approveDictionary() const;
@@ -98,6 +105,7 @@ class CommandCenter {
   AutoApprove* approve_ = nullptr;
   std::map<std::string, std::function<nlohmann::json(const nlohmann::json&)>> extra_;
   ClosedLid* closedLid_ = nullptr;
+  Savings* savings_ = nullptr;
 };
 
 }  // namespace vigilo

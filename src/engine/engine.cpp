@@ -142,6 +142,7 @@ void Engine::launch() {
         evaluate();
         break;
       case SystemEvent::WillSleep:
+        if (willSleep_) willSleep_();
         break;
     }
   });

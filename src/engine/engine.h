@@ -64,6 +64,8 @@ class Engine {
   void addSlowJobs(SlowJobs* s) { slow_.push_back(s); }
   // Receives every announcement and alert.
   void setNoticeHandler(std::function<void(const Notice&)> fn) { notice_ = std::move(fn); }
+  // Called when the system announces it is about to sleep.
+  void setSleepHandler(std::function<void()> fn) { willSleep_ = std::move(fn); }
   // Called at the end of every evaluation, so a front end can redraw.
   void setChangeHandler(std::function<void()> fn) { changed_ = std::move(fn); }
 
@@ -195,6 +197,7 @@ class Engine {
   std::vector<SlowJobs*> slow_;
   std::function<void(const Notice&)> notice_;
   std::function<void()> changed_;
+  std::function<void()> willSleep_;
 
   bool holding_ = false;
   bool wantsHold_ = false;

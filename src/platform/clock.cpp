@@ -21,6 +21,13 @@ double SystemClock::monotonic() const {
   return duration<double>(steady_clock::now().time_since_epoch()).count();
 }
 
+ScaledClock::ScaledClock(const Clock& base, double rate)
+    : base_(base), rate_(rate > 0 ? rate : 1.0), startWall_(base.now()), startMono_(base.monotonic()) {}
+
+Time ScaledClock::now() const { return startWall_ + (base_.now() - startWall_) * rate_; }
+
+double ScaledClock::monotonic() const { return startMono_ + (base_.monotonic() - startMono_) * rate_; }
+
 Time nextLocalTime(Time now, int hour, int minute) {
   std::time_t secs = static_cast<std::time_t>(now);
   std::tm tm{};

@@ -24,12 +24,32 @@ class Clock {
   virtual Time now() const = 0;
   // Seconds since an arbitrary fixed point; never goes backwards.
   virtual double monotonic() const = 0;
+  // Clock seconds per real second: a loop waiting on this clock divides its
+  // waits by it.
+  virtual double rate() const { return 1.0; }
 };
 
 class SystemClock final : public Clock {
  public:
   Time now() const override;
   double monotonic() const override;
+};
+
+// Another clock run `rate` times faster from the moment it is made: the
+// simulated laptop's fast clock, so that minutes of battery and timers pass
+// in seconds.
+class ScaledClock final : public Clock {
+ public:
+  ScaledClock(const Clock& base, double rate);
+  Time now() const override;
+  double monotonic() const override;
+  double rate() const override { return rate_; }
+
+ private:
+  const Clock& base_;
+  double rate_;
+  Time startWall_;
+  double startMono_;
 };
 
 // A clock that only moves when told to; wall and monotonic move together.

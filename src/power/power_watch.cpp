@@ -20,7 +20,7 @@ PowerWatch::PowerWatch(std::string appFolder, const AgentWork* work)
 void PowerWatch::sample(Engine& engine) {
   const Time now = engine.now();
   whole_.update(engine.platform().registry().battery(), engine.battery(),
-                PowerContext{engine.lidClosed(), engine.holding(), false}, now);
+                PowerContext{engine.lidClosed(), engine.holding(), testRunning_}, now);
   if (isEnergyTick(engine.ticks())) {
     apps_ = work_ ? energy_.sample(work_->processes(), now)
                   : energy_.sample(engine.platform().processes().listing(ProcessDetail::Counters), now);

@@ -26,6 +26,8 @@ class PowerWatch final : public PowerMeter {
   std::optional<double> hoursLeft(const Engine& engine) const override;
 
   const WholeMachinePower& whole() const { return whole_; }
+  // While a power test switches the savings off and on, nothing is learned.
+  void setTestRunning(bool on) { testRunning_ = on; }
   // The apps using the most energy, largest first.
   const std::vector<AppUsage>& apps() const { return apps_; }
   // Hours left with the lid shut at the expected draw, and that draw:
@@ -44,6 +46,7 @@ class PowerWatch final : public PowerMeter {
   WholeMachinePower whole_;
   EnergySampler energy_;
   std::vector<AppUsage> apps_;
+  bool testRunning_ = false;
 };
 
 }  // namespace vigilo

@@ -116,7 +116,6 @@ TEST_F(CliTest, ModesSettingsAndTheStatusKeys) {
   EXPECT_EQ(vigilo({"anyway", "on"}).err,
             "vigilo: going below the battery limit can only be allowed in Vigilo itself (it's the person's call)\n");
   EXPECT_EQ(vigilo({"check-in", "20"}).status, 2);
-  EXPECT_EQ(vigilo({"measure"}).err, "vigilo: Unknown command measure\n");
 
   s = status();
   for (const char* key : {"status", "mode", "keeping_awake", "lid_closed", "preset", "system_watts", "power_measured",

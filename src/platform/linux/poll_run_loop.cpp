@@ -265,7 +265,7 @@ void PollRunLoop::onSignal(int signo, std::function<void()> fn) {
 
 int PollRunLoop::pollTimeoutMs() const {
   if (deadlines_.empty()) return -1;
-  const double wait = wakeAt() - clock_.monotonic();
+  const double wait = (wakeAt() - clock_.monotonic()) / clock_.rate();
   if (wait <= 0) return 0;
   if (wait >= kMaxWaitSeconds) return static_cast<int>(kMaxWaitSeconds * 1000);
   // Rounded up: waking a fraction early would only poll again with 0.

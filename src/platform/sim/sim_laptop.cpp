@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <fstream>
 #include <limits>
 #include <map>
 #include <set>
@@ -34,6 +35,8 @@ constexpr double kMaxMillivolts = 1e6;
 constexpr std::int64_t kMaxMilliamps = 1'000'000;
 constexpr std::size_t kAssertionLimit = 1000;
 constexpr std::size_t kAppLimit = 1000;
+// Faster would leave the 2-second tick no real time to run in.
+constexpr double kMaxClockSpeed = 100.0;
 // The controller adds SystemLoad to its accumulator about this often.
 constexpr double kAccumulatorPeriod = 30.0;
 constexpr std::int32_t kInitPid = 1;
@@ -165,6 +168,7 @@ struct SimLaptop::State {
   double accumulatorSeconds = 0;      // since the accumulator last moved
 
   int thermal = 0;
+  double clockSpeed = 1.0;  // how many simulated seconds pass per real second
   bool sleepDisabled = false;
   bool refuseOff = false;
   bool refuseOn = false;
@@ -531,6 +535,8 @@ bool SimLaptop::removePowerAssertion(std::int32_t pid, const std::string& name) 
 
 // --- Readings.
 
+double SimLaptop::clockSpeed() const { return s_->clockSpeed; }
+
 bool SimLaptop::sleepDisabled() const { return s_->sleepDisabled; }
 
 std::optional<bool> SimLaptop::lidClosed() const {
@@ -796,7 +802,7 @@ json SimLaptop::toJson() const {
   }
   json modes = json::object();
   for (const auto& [k, v] : s.powerModes) modes[k] = v;
-  return {{"setup", {{"ready", s.setupReady}, {"reason", s.setupReason}}},
+  json state = {{"setup", {{"ready", s.setupReady}, {"reason", s.setupReason}}},
           {"lid", s.lid == Lid::Open ? "open" : s.lid == Lid::Closed ? "closed" : "none"},
           {"battery", std::move(battery)},
           {"thermal", s.thermal},
@@ -818,6 +824,9 @@ json SimLaptop::toJson() const {
           {"lastStartMicros", s.lastStartMicros},
           {"log", s.log},
           {"updated", s.updated}};
+  // Written only when set, so a file that never asked for it stays as it was.
+  if (s.clockSpeed != 1.0) state["clockSpeed"] = s.clockSpeed;
+  return state;
 }
 
 void SimLaptop::fromJson(const json& j) {
@@ -854,6 +863,7 @@ void SimLaptop::fromJson(const json& j) {
     if (auto v = numberIn(b, "accumulatorSeconds", 0.0, kAccumulatorPeriod)) s.accumulatorSeconds = *v;
   }
   if (auto v = numberIn(j, "thermal", 0.0, 3.0)) s.thermal = static_cast<int>(std::lround(*v));
+  if (auto v = numberIn(j, "clockSpeed", 1.0, kMaxClockSpeed)) s.clockSpeed = *v;
   if (auto v = boolean(j, "sleepDisabled")) s.sleepDisabled = *v;
   {
     const json& r = object(j, "refuse");
@@ -975,6 +985,18 @@ void SimLaptop::fromJson(const json& j) {
   s.settle();
   *s_ = std::move(s);
   s_->notify();
+}
+
+}  // namespace vigilo
+
+namespace vigilo {
+
+double simClockSpeed(const std::string& path) {
+  std::ifstream in(path);
+  if (!in) return 1.0;
+  const json j = json::parse(in, nullptr, false);
+  if (!j.is_object()) return 1.0;
+  return numberIn(j, "clockSpeed", 1.0, kMaxClockSpeed).value_or(1.0);
 }
 
 }  // namespace vigilo

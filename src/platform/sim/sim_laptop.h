@@ -111,6 +111,9 @@ class SimLaptop {
   void setObserver(std::function<void()> observer);
 
   // --- Reading the laptop.
+  // How many simulated seconds pass per real second in the app (1 to 100,
+  // key "clockSpeed"); read when the app starts.
+  double clockSpeed() const;
   bool sleepDisabled() const;
   std::optional<bool> lidClosed() const;
   int thermalState() const;
@@ -209,6 +212,10 @@ class SimPlatform : public Platform {
 
 // Read-modify-write of a state file under its lock, for tests and tools: the
 // laptop in `edit` starts from the file's current content.
+// The "clockSpeed" of a state file, 1 when it is missing, damaged or out
+// of range: the app picks its clock before it reads the laptop.
+double simClockSpeed(const std::string& path);
+
 bool editSimStateFile(const std::string& path, const Clock& clock, const std::function<void(SimLaptop&)>& edit);
 
 }  // namespace vigilo
