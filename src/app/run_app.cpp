@@ -23,6 +23,7 @@
 #include "platform/linux/linux_platform.h"
 #include "platform/sim/sim_laptop.h"
 #include "ui/tray.h"
+#include "panel/panel_launcher.h"
 #include "power/power_watch.h"
 #include "safety/watchdog.h"
 #include "platform/linux/desktop_alerts.h"
@@ -332,6 +333,15 @@ int runApp(const std::vector<std::string>& args) {
   center.addHandler("wake", [&](const nlohmann::json& args) { return wakes.wake(engine, args); });
   center.addHandler("wake_at", [&](const nlohmann::json& args) { return wakes.wakeAt(engine, args); });
   center.setClosedLid(&closedLid);
+  // The panel window runs in a process of its own; the loop never waits on it.
+  PanelLauncher panel(*loop, folder, [&engine] { return engine.statusLine(); }, say);
+  center.addHandler("open", [&](const nlohmann::json& args) { return panel.open(args); });
+  center.addDeferredHandler("snapshot", [&](const nlohmann::json& args,
+                                            std::function<void(const nlohmann::json&)> reply) {
+    panel.snapshot(args, std::move(reply));
+  });
+  center.addHandler("panel", [&](const nlohmann::json&) { return panelDictionary(center, power); });
+  center.setInAppCheck([&panel](const nlohmann::json& args) { return panel.fromPanel(args); });
   std::unique_ptr<Notifications> notifications;
   if (!options->preview) {
     notifications = makeSocketNotifications(folder, loop.get());
