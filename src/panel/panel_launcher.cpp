@@ -211,6 +211,14 @@ json PanelLauncher::open(const json& args) {
   if (panel_.pid > 0 && sendLine(panel_.control, "page " + page)) {
     return {{"ok", true}, {"status", status_()}, {"page", page}, {"opened", false}};
   }
+  // A panel that closed its socket is on its way out: reap it before the
+  // next one takes its place.
+  if (panel_.pid > 0) {
+    ::kill(panel_.pid, SIGTERM);
+    ::waitpid(panel_.pid, nullptr, 0);
+    key_.clear();
+    forget(panel_);
+  }
   if (auto why = panelUnavailable()) {
     return {{"ok", false}, {"error", graphicalSession() ? "Can't show " + *why : noDisplay()}};
   }
@@ -219,7 +227,8 @@ json PanelLauncher::open(const json& args) {
   if (key.empty()) return {{"ok", false}, {"error", "Couldn't make the panel's key: no random bytes"}};
   Child child;
   if (!start(child, {"--page", page}, true, false,
-             [this](pid_t, int status) {
+             [this](pid_t pid, int status) {
+               if (pid != panel_.pid) return;
                if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
                  say_("warning: the panel stopped with status " + std::to_string(WEXITSTATUS(status)));
                }

@@ -120,6 +120,7 @@ class PanelTest : public ::testing::Test {
 TEST_F(PanelTest, EachTabDrawsAndSnapshotWritesAPicture) {
   startWithDisplay();
   if (IsSkipped()) return;
+  ASSERT_EQ(vigilo({"hold", "--for", "2h", "--reason", "Training the model"}).status, 0);
   // Each tab, drawn by the panel process from the running app's state; the
   // pictures stay in the build folder to look at.
   for (const std::string page : {"now", "power", "settings", "setup"}) {
