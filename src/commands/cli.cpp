@@ -860,7 +860,11 @@ class Cli {
       if (!c.available) out("Not available: " + c.detail);
     }
     if (auto tray = trayUnavailable()) out("Not available: " + *tray);
-    if (auto panel = panelUnavailable()) out("Not available: " + *panel);
+    if (auto panel = panelUnavailable()) {
+      out("Not available: " + *panel);
+    } else {
+      out("Panel: available (" + panelModulePath() + ")");
+    }
     for (const std::string& line : phoneDoctorLines(folder_, m->platform->name() == "sim")) out(line);
     return 0;
   }

@@ -104,7 +104,13 @@ void PanelLauncher::forget(Child& child) {
 bool PanelLauncher::start(Child& child, const std::vector<std::string>& extra, bool withControl, bool captureOutput,
                           std::function<void(pid_t, int)> exited, std::string& error) {
   std::error_code ec;
-  const std::string exe = std::filesystem::read_symlink("/proc/self/exe", ec).string();
+  std::string exe = std::filesystem::read_symlink("/proc/self/exe", ec).string();
+  // Rebuilt or upgraded while the app runs: the new executable at the same
+  // place draws the panel.
+  const std::string deleted = " (deleted)";
+  if (exe.size() > deleted.size() && exe.compare(exe.size() - deleted.size(), deleted.size(), deleted) == 0) {
+    exe.resize(exe.size() - deleted.size());
+  }
   if (ec) {
     error = "couldn't find the vigilo executable";
     return false;
@@ -291,8 +297,15 @@ void PanelLauncher::snapshot(const json& args, std::function<void(const json&)> 
                                  return;
                                }
                                // The panel's own "vigilo: ..." line says why.
-                               std::string why = said.substr(0, said.find('\n'));
-                               if (why.rfind("vigilo: ", 0) == 0) why = why.substr(8);
+                               // GTK's own warnings may come first.
+                               std::string why;
+                               for (std::size_t at = said.rfind("vigilo: "); at != std::string::npos;) {
+                                 if (at == 0 || said[at - 1] == '\n') {
+                                   why = said.substr(at + 8, said.find('\n', at) - at - 8);
+                                   break;
+                                 }
+                                 at = at == 0 ? std::string::npos : said.rfind("vigilo: ", at - 1);
+                               }
                                if (why.empty()) why = "the panel stopped before drawing";
                                once({{"ok", false}, {"error", "Couldn't draw the panel: " + why}});
                              },

@@ -142,6 +142,9 @@ TEST_F(PanelTest, EachTabDrawsAndSnapshotWritesAPicture) {
   EXPECT_EQ(badName.status, 1);
   EXPECT_EQ(badName.err, "vigilo: snapshot name must end in .png\n");
   EXPECT_FALSE(fileExists(dir_.file("out.jpg")));
+  ToolRun nowhere = vigilo({"snapshot", dir_.file("missing/out.png")});
+  EXPECT_EQ(nowhere.err, "vigilo: Couldn't draw the panel: couldn't write " + dir_.file("missing/out.png") +
+                             " (is its folder there, and yours to write in?)\n");
 
   // One window at a time: a second open turns it to its page.
   ToolRun first = vigilo({"open", "settings", "--json"});
@@ -153,8 +156,8 @@ TEST_F(PanelTest, EachTabDrawsAndSnapshotWritesAPicture) {
   EXPECT_EQ(json::parse(again.out)["opened"], false);
   EXPECT_EQ(json::parse(again.out)["page"], "power");
   EXPECT_EQ(panelsRunning(), 1);
-  ToolRun nowhere = vigilo({"open", "attic"});
-  EXPECT_EQ(nowhere.err, "vigilo: There is no panel page attic. Pages: now, power, settings or setup\n");
+  ToolRun attic = vigilo({"open", "attic"});
+  EXPECT_EQ(attic.err, "vigilo: There is no panel page attic. Pages: now, power, settings or setup\n");
   // The app takes its panel with it.
   app_->signal(SIGTERM);
   EXPECT_EQ(app_->wait(10s), 0) << app_->output();

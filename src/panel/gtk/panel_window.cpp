@@ -662,7 +662,7 @@ bool Panel::saveSnapshot(const std::string& path, std::string& error) {
   gsk_render_node_unref(node);
   const bool saved = texture != nullptr && gdk_texture_save_to_png(texture, path.c_str());
   if (texture) g_object_unref(texture);
-  if (!saved) error = "couldn't write " + path;
+  if (!saved) error = "couldn't write " + path + " (is its folder there, and yours to write in?)";
   return saved;
 }
 
@@ -749,7 +749,7 @@ extern "C" __attribute__((visibility("default"))) int vigilo_panel_main(const Vi
     panel.showPage(o.page);
     std::string error;
     if (!panel.saveSnapshot(o.snapshot, error)) {
-      std::fprintf(stderr, "vigilo: couldn't draw the panel: %s\n", error.c_str());
+      std::fprintf(stderr, "vigilo: %s\n", error.c_str());
       return 1;
     }
     return 0;
