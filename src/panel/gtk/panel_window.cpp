@@ -496,6 +496,9 @@ void Panel::settingRow(GtkWidget* parent, const json& s) {
 // Sends a change; one that loosens a safety setting first asks the person,
 // and only then carries the app's key.
 void Panel::change(const std::string& key, const json& value, const json& current) {
+  // The controls show the app's answer, not the click: whatever happens
+  // (refused, cancelled, done), the next refresh redraws them from it.
+  lastSettings_ = nullptr;
   json args = {{"key", key}, {"value", value}};
   auto withKey = [this, args]() mutable {
     args["panel_key"] = key_;
