@@ -739,6 +739,9 @@ extern "C" __attribute__((visibility("default"))) int vigilo_panel_main(const Vi
     std::fprintf(stderr, "vigilo: snapshot name must end in .png\n");
     return 2;
   }
+  // A picture needs no GPU: the software renderer draws the same on every
+  // machine, Xvfb included (a renderer the person chose still wins).
+  if (!o.snapshot.empty()) g_setenv("GSK_RENDERER", "cairo", FALSE);
   if (!gtk_init_check()) {
     std::fprintf(stderr,
                  "vigilo: the panel needs a graphical session, and none is reachable here (DISPLAY or "
