@@ -334,7 +334,7 @@ int runApp(const std::vector<std::string>& args) {
   center.addHandler("wake_at", [&](const nlohmann::json& args) { return wakes.wakeAt(engine, args); });
   center.setClosedLid(&closedLid);
   // The panel window runs in a process of its own; the loop never waits on it.
-  PanelLauncher panel(*loop, folder, [&engine] { return engine.statusLine(); }, say);
+  PanelLauncher panel(*loop, folder, [&engine] { return engine.statusLine(); }, say, sim != nullptr);
   center.addHandler("open", [&](const nlohmann::json& args) { return panel.open(args); });
   center.addDeferredHandler("snapshot", [&](const nlohmann::json& args,
                                             std::function<void(const nlohmann::json&)> reply) {

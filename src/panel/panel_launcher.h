@@ -34,9 +34,11 @@ nlohmann::json panelDictionary(CommandCenter& center, const PowerWatch& power);
 class PanelLauncher {
  public:
   // `status` gives the status line for replies; `say` prints a line of the
-  // app's output.
+  // app's output. `simulated`: the app runs on the simulated laptop, where
+  // the tests may drive the panel's controls (VIGILO_PANEL_SCRIPT); on a
+  // real machine that variable never reaches the panel.
   PanelLauncher(RunLoop& loop, std::string appFolder, std::function<std::string()> status,
-                std::function<void(const std::string&)> say);
+                std::function<void(const std::string&)> say, bool simulated);
   ~PanelLauncher();
   PanelLauncher(const PanelLauncher&) = delete;
   PanelLauncher& operator=(const PanelLauncher&) = delete;
@@ -74,6 +76,7 @@ class PanelLauncher {
   std::string appFolder_;
   std::function<std::string()> status_;
   std::function<void(const std::string&)> say_;
+  bool simulated_;
   Child panel_;
   std::string key_;
   // Snapshots still drawing, by process id.
