@@ -4,6 +4,7 @@
 
 #include "commands/channel.h"
 #include "commands/cli.h"
+#include "panel/panel_command.h"
 #include "platform/linux/host_processes.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/sim/sim_laptop.h"
@@ -41,6 +42,10 @@ int vigiloMain(int argc, char** argv) {
   // Pairing is a person's act at the terminal, so it stays out of the help.
   if (!args.empty() && args[0] == "pair") {
     return runPair(std::vector<std::string>(args.begin() + 1, args.end()), toolAppFolder());
+  }
+  // The panel window, started by the app for `open` and `snapshot`.
+  if (!args.empty() && args[0] == "panel") {
+    return runPanel(std::vector<std::string>(args.begin() + 1, args.end()), toolAppFolder());
   }
   return runCli(args, ToolMachine{toolPlatform, hostProcesses});
 }

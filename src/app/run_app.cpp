@@ -24,6 +24,7 @@
 #include "platform/linux/linux_platform.h"
 #include "platform/sim/sim_laptop.h"
 #include "ui/tray.h"
+#include "panel/panel_launcher.h"
 #include "power/power_watch.h"
 #include "safety/watchdog.h"
 #include "platform/linux/desktop_alerts.h"
@@ -340,6 +341,14 @@ int runApp(const std::vector<std::string>& args) {
   center.addHandler("wake_at", [&](const nlohmann::json& args) { return wakes.wakeAt(engine, args); });
   center.setClosedLid(&closedLid);
   center.setSavings(&savings);
+  // The panel window runs in a process of its own; the loop never waits on it.
+  PanelLauncher panel(*loop, folder, [&engine] { return engine.statusLine(); }, say, sim != nullptr);
+  center.addHandler("open", [&](const nlohmann::json& args) { return panel.open(args); });
+  center.addDeferredHandler("snapshot", [&](const nlohmann::json& args,
+                                            std::function<void(const nlohmann::json&)> reply) {
+    panel.snapshot(args, std::move(reply));
+  });
+  center.setInAppCheck([&panel](const nlohmann::json& args) { return panel.fromPanel(args); });
   std::unique_ptr<Notifications> notifications;
   if (!options->preview) {
     notifications = makeSocketNotifications(folder, loop.get());

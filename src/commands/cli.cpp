@@ -23,6 +23,7 @@
 #include "commands/channel.h"
 #include "commands/mcp_server.h"
 #include "commands/setup_prompt.h"
+#include "panel/panel_command.h"
 #include "ui/tray.h"
 #include "engine/engine.h"
 #include "integrations/auto_approve.h"
@@ -753,7 +754,15 @@ class Cli {
   }
   int snapshot() {
     if (inv_.words.size() != 1) return usage("vigilo snapshot <path>");
-    return simple("snapshot", {{"path", inv_.words[0]}});
+    // The app runs elsewhere: a relative name means this shell's folder.
+    std::error_code ec;
+    std::string path = inv_.words[0];
+    if (auto absolute = std::filesystem::absolute(path, ec); !ec) path = absolute.lexically_normal().string();
+    // Drawing starts a panel process: give it longer than a plain request.
+    json r = request("snapshot", {{"path", path}}, 25.0);
+    if (!isOk(r)) return failed(r);
+    out(inv_.has("--json") ? r.dump(2) : "Saved the panel to " + r.value("path", path));
+    return 0;
   }
   int island() {
     if (inv_.words.empty() || inv_.words.size() > 2) return usage("vigilo island <title> [subtitle]");
@@ -927,6 +936,11 @@ class Cli {
       if (!c.available) out("Not available: " + c.detail);
     }
     if (auto tray = trayUnavailable()) out("Not available: " + *tray);
+    if (auto panel = panelUnavailable()) {
+      out("Not available: " + *panel);
+    } else {
+      out("Panel: available (" + panelModulePath() + ")");
+    }
     for (const std::string& line : phoneDoctorLines(folder_, m->platform->name() == "sim")) out(line);
     return 0;
   }

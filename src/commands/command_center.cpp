@@ -16,6 +16,7 @@
 #include "commands/channel.h"
 #include "commands/settings_schema.h"
 #include "integrations/auto_approve.h"
+#include "panel/in_app_change.h"
 #include "platform/files.h"
 #include "power/power_watch.h"
 #include "savings/savings.h"
@@ -131,6 +132,10 @@ void CommandCenter::receive(const std::string& text) {
   const std::string name = cmd->get<std::string>();
   json reply = tooLong(argObject);
   if (reply.is_null() && name == "measure" && savings_) return measure(idText);
+  if (auto later = deferred_.find(name); reply.is_null() && later != deferred_.end()) {
+    later->second(argObject, [folder = engine_.files().dir(), idText](const json& r) { writeReply(folder, idText, r); });
+    return;
+  }
   if (reply.is_null()) reply = handle(name.size() > kMaxName ? cutUtf8(name, 64) : name, argObject);
   writeReply(engine_.files().dir(), idText, reply);
   if (name == "quit" && quit_) quit_();
@@ -185,6 +190,7 @@ json CommandCenter::handle(const std::string& cmd, const json& args) {
     if (cmd == "measure" && !savings_) return fail("Vigilo isn't measuring savings in this mode");
     if (cmd == "approve") return approve(args);
     if (auto it = extra_.find(cmd); it != extra_.end()) return it->second(args);
+    if (deferred_.count(cmd) != 0) return fail(cmd + " can only be asked through the vigilo command");
   } catch (const std::exception& e) {
     // A request never takes the app down; the person learns what went wrong.
     return fail(std::string("Vigilo couldn't do that: ") + e.what());
@@ -633,12 +639,24 @@ json CommandCenter::set(const json& args) {
   if (!key || key->empty()) return fail("needs key");
   std::optional<json> value;
   if (auto it = args.find("value"); it != args.end() && !it->is_null()) value = *it;
-  SettingsSchema::Change change = SettingsSchema::change(engine_.config(), *key, value);
+  // The panel's own controls, after the person confirmed, may loosen.
+  const bool inApp = inApp_ && inApp_(args);
+  InAppChange asked =
+      inApp ? changeInApp(engine_.config(), *key, value) : InAppChange{SettingsSchema::change(engine_.config(), *key, value)};
+  SettingsSchema::Change& change = asked.change;
   if (!change.ok) return fail(change.error);
   // Going below the limit is the engine's state, not a setting; from here
   // it can only be ended.
   if (change.endBelowFloor) engine_.overrideFloor(false);
-  saveFromOutside(change.config);
+  if (asked.allowBelowFloor) {
+    engine_.overrideFloor(true);
+    return ok({{"key", "below_floor_allowed"}, {"value", true}});
+  }
+  if (inApp) {
+    engine_.apply(change.config, true);
+  } else {
+    saveFromOutside(change.config);
+  }
   // The setting's own name, whatever spelling was asked for.
   if (const SettingSpec* spec = SettingsSchema::spec(*key)) {
     return ok({{"key", spec->key}, {"value", spec->read(engine_.config())}});
@@ -647,6 +665,10 @@ json CommandCenter::set(const json& args) {
 }
 
 json CommandCenter::overrideFloor(const json& args) {
+  if (truthArg(args, "on").value_or(false) && inApp_ && inApp_(args)) {
+    engine_.overrideFloor(true);
+    return ok();
+  }
   if (truthArg(args, "on").value_or(false)) return fail("Going below the battery limit can only be allowed in Vigilo itself");
   engine_.overrideFloor(false);
   return ok();

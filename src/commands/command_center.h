@@ -55,6 +55,15 @@ class CommandCenter {
   void addHandler(const std::string& cmd, std::function<nlohmann::json(const nlohmann::json&)> fn) {
     extra_[cmd] = std::move(fn);
   }
+  // A request answered later (`snapshot`): `fn` gets the arguments and a
+  // function that writes the whole reply, once, on the main thread.
+  void addDeferredHandler(const std::string& cmd,
+                          std::function<void(const nlohmann::json&, std::function<void(const nlohmann::json&)>)> fn) {
+    deferred_[cmd] = std::move(fn);
+  }
+  // Tells requests from the panel's own confirmed controls (which may loosen
+  // safety settings) from every other caller.
+  void setInAppCheck(std::function<bool(const nlohmann::json&)> fn) { inApp_ = std::move(fn); }
   // The closed-lid session, when the app runs one.
   void setClosedLid(ClosedLid* closedLid) { closedLid_ = closedLid; }
   // The savings measurement (power test, quick estimate, statistics), when
@@ -106,6 +115,9 @@ class CommandCenter {
   std::map<std::string, std::function<nlohmann::json(const nlohmann::json&)>> extra_;
   ClosedLid* closedLid_ = nullptr;
   Savings* savings_ = nullptr;
+  std::map<std::string, std::function<void(const nlohmann::json&, std::function<void(const nlohmann::json&)>)>>
+      deferred_;
+  std::function<bool(const nlohmann::json&)> inApp_;
 };
 
 }  // namespace vigilo

@@ -116,8 +116,7 @@ TrayView trayView(const Engine& engine) {
   }
 
   m.push_back(separator("sep-app"));
-  // The panel is not part of this build: say so rather than offer a dead click.
-  m.push_back(label("open", "Open Vigilo… (no panel in this build yet)"));
+  m.push_back(command("open", "Open Vigilo…", "open"));
   m.push_back(command("quit", "Quit Vigilo", "quit"));
   return v;
 }

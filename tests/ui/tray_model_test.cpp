@@ -131,11 +131,12 @@ TEST_F(TrayModelTest, ClicksChangeTheEngineThroughTheCommandCenter) {
   EXPECT_TRUE(engine().holds().empty());
   EXPECT_FALSE(engine().holding());
 
-  // The panel isn't built: its item says so and can't be clicked.
+  // "Open Vigilo…" asks the app for its panel like `vigilo open`.
   const TrayView last = trayView(engine());
   const TrayMenuItem* open = findMenuItem(last.menu, "open");
   ASSERT_NE(open, nullptr);
-  EXPECT_FALSE(open->enabled);
+  ASSERT_TRUE(open->action.has_value());
+  EXPECT_EQ(open->action->cmd, "open");
   EXPECT_EQ(findMenuItem(trayView(engine()).menu, "quit")->action->cmd, "quit");
 }
 

@@ -1,0 +1,211 @@
+#include <csignal>
+#include <filesystem>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "commands/channel.h"
+#include "e2e/app_process.h"
+#include "panel/png_reader.h"
+#include "test_support.h"
+
+namespace vigilo::test {
+namespace {
+
+using namespace std::chrono_literals;
+using json = nlohmann::json;
+
+// The build folder, where the pictures of each tab are kept after a run.
+std::string buildFolder() { return std::filesystem::path(VIGILO_BINARY).parent_path().string(); }
+
+// A private X server for one test, gone with it.
+class Xvfb {
+ public:
+  Xvfb() {
+    if (::access("/usr/bin/Xvfb", X_OK) != 0) return;
+    for (int n = 90 + ::getpid() % 400; n < 600; ++n) {
+      const std::string socket = "/tmp/.X11-unix/X" + std::to_string(n);
+      if (std::filesystem::exists(socket) || std::filesystem::exists("/tmp/.X" + std::to_string(n) + "-lock")) continue;
+      display_ = ":" + std::to_string(n);
+      pid_ = ::fork();
+      if (pid_ == 0) {
+        ::execl("/usr/bin/Xvfb", "Xvfb", display_.c_str(), "-nolisten", "tcp", "-screen", "0", "1024x768x24",
+                static_cast<char*>(nullptr));
+        ::_exit(127);
+      }
+      if (waitFor([&] { return std::filesystem::exists(socket); }, 10s)) return;
+      stop();
+    }
+    display_.clear();
+  }
+  ~Xvfb() { stop(); }
+  bool running() const { return pid_ > 0; }
+  const std::string& display() const { return display_; }
+
+ private:
+  void stop() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGTERM);
+    ::waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+  }
+  std::string display_;
+  pid_t pid_ = -1;
+};
+
+// Given a running `vigilo app --simulate` whose environment has a display
+// (or none, for `startWithoutDisplay`), driven through the real binary.
+class PanelTest : public ::testing::Test {
+ protected:
+  void startApp(std::vector<std::string> env) {
+    home_ = dir_.file("home");
+    std::filesystem::create_directories(home_);
+    app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", dir_.file("laptop.json")}, home_,
+                                        dir_.file("app.txt"), env);
+    ASSERT_TRUE(waitFor([&] { return runningApp(home_).has_value(); }, 10s)) << app_->output();
+    ASSERT_EQ(vigilo({"status"}).status, 0) << app_->output();
+  }
+  void startWithDisplay(std::vector<std::string> env = {}) {
+    if (!xvfb_.running()) GTEST_SKIP() << "Xvfb (Debian's xvfb package) isn't installed: the panel can't be drawn";
+    display_ = "DISPLAY=" + xvfb_.display();
+    env.push_back(display_);
+    env.emplace_back("WAYLAND_DISPLAY=");
+    startApp(env);
+  }
+  void TearDown() override {
+    if (app_) {
+      app_->signal(SIGTERM);
+      EXPECT_EQ(app_->wait(10s), 0) << app_->output();
+    }
+  }
+  ToolRun vigilo(const std::vector<std::string>& args) {
+    std::vector<std::string> env;
+    if (!display_.empty()) env.push_back(display_);
+    return runTool(args, home_, env);
+  }
+  int batteryFloor() {
+    json c = json::parse(vigilo({"config", "--json"}).out, nullptr, false);
+    return c.is_object() ? c["config"].value("batteryFloor", -1) : -1;
+  }
+  // The panel windows of this app folder that run now.
+  int panelsRunning() {
+    int n = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+      const std::string cmdline = readFile(entry.path().string() + "/cmdline");
+      const std::string environ = readFile(entry.path().string() + "/environ");
+      if (cmdline.find(std::string("panel\0--page", 12)) != std::string::npos &&
+          environ.find("VIGILO_HOME=" + home_ + std::string(1, '\0')) != std::string::npos) {
+        ++n;
+      }
+    }
+    return n;
+  }
+  void expectPicture(const std::string& path) {
+    auto picture = readPng(path);
+    ASSERT_TRUE(picture.has_value()) << path << " isn't a readable PNG";
+    EXPECT_EQ(picture->width, 640u);
+    EXPECT_GE(picture->height, 620u);
+    EXPECT_GT(distinctColours(*picture), 8) << path << " is (nearly) blank";
+  }
+
+  Xvfb xvfb_;
+  TempDir dir_;
+  std::string home_;
+  std::string display_;
+  std::unique_ptr<AppProcess> app_;
+};
+
+TEST_F(PanelTest, EachTabDrawsAndSnapshotWritesAPicture) {
+  startWithDisplay();
+  if (IsSkipped()) return;
+  ASSERT_EQ(vigilo({"hold", "--for", "2h", "--reason", "Training the model"}).status, 0);
+  // Each tab, drawn by the panel process from the running app's state; the
+  // pictures stay in the build folder to look at.
+  for (const std::string page : {"now", "power", "settings", "setup"}) {
+    const std::string path = buildFolder() + "/panel-" + page + ".png";
+    std::filesystem::remove(path);
+    ToolRun run = vigilo({"panel", "--page", page, "--snapshot", path});
+    ASSERT_EQ(run.status, 0) << run.err;
+    expectPicture(path);
+  }
+  // The request, through the app, without a window.
+  const std::string out = dir_.file("out.png");
+  ToolRun shot = vigilo({"snapshot", out});
+  ASSERT_EQ(shot.status, 0) << shot.err << app_->output();
+  EXPECT_EQ(shot.out, "Saved the panel to " + out + "\n");
+  expectPicture(out);
+  EXPECT_EQ(panelsRunning(), 0);
+
+  ToolRun badName = vigilo({"snapshot", dir_.file("out.jpg")});
+  EXPECT_EQ(badName.status, 1);
+  EXPECT_EQ(badName.err, "vigilo: snapshot name must end in .png\n");
+  EXPECT_FALSE(fileExists(dir_.file("out.jpg")));
+  ToolRun nowhere = vigilo({"snapshot", dir_.file("missing/out.png")});
+  EXPECT_EQ(nowhere.err, "vigilo: Couldn't draw the panel: couldn't write " + dir_.file("missing/out.png") +
+                             " (is its folder there, and yours to write in?)\n");
+
+  // One window at a time: a second open turns it to its page.
+  ToolRun first = vigilo({"open", "settings", "--json"});
+  ASSERT_EQ(first.status, 0) << first.err;
+  EXPECT_EQ(json::parse(first.out)["opened"], true);
+  ASSERT_TRUE(waitFor([&] { return panelsRunning() == 1; }, 5s));
+  ToolRun again = vigilo({"open", "power", "--json"});
+  ASSERT_EQ(again.status, 0) << again.err;
+  EXPECT_EQ(json::parse(again.out)["opened"], false);
+  EXPECT_EQ(json::parse(again.out)["page"], "power");
+  EXPECT_EQ(panelsRunning(), 1);
+  ToolRun attic = vigilo({"open", "attic"});
+  EXPECT_EQ(attic.err, "vigilo: There is no panel page attic. Pages: now, power, settings or setup\n");
+  // The app takes its panel with it.
+  app_->signal(SIGTERM);
+  EXPECT_EQ(app_->wait(10s), 0) << app_->output();
+  app_.reset();
+  EXPECT_TRUE(waitFor([&] { return panelsRunning() == 0; }, 5s));
+}
+
+TEST_F(PanelTest, OnlyThePanelsConfirmedControlsLoosenTheBatteryFloor) {
+  // The test driver types 10 into the battery floor's row, clicks Set and
+  // answers the confirmation with yes, as a person would.
+  startWithDisplay({"VIGILO_PANEL_SCRIPT=set:battery_floor=10;confirm"});
+  if (IsSkipped()) return;
+  ASSERT_EQ(vigilo({"set", "battery_floor", "30"}).status, 0);
+  ToolRun lower = vigilo({"set", "battery_floor", "10"});
+  EXPECT_EQ(lower.status, 1);
+  EXPECT_EQ(lower.err, "vigilo: battery_floor needs to be lowered in Vigilo itself (it can only be raised from here)\n");
+  EXPECT_NE(vigilo({"anyway", "on"}).status, 0);
+
+  // A caller that guesses at the key gets what any other caller gets.
+  RequestClient client(home_);
+  json forged = client.send("set", {{"key", "battery_floor"}, {"value", 10}, {"panel_key", std::string(64, 'a')}}, 5);
+  EXPECT_EQ(forged.value("ok", true), false);
+  EXPECT_EQ(batteryFloor(), 30);
+
+  ASSERT_EQ(vigilo({"open", "settings"}).status, 0);
+  ASSERT_TRUE(waitFor([&] { return batteryFloor() == 10; }, 8s)) << app_->output();
+  // The new floor is the baseline: an edit by hand can't undo it either way.
+  EXPECT_EQ(json::parse(readFile(home_ + "/safety.json"))["batteryFloor"], 10);
+  // And the command line still can't go lower.
+  EXPECT_EQ(vigilo({"set", "battery_floor", "5"}).status, 1);
+  EXPECT_EQ(batteryFloor(), 10);
+}
+
+TEST_F(PanelTest, WithoutADisplayOpenAndSnapshotSaySo) {
+  // Given an app with no graphical session (a server, SSH, a container).
+  startApp({"DISPLAY=", "WAYLAND_DISPLAY="});
+  ToolRun open = vigilo({"open"});
+  EXPECT_EQ(open.status, 1);
+  EXPECT_EQ(open.err,
+            "vigilo: The panel needs a graphical session, and this app has none (neither WAYLAND_DISPLAY nor "
+            "DISPLAY is set). vigilo status shows the same; or run vigilo app from your desktop session.\n");
+  ToolRun shot = vigilo({"snapshot", dir_.file("x.png")});
+  EXPECT_EQ(shot.status, 1);
+  EXPECT_NE(shot.err.find("Can't draw the panel: this app has no display"), std::string::npos) << shot.err;
+  // The app carries on as before.
+  EXPECT_EQ(vigilo({"on"}).status, 0);
+  EXPECT_EQ(json::parse(vigilo({"status", "--json"}).out)["mode"], "always");
+}
+
+}  // namespace
+}  // namespace vigilo::test

@@ -1,0 +1,79 @@
+#include <gtest/gtest.h>
+
+#include "commands/command_center.h"
+#include "engine/engine_fixture.h"
+#include "test_support.h"
+
+namespace vigilo::test {
+namespace {
+
+using json = nlohmann::json;
+
+// Given the command center in front of an engine whose safety settings are
+// strict, and a panel whose key is "k".
+class PanelRequestsTest : public EngineTest {
+ protected:
+  void SetUp() override {
+    writeConfig(R"({"heatGuard": true, "batteryFloor": 30, "onlyOnPower": true})");
+    launch();
+    center_ = std::make_unique<CommandCenter>(engine(), nullptr);
+    center_->setInAppCheck([](const json& args) {
+      auto it = args.find("panel_key");
+      return it != args.end() && *it == "k";
+    });
+  }
+  json call(const std::string& cmd, const json& args) { return center_->handle(cmd, args); }
+  std::unique_ptr<CommandCenter> center_;
+};
+
+TEST_F(PanelRequestsTest, OnlyRequestsCarryingThePanelsKeyLoosen) {
+  for (const json& key : {json(nullptr), json("wrong"), json(7)}) {
+    json args = {{"key", "heat_guard"}, {"value", false}};
+    if (!key.is_null()) args["panel_key"] = key;
+    EXPECT_EQ(call("set", args)["error"],
+              "heat_guard needs to be turned off in Vigilo's Settings (it can only be turned on from here)");
+    EXPECT_EQ(call("override_floor", {{"on", true}, {"panel_key", key}})["error"],
+              "Going below the battery limit can only be allowed in Vigilo itself");
+  }
+  EXPECT_TRUE(engine().config().heatGuard);
+  EXPECT_FALSE(engine().floorOverride());
+
+  EXPECT_TRUE(call("set", {{"key", "heat_guard"}, {"value", false}, {"panel_key", "k"}})["ok"]);
+  EXPECT_TRUE(call("set", {{"key", "battery_floor"}, {"value", 5}, {"panel_key", "k"}})["ok"]);
+  EXPECT_TRUE(call("set", {{"key", "only_on_power"}, {"value", "off"}, {"panel_key", "k"}})["ok"]);
+  // The looser values are the new baseline: reading the file again keeps them.
+  engine().reloadConfigFromDisk();
+  EXPECT_FALSE(engine().config().heatGuard);
+  EXPECT_EQ(engine().config().batteryFloor, 5);
+  EXPECT_FALSE(engine().config().onlyOnPower);
+  EXPECT_EQ(json::parse(readFile(folder_ + "/safety.json"))["batteryFloor"], 5);
+
+  EXPECT_TRUE(call("override_floor", {{"on", true}, {"panel_key", "k"}})["ok"]);
+  EXPECT_TRUE(engine().floorOverride());
+  // Ending it needs no key; allowing it again through `set` needs it.
+  EXPECT_TRUE(call("set", {{"key", "below_floor_allowed"}, {"value", false}})["ok"]);
+  EXPECT_FALSE(engine().floorOverride());
+  EXPECT_TRUE(call("set", {{"key", "below_floor_allowed"}, {"value", true}, {"panel_key", "k"}})["ok"]);
+  EXPECT_TRUE(engine().floorOverride());
+}
+
+TEST_F(PanelRequestsTest, ADeferredRequestIsAnsweredWhenItsWorkEnds) {
+  std::function<void(const json&)> respond;
+  json seen;
+  center_->addDeferredHandler("snapshot", [&](const json& args, std::function<void(const json&)> r) {
+    seen = args;
+    respond = std::move(r);
+  });
+  center_->receive(R"({"id": "abc-1", "cmd": "snapshot", "args": {"path": "/tmp/p.png"}})");
+  EXPECT_EQ(seen["path"], "/tmp/p.png");
+  const std::string reply = folder_ + "/replies/abc-1.json";
+  EXPECT_FALSE(fileExists(reply));
+  ASSERT_TRUE(respond);
+  respond({{"ok", true}, {"path", "/tmp/p.png"}});
+  EXPECT_EQ(json::parse(readFile(reply))["path"], "/tmp/p.png");
+  // Callers that can't wait for a reply file (the tray, the phone) are told so.
+  EXPECT_EQ(call("snapshot", json::object())["error"], "snapshot can only be asked through the vigilo command");
+}
+
+}  // namespace
+}  // namespace vigilo::test
