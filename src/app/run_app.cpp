@@ -22,6 +22,7 @@
 #include "platform/linux/host_processes.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/sim/sim_laptop.h"
+#include "ui/island.h"
 #include "ui/tray.h"
 #include "power/power_watch.h"
 #include "safety/watchdog.h"
@@ -216,9 +217,9 @@ int runApp(const std::vector<std::string>& args) {
     }
     if (!recordMachine(folder, simulateFile)) say("warning: couldn't record which machine " + folder + " belongs to");
   }
-  // The desktop's notifications and chime on a real machine; the simulated
-  // laptop has no desktop, so its alerts go to the output and the relay.
-  Notifier notifier(engine, sim ? nullptr : makeDesktopAlerts(),
+  // The desktop's notifications and chime, also for the simulated laptop:
+  // the person watching it sits at a real desktop.
+  Notifier notifier(engine, makeDesktopAlerts(),
                     [&files] { return RemoteSettings::load(files).relay; }, nullptr);
   PrintedAlerts alerts(&notifier);
   AgentWork work(*platform, folder, homeFolder(), &alerts);
@@ -277,14 +278,21 @@ int runApp(const std::vector<std::string>& args) {
     if (simProblem != lastSimProblem && !simProblem.empty()) say("warning: " + simProblem);
     lastSimProblem = simProblem;
   };
-  engine.setNoticeHandler([](const Notice& n) {
+  // Alerts always reach the desktop; the short announcements only when the
+  // person asked for them (`notch_island`).
+  engine.setNoticeHandler([&engine, &notifier](const Notice& n) {
     if (n.kind == Notice::Kind::Alert) {
       say(n.title + ": " + n.text);
+      notifier.note(n.title, n.text);
     } else {
       say("» " + n.text);
+      if (engine.config().notchIsland) notifier.note(kIslandTitle, n.text);
     }
   });
-  closedLid.setNoticeHandler([](const Notice& n) { say(n.title + ": " + n.text); });
+  closedLid.setNoticeHandler([&notifier](const Notice& n) {
+    say(n.title + ": " + n.text);
+    notifier.note(n.title, n.text);
+  });
   // The tray item, when a desktop session bus is there to show it.
   std::unique_ptr<Tray> tray;
   std::string lastTrayProblem;
@@ -332,6 +340,7 @@ int runApp(const std::vector<std::string>& args) {
   center.addHandler("wake", [&](const nlohmann::json& args) { return wakes.wake(engine, args); });
   center.addHandler("wake_at", [&](const nlohmann::json& args) { return wakes.wakeAt(engine, args); });
   center.setClosedLid(&closedLid);
+  center.addHandler("island", [&](const nlohmann::json& args) { return islandRequest(engine, notifier, args); });
   std::unique_ptr<Notifications> notifications;
   if (!options->preview) {
     notifications = makeSocketNotifications(folder, loop.get());
