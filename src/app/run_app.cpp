@@ -22,6 +22,7 @@
 #include "platform/linux/host_processes.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/sim/sim_laptop.h"
+#include "ui/hotkey.h"
 #include "ui/island.h"
 #include "ui/tray.h"
 #include "power/power_watch.h"
@@ -368,6 +369,34 @@ int runApp(const std::vector<std::string>& args) {
         trayIconFolder());
     redraw();
   }
+  // The hotkey, while the setting asks for it; a change of the setting
+  // binds or drops it at the next redraw.
+  std::unique_ptr<Hotkey> hotkey;
+  std::string lastHotkeyProblem;
+  auto followHotkey = [&] {
+    if (options->preview) return;
+    if (engine.config().hotkey != static_cast<bool>(hotkey)) {
+      hotkey = engine.config().hotkey ? makePortalHotkey(*loop, [&] {
+        const char* next = modeRequestText(nextMode(engine.config().mode));
+        nlohmann::json reply = center.handle("mode", {{"mode", next}});
+        say(std::string("hotkey: mode ") + next);
+        if (!reply.value("ok", false)) say("warning: " + reply.value("error", std::string("the hotkey's mode change failed")));
+      })
+                                      : nullptr;
+    }
+    std::string problem = hotkey ? hotkey->problem().value_or("") : "";
+    if (problem != lastHotkeyProblem && !problem.empty()) say("warning: " + problem);
+    lastHotkeyProblem = problem;
+  };
+  center.addUnavailable("hotkey", [&]() -> std::optional<std::string> {
+    if (!hotkey) return std::nullopt;
+    return hotkey->problem();
+  });
+  followHotkey();
+  engine.setChangeHandler([&] {
+    redraw();
+    followHotkey();
+  });
   // Paired phones, through the relay.
   std::unique_ptr<RemoteControl> remote;
   if (!options->preview) {
@@ -380,6 +409,7 @@ int runApp(const std::vector<std::string>& args) {
   loop->run();
   // Both call into the command center, which goes before them.
   remote.reset();
+  hotkey.reset();
   tray.reset();
   if (notifications) notifications->stopObserving();
   return 0;

@@ -4,6 +4,8 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -56,6 +58,11 @@ class CommandCenter {
   }
   // The closed-lid session, when the app runs one.
   void setClosedLid(ClosedLid* closedLid) { closedLid_ = closedLid; }
+  // A feature of the app's own (the hotkey) that the status lists under
+  // `unavailable` while `why` gives a sentence.
+  void addUnavailable(const std::string& name, std::function<std::optional<std::string>()> why) {
+    unavailable_.emplace_back(name, std::move(why));
+  }
 
   // Handles one request and gives the reply object.
   nlohmann::json handle(const std::string& cmd, const nlohmann::json& args);
@@ -98,6 +105,7 @@ class CommandCenter {
   AutoApprove* approve_ = nullptr;
   std::map<std::string, std::function<nlohmann::json(const nlohmann::json&)>> extra_;
   ClosedLid* closedLid_ = nullptr;
+  std::vector<std::pair<std::string, std::function<std::optional<std::string>()>>> unavailable_;
 };
 
 }  // namespace vigilo
