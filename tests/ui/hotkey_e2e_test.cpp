@@ -125,6 +125,10 @@ TEST_F(HotkeyTest, PressesThroughThePortalCycleTheRunningAppsMode) {
                      "org.freedesktop.portal.GlobalShortcuts", "Press", nullptr, nullptr, "s", "something-else");
   EXPECT_EQ(mode(), "off");
   EXPECT_EQ(status()["unavailable"].dump().find("hotkey"), std::string::npos) << status()["unavailable"].dump();
+  // A portal that goes away takes the binding along, and the status says so.
+  endChild(portal_);
+  EXPECT_TRUE(waitFor([&] { return status()["unavailable"].dump().find("portal went away") != std::string::npos; }, 5s))
+      << status().dump();
 }
 
 TEST_F(HotkeyTest, WithoutThePortalStatusAndDoctorSayTheHotkeyIsNotAvailable) {

@@ -108,6 +108,13 @@ class PortalHotkey final : public Hotkey {
       return fail(kNoPortal);
     }
     Slot activations(raw);
+    // A portal that restarts forgets the binding: say so rather than wait.
+    raw = nullptr;
+    if (sd_bus_match_signal(bus.get(), &raw, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                            "NameOwnerChanged", &PortalHotkey::onOwnerChanged, this) < 0) {
+      return fail(kNoPortal);
+    }
+    Slot owners(raw);
 
     sd_bus_message* reply = nullptr;
     sd_bus_error error = SD_BUS_ERROR_NULL;
@@ -198,6 +205,17 @@ class PortalHotkey final : public Hotkey {
         }
         sd_bus_message_exit_container(m);
       }
+    }
+    return 0;
+  }
+
+  static int onOwnerChanged(sd_bus_message* m, void* data, sd_bus_error*) {
+    auto* self = static_cast<PortalHotkey*>(data);
+    const char *name = nullptr, *before = nullptr, *after = nullptr;
+    if (sd_bus_message_read(m, "sss", &name, &before, &after) < 0 || name == nullptr) return 0;
+    if (std::strcmp(name, kPortal) == 0 && (after == nullptr || *after == '\0')) {
+      self->fail("The desktop's portal went away, so the hotkey stopped working until Vigilo restarts.");
+      self->stopping_ = true;
     }
     return 0;
   }
