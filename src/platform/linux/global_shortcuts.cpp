@@ -5,6 +5,7 @@
 #include <systemd/sd-bus.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -90,7 +91,20 @@ class PortalHotkey final : public Hotkey {
     problem_ = std::move(why);
   }
 
+  // The user service starts before the desktop's portal does, and a portal
+  // may restart: a binding that couldn't be made or was lost is tried again
+  // every 30 s, unless the person declined it.
   void run() {
+    while (!stopping_) {
+      lost_ = false;
+      bindAndServe();
+      if (declined_) return;
+      for (int i = 0; i < 120 && !stopping_; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    }
+  }
+
+  void bindAndServe() {
+    session_.clear();
     Bus bus = connectSession();
     if (!bus) return fail(kNoBus);
     if (auto missing = portalMissing(bus.get())) return fail(*missing);
@@ -128,7 +142,11 @@ class PortalHotkey final : public Hotkey {
                            "Cycle Vigilo's mode: Off, When Busy, Always", "preferred_trigger", "s", "CTRL+ALT+LOGO+a",
                            "", 1, "handle_token", "s", "vigilo_bind");
     if (!awaitResponse(bus.get(), r, reply, error, "BindShortcuts")) return;
-    while (!stopping_) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      problem_.reset();
+    }
+    while (!stopping_ && !lost_) {
       if (!pump(bus.get())) return fail("The session bus went away, so the hotkey stopped working.");
     }
   }
@@ -164,7 +182,7 @@ class PortalHotkey final : public Hotkey {
       answer_.reset();
     }
     // No time limit: the portal may be asking the person first.
-    while (!stopping_) {
+    while (!stopping_ && !lost_) {
       if (!pump(bus)) {
         fail("The session bus went away, so the hotkey isn't available.");
         return false;
@@ -172,8 +190,9 @@ class PortalHotkey final : public Hotkey {
       std::lock_guard<std::mutex> lock(mutex_);
       if (answer_) {
         if (*answer_ == 0) return true;
-        problem_ = *answer_ == 1 ? "The hotkey was declined in the desktop's dialog, so it isn't bound."
-                                 : "The desktop's portal couldn't bind the hotkey, so it isn't available.";
+        declined_ = *answer_ == 1;
+        problem_ = declined_ ? "The hotkey was declined in the desktop's dialog, so it isn't bound."
+                             : "The desktop's portal couldn't bind the hotkey, so it isn't available.";
         return false;
       }
     }
@@ -214,8 +233,9 @@ class PortalHotkey final : public Hotkey {
     const char *name = nullptr, *before = nullptr, *after = nullptr;
     if (sd_bus_message_read(m, "sss", &name, &before, &after) < 0 || name == nullptr) return 0;
     if (std::strcmp(name, kPortal) == 0 && (after == nullptr || *after == '\0')) {
-      self->fail("The desktop's portal went away, so the hotkey stopped working until Vigilo restarts.");
-      self->stopping_ = true;
+      self->fail("The desktop's portal went away, so the hotkey stopped working; Vigilo binds it again when the "
+                 "portal is back.");
+      self->lost_ = true;
     }
     return 0;
   }
@@ -233,6 +253,9 @@ class PortalHotkey final : public Hotkey {
   RunLoop& loop_;
   std::function<void()> pressed_;
   std::atomic<bool> stopping_{false};
+  // Only the bus thread reads and writes these.
+  bool lost_ = false;
+  bool declined_ = false;
   mutable std::mutex mutex_;
   std::optional<std::string> problem_;
   std::string awaited_;
