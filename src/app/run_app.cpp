@@ -23,6 +23,8 @@
 #include "platform/linux/host_processes.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/sim/sim_laptop.h"
+#include "ui/hotkey.h"
+#include "ui/island.h"
 #include "ui/tray.h"
 #include "panel/panel_launcher.h"
 #include "power/power_watch.h"
@@ -220,9 +222,9 @@ int runApp(const std::vector<std::string>& args) {
     }
     if (!recordMachine(folder, simulateFile)) say("warning: couldn't record which machine " + folder + " belongs to");
   }
-  // The desktop's notifications and chime on a real machine; the simulated
-  // laptop has no desktop, so its alerts go to the output and the relay.
-  Notifier notifier(engine, sim ? nullptr : makeDesktopAlerts(),
+  // The desktop's notifications and chime, also for the simulated laptop:
+  // the person watching it sits at a real desktop.
+  Notifier notifier(engine, makeDesktopAlerts(),
                     [&files] { return RemoteSettings::load(files).relay; }, nullptr);
   PrintedAlerts alerts(&notifier);
   AgentWork work(*platform, folder, homeFolder(), &alerts);
@@ -285,14 +287,21 @@ int runApp(const std::vector<std::string>& args) {
     if (simProblem != lastSimProblem && !simProblem.empty()) say("warning: " + simProblem);
     lastSimProblem = simProblem;
   };
-  engine.setNoticeHandler([](const Notice& n) {
+  // Alerts always reach the desktop; the short announcements only when the
+  // person asked for them (`notch_island`).
+  engine.setNoticeHandler([&engine, &notifier](const Notice& n) {
     if (n.kind == Notice::Kind::Alert) {
       say(n.title + ": " + n.text);
+      notifier.note(n.title, n.text);
     } else {
       say("» " + n.text);
+      if (engine.config().notchIsland) notifier.note(kIslandTitle, n.text);
     }
   });
-  closedLid.setNoticeHandler([](const Notice& n) { say(n.title + ": " + n.text); });
+  closedLid.setNoticeHandler([&notifier](const Notice& n) {
+    say(n.title + ": " + n.text);
+    notifier.note(n.title, n.text);
+  });
   // The tray item, when a desktop session bus is there to show it.
   std::unique_ptr<Tray> tray;
   std::string lastTrayProblem;
@@ -349,6 +358,7 @@ int runApp(const std::vector<std::string>& args) {
     panel.snapshot(args, std::move(reply));
   });
   center.setInAppCheck([&panel](const nlohmann::json& args) { return panel.fromPanel(args); });
+  center.addHandler("island", [&](const nlohmann::json& args) { return islandRequest(engine, notifier, args); });
   std::unique_ptr<Notifications> notifications;
   if (!options->preview) {
     notifications = makeSocketNotifications(folder, loop.get());
@@ -376,6 +386,34 @@ int runApp(const std::vector<std::string>& args) {
         trayIconFolder());
     redraw();
   }
+  // The hotkey, while the setting asks for it; a change of the setting
+  // binds or drops it at the next redraw.
+  std::unique_ptr<Hotkey> hotkey;
+  std::string lastHotkeyProblem;
+  auto followHotkey = [&] {
+    if (options->preview) return;
+    if (engine.config().hotkey != static_cast<bool>(hotkey)) {
+      hotkey = engine.config().hotkey ? makePortalHotkey(*loop, [&] {
+        const char* next = modeRequestText(nextMode(engine.config().mode));
+        nlohmann::json reply = center.handle("mode", {{"mode", next}});
+        say(std::string("hotkey: mode ") + next);
+        if (!reply.value("ok", false)) say("warning: " + reply.value("error", std::string("the hotkey's mode change failed")));
+      })
+                                      : nullptr;
+    }
+    std::string problem = hotkey ? hotkey->problem().value_or("") : "";
+    if (problem != lastHotkeyProblem && !problem.empty()) say("warning: " + problem);
+    lastHotkeyProblem = problem;
+  };
+  center.addUnavailable("hotkey", [&]() -> std::optional<std::string> {
+    if (!hotkey) return std::nullopt;
+    return hotkey->problem();
+  });
+  followHotkey();
+  engine.setChangeHandler([&] {
+    redraw();
+    followHotkey();
+  });
   // Paired phones, through the relay.
   std::unique_ptr<RemoteControl> remote;
   if (!options->preview) {
@@ -388,6 +426,7 @@ int runApp(const std::vector<std::string>& args) {
   loop->run();
   // Both call into the command center, which goes before them.
   remote.reset();
+  hotkey.reset();
   tray.reset();
   if (notifications) notifications->stopObserving();
   return 0;

@@ -34,6 +34,7 @@
 #include "safety/setup_command.h"
 #include "safety/watchdog.h"
 #include "remote/doctor_lines.h"
+#include "ui/hotkey.h"
 
 extern char** environ;
 
@@ -903,6 +904,15 @@ class Cli {
     return file;
   }
 
+  // Whether the hotkey can work here, as the settings file and the desktop say.
+  std::string hotkeyLine() {
+    auto bytes = StateFiles(folder_).read(kConfigFile);
+    const auto config = bytes ? Config::decode(*bytes) : std::nullopt;
+    if (config && !config->hotkey) return "Hotkey: off (vigilo set hotkey true turns it on)";
+    if (auto why = hotkeyUnavailable()) return "Not available: hotkey: " + *why;
+    return "Hotkey: Ctrl+Alt+Super+A cycles the mode (through the desktop's global shortcuts)";
+  }
+
   int doctor() {
     out("Vigilo folder: " + folder_);
     if (auto recorded = recordedMachine(folder_)) out("Machine: " + machineName(*recorded));
@@ -941,6 +951,7 @@ class Cli {
     } else {
       out("Panel: available (" + panelModulePath() + ")");
     }
+    out(hotkeyLine());
     for (const std::string& line : phoneDoctorLines(folder_, m->platform->name() == "sim")) out(line);
     return 0;
   }

@@ -250,6 +250,9 @@ json CommandCenter::statusDictionary() {
   for (const Capability& cap : engine_.capabilities()) {
     if (!cap.available) unavailable.push_back({{"name", cap.name}, {"detail", cap.detail}});
   }
+  for (const auto& [name, why] : unavailable_) {
+    if (auto detail = why()) unavailable.push_back({{"name", name}, {"detail", *detail}});
+  }
   auto watts = e.systemWatts();
   json watching = json::array();
   json sessions = json::array();

@@ -4,6 +4,8 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -69,6 +71,11 @@ class CommandCenter {
   // The savings measurement (power test, quick estimate, statistics), when
   // the app runs it.
   void setSavings(Savings* savings) { savings_ = savings; }
+  // A feature of the app's own (the hotkey) that the status lists under
+  // `unavailable` while `why` gives a sentence.
+  void addUnavailable(const std::string& name, std::function<std::optional<std::string>()> why) {
+    unavailable_.emplace_back(name, std::move(why));
+  }
 
   // Handles one request and gives the reply object.
   nlohmann::json handle(const std::string& cmd, const nlohmann::json& args);
@@ -118,6 +125,7 @@ class CommandCenter {
   std::map<std::string, std::function<void(const nlohmann::json&, std::function<void(const nlohmann::json&)>)>>
       deferred_;
   std::function<bool(const nlohmann::json&)> inApp_;
+  std::vector<std::pair<std::string, std::function<std::optional<std::string>()>>> unavailable_;
 };
 
 }  // namespace vigilo

@@ -5,6 +5,16 @@
 #include "remote/wake.h"
 
 namespace vigilo {
+namespace {
+
+void alerts(const std::vector<std::string>& missing, std::vector<std::string>& out) {
+  if (missing.empty() || missing.front().rfind("The chime", 0) == 0) {
+    out.push_back("Notifications: shown on the desktop (alerts, and announcements with notch_island on)");
+  }
+  for (const std::string& m : missing) out.push_back("Not available: " + m);
+}
+
+}  // namespace
 
 std::vector<std::string> phoneDoctorLines(const std::string& appFolder, bool simulated) {
   std::vector<std::string> out;
@@ -20,6 +30,8 @@ std::vector<std::string> phoneDoctorLines(const std::string& appFolder, bool sim
                        : "") +
                   ", phone control " + (remote.enabled ? "on" : "off") + ", relay " + remote.relay);
   }
+  // The simulated laptop shows its alerts on this desktop too.
+  alerts(makeDesktopAlerts()->missing(), out);
   if (simulated) {
     out.push_back("Scheduled wakes: simulated");
     return out;
@@ -29,7 +41,6 @@ std::vector<std::string> phoneDoctorLines(const std::string& appFolder, bool sim
   } else {
     out.push_back("Scheduled wakes: through the RTC wake alarm");
   }
-  for (const std::string& m : makeDesktopAlerts()->missing()) out.push_back("Not available: " + m);
   return out;
 }
 

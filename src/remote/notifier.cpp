@@ -81,7 +81,19 @@ Notifier::Notifier(Engine& engine, std::unique_ptr<AlertOutlets> outlets, std::f
       outlets_(std::move(outlets)),
       relay_(std::move(relay)),
       say_(std::move(say)),
-      worker_(std::make_unique<Worker>()) {}
+      worker_(std::make_unique<Worker>()) {
+  // Learnt off the loop's thread: a missing daemon can take the bus's
+  // time-out to tell.
+  if (AlertOutlets* outlets = outlets_.get()) {
+    worker_->add([this, outlets] {
+      auto why = outlets->notesUnavailable();
+      std::lock_guard<std::mutex> lock(notesMutex_);
+      notesUnavailable_ = std::move(why);
+    });
+  } else {
+    notesUnavailable_ = "This app has no desktop to show notifications on.";
+  }
+}
 
 Notifier::~Notifier() { worker_.reset(); }
 
@@ -126,6 +138,25 @@ void Notifier::push(const std::string& topic, const std::string& title, const st
     const bool sent = relayPost(url, body, {"Title: " + title, "Tags: laptop"}, 15);
     if (done) done(sent);
   });
+}
+
+void Notifier::note(const std::string& title, const std::string& body) {
+  AlertOutlets* outlets = outlets_.get();
+  if (!outlets) return;
+  worker_->add([this, outlets, title, body] {
+    std::optional<std::string> why;
+    if (!outlets->note(title, body)) {
+      why = outlets->notesUnavailable();
+      if (!why) why = "The notification daemon refused the notification.";
+    }
+    std::lock_guard<std::mutex> lock(notesMutex_);
+    notesUnavailable_ = std::move(why);
+  });
+}
+
+std::optional<std::string> Notifier::notesUnavailable() const {
+  std::lock_guard<std::mutex> lock(notesMutex_);
+  return notesUnavailable_;
 }
 
 void Notifier::flush() { worker_->flush(); }

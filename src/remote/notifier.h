@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,6 +25,9 @@ class AlertOutlets {
   virtual bool play(const std::string& name) = 0;
   // What this machine lacks for alerts, one sentence each.
   virtual std::vector<std::string> missing() = 0;
+  // Why notifications can't show right now (no bus, no daemon), or nothing
+  // when they can. May block for a bus round trip.
+  virtual std::optional<std::string> notesUnavailable() { return std::nullopt; }
 };
 
 // "Busy for 89 min", "Busy for 1.5 hours".
@@ -50,6 +54,12 @@ class Notifier final : public AgentAlerts {
             std::function<void(bool)> done = nullptr);
   // What this machine lacks for alerts, one sentence each.
   std::vector<std::string> missing() { return outlets_ ? outlets_->missing() : std::vector<std::string>{}; }
+  // Posts one desktop notification whatever `notify_done` says: the
+  // engine's own alerts and announcements, and `island` requests.
+  void note(const std::string& title, const std::string& body);
+  // The last known reason notifications don't reach the desktop (learnt at
+  // start and from each one sent), or nothing while they do.
+  std::optional<std::string> notesUnavailable() const;
   // Waits until every alert queued so far went out (tests, quitting).
   void flush();
 
@@ -62,6 +72,8 @@ class Notifier final : public AgentAlerts {
   std::function<std::string()> relay_;
   std::function<void(const std::string&)> say_;
   std::unique_ptr<Worker> worker_;
+  mutable std::mutex notesMutex_;
+  std::optional<std::string> notesUnavailable_;
 };
 
 }  // namespace vigilo

@@ -39,7 +39,9 @@ TEST(LinuxPowerReadingTest, TheTestReadsTheBatterysOwnPowerOrRefuses) {
     ASSERT_TRUE(props);
     auto sample = PowerSensor::sample(props, 0);
     ASSERT_EQ(sample && sample->watts, c.watts.has_value());
-    if (c.watts) EXPECT_NEAR(*sample->watts, *c.watts, 0.05);
+    if (c.watts) {
+      EXPECT_NEAR(*sample->watts, *c.watts, 0.05);
+    }
   }
 }
 

@@ -82,21 +82,21 @@ class DesktopAlerts final : public AlertOutlets {
     return false;
   }
 
+  std::optional<std::string> notesUnavailable() override {
+    std::unique_ptr<sd_bus, BusUnref> bus = connect();
+    if (!bus) return "No desktop session bus, so alerts can't show as desktop notifications.";
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_message* reply = nullptr;
+    const int r = sd_bus_call_method(bus.get(), kService, kPath, kService, "GetServerInformation", &error, &reply, "");
+    sd_bus_error_free(&error);
+    if (reply) sd_bus_message_unref(reply);
+    if (r < 0) return "No notification daemon answers on the session bus, so alerts show only in Vigilo's output.";
+    return std::nullopt;
+  }
+
   std::vector<std::string> missing() override {
     std::vector<std::string> out;
-    std::unique_ptr<sd_bus, BusUnref> bus = connect();
-    if (!bus) {
-      out.push_back("No desktop session bus, so alerts can't show as desktop notifications.");
-    } else {
-      sd_bus_error error = SD_BUS_ERROR_NULL;
-      sd_bus_message* reply = nullptr;
-      const int r =
-          sd_bus_call_method(bus.get(), kService, kPath, kService, "GetServerInformation", &error, &reply, "");
-      sd_bus_error_free(&error);
-      if (reply) sd_bus_message_unref(reply);
-      if (r < 0)
-        out.push_back("No notification daemon answers on the session bus, so alerts show only in Vigilo's output.");
-    }
+    if (auto why = notesUnavailable()) out.push_back(*why);
     const bool theme = ::access((o_.soundsDir + "/complete.oga").c_str(), R_OK) == 0;
     const bool player =
         !findProgram("canberra-gtk-play").empty() || !findProgram("paplay").empty() || !findProgram("pw-play").empty();

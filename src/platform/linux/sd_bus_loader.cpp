@@ -104,6 +104,8 @@ VIGILO_FORWARD(int, sd_bus_message_new_method_return, (sd_bus_message * call, sd
                -ENOSYS)
 VIGILO_FORWARD(int, sd_bus_message_is_method_error, (sd_bus_message * m, const char* name), (m, name), 0)
 VIGILO_FORWARD(const sd_bus_error*, sd_bus_message_get_error, (sd_bus_message * m), (m), nullptr)
+VIGILO_FORWARD(int, sd_bus_wait, (sd_bus * bus, uint64_t usec), (bus, usec), -ENOSYS)
+VIGILO_FORWARD(const char*, sd_bus_message_get_path, (sd_bus_message * m), (m), nullptr)
 VIGILO_FORWARD(int, sd_bus_error_set, (sd_bus_error * e, const char* name, const char* message), (e, name, message),
                -EINVAL)
 

@@ -61,6 +61,16 @@ TEST(LinuxUserService, WritesTheUnitSaysWhatToRunAndRemovesIt) {
   const std::string icons = dir.file(".local/share/icons/hicolor/scalable/apps/");
   EXPECT_TRUE(fileExists(icons + "vigilo.svg") && fileExists(icons + "vigilo-awake-always.svg"));
 
+  // Every file is listed before it is written.
+  const std::string record = readFile(dir.file(".local/share/vigilo/installed-files"));
+  for (const std::string& f : {unitPath, dir.file(".local/share/applications/vigilo.desktop"), icons + "vigilo.svg"}) {
+    EXPECT_NE(record.find(f + "\n"), std::string::npos) << f << " missing from\n" << record;
+  }
+  // A file named in the list that isn't the script's own stays.
+  const std::string stranger = dir.file("precious.txt");
+  writeFile(stranger, "mine");
+  writeFile(dir.file(".local/share/vigilo/installed-files"), record + stranger + "\n");
+
   ScriptRun missing = runScript(dir.path(), "'" + dir.file("nothing-here") + "'");
   EXPECT_EQ(missing.status, 1);
   EXPECT_NE(missing.out.find("isn't an executable; build Vigilo first"), std::string::npos) << missing.out;
@@ -71,6 +81,8 @@ TEST(LinuxUserService, WritesTheUnitSaysWhatToRunAndRemovesIt) {
   EXPECT_FALSE(fileExists(dir.file(".local/share/applications/vigilo.desktop")));
   EXPECT_FALSE(fileExists(icons + "vigilo.svg"));
   EXPECT_NE(remove.out.find("removed " + unitPath), std::string::npos) << remove.out;
+  EXPECT_TRUE(fileExists(stranger));
+  EXPECT_FALSE(fileExists(dir.file(".local/share/vigilo/installed-files")));
 }
 
 }  // namespace
