@@ -1,5 +1,6 @@
 #include <csignal>
 #include <filesystem>
+#include <regex>
 
 #include <gtest/gtest.h>
 
@@ -81,7 +82,12 @@ TEST_F(PowerTestE2E, WholeTestRunsOnTheFastClockAndItsSessionLandsInStats) {
   // With the lid open, the quick estimate pauses the chat app for a moment.
   ToolRun measured = runTool({"measure"}, home_);
   ASSERT_EQ(measured.status, 0) << measured.err;
-  EXPECT_NE(measured.out.find("  Slack  (measured: saves 3.0 W)\n"), std::string::npos) << measured.out;
+  // A few seconds' window on a clock fifty times too fast catches the
+  // laptop's energy counters between ticks: near the 3 W the app draws.
+  std::smatch saved;
+  const std::regex line(R"(  Slack  \(measured: saves ([0-9.]+) W\)\n)");
+  ASSERT_TRUE(std::regex_search(measured.out, saved, line)) << measured.out;
+  EXPECT_NEAR(std::stod(saved[1].str()), 3.0, 0.5) << measured.out;
 }
 
 }  // namespace

@@ -113,13 +113,17 @@ TEST_F(WatchdogEndToEnd, DoctorReportsTheSetupLineByLine) {
   std::vector<std::string> lines;
   std::istringstream in(doctor.out);
   for (std::string line; std::getline(in, line);) lines.push_back(line);
-  EXPECT_THAT(lines, ::testing::ElementsAre(
-                         "Vigilo folder: " + home_, "App: not running", "Sleep permission: in place",
-                         ::testing::StartsWith("Watchdog: "),
-                         "Command link: missing (run: vigilo setup)", ::testing::StartsWith("Polkit rule: "),
-                         "Sleep switched off right now: no", "Changes Vigilo has made right now: none",
-                         ::testing::StartsWith("Not available: tray icon: "),
-                         "Phones: none paired (vigilo pair pairs one)", "Scheduled wakes: simulated"));
+  // The setup, line by line; then what this machine offers, which varies.
+  ASSERT_GE(lines.size(), 8u) << doctor.out;
+  EXPECT_THAT(std::vector<std::string>(lines.begin(), lines.begin() + 8),
+              ::testing::ElementsAre("Vigilo folder: " + home_, "App: not running", "Sleep permission: in place",
+                                     ::testing::StartsWith("Watchdog: "),
+                                     "Command link: missing (run: vigilo setup)",
+                                     ::testing::StartsWith("Polkit rule: "), "Sleep switched off right now: no",
+                                     "Changes Vigilo has made right now: none"));
+  EXPECT_THAT(lines, ::testing::Contains(::testing::StartsWith("Not available: tray icon: ")));
+  EXPECT_THAT(lines, ::testing::Contains("Phones: none paired (vigilo pair pairs one)"));
+  EXPECT_EQ(lines.back(), "Scheduled wakes: simulated");
   // With "Approve everything" on and a change left, both are told.
   writeFile(home_ + "/auto-approve.json", "{}");
   writeFile(home_ + "/timemachine-restore", "");
