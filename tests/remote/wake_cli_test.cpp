@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <ctime>
 #include <filesystem>
 
 #include "e2e/app_process.h"
@@ -25,9 +26,15 @@ TEST(WakeCommandsTest, WakeAtAndCheckInDoWhatTheHelpSays) {
     return Config::fromJson(nlohmann::json::parse(readFile(home + "/config.json"), nullptr, false));
   };
 
-  ToolRun at = runTool({"wake-at", "07:00", "--for", "45m"}, home);
+  // Three hours from now, so the wake is always more than an hour away.
+  const std::time_t later = std::time(nullptr) + 3 * 3600;
+  std::tm local{};
+  ::localtime_r(&later, &local);
+  char at3h[6];
+  std::strftime(at3h, sizeof at3h, "%H:%M", &local);
+  ToolRun at = runTool({"wake-at", at3h, "--for", "45m"}, home);
   ASSERT_EQ(at.status, 0) << at.err;
-  EXPECT_EQ(at.out.rfind("Wakes at 07:00.\n", 0), 0u) << at.out;
+  EXPECT_EQ(at.out.rfind("Wakes at " + std::string(at3h) + ".\n", 0), 0u) << at.out;
   ASSERT_TRUE(config().wakeAt);
   EXPECT_EQ(config().wakeForMinutes, 45);
   // The simulated laptop's wake timer is armed in steps of at most an hour.
