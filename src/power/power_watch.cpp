@@ -1,6 +1,7 @@
 #include "power/power_watch.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "agents/agent_work.h"
 #include "closedlid/targets.h"
@@ -12,10 +13,22 @@ namespace {
 // The learned values go to disk every this many ticks (a minute).
 constexpr std::int64_t kSaveEvery = 30;
 
+// Whether the learned values differ enough from what the file holds to be
+// worth a durable write: one appeared or went, or one moved by more than 1 %.
+// A steady machine then touches the disk only when its figures really move.
+bool movedEnough(const LearnedPower& saved, const LearnedPower& now) {
+  const auto moved = [](const std::optional<double>& a, const std::optional<double>& b) {
+    if (a.has_value() != b.has_value()) return true;
+    return a && std::abs(*a - *b) > 0.01 * std::max(std::abs(*a), std::abs(*b));
+  };
+  return moved(saved.openDraw, now.openDraw) || moved(saved.closedDraw, now.closedDraw) ||
+         moved(saved.fullWh, now.fullWh);
+}
+
 }  // namespace
 
 PowerWatch::PowerWatch(std::string appFolder, const AgentWork* work)
-    : store_(std::move(appFolder)), work_(work), whole_(store_.load()) {}
+    : store_(std::move(appFolder)), work_(work), whole_(store_.load()), saved_(whole_.learned()) {}
 
 void PowerWatch::sample(Engine& engine) {
   const Time now = engine.now();
@@ -25,7 +38,10 @@ void PowerWatch::sample(Engine& engine) {
     apps_ = work_ ? energy_.sample(work_->processes(), now)
                   : energy_.sample(engine.platform().processes().listing(ProcessDetail::Counters), now);
   }
-  if (!engine.preview() && engine.ticks() > 0 && engine.ticks() % kSaveEvery == 0) store_.save(whole_.learned());
+  if (!engine.preview() && engine.ticks() > 0 && engine.ticks() % kSaveEvery == 0 &&
+      movedEnough(saved_, whole_.learned()) && store_.save(whole_.learned())) {
+    saved_ = whole_.learned();
+  }
 }
 
 std::string PowerWatch::whileClosed(const Engine& engine, const AppUsage& app) const {

@@ -44,6 +44,8 @@ class PowerWatch final : public PowerMeter {
   LearnedStore store_;
   const AgentWork* work_;
   WholeMachinePower whole_;
+  // What the file holds now, so an unchanged minute writes nothing.
+  LearnedPower saved_;
   EnergySampler energy_;
   std::vector<AppUsage> apps_;
   bool testRunning_ = false;

@@ -318,6 +318,17 @@ TEST_F(EnergySamplerTest, TheLidClosedEstimateCountsOnlySavingsThatAreMade) {
     EXPECT_EQ(power.whileClosed(engine, a), a.pids == std::vector<std::int32_t>{tool} ? "slow" : "leave") << a.name;
   }
   EXPECT_NEAR(power.closedEstimate(engine), 1.6 + 0.75, 0.01);
+
+  // The learned draws reach the disk once a minute, and only when they moved.
+  const std::string learned = dir_.file("app/learned.json");
+  loop_.advance(180);
+  ASSERT_TRUE(std::filesystem::exists(learned));
+  std::filesystem::remove(learned);
+  loop_.advance(120);
+  EXPECT_FALSE(std::filesystem::exists(learned)) << "a steady draw writes nothing";
+  laptop().setDraw(12.0);
+  loop_.advance(120);
+  EXPECT_TRUE(std::filesystem::exists(learned)) << "a changed draw is written";
 }
 
 TEST(BundleTest, OutermostBundleAndItsInfoPlist) {

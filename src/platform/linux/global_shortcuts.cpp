@@ -4,12 +4,17 @@
 
 #include <systemd/sd-bus.h>
 
+#include <algorithm>
 #include <atomic>
-#include <chrono>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <thread>
+#include <time.h>
+#include <unistd.h>
 
 #include "remote/relay_client.h"
 #include "ui/hotkey.h"
@@ -21,6 +26,8 @@ constexpr const char* kPortal = "org.freedesktop.portal.Desktop";
 constexpr const char* kPortalPath = "/org/freedesktop/portal/desktop";
 constexpr const char* kShortcuts = "org.freedesktop.portal.GlobalShortcuts";
 constexpr const char* kShortcutId = "cycle-mode";
+// How long a binding that couldn't be made waits before the next try.
+constexpr int kRetryMs = 30000;
 
 struct BusUnref {
   void operator()(sd_bus* b) const { sd_bus_flush_close_unref(b); }
@@ -69,7 +76,8 @@ std::optional<std::string> portalMissing(sd_bus* bus) {
 
 class PortalHotkey final : public Hotkey {
  public:
-  PortalHotkey(RunLoop& loop, std::function<void()> pressed) : loop_(loop), pressed_(std::move(pressed)) {
+  PortalHotkey(RunLoop& loop, std::function<void()> pressed)
+      : loop_(loop), pressed_(std::move(pressed)), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     thread_ = std::thread([this] {
       blockSignalsInThisThread();
       run();
@@ -77,7 +85,10 @@ class PortalHotkey final : public Hotkey {
   }
   ~PortalHotkey() override {
     stopping_ = true;
+    const std::uint64_t one = 1;
+    if (wake_ >= 0) (void)!::write(wake_, &one, sizeof one);
     thread_.join();
+    if (wake_ >= 0) ::close(wake_);
   }
 
   std::optional<std::string> problem() const override {
@@ -94,12 +105,15 @@ class PortalHotkey final : public Hotkey {
   // The user service starts before the desktop's portal does, and a portal
   // may restart: a binding that couldn't be made or was lost is tried again
   // every 30 s, unless the person declined it.
+  // Without any address for a session bus (no DBUS_SESSION_BUS_ADDRESS, no
+  // XDG_RUNTIME_DIR, as over SSH) none can appear for this process: it says
+  // so once and stops.
   void run() {
     while (!stopping_) {
       lost_ = false;
       bindAndServe();
-      if (declined_) return;
-      for (int i = 0; i < 120 && !stopping_; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(250));
+      if (declined_ || sessionBusAddress().empty()) return;
+      waitFor(-1, 0, kRetryMs);
     }
   }
 
@@ -151,14 +165,36 @@ class PortalHotkey final : public Hotkey {
     }
   }
 
-  // Dispatches what came in, then waits a little for more; false when the
-  // connection is gone.
+  // Sleeps until `fd` has `events`, the destructor asks the thread to stop,
+  // or `timeoutMs` passes (-1: no limit). The thread wakes for nothing else,
+  // so an idle hotkey costs the machine no wake-ups.
+  void waitFor(int fd, short events, int timeoutMs) {
+    pollfd fds[2] = {{wake_, POLLIN, 0}, {fd, events, 0}};
+    const nfds_t count = fd >= 0 ? 2 : 1;
+    while (!stopping_ && ::poll(fds, count, timeoutMs) < 0 && errno == EINTR) {
+    }
+  }
+
+  // Dispatches what came in, then waits for more; false when the connection
+  // is gone.
   bool pump(sd_bus* bus) {
     int r;
     while ((r = sd_bus_process(bus, nullptr)) > 0) {
     }
     if (r < 0) return false;
-    return sd_bus_wait(bus, 250'000) >= 0;
+    const int fd = sd_bus_get_fd(bus);
+    const int events = sd_bus_get_events(bus);
+    if (fd < 0 || events < 0) return false;
+    std::uint64_t until = UINT64_MAX;
+    int timeoutMs = -1;
+    if (sd_bus_get_timeout(bus, &until) >= 0 && until != UINT64_MAX) {
+      timespec now{};
+      ::clock_gettime(CLOCK_MONOTONIC, &now);
+      const std::uint64_t nowUs = static_cast<std::uint64_t>(now.tv_sec) * 1000000u + now.tv_nsec / 1000;
+      timeoutMs = until > nowUs ? static_cast<int>(std::min<std::uint64_t>((until - nowUs + 999) / 1000, 60000)) : 0;
+    }
+    waitFor(fd, static_cast<short>(events), timeoutMs);
+    return true;
   }
 
   // Waits for the Response to the call that gave `reply`.
@@ -253,6 +289,8 @@ class PortalHotkey final : public Hotkey {
   RunLoop& loop_;
   std::function<void()> pressed_;
   std::atomic<bool> stopping_{false};
+  // Written once by the destructor to wake the thread.
+  int wake_ = -1;
   // Only the bus thread reads and writes these.
   bool lost_ = false;
   bool declined_ = false;

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "platform/result.h"
 
@@ -58,6 +59,15 @@ BusFailure classify(int r, const sd_bus_error* e) {
   return BusFailure::Failed;
 }
 
+// How long a failed connect is taken as the answer before trying again.
+constexpr double kNoBusRetrySeconds = 30;
+
+double monotonicSeconds() {
+  timespec t{};
+  ::clock_gettime(CLOCK_MONOTONIC, &t);
+  return static_cast<double>(t.tv_sec) + t.tv_nsec / 1e9;
+}
+
 bool connectionBroke(int r) {
   return r == -ECONNRESET || r == -ENOTCONN || r == -EPIPE || r == -ESHUTDOWN || r == -ECONNREFUSED;
 }
@@ -77,6 +87,12 @@ Logind::~Logind() {
 sd_bus* Logind::connection(BusFailure& failure, std::string& message) {
   if (bus_ && sd_bus_is_open(bus_.get()) > 0) return bus_.get();
   disconnect();
+  const double now = monotonicSeconds();
+  if (now < retryAt_) {
+    failure = BusFailure::NoBus;
+    message = noBusMessage_;
+    return nullptr;
+  }
   sd_bus* raw = nullptr;
   int r = 0;
   if (address_.empty()) {
@@ -95,8 +111,11 @@ sd_bus* Logind::connection(BusFailure& failure, std::string& message) {
   if (r < 0 || raw == nullptr) {
     failure = BusFailure::NoBus;
     message = errnoMessage("connecting to the system bus", -r);
+    noBusMessage_ = message;
+    retryAt_ = now + kNoBusRetrySeconds;
     return nullptr;
   }
+  retryAt_ = 0;
   bus_.reset(raw);
   sd_bus_set_method_call_timeout(raw, kCallTimeoutMicros);
   // Never wait for a password: a refusal is an answer.
