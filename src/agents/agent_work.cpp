@@ -49,6 +49,12 @@ void AgentWork::sample(Engine& engine) {
 
 void AgentWork::applyEvents(Time now) {
   sessions_ = watcher_.sessions();
+  if (sessions_.empty()) {
+    // Nothing to bind events to and no process to keep an id for.
+    stickyIds_.clear();
+    watcher_.setSessionIds({});
+    return;
+  }
   struct Proc {
     std::int32_t ppid = 0;
     std::uint64_t start = 0;

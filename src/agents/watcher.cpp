@@ -138,6 +138,8 @@ AgentWatcher::AgentWatcher(Processes& processes, Registry& registry, std::string
 }
 
 void AgentWatcher::setKinds(const std::vector<WatchedApp>& watchedApps, const std::vector<AgentKind>& extraKinds) {
+  // The settings rarely change: a tick with the same ones builds nothing.
+  if (!kinds_.empty() && extraKinds == extraKinds_ && watchedApps == watched_) return;
   std::vector<AgentKind> kinds = builtInAgents();
   std::vector<AgentKind> custom;
   bool claudeApp = false;

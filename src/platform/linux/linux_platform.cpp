@@ -51,6 +51,8 @@ constexpr const char* kBlock = "block";
 constexpr double kProbeSeconds = 60.0;
 // The power-source and thermal watch, as often as the engine's tick.
 constexpr double kEventPollSeconds = 2.0;
+// A reading this recent (the app's tick in the same wake-up) serves the poll.
+constexpr double kEventPollFresh = 0.5;
 // How long a listing of a device folder is kept.
 constexpr double kDeviceListSeconds = 10.0;
 // The machine's draw is shared out among processes at most this often.
@@ -242,6 +244,28 @@ class SysTree {
     return out;
   }
 
+  // As head, for a kernel file read on every tick: the machine's file stays
+  // open and is read again from its start (the kernel makes its text afresh
+  // for each read at offset 0), one call instead of three. A fixture's files
+  // are opened each time, as a test may replace them.
+  std::optional<std::string> headKeptOpen(const std::string& p, std::size_t limit) const {
+    if (!real()) return head(p, limit);
+    UniqueFd& fd = keptOpen_[p];
+    if (!fd) fd.reset(::open(p.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) return std::nullopt;
+    std::string out(limit, '\0');
+    ssize_t n;
+    do {
+      n = ::pread(fd.get(), out.data(), limit, 0);
+    } while (n < 0 && errno == EINTR);
+    if (n < 0) {
+      fd.reset();
+      return std::nullopt;
+    }
+    out.resize(static_cast<std::size_t>(n));
+    return out;
+  }
+
   std::vector<PowerSupplyText> supplies() const {
     std::vector<PowerSupplyText> out;
     for (const std::string& name : devices("/sys/class/power_supply")) {
@@ -316,6 +340,7 @@ class SysTree {
   };
   std::string root_;
   mutable std::map<std::string, DeviceFolder> devices_;
+  mutable std::map<std::string, UniqueFd> keptOpen_;
 };
 
 // ---------------------------------------------------------------- the sleep switch
@@ -422,10 +447,16 @@ class LinuxPower final : public PowerControl {
 
 class LinuxRegistry final : public Registry {
  public:
-  LinuxRegistry(const SysTree& tree, Logind& logind, const SleepLock& lock)
-      : tree_(tree), logind_(logind), lock_(lock) {}
+  LinuxRegistry(const SysTree& tree, Logind& logind, const SleepLock& lock, Clock& clock)
+      : tree_(tree), logind_(logind), lock_(lock), clock_(clock) {}
 
-  std::optional<BatteryProperties> battery() override { return batteryFromSupplies(tree_.supplies()); }
+  std::optional<BatteryProperties> battery() override {
+    const auto supplies = tree_.supplies();
+    auto b = batteryFromSupplies(supplies);
+    adapter_ = b ? std::optional<bool>(b->externalConnected) : adapterOnline(supplies);
+    suppliesAt_ = clock_.monotonic();
+    return b;
+  }
 
   std::optional<bool> sleepDisabled() override {
     if (lock_.fd) return true;
@@ -444,16 +475,22 @@ class LinuxRegistry final : public Registry {
 
   int thermalState() override {
     thermal_ = thermalLevel(tree_.zones(), thermal_);
+    thermalAt_ = clock_.monotonic();
     return thermal_;
   }
 
   // Whether the machine runs on an adapter; nothing without battery or
   // adapter.
   std::optional<bool> adapter() {
-    const auto supplies = tree_.supplies();
-    if (auto b = batteryFromSupplies(supplies)) return b->externalConnected;
-    return adapterOnline(supplies);
+    battery();
+    return adapter_;
   }
+
+  // The heat level and the adapter as read within the last `maxAge` seconds,
+  // else read now: the app's tick reads both, and the event poll that runs
+  // beside it need not read them again.
+  int recentThermalState(double maxAge) { return fresh(thermalAt_, maxAge) ? thermal_ : thermalState(); }
+  std::optional<bool> recentAdapter(double maxAge) { return fresh(suppliesAt_, maxAge) ? adapter_ : adapter(); }
 
   // What the machine draws from its battery, in watts; nothing on an adapter
   // or without a battery.
@@ -471,10 +508,19 @@ class LinuxRegistry final : public Registry {
   }
 
  private:
+  bool fresh(const std::optional<double>& at, double maxAge) const {
+    const double now = clock_.monotonic();
+    return at && now >= *at && now - *at <= maxAge;
+  }
+
   const SysTree& tree_;
   Logind& logind_;
   const SleepLock& lock_;
+  Clock& clock_;
   int thermal_ = 0;
+  std::optional<double> thermalAt_;
+  std::optional<bool> adapter_;
+  std::optional<double> suppliesAt_;
   std::optional<bool> lidSwitchInput_;
 };
 
@@ -698,7 +744,7 @@ class LinuxProcesses final : public Processes {
     // Read before the folders, so that a process started meanwhile moves it.
     std::optional<TaskStamp> tasks;
     if (detail != ProcessDetail::Full) {
-      auto text = tree_.head("/proc/loadavg", 256);
+      auto text = tree_.headKeptOpen("/proc/loadavg", 256);
       tasks = text ? taskStampFromLoadavg(*text) : std::nullopt;
     }
     if (!tasks || tasks != lastTasks_ || listings_ == 0) folders_ = tree_.processFolders();
@@ -1005,7 +1051,7 @@ class LinuxProcesses final : public Processes {
     if (sampledAt_ && now - *sampledAt_ < kEnergySampleSeconds && now >= *sampledAt_) return;
     // The "cpu " line comes first; the rest of /proc/stat (one line per CPU,
     // the interrupt counts) can be long and is not needed.
-    auto stat = tree_.head("/proc/stat", 4096);
+    auto stat = tree_.headKeptOpen("/proc/stat", 4096);
     auto busy = stat ? busyTicksFromProcStat(*stat) : std::nullopt;
     if (!busy) return;
     sampledAt_ = now;
@@ -1118,12 +1164,12 @@ class LinuxEvents final : public SystemEvents {
 
   void poll() {
     logind_.dispatch();
-    const int thermal = registry_.thermalState();
+    const int thermal = registry_.recentThermalState(kEventPollFresh);
     if (thermal != thermal_) {
       thermal_ = thermal;
       deliver(SystemEvent::ThermalStateChanged);
     }
-    const auto adapter = registry_.adapter();
+    const auto adapter = registry_.recentAdapter(kEventPollFresh);
     if (adapter != adapter_) {
       adapter_ = adapter;
       deliver(SystemEvent::PowerSourceChanged);
@@ -1163,7 +1209,7 @@ class LinuxPlatformImpl final : public Platform {
         tree_(options.root),
         logind_(options.systemBus, loop),
         power_(logind_, lock_, clock),
-        registry_(tree_, logind_, lock_),
+        registry_(tree_, logind_, lock_, clock),
         displays_(tree_, logind_),
         processes_(tree_, clock, [this] { return registry_.batteryDraw(); }),
         events_(loop, registry_, logind_) {}
