@@ -51,8 +51,9 @@ constexpr const char* kBlock = "block";
 constexpr double kProbeSeconds = 60.0;
 // The power-source and thermal watch, as often as the engine's tick.
 constexpr double kEventPollSeconds = 2.0;
-// A reading this recent (the app's tick in the same wake-up) serves the poll.
-constexpr double kEventPollFresh = 0.5;
+// A reading someone else (the app's tick) made this recently serves the poll:
+// the tick has acted on it already, and reads again within the period.
+constexpr double kEventPollFresh = 2.5;
 // How long a listing of a device folder is kept.
 constexpr double kDeviceListSeconds = 10.0;
 // The machine's draw is shared out among processes at most this often.
@@ -455,6 +456,7 @@ class LinuxRegistry final : public Registry {
     auto b = batteryFromSupplies(supplies);
     adapter_ = b ? std::optional<bool>(b->externalConnected) : adapterOnline(supplies);
     suppliesAt_ = clock_.monotonic();
+    ++suppliesReads_;
     return b;
   }
 
@@ -476,6 +478,7 @@ class LinuxRegistry final : public Registry {
   int thermalState() override {
     thermal_ = thermalLevel(tree_.zones(), thermal_);
     thermalAt_ = clock_.monotonic();
+    ++thermalReads_;
     return thermal_;
   }
 
@@ -486,11 +489,22 @@ class LinuxRegistry final : public Registry {
     return adapter_;
   }
 
-  // The heat level and the adapter as read within the last `maxAge` seconds,
-  // else read now: the app's tick reads both, and the event poll that runs
-  // beside it need not read them again.
-  int recentThermalState(double maxAge) { return fresh(thermalAt_, maxAge) ? thermal_ : thermalState(); }
-  std::optional<bool> recentAdapter(double maxAge) { return fresh(suppliesAt_, maxAge) ? adapter_ : adapter(); }
+  // The heat level and the adapter as another caller read them within the
+  // last `maxAge` seconds, else read now. `ownRead` is the caller's mark of
+  // its own last read: the app's tick reads both, and the event poll beside
+  // it need not read them again, while a poll alone still reads each time.
+  int recentThermalState(double maxAge, std::uint64_t& ownRead) {
+    if (thermalReads_ != ownRead && fresh(thermalAt_, maxAge)) return thermal_;
+    thermalState();
+    ownRead = thermalReads_;
+    return thermal_;
+  }
+  std::optional<bool> recentAdapter(double maxAge, std::uint64_t& ownRead) {
+    if (suppliesReads_ != ownRead && fresh(suppliesAt_, maxAge)) return adapter_;
+    adapter();
+    ownRead = suppliesReads_;
+    return adapter_;
+  }
 
   // What the machine draws from its battery, in watts; nothing on an adapter
   // or without a battery.
@@ -519,8 +533,10 @@ class LinuxRegistry final : public Registry {
   Clock& clock_;
   int thermal_ = 0;
   std::optional<double> thermalAt_;
+  std::uint64_t thermalReads_ = 0;
   std::optional<bool> adapter_;
   std::optional<double> suppliesAt_;
+  std::uint64_t suppliesReads_ = 0;
   std::optional<bool> lidSwitchInput_;
 };
 
@@ -1164,12 +1180,12 @@ class LinuxEvents final : public SystemEvents {
 
   void poll() {
     logind_.dispatch();
-    const int thermal = registry_.recentThermalState(kEventPollFresh);
+    const int thermal = registry_.recentThermalState(kEventPollFresh, ownThermalRead_);
     if (thermal != thermal_) {
       thermal_ = thermal;
       deliver(SystemEvent::ThermalStateChanged);
     }
-    const auto adapter = registry_.recentAdapter(kEventPollFresh);
+    const auto adapter = registry_.recentAdapter(kEventPollFresh, ownSuppliesRead_);
     if (adapter != adapter_) {
       adapter_ = adapter;
       deliver(SystemEvent::PowerSourceChanged);
@@ -1188,6 +1204,8 @@ class LinuxEvents final : public SystemEvents {
   std::optional<TimerId> timer_;
   int thermal_ = 0;
   std::optional<bool> adapter_;
+  std::uint64_t ownThermalRead_ = 0;
+  std::uint64_t ownSuppliesRead_ = 0;
 };
 
 // ---------------------------------------------------------------- the platform

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <systemd/sd-bus.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -59,8 +60,11 @@ BusFailure classify(int r, const sd_bus_error* e) {
   return BusFailure::Failed;
 }
 
-// How long a failed connect is taken as the answer before trying again.
+// How long a failed connect is taken as the answer before trying again:
+// half a minute at first, twice as long after each further failure, at most
+// ten minutes (a machine without a system bus, as a container, keeps it so).
 constexpr double kNoBusRetrySeconds = 30;
+constexpr double kNoBusRetryLimit = 600;
 
 double monotonicSeconds() {
   timespec t{};
@@ -112,10 +116,12 @@ sd_bus* Logind::connection(BusFailure& failure, std::string& message) {
     failure = BusFailure::NoBus;
     message = errnoMessage("connecting to the system bus", -r);
     noBusMessage_ = message;
-    retryAt_ = now + kNoBusRetrySeconds;
+    retryDelay_ = retryDelay_ > 0 ? std::min(retryDelay_ * 2, kNoBusRetryLimit) : kNoBusRetrySeconds;
+    retryAt_ = now + retryDelay_;
     return nullptr;
   }
   retryAt_ = 0;
+  retryDelay_ = 0;
   bus_.reset(raw);
   sd_bus_set_method_call_timeout(raw, kCallTimeoutMicros);
   // Never wait for a password: a refusal is an answer.

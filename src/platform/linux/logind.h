@@ -113,9 +113,11 @@ class Logind {
   std::unique_ptr<sd_bus_slot, SlotCloser> sleepSlot_;
   std::optional<WatchId> watch_;
   // After a failed connect: the monotonic second before which no new try is
-  // made, and what the failure was. A machine without a system bus then
-  // costs a connect attempt every half minute, not several each tick.
+  // made, the wait that gave it, and what the failure was. A machine
+  // without a system bus then costs a rare connect attempt, not several
+  // each tick.
   double retryAt_ = 0;
+  double retryDelay_ = 0;
   std::string noBusMessage_;
   std::function<void(bool)> sleepHandler_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);

@@ -67,12 +67,18 @@ const sd_bus_vtable* withStart(sd_bus_vtable* table) {
   return table;
 }
 
+// Whether anything tells where a session bus would be; without either
+// variable none can appear for this process.
+bool sessionBusNamed() {
+  const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  return (address != nullptr && *address != '\0') || (runtime != nullptr && *runtime != '\0');
+}
+
 // Why the session bus can't be reached, in words: sd-bus says "No medium
 // found" when neither variable tells it where the bus is.
 std::string noSessionBus(int r) {
-  const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-  if ((address == nullptr || *address == '\0') && (runtime == nullptr || *runtime == '\0')) {
+  if (!sessionBusNamed()) {
     return "no D-Bus session bus to show it on (neither DBUS_SESSION_BUS_ADDRESS nor XDG_RUNTIME_DIR is set, as "
            "over SSH or in a container)";
   }
@@ -164,8 +170,9 @@ class SessionTray final : public Tray {
     if (r < 0 || raw == nullptr) {
       problem_ = "the tray icon isn't shown: " + noSessionBus(r);
       // The desktop session may come later (a user service started before
-      // login); trying costs one failed connect.
-      reconnectLater();
+      // login); trying costs one failed connect. Where no bus is named at
+      // all, no later try can find one.
+      if (sessionBusNamed()) reconnectLater();
       return;
     }
     bus_.reset(raw);
