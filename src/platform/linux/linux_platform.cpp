@@ -232,17 +232,9 @@ class SysTree {
 
   // The first `limit` bytes of a file, in one read.
   std::optional<std::string> head(std::string_view p, std::size_t limit) const {
-    const int fd = ::open(path(p).c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return std::nullopt;
-    std::string out(limit, '\0');
-    ssize_t n;
-    do {
-      n = ::read(fd, out.data(), limit);
-    } while (n < 0 && errno == EINTR);
-    ::close(fd);
-    if (n < 0) return std::nullopt;
-    out.resize(static_cast<std::size_t>(n));
-    return out;
+    UniqueFd fd(::open(path(p).c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) return std::nullopt;
+    return headOf(fd.get(), limit);
   }
 
   // As head, for a kernel file read on every tick: the machine's file stays
@@ -254,15 +246,19 @@ class SysTree {
     UniqueFd& fd = keptOpen_[p];
     if (!fd) fd.reset(::open(p.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd) return std::nullopt;
+    auto out = headOf(fd.get(), limit);
+    if (!out) fd.reset();
+    return out;
+  }
+
+  // Up to `limit` bytes from the start of an open file.
+  static std::optional<std::string> headOf(int fd, std::size_t limit) {
     std::string out(limit, '\0');
     ssize_t n;
     do {
-      n = ::pread(fd.get(), out.data(), limit, 0);
+      n = ::pread(fd, out.data(), limit, 0);
     } while (n < 0 && errno == EINTR);
-    if (n < 0) {
-      fd.reset();
-      return std::nullopt;
-    }
+    if (n < 0) return std::nullopt;
     out.resize(static_cast<std::size_t>(n));
     return out;
   }
