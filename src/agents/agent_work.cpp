@@ -32,10 +32,16 @@ void AgentWork::sample(Engine& engine) {
   for (const CustomAgent& a : config.customAgents) extra.push_back(kindFor(a));
   if (config.countClaudeApp) extra.push_back(claudeAppKind());
   // Every process's counters only when the energy ranking takes them; else
-  // the identities, and the watcher reads the counters of its trees.
-  processes_ = platform_.processes().listing(isEnergyTick(engine.ticks()) ? ProcessDetail::Counters
-                                                                          : ProcessDetail::Identity);
-  watcher_.sample(processes_, config.watchedApps, config.countRequests, extra, now);
+  // the identities, and the watcher reads the counters of its trees. While
+  // no process started, ended or changed, the last listing stands.
+  Processes& processes = platform_.processes();
+  const bool energyTick = isEnergyTick(engine.ticks());
+  const bool same = !energyTick && listed_ && processes.identitiesUnchanged();
+  if (!same) {
+    processes_ = processes.listing(energyTick ? ProcessDetail::Counters : ProcessDetail::Identity);
+    listed_ = true;
+  }
+  watcher_.sample(processes_, config.watchedApps, config.countRequests, extra, now, same);
   if (eventsDirty_ || samples_++ % kEventRereadEvery == 0) {
     events_ = AgentEvents::load(appFolder_, now);
     // An event from the future (a damaged file, a clock put back) would

@@ -38,8 +38,8 @@ class AgentWork final : public WorkSource {
   const WorkDetection& detection() const { return detection_; }
   const AgentWatcher& watcher() const { return watcher_; }
   // The process table of the last sample, for the energy sample of the same
-  // tick: with every process's counters on energy ticks (isEnergyTick), else
-  // identities only.
+  // tick: with every process's counters on energy ticks (isEnergyTick); on
+  // other ticks the counters may be missing or from an earlier tick.
   const std::vector<ProcessInfo>& processes() const { return processes_; }
 
  private:
@@ -54,6 +54,7 @@ class AgentWork final : public WorkSource {
   bool eventsDirty_ = true;
   std::int64_t samples_ = 0;
   std::vector<ProcessInfo> processes_;
+  bool listed_ = false;
   std::vector<AgentSession> sessions_;
   // The agent's own session id stays with its process (pid and start) while
   // it lives, also after the session's events are gone, with the last state

@@ -166,6 +166,7 @@ void AgentWatcher::setKinds(const std::vector<WatchedApp>& watchedApps, const st
   agentKinds_ = agents;
   claudeApp_ = claudeIndex;
   classified_.clear();  // what a process is depends on the kinds
+  table_.reset();
 }
 
 const BundleMeta& AgentWatcher::bundleMeta(std::string_view bundle) {
@@ -222,14 +223,10 @@ void AgentWatcher::sample(const std::vector<WatchedApp>& watchedApps, bool reque
   sample(processes_.listing(ProcessDetail::Identity), watchedApps, requestsCount, extraKinds, now);
 }
 
-void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vector<WatchedApp>& watchedApps,
-                          bool requestsCount, const std::vector<AgentKind>& extraKinds, Time now) {
-  setKinds(watchedApps, extraKinds);
+AgentWatcher::Table AgentWatcher::tableOf(const std::vector<ProcessInfo>& list) {
   const int n = static_cast<int>(list.size());
-
-  // The table once: index by pid, kinds (cached per process), parents and
-  // children (as one flat array, children of process i at
-  // children[childAt[i] .. childAt[i + 1])).
+  Table t;
+  // Index by pid, kinds (cached per process), parents and children.
   std::vector<std::pair<std::int32_t, int>> indexOf;  // by pid
   indexOf.reserve(list.size());
   for (int i = 0; i < n; ++i) indexOf.emplace_back(list[i].pid, i);
@@ -238,7 +235,8 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
     auto it = std::lower_bound(indexOf.begin(), indexOf.end(), std::pair(pid, -1));
     return it != indexOf.end() && it->first == pid ? it->second : -1;
   };
-  std::vector<int> kindOf(list.size(), -1);
+  std::vector<int>& kindOf = t.kindOf;
+  kindOf.assign(list.size(), -1);
   ++generation_;
   for (int i = 0; i < n; ++i) {
     const ProcessInfo& p = list[i];
@@ -254,8 +252,10 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
   }
   std::erase_if(classified_, [this](const auto& entry) { return entry.second.generation != generation_; });
 
-  std::vector<int> parent(list.size(), -1);
-  std::vector<int> childAt(list.size() + 1, 0);
+  std::vector<int>& parent = t.parent;
+  std::vector<int>& childAt = t.childAt;
+  parent.assign(list.size(), -1);
+  childAt.assign(list.size() + 1, 0);
   for (int i = 0; i < n; ++i) {
     const int at = find(list[i].ppid);
     if (at >= 0 && at != i) {
@@ -264,20 +264,16 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
     }
   }
   for (int i = 0; i < n; ++i) childAt[i + 1] += childAt[i];
-  std::vector<int> children(static_cast<std::size_t>(childAt[n]));
+  t.children.assign(static_cast<std::size_t>(childAt[n]), 0);
   {
     std::vector<int> fill(childAt.begin(), childAt.end() - 1);
     for (int i = 0; i < n; ++i)
-      if (parent[i] >= 0) children[fill[parent[i]]++] = i;
+      if (parent[i] >= 0) t.children[fill[parent[i]]++] = i;
   }
 
   // Roots: processes of a kind with no ancestor of the same kind. The walk
   // is bounded so that a damaged parent chain cannot loop.
-  struct Group {
-    int kind;
-    std::vector<int> roots;
-  };
-  std::vector<Group> groups;
+  std::vector<Group>& groups = t.groups;
   std::vector<int> appGroup(kinds_.size(), -1);
   for (int i = 0; i < n; ++i) {
     const int k = kindOf[i];
@@ -307,6 +303,21 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
   std::stable_sort(groups.begin(), groups.end(), [&](const Group& a, const Group& b) {
     return a.kind != b.kind ? a.kind < b.kind : earlier(a.roots.front(), b.roots.front());
   });
+  return t;
+}
+
+void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vector<WatchedApp>& watchedApps,
+                          bool requestsCount, const std::vector<AgentKind>& extraKinds, Time now, bool sameList) {
+  setKinds(watchedApps, extraKinds);
+  // An unchanged list under unchanged kinds has the same shape: an idle
+  // machine's tick builds nothing.
+  if (!sameList || !table_ || table_->kindOf.size() != list.size()) table_ = tableOf(list);
+  const Table& table = *table_;
+  const std::vector<int>& kindOf = table.kindOf;
+  const std::vector<int>& parent = table.parent;
+  const std::vector<int>& childAt = table.childAt;
+  const std::vector<int>& children = table.children;
+  const std::vector<Group>& groups = table.groups;
 
   // The working folder of each session's first root. A listing of
   // identities leaves it out: it is read for these processes alone.

@@ -98,8 +98,11 @@ class AgentWatcher {
   // The same over a process list already taken this tick; identities are
   // enough (ProcessDetail::Identity): the watcher reads the counters of its
   // sessions' trees, and the working folder of their first roots, itself.
+  // `sameList`: the list is the previous sample's, and no process in it has
+  // changed (Processes::identitiesUnchanged), so its kinds, parents and
+  // sessions' roots are taken from then.
   void sample(const std::vector<ProcessInfo>& processes, const std::vector<WatchedApp>& watchedApps,
-              bool requestsCount, const std::vector<AgentKind>& extraKinds, Time now);
+              bool requestsCount, const std::vector<AgentKind>& extraKinds, Time now, bool sameList = false);
 
   // The agents' own session ids, by root process (pid and start time), as
   // their hook events gave them: used to attribute transcripts.
@@ -164,6 +167,23 @@ class AgentWatcher {
     std::vector<std::pair<Time, std::string>> recent;  // the newest files of the last search
   };
 
+  // The shape of one process list: each process's kind, parent and
+  // children (as one flat array, children of process i at
+  // children[childAt[i] .. childAt[i + 1])), and the groups of roots that
+  // make the sessions, in session order.
+  struct Group {
+    int kind;
+    std::vector<int> roots;
+  };
+  struct Table {
+    std::vector<int> kindOf;
+    std::vector<int> parent;
+    std::vector<int> childAt;
+    std::vector<int> children;
+    std::vector<Group> groups;
+  };
+  Table tableOf(const std::vector<ProcessInfo>& list);
+
   int classify(const ProcessInfo& p);
   // The requesting processes with the name of their first assertion.
   std::vector<std::pair<SleepBlocker, std::string>> requestsHeld();
@@ -198,6 +218,8 @@ class AgentWatcher {
   };
   std::unordered_map<std::int32_t, Classified> classified_;
   std::uint64_t generation_ = 0;
+  // The table of the last sample's list, while the kinds stay the same.
+  std::optional<Table> table_;
   std::unordered_map<std::string, BundleMeta> bundleMeta_;
 
   // Energy per process at the previous sample, for the trees' power.

@@ -256,7 +256,7 @@ void Engine::enforceSafety() {
 
 void Engine::writeHeartbeat() {
   if (options_.preview) return;
-  files_.touch(kAliveFile);
+  heartbeat_.touch();
 }
 
 void Engine::tick() {
@@ -295,6 +295,7 @@ void Engine::tick() {
 void Engine::keepMarkerInStep() {
   if (options_.preview) return;
   if (holding_) {
+    holdMarkerGone_ = false;
     files_.touch(kHoldMarker);
     auto disabled = platform_.registry().sleepDisabled();
     if (disabled && !*disabled) {
@@ -304,8 +305,8 @@ void Engine::keepMarkerInStep() {
     } else if (disabled) {
       notKeptWarning_.reset();
     }
-  } else if (!pendingRelease_ && !adoptedHoldUntil_) {
-    files_.remove(kHoldMarker);
+  } else if (!pendingRelease_ && !adoptedHoldUntil_ && (!holdMarkerGone_ || ticks_ % 5 == 0)) {
+    holdMarkerGone_ = files_.remove(kHoldMarker);
   }
 }
 
@@ -509,6 +510,7 @@ void Engine::startHold(const std::string& reason) {
     // A marker already there records sleep that is still off (a release
     // being retried, an adopted hold): a refusal now must not take it away.
     const bool hadMarker = files_.exists(kHoldMarker);
+    holdMarkerGone_ = false;
     if (!files_.touch(kHoldMarker)) {
       // Sleep is never switched off without the record that puts it back.
       setupError_ = kFolderError;

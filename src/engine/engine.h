@@ -185,6 +185,10 @@ class Engine {
 
   Platform& platform_;
   StateFiles files_;
+  KeptTouch heartbeat_{files_, std::string(kAliveFile)};
+  // The hold marker was found gone while nothing held: looked for again only
+  // on the slow beat, as only this engine writes it.
+  bool holdMarkerGone_ = false;
   EngineOptions options_;
   Journal journal_;
   Config config_;

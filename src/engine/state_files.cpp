@@ -56,4 +56,28 @@ std::optional<Time> StateFiles::modified(std::string_view name) const {
   return static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) / 1e9;
 }
 
+KeptTouch::KeptTouch(const StateFiles& files, std::string name) : files_(files), name_(std::move(name)) {}
+
+KeptTouch::~KeptTouch() { close(); }
+
+void KeptTouch::close() {
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
+}
+
+bool KeptTouch::touch() {
+  if (fd_ >= 0) {
+    // A file with no name left was removed or replaced: the beat belongs on
+    // the one that has it now.
+    struct stat st {};
+    if (::futimens(fd_, nullptr) == 0 && ::fstat(fd_, &st) == 0 && st.st_nlink > 0) return true;
+    close();
+  }
+  if (!files_.touch(name_)) return false;
+  // Read-only: the owner may set the times, and a descriptor open for
+  // writing would report a write to the folder's watch when it closes.
+  fd_ = ::open(files_.path(name_).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  return true;
+}
+
 }  // namespace vigilo

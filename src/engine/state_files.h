@@ -47,4 +47,25 @@ class StateFiles {
   std::string dir_;
 };
 
+// A file touched on every tick (the heartbeat). It stays open, so that a
+// beat sets the time through the descriptor rather than walking the path
+// again; a file removed or replaced meanwhile is opened, or created, anew.
+class KeptTouch {
+ public:
+  KeptTouch(const StateFiles& files, std::string name);
+  ~KeptTouch();
+  KeptTouch(const KeptTouch&) = delete;
+  KeptTouch& operator=(const KeptTouch&) = delete;
+
+  // As StateFiles::touch.
+  bool touch();
+
+ private:
+  void close();
+
+  const StateFiles& files_;
+  std::string name_;
+  int fd_ = -1;
+};
+
 }  // namespace vigilo

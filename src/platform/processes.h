@@ -40,7 +40,8 @@ enum class ProcessDetail {
   // while (on Linux: until the process next runs and a Counters listing
   // sees it). cpuMicros, energyNanojoules, stopped and cwd are left empty.
   Identity,
-  // The same, and cpuMicros and energyNanojoules read afresh.
+  // The same, and cpuMicros and energyNanojoules read afresh, except for
+  // kernel threads (no path and no arguments), which belong to no app.
   Counters,
   // Everything, afresh: what `list()` gives.
   Full,
@@ -75,6 +76,11 @@ class Processes {
     (void)detail;
     return list();
   }
+  // Whether a listing of identities made now would show what the last
+  // listing did: no process has started or ended since and none is known to
+  // have changed, so the caller may keep the last one. A backend that can't
+  // tell cheaply says no.
+  virtual bool identitiesUnchanged() { return false; }
   // The counters of the process `pid` that started at `startMicros`, read
   // afresh; nothing when it has ended or the pid now names another process.
   virtual std::optional<ProcessCounters> counters(std::int32_t pid, std::uint64_t startMicros) {

@@ -231,7 +231,7 @@ TEST_F(WatcherTest, WatchedAppsMatchByNameBundleIdPathOrExecutable) {
   // A helper the system started for Xcode, not Xcode itself: still Xcode's.
   const std::int32_t build = start("/Applications/Xcode.app/Contents/Developer/usr/bin/xcodebuild");
   const std::int32_t clang = start("/usr/bin/clang", {}, build, 2.0);
-  start("/Applications/Xcodes.app/Contents/MacOS/Xcodes");
+  const std::int32_t xcodes = start("/Applications/Xcodes.app/Contents/MacOS/Xcodes");
   start("/Applications/Editor Pro.app/Contents/MacOS/Editor Pro");
   start("/Applications/Tool.app/Contents/MacOS/tool");
   start("/Applications/Toolbox.app/Contents/MacOS/tool");
@@ -260,6 +260,19 @@ TEST_F(WatcherTest, WatchedAppsMatchByNameBundleIdPathOrExecutable) {
   sampleAfter(2);
   EXPECT_EQ(session("claude-app")->instances, 2);
   EXPECT_THAT(session("claude-app")->pids, ::testing::Contains(renamed));
+
+  // Over the same, unchanged list the sessions stand; an app watched
+  // meanwhile is found in it all the same.
+  const auto list = sim_->processes().listing(ProcessDetail::Identity);
+  const auto before = ids();
+  clock_.advance(2);
+  watcher_->sample(list, watched_, requestsCount_, extra_, clock_.now(), true);
+  EXPECT_EQ(ids(), before);
+  watched_.push_back({"Xcodes"});
+  clock_.advance(2);
+  watcher_->sample(list, watched_, requestsCount_, extra_, clock_.now(), true);
+  ASSERT_NE(session("app:Xcodes"), nullptr);
+  EXPECT_EQ(session("app:Xcodes")->pids, std::vector<std::int32_t>{xcodes});
 }
 
 TEST_F(WatcherTest, SleepRequestsThatCountAndTheSixHourLimit) {

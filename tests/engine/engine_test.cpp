@@ -1,5 +1,8 @@
 #include "engine_fixture.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 namespace vigilo::test {
 namespace {
 
@@ -555,6 +558,39 @@ TEST_F(EngineTest, CleanQuitRemovesHeartbeatOnlyWhenNothingIsOutstanding) {
   files().touch("display-off");
   engine().shutdown();
   EXPECT_TRUE(files().exists("alive"));
+}
+
+// The heartbeat stays open between beats: a removed or replaced "alive"
+// must still get the beat, and a stray hold marker still goes.
+TEST_F(EngineTest, TheHeartbeatFollowsItsFileAndAStrayHoldMarkerGoes) {
+  launch();
+  advance(2);
+  const std::string alive = folder_ + "/alive";
+  const auto beatIsRecent = [&] {
+    struct stat st {};
+    return ::stat(alive.c_str(), &st) == 0 && st.st_mtim.tv_sec > 1'000'000'000;
+  };
+  const auto makeOld = [&] {
+    const timespec old[2] = {{1000, 0}, {1000, 0}};
+    return ::utimensat(AT_FDCWD, alive.c_str(), old, 0) == 0;
+  };
+  ASSERT_TRUE(makeOld());
+  advance(2);
+  EXPECT_TRUE(beatIsRecent());
+
+  std::filesystem::remove(alive);
+  advance(2);
+  EXPECT_TRUE(beatIsRecent()) << "a removed heartbeat is made again";
+
+  writeFile(folder_ + "/alive.new", "");
+  std::filesystem::rename(folder_ + "/alive.new", alive);
+  ASSERT_TRUE(makeOld());
+  advance(2);
+  EXPECT_TRUE(beatIsRecent()) << "a replaced heartbeat gets the beat";
+
+  files().touch("hold");
+  advance(10);
+  EXPECT_FALSE(files().exists("hold"));
 }
 
 TEST_F(EngineTest, PreviewWritesNothingAndSwitchesNothing) {

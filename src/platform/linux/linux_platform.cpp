@@ -172,11 +172,14 @@ class SysTree {
   // devices come and go seldom, and the tick and the platform's polls read
   // them several times a tick. sysfs keeps no modification time to tell a
   // change by, hence the age. A fixture tree is listed every time.
-  std::vector<std::string> devices(std::string_view folder) const {
-    if (!real()) return list(folder);
-    DeviceFolder& kept = devices_[std::string(folder)];
+  const std::vector<std::string>& devices(std::string_view folder) const {
+    auto at = devices_.find(folder);
+    if (at == devices_.end()) at = devices_.emplace(std::string(folder), DeviceFolder{}).first;
+    DeviceFolder& kept = at->second;
     const auto now = std::chrono::steady_clock::now();
-    if (kept.listed && now - kept.listedAt < std::chrono::duration<double>(kDeviceListSeconds)) return kept.names;
+    if (real() && kept.listed && now - kept.listedAt < std::chrono::duration<double>(kDeviceListSeconds)) {
+      return kept.names;
+    }
     kept.names = list(folder);
     kept.listed = true;
     kept.listedAt = now;
@@ -336,7 +339,7 @@ class SysTree {
     std::vector<std::string> names;
   };
   std::string root_;
-  mutable std::map<std::string, DeviceFolder> devices_;
+  mutable std::map<std::string, DeviceFolder, std::less<>> devices_;
   mutable std::map<std::string, UniqueFd> keptOpen_;
 };
 
@@ -778,11 +781,13 @@ class LinuxProcesses final : public Processes {
         known = learn(pid, *stat, ino);
       }
       std::optional<std::uint64_t> cpu;
-      if (detail != ProcessDetail::Identity) {
+      const ProcessInfo& id = known->second.identity;
+      const bool kernelThread = id.path.empty() && id.args.empty();
+      // A kernel thread belongs to no app and no agent: its counters are
+      // read only for a full listing.
+      if (detail == ProcessDetail::Full || (detail == ProcessDetail::Counters && !kernelThread)) {
         cpu = cpuOf(pid, stat ? &*stat : nullptr);
         if (!cpu) continue;
-        const ProcessInfo& id = known->second.identity;
-        const bool kernelThread = id.path.empty() && id.args.empty();
         if (!stat && !kernelThread && *cpu != known->second.cpuAtCheck) {
           // It ran since it was last read: it may have exec'd.
           stat = tree_.stat(pid);
@@ -806,7 +811,17 @@ class LinuxProcesses final : public Processes {
     std::erase_if(known_, [this](const auto& entry) { return entry.second.listed != listings_; });
     energy_.keepOnly(pids);
     checkParents(out);
+    relearned_ = false;  // what was learned meanwhile is in this listing
     return out;
+  }
+
+  // The kernel's task stamp tells whether a process started or ended; one
+  // learned again since (it exec'd, or was reparented) changes the listing
+  // too.
+  bool identitiesUnchanged() override {
+    if (listings_ == 0 || !lastTasks_ || relearned_) return false;
+    auto text = tree_.headKeptOpen("/proc/loadavg", 256);
+    return text && taskStampFromLoadavg(*text) == lastTasks_;
   }
 
   // Trusts the last listing for which process the pid names (the app lists
@@ -1038,6 +1053,7 @@ class LinuxProcesses final : public Processes {
         p.path = p.args.front();
       }
     }
+    if (!same || k.identity.ppid != stat.ppid) relearned_ = true;
     k.identity.ppid = stat.ppid;
     k.cpuAtCheck = cpuOf(pid, &stat).value_or(0);
     if (ino) k.ino = *ino;
@@ -1137,6 +1153,8 @@ class LinuxProcesses final : public Processes {
   // again (the largest cost of an idle tick) would show the same.
   std::vector<std::pair<std::int32_t, ino_t>> folders_;
   std::optional<TaskStamp> lastTasks_;
+  // A process was learned anew since the last listing.
+  bool relearned_ = false;
   std::map<std::int32_t, SlowRecord> slowed_;
   std::vector<DesktopEntry> entries_;
   std::optional<double> entriesRead_;

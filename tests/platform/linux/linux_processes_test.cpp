@@ -373,6 +373,7 @@ TEST_F(LinuxTreeTest, ListingsNeverMistakeANewProcessUnderAnOldPidForTheOldOne) 
   };
   // The kernel's task count and last pid: what tells that nothing started.
   put("/proc/loadavg", "0.00 0.00 0.00 1/2 200\n");
+  process(2, 0, "kthreadd", 1, 50, 0, "");
   process(100, 1, "claude", 400, 10, 111, "claude\0"s);
   process(200, 100, "node", 500, 5, 222, "node\0/x/server.js\0"s);
   auto p = platform();
@@ -384,12 +385,14 @@ TEST_F(LinuxTreeTest, ListingsNeverMistakeANewProcessUnderAnOldPidForTheOldOne) 
     return it == list.end() ? ProcessInfo{} : *it;
   };
 
+  EXPECT_FALSE(procs.identitiesUnchanged());  // nothing listed yet
   auto first = procs.listing(ProcessDetail::Identity);
-  ASSERT_EQ(first.size(), 2u);
-  EXPECT_EQ(std::tuple(first[0].pid, first[0].ppid, first[0].path, first[0].startMicros),
+  ASSERT_EQ(first.size(), 3u);
+  EXPECT_EQ(std::tuple(first[1].pid, first[1].ppid, first[1].path, first[1].startMicros),
             std::tuple(100, 1, "claude"s, start(400)));
-  EXPECT_EQ(first[1].args, (std::vector<std::string>{"node", "/x/server.js"}));
-  EXPECT_EQ(first[1].cpuMicros, 0u);  // identities only
+  EXPECT_EQ(first[2].args, (std::vector<std::string>{"node", "/x/server.js"}));
+  EXPECT_EQ(first[2].cpuMicros, 0u);  // identities only
+  EXPECT_TRUE(procs.identitiesUnchanged());
 
   // The agent ends and a new process takes its pid (in a folder of its
   // own, as the kernel gives it); the shell, reparented to init, still
@@ -398,6 +401,7 @@ TEST_F(LinuxTreeTest, ListingsNeverMistakeANewProcessUnderAnOldPidForTheOldOne) 
   process(100, 1, "sleep", 900, 0, 333, "sleep\0"s "60\0"s);
   put("/proc/loadavg", "0.00 0.00 0.00 1/2 100\n");
   process(200, 1, "node", 500, 5, 222, "node\0/x/server.js\0"s);
+  EXPECT_FALSE(procs.identitiesUnchanged());
   auto second = procs.listing(ProcessDetail::Identity);
   EXPECT_EQ(std::tuple(find(second, 100).path, find(second, 100).startMicros), std::tuple("sleep"s, start(900)));
   EXPECT_EQ(find(second, 200).ppid, 1);
@@ -406,10 +410,18 @@ TEST_F(LinuxTreeTest, ListingsNeverMistakeANewProcessUnderAnOldPidForTheOldOne) 
 
   // The node process exec's another script of the same name in place: the
   // counters listing reads it again and sees the new arguments.
+  // An exec changes no task count: the stamp can't tell, but a process read
+  // again meanwhile can.
   process(200, 1, "node", 500, 7, 444, "node\0/x/claude-code/cli.js\0"s);
+  EXPECT_TRUE(procs.identitiesUnchanged());
+  ASSERT_TRUE(procs.info(200).has_value());
+  EXPECT_FALSE(procs.identitiesUnchanged());
   auto third = procs.listing(ProcessDetail::Counters);
+  EXPECT_TRUE(procs.identitiesUnchanged());
   EXPECT_EQ(find(third, 200).args, (std::vector<std::string>{"node", "/x/claude-code/cli.js"}));
   EXPECT_EQ(find(third, 200).cpuMicros, 7ULL * 1'000'000 / static_cast<std::uint64_t>(hz));
+  EXPECT_EQ(find(third, 2).pid, 2);  // a kernel thread is listed, without counters
+  EXPECT_EQ(find(third, 2).cpuMicros, 0u);
   EXPECT_EQ(procs.counters(200, start(500))->cpuMicros, find(third, 200).cpuMicros);
 }
 
