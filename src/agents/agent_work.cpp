@@ -41,7 +41,7 @@ void AgentWork::sample(Engine& engine) {
     processes_ = processes.listing(energyTick ? ProcessDetail::Counters : ProcessDetail::Identity);
     listed_ = true;
   }
-  watcher_.sample(processes_, config.watchedApps, config.countRequests, extra, now, same);
+  watcher_.sample(processes_, config.watchedApps, config.countRequests, extra, now);
   if (eventsDirty_ || samples_++ % kEventRereadEvery == 0) {
     events_ = AgentEvents::load(appFolder_, now);
     // An event from the future (a damaged file, a clock put back) would

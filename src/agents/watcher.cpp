@@ -59,6 +59,14 @@ void noteRecent(std::vector<std::pair<Time, std::string>>& recent, Time t, const
   if (recent.size() > kRecentTranscripts) recent.pop_back();
 }
 
+// A hash of what an exec changes: the executable and the arguments.
+std::size_t programOf(const ProcessInfo& p) {
+  const std::hash<std::string_view> hash;
+  std::size_t h = hash(p.path);
+  for (const std::string& a : p.args) h = h * 1099511628211ULL ^ hash(a);
+  return h;
+}
+
 // Closes a directory stream on every path out.
 struct DirCloser {
   void operator()(DIR* d) const {
@@ -223,9 +231,11 @@ void AgentWatcher::sample(const std::vector<WatchedApp>& watchedApps, bool reque
   sample(processes_.listing(ProcessDetail::Identity), watchedApps, requestsCount, extraKinds, now);
 }
 
-AgentWatcher::Table AgentWatcher::tableOf(const std::vector<ProcessInfo>& list) {
+AgentWatcher::Table AgentWatcher::tableOf(const std::vector<ProcessInfo>& list,
+                                          const std::vector<Identity>& identities) {
   const int n = static_cast<int>(list.size());
   Table t;
+  t.of = identities;
   // Index by pid, kinds (cached per process), parents and children.
   std::vector<std::pair<std::int32_t, int>> indexOf;  // by pid
   indexOf.reserve(list.size());
@@ -241,10 +251,11 @@ AgentWatcher::Table AgentWatcher::tableOf(const std::vector<ProcessInfo>& list) 
   for (int i = 0; i < n; ++i) {
     const ProcessInfo& p = list[i];
     Classified& c = classified_[p.pid];
-    // exec() keeps pid and start but changes the path: classify again then.
-    if (c.generation == 0 || c.start != p.startMicros || c.path != p.path) {
+    // exec() keeps pid and start but changes the path or the arguments (an
+    // interpreter that runs another script): classify again then.
+    if (c.generation == 0 || c.start != p.startMicros || c.program != identities[i].program) {
       c.start = p.startMicros;
-      c.path = p.path;
+      c.program = identities[i].program;
       c.kind = classify(p);
     }
     c.generation = generation_;
@@ -307,11 +318,12 @@ AgentWatcher::Table AgentWatcher::tableOf(const std::vector<ProcessInfo>& list) 
 }
 
 void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vector<WatchedApp>& watchedApps,
-                          bool requestsCount, const std::vector<AgentKind>& extraKinds, Time now, bool sameList) {
+                          bool requestsCount, const std::vector<AgentKind>& extraKinds, Time now) {
   setKinds(watchedApps, extraKinds);
-  // An unchanged list under unchanged kinds has the same shape: an idle
-  // machine's tick builds nothing.
-  if (!sameList || !table_ || table_->kindOf.size() != list.size()) table_ = tableOf(list);
+  std::vector<Identity> identities;
+  identities.reserve(list.size());
+  for (const ProcessInfo& p : list) identities.push_back(Identity{p.pid, p.ppid, p.startMicros, programOf(p)});
+  if (!table_ || table_->of != identities) table_ = tableOf(list, identities);
   const Table& table = *table_;
   const std::vector<int>& kindOf = table.kindOf;
   const std::vector<int>& parent = table.parent;

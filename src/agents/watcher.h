@@ -98,11 +98,8 @@ class AgentWatcher {
   // The same over a process list already taken this tick; identities are
   // enough (ProcessDetail::Identity): the watcher reads the counters of its
   // sessions' trees, and the working folder of their first roots, itself.
-  // `sameList`: the list is the previous sample's, and no process in it has
-  // changed (Processes::identitiesUnchanged), so its kinds, parents and
-  // sessions' roots are taken from then.
   void sample(const std::vector<ProcessInfo>& processes, const std::vector<WatchedApp>& watchedApps,
-              bool requestsCount, const std::vector<AgentKind>& extraKinds, Time now, bool sameList = false);
+              bool requestsCount, const std::vector<AgentKind>& extraKinds, Time now);
 
   // The agents' own session ids, by root process (pid and start time), as
   // their hook events gave them: used to attribute transcripts.
@@ -175,14 +172,24 @@ class AgentWatcher {
     int kind;
     std::vector<int> roots;
   };
+  // What a process's place in the table depends on; its path and
+  // arguments (what an exec changes) by their hash.
+  struct Identity {
+    std::int32_t pid = 0;
+    std::int32_t ppid = 0;
+    std::uint64_t startMicros = 0;
+    std::size_t program = 0;
+    bool operator==(const Identity&) const = default;
+  };
   struct Table {
+    std::vector<Identity> of;  // the list it was made from
     std::vector<int> kindOf;
     std::vector<int> parent;
     std::vector<int> childAt;
     std::vector<int> children;
     std::vector<Group> groups;
   };
-  Table tableOf(const std::vector<ProcessInfo>& list);
+  Table tableOf(const std::vector<ProcessInfo>& list, const std::vector<Identity>& identities);
 
   int classify(const ProcessInfo& p);
   // The requesting processes with the name of their first assertion.
@@ -208,17 +215,18 @@ class AgentWatcher {
   std::vector<AgentKind> extraKinds_;
   std::vector<AgentKind> customKinds_;  // the extra kinds that are agents
 
-  // Classification per process, kept while the process (pid and start) and
-  // the kinds stay the same.
+  // Classification per process, kept while the process (pid, start, path
+  // and arguments) and the kinds stay the same.
   struct Classified {
     std::uint64_t start = 0;
-    std::string path;
+    std::size_t program = 0;  // Identity::program
     int kind = -1;
     std::uint64_t generation = 0;  // the last sample that saw the process
   };
   std::unordered_map<std::int32_t, Classified> classified_;
   std::uint64_t generation_ = 0;
-  // The table of the last sample's list, while the kinds stay the same.
+  // The table of the last sample's list, while the kinds stay the same:
+  // a tick whose list shows the same processes builds nothing.
   std::optional<Table> table_;
   std::unordered_map<std::string, BundleMeta> bundleMeta_;
 

@@ -49,7 +49,8 @@ class StateFiles {
 
 // A file touched on every tick (the heartbeat). It stays open, so that a
 // beat sets the time through the descriptor rather than walking the path
-// again; a file removed or replaced meanwhile is opened, or created, anew.
+// again; a file removed or replaced meanwhile is opened, or created, anew
+// within five beats.
 class KeptTouch {
  public:
   KeptTouch(const StateFiles& files, std::string name);
@@ -66,6 +67,7 @@ class KeptTouch {
   const StateFiles& files_;
   std::string name_;
   int fd_ = -1;
+  unsigned beats_ = 0;
 };
 
 }  // namespace vigilo

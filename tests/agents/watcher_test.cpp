@@ -236,6 +236,7 @@ TEST_F(WatcherTest, WatchedAppsMatchByNameBundleIdPathOrExecutable) {
   start("/Applications/Tool.app/Contents/MacOS/tool");
   start("/Applications/Toolbox.app/Contents/MacOS/tool");
   start("/usr/local/bin/ffmpeg", {"ffmpeg", "-i", "in.mov"});
+  start("/usr/local/bin/node", {"node", "/srv/app.js"});
   start("/opt/run/job");
   start("/opt/run/jobs");
   start("/Applications/Claude.app/Contents/MacOS/Claude");
@@ -266,13 +267,33 @@ TEST_F(WatcherTest, WatchedAppsMatchByNameBundleIdPathOrExecutable) {
   const auto list = sim_->processes().listing(ProcessDetail::Identity);
   const auto before = ids();
   clock_.advance(2);
-  watcher_->sample(list, watched_, requestsCount_, extra_, clock_.now(), true);
+  watcher_->sample(list, watched_, requestsCount_, extra_, clock_.now());
   EXPECT_EQ(ids(), before);
   watched_.push_back({"Xcodes"});
   clock_.advance(2);
-  watcher_->sample(list, watched_, requestsCount_, extra_, clock_.now(), true);
+  watcher_->sample(list, watched_, requestsCount_, extra_, clock_.now());
   ASSERT_NE(session("app:Xcodes"), nullptr);
   EXPECT_EQ(session("app:Xcodes")->pids, std::vector<std::int32_t>{xcodes});
+
+  // A process that exec's an agent keeps its pid and start, one reparented
+  // keeps all but its parent, an interpreter that runs another script all
+  // but its arguments: each shows.
+  auto changed = list;
+  const auto change = [&](auto&& edit) {
+    for (ProcessInfo& p : changed) edit(p);
+    clock_.advance(2);
+    watcher_->sample(changed, watched_, requestsCount_, extra_, clock_.now());
+  };
+  change([&](ProcessInfo& p) { p.ppid = p.pid == clang ? 1 : p.ppid; });
+  EXPECT_EQ(watcher_->protectedPids().count(clang), 0u);
+  change([](ProcessInfo& p) { p.path = p.path == "/opt/run/jobs" ? "/usr/local/bin/claude" : p.path; });
+  EXPECT_NE(session("claude-code"), nullptr);
+  change([](ProcessInfo& p) {
+    if (p.path == "/usr/local/bin/node") p.args = {"node", "/x/@anthropic-ai/claude-code/cli.js"};
+  });
+  const auto agents = ids();
+  EXPECT_EQ(std::count_if(agents.begin(), agents.end(), [](const std::string& id) { return id.starts_with("claude-code"); }),
+            2);
 }
 
 TEST_F(WatcherTest, SleepRequestsThatCountAndTheSixHourLimit) {

@@ -54,8 +54,11 @@ constexpr double kEventPollSeconds = 2.0;
 // A reading someone else (the app's tick) made this recently serves the poll:
 // the tick has acted on it already, and reads again within the period.
 constexpr double kEventPollFresh = 2.5;
-// How long a listing of a device folder is kept.
+// How long a listing of a device folder is kept; one that found nothing (no
+// lid, no backlight, no battery) is kept longer, as such a device seldom
+// comes later.
 constexpr double kDeviceListSeconds = 10.0;
+constexpr double kNoDeviceListSeconds = 60.0;
 // The machine's draw is shared out among processes at most this often.
 constexpr double kEnergySampleSeconds = 1.0;
 
@@ -168,16 +171,17 @@ class SysTree {
     return out;
   }
   // The names in a folder of devices (/sys/class/..., the ACPI lid
-  // buttons), kept for up to kDeviceListSeconds on the machine itself:
-  // devices come and go seldom, and the tick and the platform's polls read
-  // them several times a tick. sysfs keeps no modification time to tell a
+  // buttons), kept for up to kDeviceListSeconds (kNoDeviceListSeconds when
+  // empty) on the machine itself: devices come and go seldom, and the tick
+  // and the platform's polls read them several times a tick. sysfs keeps no modification time to tell a
   // change by, hence the age. A fixture tree is listed every time.
   const std::vector<std::string>& devices(std::string_view folder) const {
     auto at = devices_.find(folder);
     if (at == devices_.end()) at = devices_.emplace(std::string(folder), DeviceFolder{}).first;
     DeviceFolder& kept = at->second;
     const auto now = std::chrono::steady_clock::now();
-    if (real() && kept.listed && now - kept.listedAt < std::chrono::duration<double>(kDeviceListSeconds)) {
+    const double keep = kept.names.empty() ? kNoDeviceListSeconds : kDeviceListSeconds;
+    if (real() && kept.listed && now - kept.listedAt < std::chrono::duration<double>(keep)) {
       return kept.names;
     }
     kept.names = list(folder);
