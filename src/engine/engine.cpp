@@ -282,7 +282,9 @@ void Engine::tick() {
   if (ticks_ % 5 == 0) {
     reloadConfigIfEdited();
     for (SlowJobs* jobs : slow_) jobs->checkScheduledWake(*this);
-    refreshSetup();
+    // What the machine offers asks the system's services (round trips on
+    // Linux): once a minute, or when the setup's state moved.
+    refreshSetup(ticks_ % 30 == 0);
     retryPendingRelease();
     reassertSleep();
     for (SlowJobs* jobs : slow_) jobs->checkApprove(*this);
@@ -341,11 +343,12 @@ void Engine::readBattery() {
   if (battery_ && (battery_->onPower() || battery_->percent >= config_.batteryFloor + 3)) floorLatched_ = false;
 }
 
-void Engine::refreshSetup() {
-  capabilities_ = platform_.capabilities();
+void Engine::refreshSetup(bool capabilities) {
   SetupStatus s = platform_.power().setupStatus();
+  const std::string problem = s.ready ? std::string() : s.reason;
+  if (capabilities || s.ready != setupReady_ || problem != setupProblem_) capabilities_ = platform_.capabilities();
   setupReady_ = s.ready;
-  setupProblem_ = s.ready ? std::string() : s.reason;
+  setupProblem_ = problem;
 }
 
 // ---------------------------------------------------------------- evaluate
@@ -556,8 +559,15 @@ void Engine::retryPendingRelease() {
 
 void Engine::reassertSleep() {
   if (options_.preview || pendingRelease_) return;
-  auto disabled = platform_.registry().sleepDisabled();
+  // Read only where the answer is used: on Linux it is a round trip to
+  // logind, and an idle app needs none.
+  std::optional<std::optional<bool>> read;
+  const auto sleepDisabled = [&] {
+    if (!read) read = platform_.registry().sleepDisabled();
+    return *read;
+  };
   if (sleepNotOurs()) {
+    const auto disabled = sleepDisabled();
     if (!disabled || *disabled) return;
     // Someone switched their sleep back on: from now on the switch is ours,
     // and a hold still running switches it off again below.
@@ -566,7 +576,7 @@ void Engine::reassertSleep() {
   if (holding_) {
     // The switch is ours and on: if something switched sleep back on, switch
     // it off again.
-    if (disabled && !*disabled) {
+    if (const auto disabled = sleepDisabled(); disabled && !*disabled) {
       if (platform_.power().setSleepDisabled(true)) notKeptWarning_.reset();
     }
     return;
@@ -584,7 +594,7 @@ void Engine::reassertSleep() {
   // A switch of Vigilo's own dies with the app, so it cannot be left off by
   // mistake; what reads as off then is someone else's doing.
   if (!platform_.power().switchIsShared()) return;
-  if (disabled && *disabled) {
+  if (const auto disabled = sleepDisabled(); disabled && *disabled) {
     // Sleep was left off by mistake (an earlier run, say).
     if (!releaseSleepSwitch()) {
       pendingRelease_ = true;

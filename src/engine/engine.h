@@ -164,7 +164,9 @@ class Engine {
   void writeConfig();
   void readBattery();
   void readThermal();
-  void refreshSetup();
+  // The setup's state; what the machine offers too unless `capabilities`
+  // is false and the state stayed the same.
+  void refreshSetup(bool capabilities = true);
   void startHold(const std::string& reason);
   void endHold(const std::string& because);
   bool releaseSleepSwitch();
