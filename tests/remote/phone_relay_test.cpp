@@ -7,7 +7,6 @@
 #include "e2e/app_process.h"
 #include "e2e/piped_process.h"
 #include "engine/config.h"
-#include "remote/source_dir.h"
 #include "test_support.h"
 
 namespace vigilo::test {
