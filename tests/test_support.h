@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <string>
 
 namespace vigilo::test {
@@ -23,5 +24,13 @@ void writeFile(const std::string& path, const std::string& data);
 // The whole file, or "" when missing.
 std::string readFile(const std::string& path);
 bool fileExists(const std::string& path);
+
+// The folder of the test source `file` (__FILE__), which the compiler may
+// give relative to the build folder (ccache's base-dir rewriting).
+inline std::string sourceDir(const char* file) {
+  std::filesystem::path p(file);
+  if (p.is_relative()) p = std::filesystem::path(VIGILO_BINARY).parent_path() / p;
+  return p.lexically_normal().parent_path().string();
+}
 
 }  // namespace vigilo::test

@@ -54,9 +54,12 @@ class ClosedLidTest : public EngineTest {
     if (p == nullptr) return "gone";
     return p->stopped ? "paused" : p->slowed ? "slowed" : "running";
   }
-  std::map<std::int32_t, std::string> states() {
-    return {{music, state(music)}, {editor, state(editor)}, {helper, state(helper)},
-            {docker, state(docker)}, {chat, state(chat)}};
+  std::map<std::string, std::string> states() {
+    return {{"music", state(music)}, {"editor", state(editor)}, {"helper", state(helper)},
+            {"docker", state(docker)}, {"chat", state(chat)}};
+  }
+  void expectAllRunning() {
+    for (const auto& [app, s] : states()) EXPECT_EQ(s, "running") << app;
   }
   bool recordsEmpty() {
     for (const char* f : {"touched.json", "resume-pids", "powermode-restore", "timemachine-restore",
@@ -92,12 +95,9 @@ TEST_F(ClosedLidTest, EachPresetAndRuleChangesExactlyItsApps) {
     SCOPED_TRACE(c.config);
     start(c.config);
     closeLid();
-    const std::map<std::string, std::string> got = {{"music", state(music)},   {"editor", state(editor)},
-                                                    {"helper", state(helper)}, {"docker", state(docker)},
-                                                    {"chat", state(chat)}};
-    EXPECT_EQ(got, c.expected);
+    EXPECT_EQ(states(), c.expected);
     openLid();
-    for (const auto& [pid, s] : states()) EXPECT_EQ(s, "running") << pid;
+    expectAllRunning();
     EXPECT_TRUE(recordsEmpty());
     engine().shutdown();
     crash();
@@ -131,7 +131,7 @@ TEST_F(ClosedLidTest, ClosedSessionDarkensAndSavesThenPutsAllBackWhenTheLidOpens
   EXPECT_FALSE(laptop().displayAssertion());
   EXPECT_EQ(laptop().powerMode("lowpowermode"), 0);
   EXPECT_TRUE(laptop().automaticBackups());
-  for (const auto& [pid, s] : states()) EXPECT_EQ(s, "running") << pid;
+  expectAllRunning();
   EXPECT_TRUE(recordsEmpty());
   ASSERT_FALSE(notices_.empty());
   EXPECT_EQ(notices_.back().rfind("Welcome back: Stayed awake ", 0), 0u) << notices_.back();
@@ -162,7 +162,7 @@ TEST_F(ClosedLidTest, ACrashMidSessionIsPutBackAtTheNextLaunch) {
   crash();
   openLid();
   start(R"({"mode": "off"})");
-  for (const auto& [pid, s] : states()) EXPECT_EQ(s, "running") << pid;
+  expectAllRunning();
   EXPECT_TRUE(laptop().builtInDisplayOn());
   EXPECT_EQ(laptop().brightness(), 0.5) << "a dark screen at the start never comes back black";
   EXPECT_EQ(laptop().powerMode("lowpowermode"), 0);

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "commands/channel.h"
-#include "e2e/app_process.h"
+#include "e2e/sim_app.h"
 #include "platform/sim/sim_laptop.h"
 #include "test_support.h"
 
@@ -16,22 +16,13 @@ using json = nlohmann::json;
 
 // Given the app in mode auto on a simulated laptop where a "claude" process
 // runs, and Claude Code's hooks piped into the real `vigilo event`.
-class AgentsTest : public ::testing::Test {
+class AgentsTest : public SimAppTest {
  protected:
   void SetUp() override {
-    home_ = dir_.file("home");
-    state_ = dir_.file("laptop.json");
-    std::filesystem::create_directories(home_);
     writeFile(home_ + "/config.json", R"({"mode": "auto", "quietMinutes": 1})");
     writeFile(state_, R"({"processes": [{"path": "/usr/local/bin/claude", "args": ["claude"],
                                          "cwd": "/home/me/vigilo", "watts": 0}]})");
-    app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", state_}, home_,
-                                        dir_.file("app.txt"));
-    ASSERT_TRUE(waitFor([&] { return runningApp(home_).has_value(); }, 10s)) << app_->output();
-  }
-  void TearDown() override {
-    app_->signal(SIGTERM);
-    EXPECT_EQ(app_->wait(10s), 0) << app_->output();
+    startApp();
   }
   void hook(const std::string& event, const std::string& extra = "", const std::string& session = "abc123") {
     const std::string input = R"({"session_id":")" + session +
@@ -41,31 +32,20 @@ class AgentsTest : public ::testing::Test {
     ASSERT_EQ(r.status, 0) << r.err;
   }
   std::string reason() {
-    ToolRun r = runTool({"status", "--json"}, home_);
+    ToolRun r = vigilo({"status", "--json"});
     if (r.status != 0) return "status failed: " + r.err;
     json s = json::parse(r.out, nullptr, false);
     return s.is_object() && s["reason"].is_string() ? s["reason"].get<std::string>() : std::string();
   }
-  bool held() {
-    SystemClock clock;
-    SimLaptop laptop(clock);
-    laptop.fromJson(json::parse(readFile(state_), nullptr, false));
-    return laptop.sleepDisabled();
-  }
   bool reasonBecomes(const std::string& expected) {
     return waitFor([&] { return reason() == expected; }, 10s);
   }
-
-  TempDir dir_;
-  std::string home_;
-  std::string state_;
-  std::unique_ptr<AppProcess> app_;
 };
 
 TEST_F(AgentsTest, ClaudeCodeHooksHoldWithTheRightReasonAndSleepTheQuietMinuteAfterTheStop) {
   hook("SessionStart", R"(,"source":"startup")");
   EXPECT_TRUE(reasonBecomes("")) << reason() << app_->output();
-  EXPECT_FALSE(held());
+  EXPECT_FALSE(sleepDisabled());
 
   // The prompt went in two minutes ago, from the simulated claude, which is
   // busy (the event file is the one its hook would have written then; the
@@ -84,12 +64,12 @@ TEST_F(AgentsTest, ClaudeCodeHooksHoldWithTheRightReasonAndSleepTheQuietMinuteAf
   writeFile(home_ + "/agent-events/abc123.json", prompt.dump());
   hook("SessionEnd", "", "another");
   EXPECT_TRUE(reasonBecomes("Claude Code is working in vigilo")) << reason() << app_->output();
-  EXPECT_TRUE(held()) << app_->output() << readFile(state_);
+  EXPECT_TRUE(sleepDisabled()) << app_->output() << readFile(state_);
 
   hook("Notification", R"(,"message":"Claude needs your permission to use Bash","title":"Permission needed",)"
                        R"("notification_type":"permission_prompt","some_new_field":[1,2])");
   EXPECT_TRUE(reasonBecomes("Claude Code is waiting for you")) << reason() << app_->output();
-  EXPECT_TRUE(held());
+  EXPECT_TRUE(sleepDisabled());
 
   // Idle, then the Stop: a minute later, not sooner, it sleeps.
   ASSERT_TRUE(editSimStateFile(state_, SystemClock(), [&](SimLaptop& l) { l.setProcessWatts(pid, 0.0); }));
@@ -97,17 +77,16 @@ TEST_F(AgentsTest, ClaudeCodeHooksHoldWithTheRightReasonAndSleepTheQuietMinuteAf
   const auto stopped = std::chrono::steady_clock::now();
   EXPECT_TRUE(reasonBecomes("Claude Code stopped · sleeps in 1 min")) << reason() << app_->output();
   hook("SessionEnd", R"(,"reason":"prompt_input_exit")");
-  EXPECT_TRUE(held());
+  EXPECT_TRUE(sleepDisabled());
 
-  ASSERT_TRUE(waitFor([&] { return app_->output().find("» Claude Code finished") != std::string::npos; }, 75s))
-      << app_->output();
+  ASSERT_TRUE(waitFor([&] { return outputHas("» Claude Code finished"); }, 75s)) << app_->output();
   const double after = std::chrono::duration<double>(std::chrono::steady_clock::now() - stopped).count();
   EXPECT_GE(after, 58.0);
   EXPECT_LE(after, 66.0);
   EXPECT_NE(app_->output().find("alert: Claude Code finished after 2 min of work"), std::string::npos)
       << app_->output();
   EXPECT_NE(app_->output().find("alert: Claude Code needs you"), std::string::npos);
-  EXPECT_TRUE(waitFor([&] { return !held(); }, 5s));
+  EXPECT_TRUE(waitFor([&] { return !sleepDisabled(); }, 5s));
   EXPECT_FALSE(fileExists(home_ + "/agent-events/abc123.json"));
 }
 

@@ -13,11 +13,37 @@
 
 namespace vigilo::test {
 
+namespace {
+
+// In a new child: becomes the real binary with `argv` (VIGILO_BINARY first),
+// VIGILO_HOME at `home`, `env` added and the signal mask cleared (the child
+// must not inherit the test runner's blocked signals).
+[[noreturn]] void execVigilo(std::vector<std::string>& argv, const std::string& home,
+                             const std::vector<std::string>& env) {
+  ::setenv("VIGILO_HOME", home.c_str(), 1);
+  for (const auto& e : env) ::putenv(const_cast<char*>(e.c_str()));
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  std::vector<char*> cargs;
+  for (auto& a : argv) cargs.push_back(a.data());
+  cargs.push_back(nullptr);
+  ::execv(cargs[0], cargs.data());
+  ::_exit(127);
+}
+
+std::vector<std::string> vigiloArgv(const std::vector<std::string>& args) {
+  std::vector<std::string> argv{VIGILO_BINARY};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return argv;
+}
+
+}  // namespace
+
 AppProcess::AppProcess(const std::vector<std::string>& args, const std::string& home, const std::string& outputFile,
                        const std::vector<std::string>& env)
     : outputFile_(outputFile) {
-  std::vector<std::string> argv{VIGILO_BINARY};
-  argv.insert(argv.end(), args.begin(), args.end());
+  std::vector<std::string> argv = vigiloArgv(args);
   pid_ = ::fork();
   if (pid_ < 0) throw std::runtime_error("fork failed");
   if (pid_ == 0) {
@@ -26,17 +52,7 @@ AppProcess::AppProcess(const std::vector<std::string>& args, const std::string& 
       ::dup2(fd, 1);
       ::dup2(fd, 2);
     }
-    ::setenv("VIGILO_HOME", home.c_str(), 1);
-    for (const auto& e : env) ::putenv(const_cast<char*>(e.c_str()));
-    // The child must not inherit the test runner's blocked signals.
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    std::vector<char*> cargs;
-    for (auto& a : argv) cargs.push_back(a.data());
-    cargs.push_back(nullptr);
-    ::execv(cargs[0], cargs.data());
-    ::_exit(127);
+    execVigilo(argv, home, env);
   }
 }
 
@@ -53,48 +69,29 @@ void AppProcess::signal(int signo) {
 
 int AppProcess::wait(std::chrono::milliseconds limit) {
   int status = 0;
-  bool done = waitFor(
-      [&] {
-        pid_t r = ::waitpid(pid_, &status, WNOHANG);
-        return r == pid_;
-      },
-      limit);
-  if (!done) return -1;
+  if (!reaped_ && !waitFor([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, limit)) return -1;
+  if (!reaped_) exit_ = WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
   reaped_ = true;
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-  return -1;
+  return exit_;
 }
 
 std::string AppProcess::output() const { return readFile(outputFile_); }
 
-namespace {
-
 // Runs the tool to its end; `stdinFd` becomes its standard input, or it
 // shares the test's when -1.
-ToolRun runToolFrom(const std::vector<std::string>& args, const std::string& home,
+static ToolRun runToolFrom(const std::vector<std::string>& args, const std::string& home,
                     const std::vector<std::string>& env, int stdinFd) {
   char outTmpl[] = "/tmp/vigilo-tool-out-XXXXXX";
   char errTmpl[] = "/tmp/vigilo-tool-err-XXXXXX";
   int outFd = ::mkstemp(outTmpl);
   int errFd = ::mkstemp(errTmpl);
-  std::vector<std::string> argv{VIGILO_BINARY};
-  argv.insert(argv.end(), args.begin(), args.end());
+  std::vector<std::string> argv = vigiloArgv(args);
   pid_t pid = ::fork();
   if (pid == 0) {
     if (stdinFd >= 0) ::dup2(stdinFd, 0);
     ::dup2(outFd, 1);
     ::dup2(errFd, 2);
-    ::setenv("VIGILO_HOME", home.c_str(), 1);
-    for (const auto& e : env) ::putenv(const_cast<char*>(e.c_str()));
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    std::vector<char*> cargs;
-    for (auto& a : argv) cargs.push_back(a.data());
-    cargs.push_back(nullptr);
-    ::execv(cargs[0], cargs.data());
-    ::_exit(127);
+    execVigilo(argv, home, env);
   }
   ::close(outFd);
   ::close(errFd);
@@ -113,8 +110,6 @@ ToolRun runToolFrom(const std::vector<std::string>& args, const std::string& hom
   ::unlink(errTmpl);
   return run;
 }
-
-}  // namespace
 
 ToolRun runTool(const std::vector<std::string>& args, const std::string& home, const std::vector<std::string>& env) {
   return runToolFrom(args, home, env, -1);

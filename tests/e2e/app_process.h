@@ -23,7 +23,8 @@ class AppProcess {
   pid_t pid() const { return pid_; }
   void signal(int signo);
   // Waits for the exit; the exit status, or -1 when it did not end in time.
-  // A death by signal gives 128 + the signal number.
+  // A death by signal gives 128 + the signal number. Once ended, it stays
+  // the answer.
   int wait(std::chrono::milliseconds limit);
   std::string output() const;
 
@@ -31,6 +32,7 @@ class AppProcess {
   pid_t pid_ = -1;
   std::string outputFile_;
   bool reaped_ = false;
+  int exit_ = -1;
 };
 
 // Runs the real `vigilo args...` to its end (at most 30 s) and gives its exit

@@ -3,9 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include "e2e/app_process.h"
+#include "e2e/sim_app.h"
 #include "engine/config.h"
-#include "platform/sim/sim_laptop.h"
 #include "test_support.h"
 
 namespace vigilo::test {
@@ -15,44 +14,17 @@ using namespace std::chrono_literals;
 
 // Given a temporary app folder and a simulated laptop's state file, both
 // driven only from outside, as a person would.
-class AppTest : public ::testing::Test {
- protected:
-  AppTest() {
-    home_ = dir_.file("home");
-    state_ = dir_.file("laptop.json");
-    std::filesystem::create_directories(home_);
-  }
-  std::unique_ptr<AppProcess> start(std::vector<std::string> extra = {}) {
-    std::vector<std::string> args{"app", "--simulate", state_};
-    args.insert(args.end(), extra.begin(), extra.end());
-    return std::make_unique<AppProcess>(args, home_, dir_.file("out-" + std::to_string(++runs_) + ".txt"));
-  }
-  bool sleepDisabled() {
-    SystemClock clock;
-    SimLaptop laptop(clock);
-    auto bytes = readFile(state_);
-    auto j = nlohmann::json::parse(bytes, nullptr, false);
-    if (!j.is_object()) return false;
-    laptop.fromJson(j);
-    return laptop.sleepDisabled();
-  }
-  bool marker(const std::string& name) const { return fileExists(home_ + "/" + name); }
-
-  TempDir dir_;
-  std::string home_;
-  std::string state_;
-  int runs_ = 0;
-};
+using AppTest = SimAppTest;
 
 TEST_F(AppTest, KilledWhileHoldingIsAdoptedThenReleasedAtTheNextLaunch) {
   writeFile(home_ + "/config.json", R"({"mode": "on"})");
   {
-    auto app = start();
+    auto app = launch();
     // The status line is printed after the switch and its record are made,
     // so all three are waited for.
     ASSERT_TRUE(waitFor(
         [&] {
-          return sleepDisabled() && marker("hold") &&
+          return sleepDisabled() && inHome("hold") &&
                  app->output().find("Awake until you turn it off") != std::string::npos;
         },
         10s))
@@ -62,27 +34,27 @@ TEST_F(AppTest, KilledWhileHoldingIsAdoptedThenReleasedAtTheNextLaunch) {
   }
   // The crash left sleep off with its marker.
   EXPECT_TRUE(sleepDisabled());
-  EXPECT_TRUE(marker("hold"));
+  EXPECT_TRUE(inHome("hold"));
 
   // Next launch, with nothing wanting the machine awake: adopted for the
   // grace period, then released.
   writeFile(home_ + "/config.json", R"({"mode": "auto"})");
-  auto app = start();
+  auto app = launch();
   ASSERT_TRUE(waitFor([&] { return app->output().find("sleeps when closed") != std::string::npos; }, 10s))
       << app->output();
   EXPECT_TRUE(sleepDisabled());
-  EXPECT_TRUE(marker("hold"));
-  ASSERT_TRUE(waitFor([&] { return !sleepDisabled() && !marker("hold"); }, 45s)) << app->output();
-  EXPECT_FALSE(marker("sleep-off-before"));
+  EXPECT_TRUE(inHome("hold"));
+  ASSERT_TRUE(waitFor([&] { return !sleepDisabled() && !inHome("hold"); }, 45s)) << app->output();
+  EXPECT_FALSE(inHome("sleep-off-before"));
   app->signal(SIGTERM);
   EXPECT_EQ(app->wait(10s), 0) << app->output();
-  EXPECT_FALSE(marker("alive"));
+  EXPECT_FALSE(inHome("alive"));
 }
 
 TEST_F(AppTest, RescueAndDoctorActOnTheMachineTheFolderBelongsTo) {
   writeFile(home_ + "/config.json", R"({"mode": "on"})");
-  auto app = start();
-  ASSERT_TRUE(waitFor([&] { return sleepDisabled() && marker("hold"); }, 10s)) << app->output();
+  auto app = launch();
+  ASSERT_TRUE(waitFor([&] { return sleepDisabled() && inHome("hold"); }, 10s)) << app->output();
   app->signal(SIGKILL);
   EXPECT_EQ(app->wait(5s), 128 + SIGKILL);
 
@@ -93,11 +65,11 @@ TEST_F(AppTest, RescueAndDoctorActOnTheMachineTheFolderBelongsTo) {
   ToolRun rescue = runTool({"rescue"}, home_);
   EXPECT_EQ(rescue.status, 0) << rescue.out << rescue.err;
   EXPECT_FALSE(sleepDisabled());
-  EXPECT_FALSE(marker("hold"));
+  EXPECT_FALSE(inHome("hold"));
 }
 
 TEST_F(AppTest, TerminatedWhileHoldingPutsSleepBackAndFollowsLiveEdits) {
-  auto app = start();
+  auto app = launch();
   ASSERT_TRUE(waitFor([&] { return app->output().find("Nothing running") != std::string::npos; }, 10s))
       << app->output();
   EXPECT_FALSE(sleepDisabled());
@@ -117,8 +89,8 @@ TEST_F(AppTest, TerminatedWhileHoldingPutsSleepBackAndFollowsLiveEdits) {
   app->signal(SIGTERM);
   EXPECT_EQ(app->wait(10s), 0) << app->output();
   EXPECT_FALSE(sleepDisabled());
-  EXPECT_FALSE(marker("hold"));
-  EXPECT_FALSE(marker("alive"));
+  EXPECT_FALSE(inHome("hold"));
+  EXPECT_FALSE(inHome("alive"));
 }
 
 TEST_F(AppTest, DamagedFilesNeverCrashTheApp) {
@@ -130,7 +102,7 @@ TEST_F(AppTest, DamagedFilesNeverCrashTheApp) {
     writeFile(home_ + "/safety.json", content);
     writeFile(home_ + "/runtime.json", content);
     writeFile(state_, content);
-    auto app = start();
+    auto app = launch();
     ASSERT_TRUE(waitFor([&] { return app->output().find("sleeps when closed") != std::string::npos; }, 15s))
         << app->output();
     app->signal(SIGTERM);
@@ -167,9 +139,9 @@ TEST_F(AppTest, RefusesBadArgumentsPlainly) {
   EXPECT_EQ(unknown->wait(10s), 2);
 
   // A second app on the same folder is refused while the first runs.
-  auto first = start();
+  auto first = launch();
   ASSERT_TRUE(waitFor([&] { return first->output().find("sleeps when closed") != std::string::npos; }, 10s));
-  auto second = start();
+  auto second = launch();
   EXPECT_EQ(second->wait(10s), 1);
   EXPECT_NE(second->output().find("another Vigilo app is already running"), std::string::npos);
   first->signal(SIGTERM);

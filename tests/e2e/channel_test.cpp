@@ -15,7 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "commands/channel.h"
-#include "e2e/app_process.h"
+#include "e2e/sim_app.h"
 #include "platform/notifications.h"
 #include "test_support.h"
 
@@ -27,25 +27,12 @@ using json = nlohmann::json;
 
 // Given a running `vigilo app --simulate` in a temporary app folder, reached
 // by callers that differ from it in environment, number and manners.
-class ChannelTest : public ::testing::Test {
+class ChannelTest : public SimAppTest {
  protected:
   void SetUp() override {
-    home_ = dir_.file("home");
-    state_ = dir_.file("laptop.json");
-    app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", state_}, home_,
-                                        dir_.file("app.txt"));
-    ASSERT_TRUE(waitFor([&] { return vigilo({"status"}).status == 0; }, 10s)) << app_->output();
+    std::filesystem::remove(home_);  // the app makes its own folder, private
+    startApp();
   }
-  void TearDown() override {
-    if (app_) {
-      app_->signal(SIGTERM);
-      EXPECT_EQ(app_->wait(10s), 0) << app_->output();
-    }
-  }
-  ToolRun vigilo(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
-    return runTool(args, home_, env);
-  }
-  json status() { return json::parse(vigilo({"status", "--json"}).out, nullptr, false); }
   // A raw connection to the app's request address that sends nothing.
   int idleConnection() {
     const std::string name = socketNameFor(home_) + kRequestNotification;
@@ -61,11 +48,6 @@ class ChannelTest : public ::testing::Test {
     struct stat st {};
     return ::lstat(path.c_str(), &st) == 0 ? st.st_mode & 0777 : 0;
   }
-
-  TempDir dir_;
-  std::string home_;
-  std::string state_;
-  std::unique_ptr<AppProcess> app_;
 };
 
 TEST_F(ChannelTest, EveryCallerOfTheUserReachesTheAppWhateverItsEnvironment) {
@@ -135,12 +117,9 @@ TEST_F(ChannelTest, WhatAToolGaveUpOnIsNeverDoneLaterAndALockedLaptopFileFreezes
   const int lock = ::open((state_ + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   ASSERT_EQ(::flock(lock, LOCK_EX), 0);
   ASSERT_EQ(vigilo({"on"}).status, 0);
-  EXPECT_TRUE(waitFor([&] { return app_->output().find("is locked by another program") != std::string::npos; }, 10s))
-      << app_->output();
+  EXPECT_TRUE(waitFor([&] { return outputHas("is locked by another program"); }, 10s)) << app_->output();
   EXPECT_EQ(vigilo({"status"}).status, 0);
-  app_->signal(SIGTERM);
-  EXPECT_EQ(app_->wait(10s), 0) << app_->output();
-  app_.reset();
+  stopApp();
   ::close(lock);
 }
 

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "commands/channel.h"
-#include "e2e/app_process.h"
+#include "e2e/sim_app.h"
 #include "platform/notifications.h"
 #include "test_support.h"
 
@@ -17,33 +17,9 @@ using json = nlohmann::json;
 
 // Given a running `vigilo app --simulate` in a temporary app folder, driven
 // only through the real `vigilo` binary.
-class CliTest : public ::testing::Test {
+class CliTest : public SimAppTest {
  protected:
-  void SetUp() override {
-    home_ = dir_.file("home");
-    state_ = dir_.file("laptop.json");
-    std::filesystem::create_directories(home_);
-    app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", state_}, home_,
-                                        dir_.file("app.txt"));
-    // The tool starts an app of its own when none runs, so wait for ours.
-    ASSERT_TRUE(waitFor([&] { return runningApp(home_).has_value(); }, 10s)) << app_->output();
-    ASSERT_EQ(vigilo({"status"}).status, 0) << app_->output();
-  }
-  void TearDown() override {
-    if (app_) {
-      app_->signal(SIGTERM);
-      EXPECT_EQ(app_->wait(10s), 0) << app_->output();
-    }
-  }
-  ToolRun vigilo(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
-    return runTool(args, home_, env);
-  }
-  json status() { return json::parse(vigilo({"status", "--json"}).out); }
-
-  TempDir dir_;
-  std::string home_;
-  std::string state_;
-  std::unique_ptr<AppProcess> app_;
+  void SetUp() override { startApp(); }
 };
 
 TEST_F(CliTest, HoldsWithDurationsAndReleases) {

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "e2e/app_process.h"
+#include "e2e/sim_app.h"
 #include "engine/journal.h"
 #include "platform/sim/sim_laptop.h"
 #include "test_support.h"
@@ -17,12 +17,9 @@ using json = nlohmann::json;
 
 // Given a shut simulated laptop with apps to pause and slow, and an app
 // folder set to keep it awake with every saving on.
-class ClosedLidCrashTest : public ::testing::Test {
+class ClosedLidCrashTest : public SimAppTest {
  protected:
   ClosedLidCrashTest() {
-    home_ = dir_.file("home");
-    state_ = dir_.file("laptop.json");
-    std::filesystem::create_directories(home_);
     writeFile(state_, R"({"lid": "closed",
       "apps": [{"path": "/Applications/TextEdit.app", "bundleId": "com.apple.TextEdit", "name": "TextEdit"},
                {"path": "/Applications/Docker.app", "bundleId": "com.docker.docker", "name": "Docker"},
@@ -36,37 +33,27 @@ class ClosedLidCrashTest : public ::testing::Test {
     writeConfig(R"({"mode": "on", "preset": "max_battery", "pauseTimeMachine": true, "screenOffNoLock": true})");
   }
   void writeConfig(const std::string& text) { writeFile(home_ + "/config.json", text); }
-  std::unique_ptr<AppProcess> start() {
-    return std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", state_}, home_,
-                                        dir_.file("out-" + std::to_string(++runs_) + ".txt"));
-  }
   json laptop() {
     auto j = json::parse(readFile(state_), nullptr, false);
     return j.is_object() ? j : json::object();
   }
-  bool has(const std::string& name) const { return fileExists(home_ + "/" + name); }
 
   // Every change visible on the laptop has its record in the app folder.
   void expectEveryChangeRecorded(json l) {
     // Killed before it wrote the laptop file, the app changed nothing yet.
     if (!l.contains("processes")) return;
-    auto journal = json::parse(has("touched.json") ? readFile(home_ + "/touched.json") : "[]", nullptr, false);
+    auto journal = json::parse(inHome("touched.json") ? readFile(home_ + "/touched.json") : "[]", nullptr, false);
     for (const auto& p : l["processes"]) {
       if (!p.value("stopped", false) && !p.value("slowed", false)) continue;
       bool found = false;
       for (const auto& t : journal) found = found || (t["pid"] == p["pid"] && t["paused"] == p["stopped"]);
       EXPECT_TRUE(found) << "process " << p["pid"] << " changed without a record";
     }
-    if (l["powerModes"]["lowpowermode"] == 1) { EXPECT_TRUE(has("powermode-restore")); }
-    if (l["automaticBackups"] == false) { EXPECT_TRUE(has("timemachine-restore")); }
-    if (l["display"]["on"] == false) { EXPECT_TRUE(has("display-off")); }
-    if (l["display"]["brightness"] != 0.7) { EXPECT_TRUE(has("brightness-restore")); }
+    if (l["powerModes"]["lowpowermode"] == 1) { EXPECT_TRUE(inHome("powermode-restore")); }
+    if (l["automaticBackups"] == false) { EXPECT_TRUE(inHome("timemachine-restore")); }
+    if (l["display"]["on"] == false) { EXPECT_TRUE(inHome("display-off")); }
+    if (l["display"]["brightness"] != 0.7) { EXPECT_TRUE(inHome("brightness-restore")); }
   }
-
-  TempDir dir_;
-  std::string home_;
-  std::string state_;
-  int runs_ = 0;
 };
 
 TEST_F(ClosedLidCrashTest, KilledAtRandomMomentsEveryChangeComesBack) {
@@ -74,21 +61,21 @@ TEST_F(ClosedLidCrashTest, KilledAtRandomMomentsEveryChangeComesBack) {
   std::uniform_int_distribution<int> delayMs(0, 250);
   int killsMidSession = 0;
   for (int i = 0; i < 50; ++i) {
-    auto app = start();
+    auto app = launch();
     std::this_thread::sleep_for(std::chrono::milliseconds(delayMs(random)));
     app->signal(SIGKILL);
     ASSERT_EQ(app->wait(5s), 128 + SIGKILL);
     const json l = laptop();
     expectEveryChangeRecorded(l);
-    if (has("touched.json")) ++killsMidSession;
+    if (inHome("touched.json")) ++killsMidSession;
   }
   // The kills must have landed inside sessions, or the test proves nothing.
   EXPECT_GE(killsMidSession, 10);
 
   // One more run that surely gets into the session, killed there.
   {
-    auto app = start();
-    ASSERT_TRUE(waitFor([&] { return laptop()["display"]["on"] == false && has("touched.json"); }, 10s))
+    auto app = launch();
+    ASSERT_TRUE(waitFor([&] { return laptop()["display"]["on"] == false && inHome("touched.json"); }, 10s))
         << app->output();
     app->signal(SIGKILL);
     app->wait(5s);
@@ -99,11 +86,11 @@ TEST_F(ClosedLidCrashTest, KilledAtRandomMomentsEveryChangeComesBack) {
   l["lid"] = "open";
   writeFile(state_, l.dump());
   writeConfig(R"({"mode": "off"})");
-  auto app = start();
+  auto app = launch();
   const auto recordsGone = [&] {
     for (const char* f : {"touched.json", "resume-pids", "powermode-restore", "timemachine-restore",
                           "brightness-restore", "display-off"}) {
-      if (has(f)) return false;
+      if (inHome(f)) return false;
     }
     return true;
   };
@@ -119,7 +106,7 @@ TEST_F(ClosedLidCrashTest, KilledAtRandomMomentsEveryChangeComesBack) {
   EXPECT_EQ(l["display"]["brightness"], 0.7);
   EXPECT_EQ(l["powerModes"]["lowpowermode"], 0);
   EXPECT_EQ(l["automaticBackups"], true);
-  EXPECT_FALSE(has("alive"));
+  EXPECT_FALSE(inHome("alive"));
 }
 
 }  // namespace

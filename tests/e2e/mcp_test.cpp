@@ -6,7 +6,7 @@
 
 #include "commands/channel.h"
 #include "commands/settings_schema.h"
-#include "e2e/app_process.h"
+#include "e2e/sim_app.h"
 #include "e2e/piped_process.h"
 #include "platform/sim/sim_laptop.h"
 #include "test_support.h"
@@ -20,31 +20,19 @@ using json = nlohmann::json;
 // Given a running `vigilo app --simulate` in a temporary app folder, and
 // `vigilo mcp` run by this test process the way an agent runs it: this
 // process is the server's parent, so it is the session holds belong to.
-class McpEndToEndTest : public ::testing::Test {
+class McpEndToEndTest : public SimAppTest {
  protected:
   void SetUp() override {
     // The app folder is the default one for the HOME of `user_`, so a client
     // that passes only HOME still finds it.
-    user_ = dir_.file("user");
     home_ = user_ + "/.local/share/vigilo";
-    state_ = dir_.file("laptop.json");
     std::filesystem::create_directories(home_);
     // The simulated laptop knows only its own processes; this one stands for
     // the agent session, so holds tied to it are taken.
     ASSERT_TRUE(editSimStateFile(state_, SystemClock(), [](SimLaptop& l) {
       l.startProcess("/usr/local/bin/claude", {"claude"}, 1, static_cast<std::int32_t>(::getpid()));
     }));
-    app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", state_}, home_,
-                                        dir_.file("app.txt"));
-    // The app answers once it holds its folder and listens; until then the
-    // tool fails (and, as in every test, starts no app of its own).
-    ASSERT_TRUE(waitFor([&] { return runTool({"status"}, home_).status == 0; }, 10s)) << app_->output();
-  }
-  void TearDown() override {
-    if (app_) {
-      app_->signal(SIGTERM);
-      EXPECT_EQ(app_->wait(10s), 0) << app_->output();
-    }
+    startApp();
   }
 
   std::unique_ptr<PipedProcess> startServer() {
@@ -62,24 +50,19 @@ class McpEndToEndTest : public ::testing::Test {
     return {{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", params}};
   }
   static json toolCall(PipedProcess& server, const std::string& tool, const json& arguments = json::object()) {
-    json r = exchange(server, request(7, "tools/call", {{"name", tool}, {"arguments", arguments}}).dump());
-    return r;
+    return exchange(server, request(7, "tools/call", {{"name", tool}, {"arguments", arguments}}).dump());
   }
   static json replyOf(const json& response) {
     return json::parse(response["result"]["content"][0]["text"].get<std::string>());
   }
   json holdIds() {
     json ids = json::array();
-    json s = json::parse(runTool({"status", "--json"}, home_).out);
+    const json s = status();
     for (const auto& h : s["holds"]) ids.push_back(h["id"]);
     return ids;
   }
 
-  TempDir dir_;
-  std::string user_;
-  std::string home_;
-  std::string state_;
-  std::unique_ptr<AppProcess> app_;
+  std::string user_ = dir_.file("user");
 };
 
 TEST_F(McpEndToEndTest, ToolCallsReachTheAppAndHoldsBelongToTheSession) {

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "commands/channel.h"
-#include "e2e/app_process.h"
+#include "e2e/sim_app.h"
 #include "platform/sim/sim_laptop.h"
 #include "test_support.h"
 
@@ -18,55 +18,37 @@ using json = nlohmann::json;
 // Given the real app on a simulated laptop whose clock runs 50 times faster,
 // held awake with the lid shut, its battery controller reporting the whole
 // draw (5 W at rest) and a chat app drawing 3 W that max_battery pauses.
-class PowerTestE2E : public ::testing::Test {
+class PowerTestE2E : public SimAppTest {
  protected:
   void SetUp() override {
-    home_ = dir_.file("home");
-    state_ = dir_.file("laptop.json");
-    std::filesystem::create_directories(home_);
     writeFile(state_, R"({"lid": "closed", "clockSpeed": 50, "battery": {"telemetry": true, "watts": 5},
       "apps": [{"path": "/Applications/Slack.app", "bundleId": "com.tinyspeck.slackmacgap", "name": "Slack"}],
       "processes": [{"pid": 1, "ppid": 0, "path": "/sbin/launchd"},
                     {"pid": 203, "path": "/Applications/Slack.app/Contents/MacOS/Slack", "watts": 3}]})");
     writeFile(home_ + "/config.json", R"({"mode": "on", "preset": "max_battery"})");
-    app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", state_}, home_,
-                                        dir_.file("app.txt"));
-    ASSERT_TRUE(waitFor([&] { return runningApp(home_).has_value(); }, 10s)) << app_->output();
+    startApp();
   }
-  void TearDown() override {
-    app_->signal(SIGTERM);
-    EXPECT_EQ(app_->wait(10s), 0) << app_->output();
-  }
-  json powerReport() {
-    ToolRun r = runTool({"power", "--json"}, home_);
-    return json::parse(r.out, nullptr, false);
-  }
-
-  TempDir dir_;
-  std::string home_, state_;
-  std::unique_ptr<AppProcess> app_;
 };
 
 TEST_F(PowerTestE2E, WholeTestRunsOnTheFastClockAndItsSessionLandsInStats) {
-  ToolRun early = runTool({"measure"}, home_);
+  ToolRun early = vigilo({"measure"});
   EXPECT_EQ(early.status, 1);
   EXPECT_EQ(early.err, "vigilo: Open the lid to measure\n");
 
   // Four readings of whole 30-second controller updates: minutes of the
   // laptop's clock, seconds of ours.
-  ToolRun run = runTool({"power", "test"}, home_);
+  ToolRun run = vigilo({"power", "test"});
   ASSERT_EQ(run.status, 0) << run.out << run.err << app_->output();
   EXPECT_EQ(run.out.rfind("Measuring for about 3 min…\n", 0), 0u) << run.out;
   EXPECT_NE(run.out.find("  Measuring, 4 of 4\n"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("Measured: Vigilo's savings are worth 3.0 W with the lid shut\n"), std::string::npos)
       << run.out;
 
-  json power = powerReport();
+  json power = json::parse(vigilo({"power", "--json"}).out, nullptr, false);
   EXPECT_EQ(power["power_test"], "done");
   EXPECT_NEAR(power["measured_total_saving_watts"].get<double>(), 3.0, 0.05);
   EXPECT_NEAR(power["measured_closed_watts"].get<double>(), 5.0, 0.05);
-  json status = json::parse(runTool({"status", "--json"}, home_).out, nullptr, false);
-  EXPECT_EQ(status["power_measured"], true);
+  EXPECT_EQ(status()["power_measured"], true);
   // The savings are back: the chat app is paused again.
   json laptop = json::parse(readFile(state_), nullptr, false);
   EXPECT_EQ(laptop["processes"][1]["stopped"], true);
@@ -80,7 +62,7 @@ TEST_F(PowerTestE2E, WholeTestRunsOnTheFastClockAndItsSessionLandsInStats) {
   EXPECT_EQ(stats["sessions"][0]["agent"], "Always awake");
 
   // With the lid open, the quick estimate pauses the chat app for a moment.
-  ToolRun measured = runTool({"measure"}, home_);
+  ToolRun measured = vigilo({"measure"});
   ASSERT_EQ(measured.status, 0) << measured.err;
   // A few seconds' window on a clock fifty times too fast catches the
   // laptop's energy counters between ticks: near the 3 W the app draws.

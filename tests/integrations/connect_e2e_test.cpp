@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "e2e/app_process.h"
+#include "e2e/sim_app.h"
 #include "e2e/piped_process.h"
 #include "test_support.h"
 
@@ -17,23 +17,19 @@ using json = nlohmann::json;
 
 // Given a person's home folder of its own, with Vigilo's app folder where
 // HOME alone leads, and `vigilo connect` run by hand.
-class ConnectEndToEndTest : public ::testing::Test {
+class ConnectEndToEndTest : public SimAppTest {
  protected:
   void SetUp() override {
-    user_ = dir_.file("user");
     home_ = user_ + "/.local/share/vigilo";
     std::filesystem::create_directories(home_);
     std::filesystem::create_directories(dir_.file("bin"));
   }
-  ToolRun vigilo(const std::vector<std::string>& args, const std::string& path) {
-    return runTool(args, home_,
-                   {"HOME=" + user_, "PATH=" + path, "XDG_DATA_HOME=", "XDG_CONFIG_HOME=", "CODEX_HOME="});
+  ToolRun connect(const std::vector<std::string>& args, const std::string& path) {
+    return vigilo(args, {"HOME=" + user_, "PATH=" + path, "XDG_DATA_HOME=", "XDG_CONFIG_HOME=", "CODEX_HOME="});
   }
   static std::string self() { return std::filesystem::canonical(VIGILO_BINARY).string(); }
 
-  TempDir dir_;
-  std::string user_;
-  std::string home_;
+  std::string user_ = dir_.file("user");
 };
 
 TEST_F(ConnectEndToEndTest, ClaudeCodeIsAddedThroughItsOwnToolWhenItIsThere) {
@@ -42,7 +38,7 @@ TEST_F(ConnectEndToEndTest, ClaudeCodeIsAddedThroughItsOwnToolWhenItIsThere) {
   writeFile(claude, "#!/bin/sh\nfor a in \"$@\"; do printf '%s\\n' \"$a\"; done >>\"" + dir_.file("calls") +
                         "\"\necho ---- >>\"" + dir_.file("calls") + "\"\n");
   ::chmod(claude.c_str(), 0755);
-  ToolRun r = vigilo({"connect", "claude"}, dir_.file("bin") + ":/usr/bin:/bin");
+  ToolRun r = connect({"connect", "claude"}, dir_.file("bin") + ":/usr/bin:/bin");
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_EQ(r.out,
             "Added to Claude Code for all projects. It now tells Vigilo when it's working, waiting for you, or done "
@@ -58,11 +54,11 @@ TEST_F(ConnectEndToEndTest, WithoutTheToolTheFileIsEditedAndTheServerAnswersTheS
   for (const char* p : {"/usr/local/bin/claude", "/opt/homebrew/bin/claude"}) {
     if (fileExists(p)) GTEST_SKIP() << p << " exists here; the fallback can't be shown";
   }
-  ToolRun none = vigilo({"connect"}, "/usr/bin:/bin");
+  ToolRun none = connect({"connect"}, "/usr/bin:/bin");
   EXPECT_EQ(none.status, 1);
   EXPECT_EQ(none.out, "No agent found. Use: vigilo connect claude | codex | claude-app\n");
 
-  ToolRun r = vigilo({"connect", "claude"}, "/usr/bin:/bin");
+  ToolRun r = connect({"connect", "claude"}, "/usr/bin:/bin");
   ASSERT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_EQ(r.out.substr(0, r.out.find('\n')),
             "Added to Claude Code (~/.claude.json). It now tells Vigilo when it's working, waiting for you, or done "
@@ -74,9 +70,7 @@ TEST_F(ConnectEndToEndTest, WithoutTheToolTheFileIsEditedAndTheServerAnswersTheS
   const auto clientDir = std::filesystem::path(__FILE__).parent_path().parent_path() / "mcp-client";
   ASSERT_TRUE(std::filesystem::exists(clientDir / "node_modules" / "@modelcontextprotocol" / "sdk"))
       << "The MCP SDK is not installed: run scripts/setup.";
-  const std::string state = dir_.file("laptop.json");
-  AppProcess app({"app", "--simulate", state}, home_, dir_.file("app.txt"), {"HOME=" + user_, "XDG_DATA_HOME="});
-  ASSERT_TRUE(waitFor([&] { return runTool({"status"}, home_).status == 0; }, 10s)) << app.output();
+  startApp({"HOME=" + user_, "XDG_DATA_HOME="});
   PipedProcess node({"/usr/bin/env", "node", (clientDir / "connected.mjs").string(), user_ + "/.claude.json"},
                     {"HOME=" + user_, "XDG_DATA_HOME=", "VIGILO_HOME="},
                     dir_.file("node-err.txt"));
@@ -89,8 +83,6 @@ TEST_F(ConnectEndToEndTest, WithoutTheToolTheFileIsEditedAndTheServerAnswersTheS
   EXPECT_EQ(s["tools"], 16);
   EXPECT_EQ(s["statusIsError"], false) << s["status"];
   EXPECT_EQ(s["status"]["ok"], true);
-  app.signal(SIGTERM);
-  EXPECT_EQ(app.wait(10s), 0) << app.output();
 }
 
 }  // namespace

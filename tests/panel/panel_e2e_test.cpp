@@ -7,7 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "commands/channel.h"
-#include "e2e/app_process.h"
+#include "e2e/sim_app.h"
 #include "panel/png_reader.h"
 #include "test_support.h"
 
@@ -57,16 +57,8 @@ class Xvfb {
 
 // Given a running `vigilo app --simulate` whose environment has a display
 // (or none, for `startWithoutDisplay`), driven through the real binary.
-class PanelTest : public ::testing::Test {
+class PanelTest : public SimAppTest {
  protected:
-  void startApp(std::vector<std::string> env) {
-    home_ = dir_.file("home");
-    std::filesystem::create_directories(home_);
-    app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", dir_.file("laptop.json")}, home_,
-                                        dir_.file("app.txt"), env);
-    ASSERT_TRUE(waitFor([&] { return runningApp(home_).has_value(); }, 10s)) << app_->output();
-    ASSERT_EQ(vigilo({"status"}).status, 0) << app_->output();
-  }
   void startWithDisplay(std::vector<std::string> env = {}) {
     if (!xvfb_.running()) GTEST_SKIP() << "Xvfb (Debian's xvfb package) isn't installed: the panel can't be drawn";
     display_ = "DISPLAY=" + xvfb_.display();
@@ -74,16 +66,8 @@ class PanelTest : public ::testing::Test {
     env.emplace_back("WAYLAND_DISPLAY=");
     startApp(env);
   }
-  void TearDown() override {
-    if (app_) {
-      app_->signal(SIGTERM);
-      EXPECT_EQ(app_->wait(10s), 0) << app_->output();
-    }
-  }
   ToolRun vigilo(const std::vector<std::string>& args) {
-    std::vector<std::string> env;
-    if (!display_.empty()) env.push_back(display_);
-    return runTool(args, home_, env);
+    return SimAppTest::vigilo(args, display_.empty() ? std::vector<std::string>{} : std::vector{display_});
   }
   int batteryFloor() {
     json c = json::parse(vigilo({"config", "--json"}).out, nullptr, false);
@@ -111,10 +95,7 @@ class PanelTest : public ::testing::Test {
   }
 
   Xvfb xvfb_;
-  TempDir dir_;
-  std::string home_;
   std::string display_;
-  std::unique_ptr<AppProcess> app_;
 };
 
 TEST_F(PanelTest, EachTabDrawsAndSnapshotWritesAPicture) {
@@ -159,9 +140,7 @@ TEST_F(PanelTest, EachTabDrawsAndSnapshotWritesAPicture) {
   ToolRun attic = vigilo({"open", "attic"});
   EXPECT_EQ(attic.err, "vigilo: There is no panel page attic. Pages: now, power, settings or setup\n");
   // The app takes its panel with it.
-  app_->signal(SIGTERM);
-  EXPECT_EQ(app_->wait(10s), 0) << app_->output();
-  app_.reset();
+  stopApp();
   EXPECT_TRUE(waitFor([&] { return panelsRunning() == 0; }, 5s));
 }
 
@@ -204,7 +183,7 @@ TEST_F(PanelTest, WithoutADisplayOpenAndSnapshotSaySo) {
   EXPECT_NE(shot.err.find("Can't draw the panel: this app has no display"), std::string::npos) << shot.err;
   // The app carries on as before.
   EXPECT_EQ(vigilo({"on"}).status, 0);
-  EXPECT_EQ(json::parse(vigilo({"status", "--json"}).out)["mode"], "always");
+  EXPECT_EQ(status()["mode"], "always");
 }
 
 }  // namespace

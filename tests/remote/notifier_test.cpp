@@ -9,8 +9,8 @@
 #include "e2e/piped_process.h"
 #include "engine/engine_fixture.h"
 #include "platform/linux/desktop_alerts.h"
+#include "remote/notify_mock.h"
 #include "remote/relay_client.h"
-#include "remote/source_dir.h"
 
 namespace vigilo::test {
 namespace {
@@ -146,25 +146,13 @@ TEST_F(NotifierTest, APushReportsWhetherTheServerTookIt) {
 TEST(DesktopAlertsTest, NotificationsReachTheSessionsNotificationDaemon) {
   if (::access("/usr/bin/dbus-daemon", X_OK) != 0) GTEST_SKIP() << "dbus-daemon is not installed";
   TempDir dir;
-  PipedProcess mock({kHere + "/notify_mock.py"}, {}, dir.file("mock-err.txt"));
-  // Ended by closing its input, never killed: it must take its private bus
-  // and the mock daemon with it.
-  struct EndMock {
-    PipedProcess& p;
-    ~EndMock() {
-      p.closeInput();
-      if (p.wait(std::chrono::seconds(10)) < 0) p.signal(SIGTERM);
-      p.wait(std::chrono::seconds(5));
-    }
-  } endMock{mock};
-  auto address = mock.readLine(30s);
-  if (!address) GTEST_SKIP() << "dbusmock's notification_daemon didn't start: " << readFile(dir.file("mock-err.txt"));
-  auto alerts = makeDesktopAlerts(DesktopAlertOptions{*address, dir.file("no-sounds")});
+  NotifyMock mock(dir.file("mock-err.txt"));
+  if (mock.address.empty()) {
+    GTEST_SKIP() << "dbusmock's notification_daemon didn't start: " << readFile(dir.file("mock-err.txt"));
+  }
+  auto alerts = makeDesktopAlerts(DesktopAlertOptions{mock.address, dir.file("no-sounds")});
   EXPECT_TRUE(alerts->note("Codex finished", "Busy for 12 min."));
-  ASSERT_TRUE(mock.write("\n"));
-  auto calls = mock.readLine(10s);
-  ASSERT_TRUE(calls);
-  EXPECT_EQ(json::parse(*calls), json::parse(R"([["Vigilo", "Codex finished", "Busy for 12 min."]])"));
+  EXPECT_EQ(mock.shown(), json::parse(R"([["Vigilo", "Codex finished", "Busy for 12 min."]])"));
   auto missing = alerts->missing();
   ASSERT_EQ(missing.size(), 1u) << "the daemon is there; the sound theme is not";
   EXPECT_NE(missing[0].find("The chime can't play"), std::string::npos) << missing[0];

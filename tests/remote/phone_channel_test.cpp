@@ -8,7 +8,6 @@
 #include "remote/crypto.h"
 #include "remote/pairing.h"
 #include "remote/phone_commands.h"
-#include "remote/source_dir.h"
 #include "test_support.h"
 
 namespace vigilo {

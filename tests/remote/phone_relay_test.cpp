@@ -4,10 +4,9 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
-#include "e2e/app_process.h"
+#include "e2e/sim_app.h"
 #include "e2e/piped_process.h"
 #include "engine/config.h"
-#include "remote/source_dir.h"
 #include "test_support.h"
 
 namespace vigilo::test {
@@ -22,11 +21,9 @@ const std::string kPageDir = sourceDir(__FILE__) + "/../../web/phone";
 
 // Given a loopback ntfy stand-in, a phone paired with `vigilo pair` and a
 // running `vigilo app --simulate`: Node's WebCrypto plays the phone.
-class PhoneRelayTest : public ::testing::Test {
+class PhoneRelayTest : public SimAppTest {
  protected:
   void SetUp() override {
-    home_ = dir_.file("home");
-    std::filesystem::create_directories(home_);
     relay_ = std::make_unique<PipedProcess>(
         std::vector<std::string>{"/usr/bin/env", "node", kPhoneDir + "/ntfy_standin.mjs"},
         std::vector<std::string>{"KEEPALIVE_SECONDS=1", "PAGE_DIR=" + kPageDir}, dir_.file("relay-err.txt"));
@@ -35,17 +32,14 @@ class PhoneRelayTest : public ::testing::Test {
     port_ = json::parse(*first)["port"].get<int>();
     relayUrl_ = "http://127.0.0.1:" + std::to_string(port_);
 
-    ToolRun pair = runTool({"pair", "--relay", relayUrl_, "--page", relayUrl_ + "/page/index.html", "--no-qr"}, home_);
+    ToolRun pair = vigilo({"pair", "--relay", relayUrl_, "--page", relayUrl_ + "/page/index.html", "--no-qr"});
     ASSERT_EQ(pair.status, 0) << pair.err;
     const auto at = pair.out.find(relayUrl_ + "/page/index.html#k=");
     ASSERT_NE(at, std::string::npos) << pair.out;
     link_ = pair.out.substr(at, pair.out.find('\n', at) - at);
 
-    app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", dir_.file("laptop.json")}, home_,
-                                        dir_.file("app.txt"));
-    ASSERT_TRUE(
-        waitFor([&] { return app_->output().find("phone control listens for 1 phone") != std::string::npos; }, 10s))
-        << app_->output();
+    startApp();
+    ASSERT_TRUE(waitFor([&] { return outputHas("phone control listens for 1 phone"); }, 10s)) << app_->output();
     phone_ = std::make_unique<PipedProcess>(
         std::vector<std::string>{"/usr/bin/env", "node", kPhoneDir + "/phone.mjs", link_}, std::vector<std::string>{},
         dir_.file("phone-err.txt"));
@@ -55,10 +49,7 @@ class PhoneRelayTest : public ::testing::Test {
   }
   void TearDown() override {
     if (phone_) phone_->closeInput();
-    if (app_) {
-      app_->signal(SIGTERM);
-      EXPECT_EQ(app_->wait(15s), 0) << app_->output();
-    }
+    stopApp();
     if (relay_) relay_->closeInput();
   }
 
@@ -69,14 +60,11 @@ class PhoneRelayTest : public ::testing::Test {
   }
   Config config() { return Config::fromJson(json::parse(readFile(home_ + "/config.json"), nullptr, false)); }
 
-  TempDir dir_;
-  std::string home_;
   int port_ = 0;
   std::string relayUrl_;
   std::string link_;
   std::string phoneReady_;  // the phone's first line, with its topics
   std::unique_ptr<PipedProcess> relay_;
-  std::unique_ptr<AppProcess> app_;
   std::unique_ptr<PipedProcess> phone_;
 };
 
@@ -119,8 +107,7 @@ TEST_F(PhoneRelayTest, APhoneSeesTheStatusChangesTheModeAndIsRefusedWhatItMayNot
   EXPECT_TRUE(at["wakeAt"].is_number());
   EXPECT_EQ(ask({{"cmd", "wake"}, {"args", {{"minutes", 5}}}})["ok"], true);
   EXPECT_EQ(ask({{"cmd", "wake"}, {"args", {{"minutes", 5}}}})["skipped"], "already awake");
-  ASSERT_TRUE(waitFor([&] { return app_->output().find("Woken from your phone") != std::string::npos; }, 5s))
-      << app_->output();
+  ASSERT_TRUE(waitFor([&] { return outputHas("Woken from your phone"); }, 5s)) << app_->output();
   // A phone can't loosen a safety setting.
   json floor = ask({{"cmd", "set"}, {"args", {{"key", "battery_floor"}, {"value", 0}}}});
   EXPECT_EQ(floor["ok"], false) << floor.dump();
@@ -129,7 +116,7 @@ TEST_F(PhoneRelayTest, APhoneSeesTheStatusChangesTheModeAndIsRefusedWhatItMayNot
             "app is too long (at most 1024 characters)");
 
   // The phone tells its name; it shows in the list of paired phones.
-  ToolRun list = runTool({"pair", "--list", "--json"}, home_);
+  ToolRun list = vigilo({"pair", "--list", "--json"});
   EXPECT_EQ(json::parse(list.out)["phones"][0]["name"], "Test phone") << list.out;
 }
 
@@ -182,10 +169,9 @@ TEST_F(PhoneRelayTest, ARelaySendingGarbageNeitherStopsNorCrashesTheApp) {
 
 TEST_F(PhoneRelayTest, RevokingAPhoneStopsItAtOnce) {
   ASSERT_EQ(ask({{"cmd", "panel"}})["ok"], true);
-  ToolRun revoke = runTool({"pair", "--all"}, home_);
+  ToolRun revoke = vigilo({"pair", "--all"});
   ASSERT_EQ(revoke.status, 0) << revoke.err;
-  ASSERT_TRUE(waitFor([&] { return app_->output().find("phone control is off") != std::string::npos; }, 10s))
-      << app_->output();
+  ASSERT_TRUE(waitFor([&] { return outputHas("phone control is off"); }, 10s)) << app_->output();
   EXPECT_EQ(ask({{"cmd", "mode"}, {"args", {{"mode", "off"}}}, {"timeoutMs", 3000}})["timeout"], true);
   EXPECT_NE(config().mode, Mode::Off);
 }

@@ -4,7 +4,7 @@
 #include <ctime>
 #include <filesystem>
 
-#include "e2e/app_process.h"
+#include "e2e/sim_app.h"
 #include "engine/config.h"
 #include "test_support.h"
 
@@ -15,15 +15,12 @@ using namespace std::chrono_literals;
 
 // Given `vigilo app --simulate` in a temporary folder, driven by the real
 // tool as a person would.
-TEST(WakeCommandsTest, WakeAtAndCheckInDoWhatTheHelpSays) {
-  TempDir dir;
-  const std::string home = dir.file("home");
-  std::filesystem::create_directories(home);
-  AppProcess app({"app", "--simulate", dir.file("laptop.json")}, home, dir.file("app.txt"));
-  ASSERT_TRUE(waitFor([&] { return app.output().find("sleeps when closed") != std::string::npos; }, 10s))
-      << app.output();
+using WakeCommandsTest = SimAppTest;
+
+TEST_F(WakeCommandsTest, WakeAtAndCheckInDoWhatTheHelpSays) {
+  startApp();
   auto config = [&] {
-    return Config::fromJson(nlohmann::json::parse(readFile(home + "/config.json"), nullptr, false));
+    return Config::fromJson(nlohmann::json::parse(readFile(home_ + "/config.json"), nullptr, false));
   };
 
   // Three hours from now, so the wake is always more than an hour away.
@@ -32,32 +29,29 @@ TEST(WakeCommandsTest, WakeAtAndCheckInDoWhatTheHelpSays) {
   ::localtime_r(&later, &local);
   char at3h[6];
   std::strftime(at3h, sizeof at3h, "%H:%M", &local);
-  ToolRun at = runTool({"wake-at", at3h, "--for", "45m"}, home);
+  ToolRun at = vigilo({"wake-at", at3h, "--for", "45m"});
   ASSERT_EQ(at.status, 0) << at.err;
   EXPECT_EQ(at.out.rfind("Wakes at " + std::string(at3h) + ".\n", 0), 0u) << at.out;
   ASSERT_TRUE(config().wakeAt);
   EXPECT_EQ(config().wakeForMinutes, 45);
   // The simulated laptop's wake timer is armed in steps of at most an hour.
-  ASSERT_TRUE(waitFor([&] { return app.output().find("wakes itself in 3600 s") != std::string::npos; }, 15s))
-      << app.output();
+  ASSERT_TRUE(waitFor([&] { return outputHas("wakes itself in 3600 s"); }, 15s))
+      << app_->output();
 
-  ToolRun bad = runTool({"wake-at", "7pm"}, home);
+  ToolRun bad = vigilo({"wake-at", "7pm"});
   EXPECT_EQ(bad.status, 1);
   EXPECT_EQ(bad.err, "vigilo: time: HH:MM (24-hour), off, or Unix seconds\n");
-  EXPECT_EQ(runTool({"wake-at"}, home).err, "vigilo: usage: vigilo wake-at HH:MM [--for 30m] | off\n");
+  EXPECT_EQ(vigilo({"wake-at"}).err, "vigilo: usage: vigilo wake-at HH:MM [--for 30m] | off\n");
 
-  ToolRun off = runTool({"wake-at", "off"}, home);
+  ToolRun off = vigilo({"wake-at", "off"});
   ASSERT_EQ(off.status, 0) << off.err;
   EXPECT_EQ(off.out.rfind("No scheduled wake.\n", 0), 0u) << off.out;
   EXPECT_FALSE(config().wakeAt);
 
-  ASSERT_EQ(runTool({"check-in", "15"}, home).status, 0);
+  ASSERT_EQ(vigilo({"check-in", "15"}).status, 0);
   EXPECT_EQ(config().checkInMinutes, 15);
-  EXPECT_TRUE(waitFor([&] { return app.output().find("wakes itself in 900 s") != std::string::npos; }, 15s))
-      << app.output();
-
-  app.signal(SIGTERM);
-  EXPECT_EQ(app.wait(15s), 0) << app.output();
+  EXPECT_TRUE(waitFor([&] { return outputHas("wakes itself in 900 s"); }, 15s))
+      << app_->output();
 }
 
 }  // namespace

@@ -49,6 +49,11 @@ class ScheduledWakesTest : public EngineTest {
     clock_.advance(seconds);
     advance(10);
   }
+  void checkInEvery(int minutes) {
+    Config c = engine().config();
+    c.checkInMinutes = minutes;
+    engine().apply(c, true);
+  }
   std::vector<std::string> holdReasons() {
     std::vector<std::string> out;
     for (const Hold& h : engine().holds()) out.push_back(h.reason);
@@ -81,13 +86,7 @@ TEST_F(ScheduledWakesTest, AWakeTwentyMinutesOutIsReachedInShrinkingStepsThenHol
 
 TEST_F(ScheduledWakesTest, ACheckInHoldsBrieflyAndAPhoneWakeTakesOver) {
   Engine& e = start();
-  e.apply(
-      [&] {
-        Config c = e.config();
-        c.checkInMinutes = 15;
-        return c;
-      }(),
-      true);
+  checkInEvery(15);
   advance(10);
   EXPECT_EQ(scheduler_.log.back(), "wake in 900");
   laptop().setLidClosed(true);
@@ -144,13 +143,7 @@ TEST_F(ScheduledWakesTest, BadTimesCancelsAndMachinesThatCannotWakeAreToldApart)
   EXPECT_EQ(wakes_.wakeAt(e, {{"time", "07:00"}})["error"], *scheduler_.refusal);
   EXPECT_FALSE(e.config().wakeAt);
   // Check-ins that can't be scheduled are said once, in the same words.
-  e.apply(
-      [&] {
-        Config c = e.config();
-        c.checkInMinutes = 15;
-        return c;
-      }(),
-      true);
+  checkInEvery(15);
   advance(30);
   EXPECT_EQ(std::count(said_.begin(), said_.end(), "warning: " + *scheduler_.refusal), 1);
 

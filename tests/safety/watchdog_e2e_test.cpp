@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "e2e/app_process.h"
+#include "e2e/sim_app.h"
 #include "platform/sim/sim_laptop.h"
 #include "safety/command_runner.h"
 #include "safety/script_harness.h"
@@ -18,13 +18,9 @@ using namespace std::chrono_literals;
 
 // Given the real app on a simulated laptop with its lid shut and another
 // app already paused there, in a temporary app folder and home.
-class WatchdogEndToEnd : public ::testing::Test {
+class WatchdogEndToEnd : public SimAppTest {
  protected:
   WatchdogEndToEnd() {
-    home_ = dir_.file("vigilo");
-    person_ = dir_.file("person");
-    state_ = dir_.file("laptop.json");
-    std::filesystem::create_directories(home_);
     std::filesystem::create_directories(person_);
     SystemClock clock;
     SimLaptop laptop(clock);
@@ -47,7 +43,6 @@ class WatchdogEndToEnd : public ::testing::Test {
     const SimProcess* p = l.process(paused_);
     return Seen{l.sleepDisabled(), p != nullptr && p->stopped, l.commandCount()};
   }
-  bool has(const std::string& name) const { return fileExists(home_ + "/" + name); }
   // Runs the watchdog script as the systemd timer does: its own small
   // environment, no VIGILO_HOME.
   int runWatchdog() const {
@@ -58,8 +53,7 @@ class WatchdogEndToEnd : public ::testing::Test {
     return out.status;
   }
 
-  TempDir dir_;
-  std::string home_, person_, state_;
+  std::string person_ = dir_.file("person");
   std::int32_t paused_ = 0;
   std::uint64_t start_ = 0;
   mutable std::string output_;
@@ -67,11 +61,12 @@ class WatchdogEndToEnd : public ::testing::Test {
 
 TEST_F(WatchdogEndToEnd, AKilledAppIsCleanedUpByOneWatchdogRun) {
   writeFile(home_ + "/config.json", R"({"mode": "on"})");
-  AppProcess app({"app", "--simulate", state_}, home_, dir_.file("out.txt"), {"HOME=" + person_});
-  ASSERT_TRUE(waitFor([&] { return laptop().sleepDisabled && has("hold") && has("watchdog.sh"); }, 10s))
-      << app.output();
-  app.signal(SIGKILL);
-  ASSERT_EQ(app.wait(5s), 128 + SIGKILL);
+  startApp({"HOME=" + person_});
+  ASSERT_TRUE(waitFor([&] { return laptop().sleepDisabled && inHome("hold") && inHome("watchdog.sh"); }, 10s))
+      << app_->output();
+  app_->signal(SIGKILL);
+  ASSERT_EQ(app_->wait(5s), 128 + SIGKILL);
+  app_.reset();
 
   // The paused app's records, as the closed-lid savings write them.
   writeFile(home_ + "/touched.json", R"([{"pid":)" + std::to_string(paused_) + R"(,"start":)" +
@@ -88,8 +83,8 @@ TEST_F(WatchdogEndToEnd, AKilledAppIsCleanedUpByOneWatchdogRun) {
   Seen after = laptop();
   EXPECT_FALSE(after.sleepDisabled);
   EXPECT_FALSE(after.pausedStillStopped);
-  for (const char* f : {"hold", "touched.json", "resume-pids", "alive"}) EXPECT_FALSE(has(f)) << f;
-  EXPECT_TRUE(has("watchdog.sh"));
+  for (const char* f : {"hold", "touched.json", "resume-pids", "alive"}) EXPECT_FALSE(inHome(f)) << f;
+  EXPECT_TRUE(inHome("watchdog.sh"));
 
   // Nothing is left for the next run to do.
   EXPECT_EQ(runWatchdog(), 0) << output_;
@@ -99,11 +94,10 @@ TEST_F(WatchdogEndToEnd, AKilledAppIsCleanedUpByOneWatchdogRun) {
 TEST_F(WatchdogEndToEnd, AQuitLeavesTheHeartbeatOnlyWhileAChangeIsOutstanding) {
   for (bool approveOn : {false, true}) {
     if (approveOn) writeFile(home_ + "/auto-approve.json", "{}");
-    AppProcess app({"app", "--simulate", state_}, home_, dir_.file("quit.txt"), {"HOME=" + person_});
-    ASSERT_TRUE(waitFor([&] { return has("alive") && has("watchdog.sh"); }, 10s)) << app.output();
-    app.signal(SIGTERM);
-    ASSERT_EQ(app.wait(10s), 0) << app.output();
-    EXPECT_EQ(has("alive"), approveOn);
+    startApp({"HOME=" + person_});
+    ASSERT_TRUE(waitFor([&] { return inHome("alive") && inHome("watchdog.sh"); }, 10s)) << app_->output();
+    stopApp();
+    EXPECT_EQ(inHome("alive"), approveOn);
   }
 }
 
@@ -155,7 +149,7 @@ TEST_F(WatchdogEndToEnd, RescueTurnsApproveEverythingOffOrSaysWhyNot) {
             "Everything Vigilo changed is back to how it was. Vigilo is stopped; open it again when you want it.\n"
             "Approve everything is off: Claude Code and Codex ask before acting again.\n");
   EXPECT_EQ(readFile(settings), "{}");
-  EXPECT_FALSE(has("auto-approve.json"));
+  EXPECT_FALSE(inHome("auto-approve.json"));
 }
 
 }  // namespace

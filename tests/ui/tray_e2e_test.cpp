@@ -15,7 +15,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "e2e/app_process.h"
+#include "e2e/sim_app.h"
 #include "platform/linux/bus_children.h"
 #include "test_support.h"
 
@@ -53,60 +53,24 @@ std::optional<int> findLabel(sd_bus_message* m, const std::string& label) {
   return found;
 }
 
-// __FILE__ may be relative to the build folder, where the binary is.
-std::string watcherScript() {
-  const auto here = std::filesystem::path(VIGILO_BINARY).parent_path() / std::filesystem::path(__FILE__).parent_path();
-  return (here / "fake_watcher.py").lexically_normal().string();
-}
-
 // Given a private session bus with no tray host yet, and the app running on
 // the simulated laptop there.
-class TrayTest : public ::testing::Test {
+class TrayTest : public SimAppTest {
  protected:
   void SetUp() override {
     if (::access("/usr/bin/dbus-daemon", X_OK) != 0) GTEST_SKIP() << "dbus-daemon is not installed (scripts/setup)";
-    const int devnull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    pid_t probe = spawn({"/usr/bin/python3", "-c", "import dbus, gi.repository.GLib"}, devnull, devnull);
-    ::close(devnull);
-    int status = 0;
-    ::waitpid(probe, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) GTEST_SKIP() << "python3-dbus is not installed (scripts/setup)";
-
-    int fds[2];
-    ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
-    daemon_ = spawn({"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"}, fds[1], fds[1]);
-    ::close(fds[1]);
-    addressPipe_ = fds[0];
-    std::string line;
-    pollfd p{fds[0], POLLIN, 0};
-    while (line.find('\n') == std::string::npos && ::poll(&p, 1, 5000) > 0) {
-      char buf[256];
-      const ssize_t n = ::read(fds[0], buf, sizeof buf);
-      if (n <= 0) break;
-      line.append(buf, static_cast<std::size_t>(n));
-    }
-    address_ = line.substr(0, line.find('\n'));
-    ASSERT_FALSE(address_.empty()) << "dbus-daemon printed no address";
-    sd_bus* raw = nullptr;
-    ASSERT_GE(sd_bus_new(&raw), 0);
-    bus_.reset(raw);
-    sd_bus_set_address(raw, address_.c_str());
-    sd_bus_set_bus_client(raw, 1);
-    ASSERT_GE(sd_bus_start(raw), 0);
-    home_ = dir_.file("home");
-    std::filesystem::create_directories(home_);
+    if (!pythonCan("import dbus, gi.repository.GLib")) GTEST_SKIP() << "python3-dbus is not installed (scripts/setup)";
+    bus_ = std::make_unique<PrivateBus>();
   }
   void TearDown() override {
-    app_.reset();
-    bus_.reset();
+    stopApp();
     endChild(watcher_);
-    endChild(daemon_);
-    if (addressPipe_ >= 0) ::close(addressPipe_);
   }
 
   void startWatcher() {
     const int log = ::open(dir_.file("watcher.txt").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    watcher_ = spawn({"/usr/bin/python3", watcherScript()}, log, log, {"DBUS_SESSION_BUS_ADDRESS=" + address_});
+    watcher_ = spawn({"/usr/bin/python3", sourceDir(__FILE__) + "/fake_watcher.py"}, log, log,
+                     {"DBUS_SESSION_BUS_ADDRESS=" + bus_->address()});
     ::close(log);
   }
   std::string itemName() const { return "org.kde.StatusNotifierItem-" + std::to_string(app_->pid()) + "-1"; }
@@ -114,7 +78,7 @@ class TrayTest : public ::testing::Test {
   std::string tooltip() {
     sd_bus_error error = SD_BUS_ERROR_NULL;
     sd_bus_message* raw = nullptr;
-    const int r = sd_bus_call_method(bus_.get(), itemName().c_str(), "/StatusNotifierItem",
+    const int r = sd_bus_call_method(bus_->bus(), itemName().c_str(), "/StatusNotifierItem",
                                      "org.freedesktop.DBus.Properties", "Get", &error, &raw, "ss",
                                      "org.kde.StatusNotifierItem", "ToolTip");
     sd_bus_error_free(&error);
@@ -132,7 +96,7 @@ class TrayTest : public ::testing::Test {
   std::optional<int> menuItem(const std::string& label) {
     sd_bus_error error = SD_BUS_ERROR_NULL;
     sd_bus_message* raw = nullptr;
-    const int r = sd_bus_call_method(bus_.get(), itemName().c_str(), "/MenuBar", "com.canonical.dbusmenu",
+    const int r = sd_bus_call_method(bus_->bus(), itemName().c_str(), "/MenuBar", "com.canonical.dbusmenu",
                                      "GetLayout", &error, &raw, "iias", 0, -1, 0);
     sd_bus_error_free(&error);
     Message reply(raw);
@@ -143,35 +107,26 @@ class TrayTest : public ::testing::Test {
 
   int click(int id) {
     sd_bus_error error = SD_BUS_ERROR_NULL;
-    const int r = sd_bus_call_method(bus_.get(), itemName().c_str(), "/MenuBar", "com.canonical.dbusmenu", "Event",
+    const int r = sd_bus_call_method(bus_->bus(), itemName().c_str(), "/MenuBar", "com.canonical.dbusmenu", "Event",
                                      &error, nullptr, "isvu", id, "clicked", "s", "", 0u);
     sd_bus_error_free(&error);
     return r;
   }
 
   std::string statusLine() {
-    ToolRun run = runTool({"status"}, home_);
+    ToolRun run = vigilo({"status"});
     return run.out.substr(0, run.out.find('\n'));
   }
 
-  TempDir dir_;
-  std::string home_;
-  std::string address_;
-  int addressPipe_ = -1;
-  pid_t daemon_ = -1;
+  std::unique_ptr<PrivateBus> bus_;
   pid_t watcher_ = -1;
-  std::unique_ptr<sd_bus, BusUnref> bus_;
-  std::unique_ptr<AppProcess> app_;
 };
 
 TEST_F(TrayTest, RegistersWhenTheHostAppearsFollowsTheStatusAndTakesClicks) {
   writeFile(home_ + "/config.json", R"({"mode": "auto"})");
-  app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", dir_.file("laptop.json")}, home_,
-                                      dir_.file("app.txt"),
-                                      std::vector<std::string>{"DBUS_SESSION_BUS_ADDRESS=" + address_});
+  startApp({"DBUS_SESSION_BUS_ADDRESS=" + bus_->address()});
   // No tray host yet: the app runs on and says why there is no icon.
-  ASSERT_TRUE(waitFor([&] { return app_->output().find("no StatusNotifierWatcher") != std::string::npos; }, 10s))
-      << app_->output();
+  ASSERT_TRUE(waitFor([&] { return outputHas("no StatusNotifierWatcher"); }, 10s)) << app_->output();
 
   startWatcher();
   ASSERT_TRUE(waitFor(
@@ -180,16 +135,15 @@ TEST_F(TrayTest, RegistersWhenTheHostAppearsFollowsTheStatusAndTakesClicks) {
   EXPECT_EQ(tooltip(), "Nothing running · sleeps when closed");
 
   // A hold changes the status; the tooltip follows within a tick.
-  ASSERT_EQ(runTool({"hold", "--reason", "training run"}, home_).status, 0);
+  ASSERT_EQ(vigilo({"hold", "--reason", "training run"}).status, 0);
   EXPECT_TRUE(waitFor([&] { return tooltip() == "training run · stays awake closed"; }, 4s)) << tooltip();
-  ASSERT_EQ(runTool({"release"}, home_).status, 0);
+  ASSERT_EQ(vigilo({"release"}).status, 0);
 
   auto always = menuItem("Always");
   ASSERT_TRUE(always);
   ASSERT_GE(click(*always), 0);
   EXPECT_TRUE(waitFor([&] { return statusLine() == "Awake until you turn it off"; }, 5s)) << statusLine();
-  ToolRun json = runTool({"status", "--json"}, home_);
-  EXPECT_EQ(nlohmann::json::parse(json.out, nullptr, false).value("mode", ""), "always") << json.out;
+  EXPECT_EQ(status().value("mode", ""), "always") << status().dump();
   EXPECT_TRUE(waitFor([&] { return tooltip() == "Awake until you turn it off"; }, 3s)) << tooltip();
 
   // Quit from the menu puts everything back and ends the app cleanly.

@@ -4,6 +4,8 @@
 // its mocks: started with a clean signal mask, ended with SIGTERM and, when
 // stuck, SIGKILL.
 
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
@@ -11,6 +13,7 @@
 
 #include <chrono>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -55,5 +58,71 @@ struct MessageUnref {
   void operator()(sd_bus_message* m) const { sd_bus_message_unref(m); }
 };
 using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
+using Bus = std::unique_ptr<sd_bus, BusUnref>;
+
+// A client connection to the bus at `address`; empty when it can't be made.
+inline Bus connectBus(const std::string& address) {
+  sd_bus* raw = nullptr;
+  if (sd_bus_new(&raw) < 0) return nullptr;
+  Bus bus(raw);
+  sd_bus_set_address(raw, address.c_str());
+  sd_bus_set_bus_client(raw, 1);
+  if (sd_bus_start(raw) < 0) return nullptr;
+  return bus;
+}
+
+// Whether /usr/bin/python3 can run `code` (an import, say) without error.
+inline bool pythonCan(const std::string& code) {
+  const int devnull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+  const pid_t probe = spawn({"/usr/bin/python3", "-c", code}, devnull, devnull);
+  ::close(devnull);
+  int status = 0;
+  ::waitpid(probe, &status, 0);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// A private dbus-daemon with this test's own connection to it, both gone
+// with the object. Its complaints go to `log` (-1: to the address pipe).
+class PrivateBus {
+ public:
+  explicit PrivateBus(int log = -1) {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    daemon_ = spawn({"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"}, fds[1],
+                    log >= 0 ? log : fds[1]);
+    ::close(fds[1]);
+    // Kept open for the daemon's life: a closed pipe would kill it with
+    // SIGPIPE at its next line of output.
+    addressPipe_ = fds[0];
+    std::string line;
+    pollfd p{fds[0], POLLIN, 0};
+    while (line.find('\n') == std::string::npos && ::poll(&p, 1, 5000) > 0) {
+      char buf[256];
+      const ssize_t n = ::read(fds[0], buf, sizeof buf);
+      if (n <= 0) break;
+      line.append(buf, static_cast<std::size_t>(n));
+    }
+    address_ = line.substr(0, line.find('\n'));
+    if (address_.empty()) throw std::runtime_error("dbus-daemon printed no address");
+    bus_ = connectBus(address_);
+    if (!bus_) throw std::runtime_error("can't connect to the private bus");
+  }
+  ~PrivateBus() {
+    bus_.reset();
+    endChild(daemon_);
+    ::close(addressPipe_);
+  }
+  PrivateBus(const PrivateBus&) = delete;
+  PrivateBus& operator=(const PrivateBus&) = delete;
+
+  const std::string& address() const { return address_; }
+  sd_bus* bus() const { return bus_.get(); }
+
+ private:
+  pid_t daemon_ = -1;
+  int addressPipe_ = -1;
+  std::string address_;
+  Bus bus_;
+};
 
 }  // namespace vigilo::test

@@ -33,6 +33,51 @@ constexpr const char* kPath = "/org/freedesktop/login1";
 constexpr const char* kManager = "org.freedesktop.login1.Manager";
 constexpr const char* kMock = "org.freedesktop.DBus.Mock";
 
+// The arguments of every call of `method` a dbusmock object at `service`
+// and `path` got, as text (numbers in decimal, booleans as true or false).
+std::vector<std::vector<std::string>> methodCalls(sd_bus* bus, const char* service, const char* path,
+                                                  const std::string& method) {
+  std::vector<std::vector<std::string>> out;
+  sd_bus_message* raw = nullptr;
+  if (sd_bus_call_method(bus, service, path, kMock, "GetMethodCalls", nullptr, &raw, "s", method.c_str()) < 0) {
+    throw std::runtime_error("mock call GetMethodCalls failed");
+  }
+  Message reply(raw);
+  sd_bus_message_enter_container(raw, 'a', "(tav)");
+  while (sd_bus_message_enter_container(raw, 'r', "tav") > 0) {
+    std::uint64_t when = 0;
+    sd_bus_message_read(raw, "t", &when);
+    sd_bus_message_enter_container(raw, 'a', "v");
+    std::vector<std::string> args;
+    char type = 0;
+    const char* contents = nullptr;
+    while (sd_bus_message_peek_type(raw, &type, &contents) > 0) {
+      sd_bus_message_enter_container(raw, 'v', contents);
+      if (contents[0] == 's') {
+        const char* text = nullptr;
+        sd_bus_message_read(raw, "s", &text);
+        args.emplace_back(text);
+      } else if (contents[0] == 'u') {
+        std::uint32_t u = 0;
+        sd_bus_message_read(raw, "u", &u);
+        args.push_back(std::to_string(u));
+      } else if (contents[0] == 'b') {
+        int b = 0;
+        sd_bus_message_read(raw, "b", &b);
+        args.emplace_back(b ? "true" : "false");
+      } else {
+        sd_bus_message_skip(raw, contents);
+        args.emplace_back("?");
+      }
+      sd_bus_message_exit_container(raw);
+    }
+    sd_bus_message_exit_container(raw);
+    sd_bus_message_exit_container(raw);
+    out.push_back(std::move(args));
+  }
+  return out;
+}
+
 // A private dbus-daemon standing in for the system bus, with
 // python3-dbusmock's logind template on it. The test talks to the mock over
 // its own connection, independent of the code under test.
@@ -43,60 +88,31 @@ class MockLogind {
       missing_ = "dbus-daemon is not installed (scripts/setup installs it)";
       return;
     }
-    int devnull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    pid_t probe = spawn({"/usr/bin/python3", "-c", "import dbusmock"}, devnull, devnull);
-    ::close(devnull);
-    int status = 0;
-    ::waitpid(probe, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    if (!pythonCan("import dbusmock")) {
       missing_ = "python3-dbusmock is not installed for /usr/bin/python3 (scripts/setup installs it)";
       return;
     }
     const int log = ::open((folder + "/dbus.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-    daemon_ = spawn({"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"}, fds[1], log);
-    ::close(fds[1]);
-    // Kept open for the daemon's life: a closed pipe would kill it with
-    // SIGPIPE at its next line of output.
-    addressPipe_ = UniqueFd(fds[0]);
-    std::string line;
-    pollfd p{fds[0], POLLIN, 0};
-    while (line.find('\n') == std::string::npos && ::poll(&p, 1, 5000) > 0) {
-      char buf[256];
-      const ssize_t n = ::read(fds[0], buf, sizeof buf);
-      if (n <= 0) break;
-      line.append(buf, static_cast<std::size_t>(n));
-    }
-    address_ = line.substr(0, line.find('\n'));
-    if (address_.empty()) throw std::runtime_error("dbus-daemon printed no address");
-    sd_bus* raw = nullptr;
-    if (sd_bus_new(&raw) < 0) throw std::runtime_error("sd_bus_new failed");
-    bus_.reset(raw);
-    sd_bus_set_address(raw, address_.c_str());
-    sd_bus_set_bus_client(raw, 1);
-    if (sd_bus_start(raw) < 0) throw std::runtime_error("can't connect to the private bus");
-    if (!withLogind) {
-      ::close(log);
-      return;
-    }
-    mock_ = spawn({"/usr/bin/python3", "-m", "dbusmock", "--template", "logind"}, log, log,
-                  {"DBUS_SYSTEM_BUS_ADDRESS=" + address_});
+    daemon_ = std::make_unique<PrivateBus>(log);
+    if (withLogind) mock_ = spawnMock("logind", log);
     ::close(log);
-    if (!waitFor([&] { return hasOwner(); }, 20s)) {
+    if (withLogind && !waitFor([&] { return hasOwner(); }, 20s)) {
       throw std::runtime_error("dbusmock's logind didn't come up: " + readFile(folder + "/dbus.log"));
     }
   }
-  ~MockLogind() {
-    bus_.reset();
-    endChild(mock_);
-    endChild(daemon_);
-  }
+  ~MockLogind() { endChild(mock_); }
   MockLogind(const MockLogind&) = delete;
   MockLogind& operator=(const MockLogind&) = delete;
 
   const std::string& missing() const { return missing_; }
-  const std::string& address() const { return address_; }
+  const std::string& address() const { return daemon_->address(); }
+  // The test's own connection to the bus.
+  sd_bus* bus() const { return daemon_->bus(); }
+  // Another dbusmock template on this bus, its output to `log`.
+  pid_t spawnMock(const std::string& templ, int log) const {
+    return spawn({"/usr/bin/python3", "-m", "dbusmock", "--template", templ}, log, log,
+                 {"DBUS_SYSTEM_BUS_ADDRESS=" + address()});
+  }
 
   std::vector<Inhibitor> inhibitors() {
     Message reply = call(kManager, "ListInhibitors", "");
@@ -131,7 +147,7 @@ class MockLogind {
   }
   void emitPrepareForSleep(bool start) {
     sd_bus_message* m = nullptr;
-    sd_bus_message_new_method_call(bus_.get(), &m, kLogind, kPath, kMock, "EmitSignal");
+    sd_bus_message_new_method_call(bus(), &m, kLogind, kPath, kMock, "EmitSignal");
     Message msg(m);
     sd_bus_message_append(m, "sss", kManager, "PrepareForSleep", "b");
     sd_bus_message_open_container(m, 'a', "v");
@@ -139,47 +155,12 @@ class MockLogind {
     sd_bus_message_close_container(m);
     send(m);
   }
-  // The arguments of every call of `method`, as text.
   std::vector<std::vector<std::string>> calls(const std::string& method, const char* path = kPath) {
-    Message reply = callAt(path, kMock, "GetMethodCalls", "s", method.c_str());
-    std::vector<std::vector<std::string>> out;
-    sd_bus_message_enter_container(reply.get(), 'a', "(tav)");
-    while (sd_bus_message_enter_container(reply.get(), 'r', "tav") > 0) {
-      std::uint64_t when = 0;
-      sd_bus_message_read(reply.get(), "t", &when);
-      sd_bus_message_enter_container(reply.get(), 'a', "v");
-      std::vector<std::string> args;
-      char type = 0;
-      const char* contents = nullptr;
-      while (sd_bus_message_peek_type(reply.get(), &type, &contents) > 0) {
-        sd_bus_message_enter_container(reply.get(), 'v', contents);
-        if (contents[0] == 's') {
-          const char* s = nullptr;
-          sd_bus_message_read(reply.get(), "s", &s);
-          args.emplace_back(s);
-        } else if (contents[0] == 'u') {
-          std::uint32_t u = 0;
-          sd_bus_message_read(reply.get(), "u", &u);
-          args.push_back(std::to_string(u));
-        } else if (contents[0] == 'b') {
-          int b = 0;
-          sd_bus_message_read(reply.get(), "b", &b);
-          args.emplace_back(b ? "true" : "false");
-        } else {
-          sd_bus_message_skip(reply.get(), contents);
-          args.emplace_back("?");
-        }
-        sd_bus_message_exit_container(reply.get());
-      }
-      sd_bus_message_exit_container(reply.get());
-      sd_bus_message_exit_container(reply.get());
-      out.push_back(std::move(args));
-    }
-    return out;
+    return methodCalls(bus(), kLogind, path, method);
   }
   void addObject(const std::string& path, const std::string& iface) {
     sd_bus_message* m = nullptr;
-    sd_bus_message_new_method_call(bus_.get(), &m, kLogind, kPath, kMock, "AddObject");
+    sd_bus_message_new_method_call(bus(), &m, kLogind, kPath, kMock, "AddObject");
     Message msg(m);
     sd_bus_message_append(m, "ssa{sv}a(ssss)", path.c_str(), iface.c_str(), 0, 0);
     send(m);
@@ -189,7 +170,7 @@ class MockLogind {
   bool hasOwner() {
     sd_bus_message* reply = nullptr;
     int has = 0;
-    if (sd_bus_call_method(bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+    if (sd_bus_call_method(bus(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                            "NameHasOwner", nullptr, &reply, "s", kLogind) < 0) {
       return false;
     }
@@ -205,7 +186,7 @@ class MockLogind {
   Message callAt(const char* path, const char* iface, const char* method, const char* types, Args... args) {
     sd_bus_error error = SD_BUS_ERROR_NULL;
     sd_bus_message* reply = nullptr;
-    int r = sd_bus_call_method(bus_.get(), kLogind, path, iface, method, &error, &reply, types, args...);
+    int r = sd_bus_call_method(bus(), kLogind, path, iface, method, &error, &reply, types, args...);
     std::string message = error.message ? error.message : "";
     sd_bus_error_free(&error);
     if (r < 0) throw std::runtime_error(std::string("mock call ") + method + " failed: " + message);
@@ -214,18 +195,15 @@ class MockLogind {
   void send(sd_bus_message* m) {
     sd_bus_error error = SD_BUS_ERROR_NULL;
     sd_bus_message* reply = nullptr;
-    int r = sd_bus_call(bus_.get(), m, 0, &error, &reply);
+    int r = sd_bus_call(bus(), m, 0, &error, &reply);
     sd_bus_error_free(&error);
     sd_bus_message_unref(reply);
     if (r < 0) throw std::runtime_error("mock call failed");
   }
 
   std::string missing_;
-  std::string address_;
-  pid_t daemon_ = -1;
+  std::unique_ptr<PrivateBus> daemon_;
   pid_t mock_ = -1;
-  UniqueFd addressPipe_;
-  std::unique_ptr<sd_bus, BusUnref> bus_;
 };
 
 bool isVigilosHold(const Inhibitor& i) {
@@ -240,8 +218,20 @@ class LinuxLogindTest : public LinuxTreeTest {
     mock_ = std::make_unique<MockLogind>(dir_.path(), true);
     if (!mock_->missing().empty()) GTEST_SKIP() << mock_->missing();
   }
+  void TearDown() override { endChild(ppd_); }
   std::unique_ptr<Platform> platform() { return LinuxTreeTest::platform(mock_->address()); }
+  // A power-profiles-daemon from dbusmock's `templ`, its output in ppd.log.
+  void startProfiles(const std::string& templ) {
+    const int log = ::open(dir_.file("ppd.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    ppd_ = mock_->spawnMock(templ, log);
+    ::close(log);
+  }
+  std::vector<std::vector<std::string>> profileCalls(const char* method) {
+    return methodCalls(mock_->bus(), "net.hadess.PowerProfiles", "/net/hadess/PowerProfiles", method);
+  }
+  std::string ppdLog() const { return readFile(dir_.file("ppd.log")); }
   std::unique_ptr<MockLogind> mock_;
+  pid_t ppd_ = -1;
 };
 
 TEST_F(LinuxLogindTest, HoldingTakesExactlyOneBlockLockAndReleasingClosesIt) {
@@ -506,81 +496,29 @@ TEST_F(LinuxLogindTest, KillingTheAppReleasesItsLock) {
   EXPECT_TRUE(waitFor([&] { return mock_->inhibitors().empty(); }, 5s));
 }
 
-// The arguments of every call of `method` on the power-profiles mock, by
-// their text; numbers as decimal text.
-std::vector<std::vector<std::string>> profileCalls(const std::string& address, const char* method) {
-  sd_bus* raw = nullptr;
-  sd_bus_new(&raw);
-  std::unique_ptr<sd_bus, BusUnref> bus(raw);
-  sd_bus_set_address(raw, address.c_str());
-  sd_bus_set_bus_client(raw, 1);
-  std::vector<std::vector<std::string>> out;
-  if (sd_bus_start(raw) < 0) return out;
-  sd_bus_message* reply = nullptr;
-  if (sd_bus_call_method(raw, "net.hadess.PowerProfiles", "/net/hadess/PowerProfiles", kMock, "GetMethodCalls",
-                         nullptr, &reply, "s", method) < 0) {
-    return out;
-  }
-  Message r(reply);
-  sd_bus_message_enter_container(reply, 'a', "(tav)");
-  while (sd_bus_message_enter_container(reply, 'r', "tav") > 0) {
-    std::uint64_t when = 0;
-    sd_bus_message_read(reply, "t", &when);
-    sd_bus_message_enter_container(reply, 'a', "v");
-    std::vector<std::string> args;
-    char type = 0;
-    const char* contents = nullptr;
-    while (sd_bus_message_peek_type(reply, &type, &contents) > 0) {
-      sd_bus_message_enter_container(reply, 'v', contents);
-      if (contents[0] == 's') {
-        const char* text = nullptr;
-        sd_bus_message_read(reply, "s", &text);
-        args.emplace_back(text);
-      } else {
-        std::uint32_t u = 0;
-        sd_bus_message_read(reply, "u", &u);
-        args.push_back(std::to_string(u));
-      }
-      sd_bus_message_exit_container(reply);
-    }
-    sd_bus_message_exit_container(reply);
-    sd_bus_message_exit_container(reply);
-    out.push_back(std::move(args));
-  }
-  return out;
-}
-
 TEST_F(LinuxLogindTest, LowPowerIsAPowerSaverHoldTakenOnceAndReleased) {
   auto p = platform();
   EXPECT_FALSE(p->power().batteryPowerMode()) << "no power-profiles-daemon: no power mode to read";
-  const int log = ::open((dir_.path() + "/ppd.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  pid_t ppd = spawn({"/usr/bin/python3", "-m", "dbusmock", "--template", "power_profiles_daemon"}, log, log,
-                    {"DBUS_SYSTEM_BUS_ADDRESS=" + mock_->address()});
-  ::close(log);
-  ASSERT_TRUE(waitFor([&] { return p->power().batteryPowerMode().has_value(); }, 20s))
-      << readFile(dir_.path() + "/ppd.log");
+  startProfiles("power_profiles_daemon");
+  ASSERT_TRUE(waitFor([&] { return p->power().batteryPowerMode().has_value(); }, 20s)) << ppdLog();
   EXPECT_EQ(p->power().batteryPowerMode()->key, "lowpowermode");
   EXPECT_EQ(p->power().batteryPowerMode()->value, 0);
 
   ASSERT_TRUE(p->power().setPowerMode("lowpowermode", 1));
   ASSERT_TRUE(p->power().setPowerMode("lowpowermode", 1));  // already held: no second hold
   using Calls = std::vector<std::vector<std::string>>;
-  EXPECT_EQ(profileCalls(mock_->address(), "HoldProfile"),
+  EXPECT_EQ(profileCalls("HoldProfile"),
             (Calls{{"power-saver", "Saving power while the lid is shut", "vigilo"}}));
   ASSERT_TRUE(p->power().restorePowerMode("lowpowermode", 0));
-  EXPECT_EQ(profileCalls(mock_->address(), "ReleaseProfile"), (Calls{{"1"}}));
+  EXPECT_EQ(profileCalls("ReleaseProfile"), (Calls{{"1"}}));
   ASSERT_TRUE(p->power().restorePowerMode("lowpowermode", 0));
-  EXPECT_EQ(profileCalls(mock_->address(), "ReleaseProfile").size(), 1u) << "released exactly once";
+  EXPECT_EQ(profileCalls("ReleaseProfile").size(), 1u) << "released exactly once";
   EXPECT_TRUE(capability(p->capabilities(), "power mode")->available);
-  endChild(ppd);
 }
 
 // A power-profiles-daemon that drops a hold when its holder's connection
 // closes, as the real one does; dbusmock's own template keeps it.
-std::string holdOwnerTemplate() {
-  const auto here = std::filesystem::path(VIGILO_BINARY).parent_path() / std::filesystem::path(__FILE__).parent_path();
-  return (here / "ppd_hold_owner.py").lexically_normal().string();
-}
+const std::string kHoldOwnerTemplate = sourceDir(__FILE__) + "/ppd_hold_owner.py";
 
 // The profile in force and each hold's fields, read over `bus`.
 struct ProfileState {
@@ -620,21 +558,9 @@ std::optional<ProfileState> profileState(sd_bus* bus) {
 }
 
 TEST_F(LinuxLogindTest, AKilledAppLeavesNoPowerSaverHoldBehind) {
-  const int log = ::open((dir_.path() + "/ppd.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  pid_t ppd = spawn({"/usr/bin/python3", "-m", "dbusmock", "--template", holdOwnerTemplate()}, log, log,
-                    {"DBUS_SYSTEM_BUS_ADDRESS=" + mock_->address()});
-  ::close(log);
-  struct EndOnExit {
-    pid_t& pid;
-    ~EndOnExit() { endChild(pid); }
-  } endPpd{ppd};
-  sd_bus* raw = nullptr;
-  sd_bus_new(&raw);
-  std::unique_ptr<sd_bus, BusUnref> bus(raw);
-  sd_bus_set_address(raw, mock_->address().c_str());
-  sd_bus_set_bus_client(raw, 1);
-  ASSERT_GE(sd_bus_start(raw), 0);
-  ASSERT_TRUE(waitFor([&] { return profileState(raw).has_value(); }, 20s)) << readFile(dir_.path() + "/ppd.log");
+  startProfiles(kHoldOwnerTemplate);
+  sd_bus* raw = mock_->bus();
+  ASSERT_TRUE(waitFor([&] { return profileState(raw).has_value(); }, 20s)) << ppdLog();
   ASSERT_EQ(profileState(raw)->active, "balanced");
 
   // The app's Linux backend in a child of its own, killed while it holds.
@@ -665,12 +591,12 @@ TEST_F(LinuxLogindTest, AKilledAppLeavesNoPowerSaverHoldBehind) {
   pollfd pf{ready[0], POLLIN, 0};
   const bool answered = ::poll(&pf, 1, 20000) > 0 && ::read(ready[0], &held, 1) == 1;
   ::close(ready[0]);
-  EXPECT_TRUE(answered && held == '1') << readFile(dir_.path() + "/ppd.log");
+  EXPECT_TRUE(answered && held == '1') << ppdLog();
 
   auto state = profileState(raw);
   ASSERT_TRUE(state);
   EXPECT_EQ(state->active, "power-saver");
-  ASSERT_EQ(state->holds.size(), 1u) << readFile(dir_.path() + "/ppd.log");
+  ASSERT_EQ(state->holds.size(), 1u) << ppdLog();
   EXPECT_EQ(state->holds[0]["Profile"], "power-saver");
   EXPECT_EQ(state->holds[0]["ApplicationId"], "vigilo");
   // The hold belongs to the app's own connection, not one that outlives it
@@ -695,7 +621,7 @@ TEST_F(LinuxLogindTest, AKilledAppLeavesNoPowerSaverHoldBehind) {
         return after && after->holds.empty() && after->active == "balanced";
       },
       5s))
-      << readFile(dir_.path() + "/ppd.log");
+      << ppdLog();
 }
 
 TEST_F(LinuxLogindTest, TheScreenLocksAndReadsItsBrightnessThroughLogindAndSysfs) {

@@ -1,0 +1,46 @@
+#pragma once
+
+// dbusmock's notification daemon on a private session bus of its own
+// (notify_mock.py beside this file). Ended by closing its input, never
+// killed first: it takes its bus and the daemon along.
+
+#include <chrono>
+#include <csignal>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "e2e/piped_process.h"
+#include "test_support.h"
+
+namespace vigilo::test {
+
+class NotifyMock {
+ public:
+  explicit NotifyMock(const std::string& errFile) : process_({sourceDir(__FILE__) + "/notify_mock.py"}, {}, errFile) {
+    address = process_.readLine(std::chrono::seconds(30)).value_or("");
+  }
+  ~NotifyMock() {
+    process_.closeInput();
+    if (process_.wait(std::chrono::seconds(10)) < 0) process_.signal(SIGTERM);
+    process_.wait(std::chrono::seconds(5));
+  }
+  NotifyMock(const NotifyMock&) = delete;
+  NotifyMock& operator=(const NotifyMock&) = delete;
+
+  // The notifications the daemon got so far, as [app, title, body]; null
+  // when it does not answer.
+  nlohmann::json shown() {
+    if (!process_.write("\n")) return nullptr;
+    auto line = process_.readLine(std::chrono::seconds(10));
+    return line ? nlohmann::json::parse(*line, nullptr, false) : nlohmann::json();
+  }
+
+  std::string address;  // empty when it did not start
+
+ private:
+  PipedProcess process_;
+};
+
+}  // namespace vigilo::test
