@@ -290,8 +290,10 @@ nlohmann::json RequestClient::send(const std::string& cmd, const nlohmann::json&
   // would then be reported as failed.
   Result ready = checkAppFolder(appFolder_);
   if (ready) ready = makePrivateFolder(repliesFolder(appFolder_));
-  if (ready) ready = replyRoom(repliesFolder(appFolder_));
-  if (!ready) return {{"ok", false}, {"error", ready.message() + ", so nothing was asked of it."}};
+  if (!ready) return {{"ok", false}, {"error", ready.message()}};
+  if (Result room = replyRoom(repliesFolder(appFolder_)); !room) {
+    return {{"ok", false}, {"error", room.message() + ", so nothing was asked of it."}};
+  }
   // An app that holds its folder's lock but does not listen yet is still
   // starting: keep trying to reach it within the time-out.
   if (auto reply = attempt(cmd, args, timeout, runningApp(appFolder_) ? timeout : 0)) return *reply;
