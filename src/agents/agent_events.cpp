@@ -4,10 +4,12 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <limits>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
@@ -15,6 +17,7 @@
 #include "agents/careful_file.h"
 #include "agents/catalogue.h"
 #include "platform/files.h"
+#include "platform/private_folder.h"
 
 namespace vigilo {
 namespace {
@@ -66,10 +69,35 @@ bool contains(const std::string& text, std::string_view part) { return text.find
 
 std::string folderOf(const std::string& appFolder) { return appFolder + "/" + kAgentEventsFolder; }
 
-std::optional<AgentEvent> readEvent(const std::string& path) {
-  auto text = readWholeFile(path, kMaxEventFile);
-  if (!text) return std::nullopt;
-  return AgentEvents::decode(*text);
+// The event file `name` in the folder open as `dir`, never through a link:
+// a link planted there could point anywhere.
+std::optional<AgentEvent> readEvent(int dir, const std::string& name) {
+  const int fd = ::openat(dir, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  struct stat st {};
+  std::string text;
+  bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && static_cast<std::size_t>(st.st_size) <= kMaxEventFile;
+  char buf[8192];
+  while (ok) {
+    const ssize_t n = ::read(fd, buf, sizeof buf);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      ok = n == 0;
+      break;
+    }
+    text.append(buf, static_cast<std::size_t>(n));
+    ok = text.size() <= kMaxEventFile;
+  }
+  ::close(fd);
+  if (!ok) return std::nullopt;
+  return AgentEvents::decode(text);
+}
+
+// The events folder, opened only when it and the app folder belong to this
+// user alone; -1 otherwise.
+int openEventsFolder(const std::string& appFolder, const std::string& folder) {
+  if (!checkPrivateFolder(appFolder) || !checkPrivateFolder(folder)) return -1;
+  return ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
 
 // What one hook input asks for.
@@ -183,13 +211,18 @@ void recordOrThrow(const std::string& appFolder, std::string_view agent, std::st
   if (session.empty()) return;
   const std::string folder = folderOf(appFolder);
   const std::string name = session + ".json";
+  // Nothing is read, written or removed in a folder someone else could
+  // have swapped for a link into the person's files.
+  if (!makePrivateFolder(folder)) return;
+  const int dir = openEventsFolder(appFolder, folder);
+  if (dir < 0) return;
   // A damaged previous file counts as none; this event replaces it.
-  const std::optional<AgentEvent> previous = readEvent(folder + "/" + name);
-
+  const std::optional<AgentEvent> previous = readEvent(dir, name);
   const Change change = changeFor(j, previous, now);
+  if (change.kind == Change::Kind::Remove) ::unlinkat(dir, name.c_str(), 0);
+  ::close(dir);
   if (change.kind == Change::Kind::Nothing) return;
   if (change.kind == Change::Kind::Remove) {
-    ::unlink((folder + "/" + name).c_str());
     post(appFolder, notifications);
     return;
   }
@@ -213,7 +246,6 @@ void recordOrThrow(const std::string& appFolder, std::string_view agent, std::st
   // The app reads event files up to kMaxEventFile: the one free text, the
   // agent's message, is cut so the file always fits.
   if (event.detail && event.detail->size() > kMaxDetail) event.detail = cutUtf8(*event.detail, kMaxDetail);
-  if (!makePrivateFolder(folder)) return;
   if (!replaceFile(folder, name, AgentEvents::encode(event))) return;
   post(appFolder, notifications);
 }
@@ -296,23 +328,25 @@ std::optional<AgentEvent> AgentEvents::decode(std::string_view text) {
 
 std::vector<AgentEvent> AgentEvents::load(const std::string& appFolder, Time now) {
   std::vector<AgentEvent> events;
-  const std::string folder = folderOf(appFolder);
-  std::error_code ec;
-  std::filesystem::directory_iterator it(folder, ec);
-  if (ec) return events;
-  for (; it != std::filesystem::directory_iterator(); it.increment(ec)) {
-    if (ec) break;
-    const std::string name = it->path().filename().string();
+  const int fd = openEventsFolder(appFolder, folderOf(appFolder));
+  if (fd < 0) return events;
+  DIR* dir = ::fdopendir(fd);
+  if (dir == nullptr) {
+    ::close(fd);
+    return events;
+  }
+  while (const dirent* entry = ::readdir(dir)) {
+    const std::string name = entry->d_name;
     if (name.size() <= 5 || name.compare(name.size() - 5, 5, ".json") != 0) continue;
-    const std::string path = folder + "/" + name;
-    auto event = readEvent(path);
+    auto event = readEvent(fd, name);
     if (!event || now - event->at > kExpirySeconds) {
-      std::error_code ignored;
-      std::filesystem::remove(path, ignored);
+      // Removes a planted link itself, never what it points at.
+      ::unlinkat(fd, name.c_str(), 0);
       continue;
     }
     events.push_back(std::move(*event));
   }
+  ::closedir(dir);
   std::sort(events.begin(), events.end(),
             [](const AgentEvent& a, const AgentEvent& b) { return a.session < b.session; });
   return events;

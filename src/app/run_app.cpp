@@ -15,7 +15,9 @@
 #include "app/commands.h"
 #include "closedlid/closed_lid.h"
 #include "savings/savings.h"
+#include "commands/app_folder.h"
 #include "commands/channel.h"
+#include "platform/socket_listener.h"
 #include "commands/command_center.h"
 #include "engine/engine.h"
 #include "engine/log.h"
@@ -189,6 +191,12 @@ int runApp(const std::vector<std::string>& args) {
   StateFiles files(folder);
   std::optional<FolderLock> lock;
   if (!options->preview) {
+    // Records in a folder someone else can change would let them steer what
+    // this app deletes or runs.
+    if (Result usable = checkAppFolder(folder); !usable) {
+      std::fprintf(stderr, "vigilo: %s\n", usable.message().c_str());
+      return 1;
+    }
     lock.emplace(files);
     if (!lock->opened()) {
       std::fprintf(stderr, "vigilo: couldn't create the app folder %s or its lock file; check that it is yours and writable\n",
@@ -361,7 +369,9 @@ int runApp(const std::vector<std::string>& args) {
   center.addHandler("island", [&](const nlohmann::json& args) { return islandRequest(engine, notifier, args); });
   std::unique_ptr<Notifications> notifications;
   if (!options->preview) {
-    notifications = makeSocketNotifications(folder, loop.get());
+    notifications = makeSocketNotifications(folder, loop.get(), [](const std::string& problem) {
+      say(problem.empty() ? std::string("Listening for requests") : "warning: commands can't reach this app: " + problem);
+    });
     Result listening = notifications->observe(kRequestNotification,
                                               [&center](std::string payload) { center.receive(payload); });
     if (!listening) say("warning: commands can't reach this app: " + listening.message());

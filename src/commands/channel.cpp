@@ -6,16 +6,22 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <cstring>
 #include <filesystem>
+#include <sys/stat.h>
 #include <spawn.h>
 #include <sys/file.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
+#include "agents/agent_events.h"
 #include "agents/careful_file.h"
 #include "engine/hold.h"
+#include "commands/app_folder.h"
 #include "platform/files.h"
+#include "platform/private_folder.h"
+#include "platform/socket_listener.h"
 
 extern char** environ;
 
@@ -80,7 +86,55 @@ std::optional<nlohmann::json> takeReply(const std::string& path) {
   return j;
 }
 
+// A reply is a few kilobytes; the panel's, with its lists, a few dozen.
+constexpr std::size_t kReplyRoom = 64 * 1024;
+
+// Whether the app can write a reply into `folder` now: a file of a reply's
+// size is written there and removed. A full disk or a read-only folder says
+// so in a sentence, before anything is asked of the app.
+Result replyRoom(const std::string& folder) {
+  const std::string probe = folder + "/.room-" + std::to_string(::getpid());
+  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC;
+  int fd = ::open(probe.c_str(), flags, 0600);
+  int err = fd < 0 ? errno : 0;
+  if (fd >= 0) {
+    static const std::string zeros(kReplyRoom, '\0');
+    std::string_view rest = zeros;
+    while (err == 0 && !rest.empty()) {
+      ssize_t n = ::write(fd, rest.data(), rest.size());
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        err = n < 0 ? errno : ENOSPC;
+      } else {
+        rest.remove_prefix(static_cast<std::size_t>(n));
+      }
+    }
+    if (::close(fd) != 0 && err == 0) err = errno;
+    ::unlink(probe.c_str());
+  }
+  if (err == 0) return Result::ok();
+  std::string why = err == ENOSPC || err == EDQUOT ? "the disk is full"
+                    : err == EROFS                 ? "the disk is mounted read-only"
+                    : err == EACCES || err == EPERM ? "the folder is read-only"
+                                                    : std::strerror(err);
+  return Result::fail("Vigilo can't write its answers to " + folder + " (" + why + ")", err);
+}
+
 }  // namespace
+
+Result checkAppFolder(const std::string& appFolder, bool make) {
+  if (Result r = make ? makePrivateFolder(appFolder) : checkPrivateFolder(appFolder); !r) {
+    if (!make && r.code() == ENOENT) return Result::ok();
+    return r;
+  }
+  for (const char* sub : {kAgentEventsFolder, kRepliesFolder}) {
+    const std::string path = appFolder + "/" + sub;
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) != 0) continue;  // made private when first needed
+    if (Result r = checkPrivateFolder(path); !r) return r;
+  }
+  return Result::ok();
+}
 
 std::optional<pid_t> runningApp(const std::string& appFolder) {
   const std::string path = appFolder + "/" + kAppLockFile;
@@ -163,7 +217,6 @@ std::optional<nlohmann::json> RequestClient::attempt(const std::string& cmd, con
   const std::string id = newUuid();
   const std::string folder = repliesFolder(appFolder_);
   const std::string replyPath = folder + "/" + id + ".json";
-  makePrivateFolder(folder);
 
   const auto start = Steady::now();
   const auto deadline = start + std::chrono::duration<double>(timeout);
@@ -190,18 +243,57 @@ std::optional<nlohmann::json> RequestClient::attempt(const std::string& cmd, con
   // little CPU from the app that answers them. (A file watch would wake
   // sooner, but closing an inotify descriptor costs the kernel several
   // milliseconds, more than it saves.)
+  // A reply slower than this is worth a look at who took the request: a
+  // program squatting on the app's address never answers.
+  bool listenerChecked = false;
   for (;;) {
     if ((reply = takeReply(replyPath))) break;
     const auto now = Steady::now();
     if (now >= deadline) break;
+    if (!listenerChecked && now - start >= std::chrono::seconds(1)) {
+      listenerChecked = true;
+      const auto app = runningApp(appFolder_);
+      const auto listener = listenerOf(appFolder_, kRequestNotification);
+      if (app && *app > 0 && listener && listener->pid != *app) break;
+    }
     const auto pause = std::chrono::duration_cast<std::chrono::microseconds>(now - start) / 10;
     std::this_thread::sleep_for(std::clamp(pause, std::chrono::microseconds(500), std::chrono::microseconds(50000)));
   }
   return reply;
 }
 
+// Why no reply came, in words that are true: the folder couldn't take the
+// reply, another program holds the app's address, or no answer at all.
+static std::string whyNoAnswer(const std::string& appFolder) {
+  if (Result room = replyRoom(repliesFolder(appFolder)); !room) {
+    return room.message() + ", so it may have done what was asked without being able to say so. Make room, then "
+                            "check with: vigilo status";
+  }
+  const auto app = runningApp(appFolder);
+  if (app && *app > 0) {
+    const auto listener = listenerOf(appFolder, kRequestNotification);
+    const std::string which = "Vigilo (process " + std::to_string(*app) + ")";
+    if (!listener) return which + " isn't listening for requests yet; it keeps trying to take its address.";
+    if (listener->pid != *app) {
+      return "Another program (process " + std::to_string(listener->pid) + (listener->uid != ::getuid() ? ", another user's" : "") +
+             ") holds Vigilo's request address, so " + which +
+             " can't hear requests; it keeps trying to take the address. Stop that program (kill " +
+             std::to_string(listener->pid) + ").";
+    }
+  }
+  return timeoutError();
+}
+
 nlohmann::json RequestClient::send(const std::string& cmd, const nlohmann::json& args, double timeout) {
   launched_ = false;
+  // A folder the app can't answer in gets nothing: a request it carried out
+  // would then be reported as failed.
+  Result ready = checkAppFolder(appFolder_);
+  if (ready) ready = makePrivateFolder(repliesFolder(appFolder_));
+  if (!ready) return {{"ok", false}, {"error", ready.message()}};
+  if (Result room = replyRoom(repliesFolder(appFolder_)); !room) {
+    return {{"ok", false}, {"error", room.message() + ", so nothing was asked of it."}};
+  }
   // An app that holds its folder's lock but does not listen yet is still
   // starting: keep trying to reach it within the time-out.
   if (auto reply = attempt(cmd, args, timeout, runningApp(appFolder_) ? timeout : 0)) return *reply;
@@ -212,8 +304,9 @@ nlohmann::json RequestClient::send(const std::string& cmd, const nlohmann::json&
       if (auto reply = attempt(cmd, args, timeout, 2.5)) return *reply;
     }
   }
-  return {{"ok", false}, {"error", timeoutError()}};
+  return {{"ok", false}, {"error", whyNoAnswer(appFolder_)}};
 }
+
 
 bool writeReply(const std::string& appFolder, const std::string& id, const nlohmann::json& reply) {
   const std::string folder = repliesFolder(appFolder);

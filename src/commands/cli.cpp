@@ -20,7 +20,9 @@
 #include <nlohmann/json.hpp>
 
 #include "agents/agent_events.h"
+#include "commands/app_folder.h"
 #include "commands/channel.h"
+#include "platform/socket_listener.h"
 #include "commands/mcp_server.h"
 #include "commands/setup_prompt.h"
 #include "panel/panel_command.h"
@@ -915,9 +917,22 @@ class Cli {
 
   int doctor() {
     out("Vigilo folder: " + folder_);
+    if (Result usable = checkAppFolder(folder_, false); !usable) out("Folder problem: " + usable.message());
     if (auto recorded = recordedMachine(folder_)) out("Machine: " + machineName(*recorded));
     auto pid = runningApp(folder_);
-    out(pid ? "App: running (process " + std::to_string(*pid) + ")" : std::string("App: not running"));
+    std::string app = pid ? "App: running (process " + std::to_string(*pid) + ")" : std::string("App: not running");
+    // Running is not reachable: someone else may hold the request address.
+    if (pid && *pid > 0) {
+      const auto listener = listenerOf(folder_, kRequestNotification);
+      if (!listener) {
+        app += ", but not listening for requests yet; it keeps trying to take its address";
+      } else if (listener->pid != *pid) {
+        app += ", but another program (process " + std::to_string(listener->pid) +
+               ") holds its request address, so requests can't reach it; the app keeps trying to take it "
+               "(stop that program: kill " + std::to_string(listener->pid) + ")";
+      }
+    }
+    out(app);
     auto m = machine();
     if (!m) {
       out("Sleep permission: unknown (this machine's backend couldn't be started)");

@@ -1,10 +1,13 @@
 #include "platform/files.h"
+#include "platform/private_folder.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <pwd.h>
+#include <vector>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -93,9 +96,62 @@ Result writeFileAtomically(const std::string& path, std::string_view data) {
   return writeFile(path, data, std::nullopt, false);
 }
 
+namespace {
+
+// `text` in single quotes for a command line the person can paste.
+std::string shellQuoted(const std::string& text) {
+  std::string out = "'";
+  for (char c : text) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return out + "'";
+}
+
+std::string userName() {
+  const uid_t uid = ::getuid();
+  std::vector<char> buf(16384);
+  passwd pw{};
+  passwd* found = nullptr;
+  if (::getpwuid_r(uid, &pw, buf.data(), buf.size(), &found) == 0 && found != nullptr && found->pw_name != nullptr) {
+    return found->pw_name;
+  }
+  return std::to_string(uid);
+}
+
+Result folderProblem(const std::string& path, const struct stat& st) {
+  const std::string q = shellQuoted(path);
+  if (S_ISLNK(st.st_mode)) {
+    return Result::fail(path + " is a symbolic link, not a folder, so Vigilo won't use it: whoever can change the "
+                        "link decides where Vigilo's records go. Remove it (rm " + q + "); Vigilo makes the folder itself.",
+                        ELOOP);
+  }
+  if (!S_ISDIR(st.st_mode)) return Result::fail(path + " isn't a folder.", ENOTDIR);
+  if (st.st_uid != ::getuid()) {
+    return Result::fail(path + " belongs to another user (user id " + std::to_string(st.st_uid) +
+                            "), so Vigilo won't use it: that user could plant links in it or change Vigilo's "
+                            "records. If it is yours, run: sudo chown -R " + userName() + " " + q +
+                            "; otherwise remove it or move it aside.",
+                        EPERM);
+  }
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    char bits[8];
+    std::snprintf(bits, sizeof bits, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+    return Result::fail(path + " can be changed by other users (its permissions are " + bits +
+                            "), so Vigilo won't use it: they could plant links in it or change Vigilo's records. "
+                            "Check that it holds nothing you didn't put there, then run: chmod 700 " + q,
+                        EPERM);
+  }
+  return Result::ok();
+}
+
+}  // namespace
+
+Result checkPrivateFolder(const std::string& path) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0) return Result::fail(errnoMessage("couldn't read " + path, errno), errno);
+  return folderProblem(path, st);
+}
+
 Result makePrivateFolder(const std::string& path) {
   if (path.empty()) return Result::fail("No folder was given.");
-  std::error_code ec;
   // Parents that are missing are made private too; existing ones are left
   // as their owner set them.
   // The folder itself first: it almost always has its parents already, and
@@ -112,11 +168,10 @@ Result makePrivateFolder(const std::string& path) {
   }
   struct stat st {};
   if (::lstat(path.c_str(), &st) != 0) return Result::fail(errnoMessage("couldn't read " + path, errno), errno);
-  if (!S_ISDIR(st.st_mode)) return Result::fail(path + " isn't a folder.");
-  // A shared sticky folder (/tmp named as the app folder) is never narrowed:
-  // other people's programs rely on it.
-  if (st.st_uid == ::getuid() && (st.st_mode & S_ISVTX) == 0 && (st.st_mode & 0777) != kPrivateFolderMode &&
-      ::chmod(path.c_str(), kPrivateFolderMode) != 0) {
+  // A folder someone else can change is refused, never narrowed: what they
+  // planted before would stay.
+  if (Result r = folderProblem(path, st); !r) return r;
+  if ((st.st_mode & 07777) != kPrivateFolderMode && ::chmod(path.c_str(), kPrivateFolderMode) != 0) {
     return Result::fail(errnoMessage("couldn't make " + path + " private", errno), errno);
   }
   return Result::ok();

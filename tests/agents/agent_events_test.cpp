@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <functional>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
@@ -203,6 +205,43 @@ TEST_F(AgentEventsTest, LoadDropsStaleAndDamagedFiles) {
   record(hook("Notification", {{"message", std::string(900 * 1024, 'm')}, {"notification_type", "permission_prompt"}}, "big"));
   EXPECT_LE(std::filesystem::file_size(folder + "big.json"), 4u * 1024);
   EXPECT_EQ(AgentEvents::load(dir_.path(), clock_.now()).size(), 3u);
+}
+
+TEST_F(AgentEventsTest, FollowsNoLinkAndUsesNoFolderSomeoneElseCanChange) {
+  // Given a project file named like a session, and each way another user
+  // could aim the events folder at it; only a link to a file inside a folder
+  // of the user's own leaves the folder in use.
+  TempDir project;
+  const std::string victim = project.file("package.json");
+  const std::string events = dir_.file("agent-events");
+  auto ownedBy = [&](const std::string& path, uid_t uid, mode_t mode) {
+    std::filesystem::create_directories(path);
+    ASSERT_EQ(::chown(path.c_str(), uid, uid), 0);
+    ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+  };
+  struct Case {
+    const char* what;
+    std::function<void()> plant;
+    bool used;
+  };
+  const std::vector<Case> cases = {
+      {"a link to a file outside", [&] { ownedBy(events, ::getuid(), 0700), std::filesystem::create_symlink(victim, events + "/package.json"); }, true},
+      {"the folder a link to the project", [&] { std::filesystem::create_symlink(project.path(), events); }, false},
+      {"the folder another user's", [&] { ownedBy(events, 65534, 0700); }, false},
+      {"the folder writable by others", [&] { ownedBy(events, ::getuid(), 0777); }, false},
+      {"the app folder writable by others", [&] { ownedBy(dir_.path(), ::getuid(), 0777); }, false},
+  };
+  for (const Case& c : cases) {
+    reset();
+    writeFile(victim, "{}");
+    c.plant();
+    EXPECT_TRUE(AgentEvents::load(dir_.path(), clock_.now()).empty()) << c.what;
+    record(hook("SessionEnd", {}, "package"));
+    record(hook("Stop", {}, "package"));
+    EXPECT_EQ(readFile(victim), "{}") << c.what;
+    EXPECT_EQ(stored("package").has_value(), c.used) << c.what;
+    ::chmod(dir_.path().c_str(), 0700);
+  }
 }
 
 TEST(AgentEventsFold, FoldsASessionsEventsIntoOneState) {

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <fcntl.h>
 #include <filesystem>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <set>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -64,10 +66,10 @@ TEST_F(ChannelTest, EveryCallerOfTheUserReachesTheAppWhateverItsEnvironment) {
 }
 
 TEST_F(ChannelTest, BurstsQueueAndIdleConnectionsLockNobodyOut) {
-  // Given 200 connections that never send anything, a tool still gets its
-  // answer: they are dropped after a moment, and the rest wait their turn.
+  // Given 3,000 connections that never send anything, held open by one
+  // program, a tool still gets its answer: idle ones give their place up.
   std::vector<int> idle;
-  for (int i = 0; i < 200; ++i) idle.push_back(idleConnection());
+  for (int i = 0; i < 3000; ++i) idle.push_back(idleConnection());
   ToolRun st = vigilo({"status"});
   EXPECT_EQ(st.status, 0) << st.err;
   for (int fd : idle) ::close(fd);
@@ -166,6 +168,92 @@ TEST_F(ChannelTest, HostileInputLeavesTheAppAliveItsRecordsSmallAndPrivateAndNot
     EXPECT_EQ(modeOf(home_ + "/" + record), 0600u) << record;
   }
   EXPECT_EQ(modeOf(state_), 0600u);
+}
+
+// Given no app yet, and an app folder that someone else could change.
+class AppFolderTest : public SimAppTest {
+ protected:
+  // Makes `path` a folder with that owner and mode.
+  void plant(const std::string& path, uid_t owner, mode_t mode) {
+    std::filesystem::create_directories(path);
+    ASSERT_EQ(::chown(path.c_str(), owner, owner), 0);
+    ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+  }
+};
+
+TEST_F(AppFolderTest, AFolderSomeoneElseCanChangeIsRefusedWithTheFix) {
+  struct Case {
+    std::string sub;
+    uid_t owner;
+    mode_t mode;
+    std::string says;
+  };
+  const uid_t me = ::getuid();
+  for (const Case& c : {Case{"", me, 0777, "can be changed by other users (its permissions are 0777)"},
+                        Case{"", 65534, 0700, "belongs to another user (user id 65534)"},
+                        Case{"/agent-events", 65534, 0700, "sudo chown -R"},
+                        Case{"/replies", me, 0770, "chmod 700 '" + home_ + "/replies'"}}) {
+    std::filesystem::remove_all(home_);
+    plant(home_, me, 0700);
+    plant(home_ + c.sub, c.owner, c.mode);
+    auto app = launch();
+    EXPECT_EQ(app->wait(10s), 1) << c.sub << c.owner;
+    EXPECT_NE(app->output().find(c.says), std::string::npos) << app->output();
+    ToolRun st = vigilo({"hold"});
+    EXPECT_EQ(st.status, 1);
+    EXPECT_NE(st.err.find(c.says), std::string::npos) << st.err;
+    EXPECT_NE(vigilo({"doctor"}).out.find("Folder problem: "), std::string::npos) << c.sub;
+  }
+}
+
+TEST_F(AppFolderTest, AnAddressHeldAtStartIsTakenOnceFreeAndSaidMeanwhile) {
+  // Given a program of the user listening at the app's request address.
+  const std::string name = socketNameFor(home_) + kRequestNotification;
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::memcpy(addr.sun_path + 1, name.data(), name.size());
+  int squatter = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(::bind(squatter, reinterpret_cast<sockaddr*>(&addr),
+                   static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size())),
+            0);
+  ASSERT_EQ(::listen(squatter, 16), 0);
+  app_ = launch();
+  EXPECT_TRUE(waitFor([&] { return outputHas("holds Vigilo's request address"); }, 10s)) << app_->output();
+  const std::string kill = "kill " + std::to_string(::getpid());
+  ToolRun st = vigilo({"status"});
+  EXPECT_EQ(st.status, 1);
+  EXPECT_NE(st.err.find(kill), std::string::npos) << st.err;
+  EXPECT_NE(vigilo({"doctor"}).out.find("holds its request address"), std::string::npos);
+
+  // Freed, the address becomes the app's.
+  ::close(squatter);
+  EXPECT_TRUE(waitFor([&] { return vigilo({"status"}).status == 0; }, 10s)) << app_->output();
+  EXPECT_TRUE(outputHas("Listening for requests"));
+}
+
+// Sets or clears the immutable flag: a folder nobody, root included, can
+// write in. False where the filesystem or the capabilities don't allow it.
+bool setImmutable(const std::string& path, bool on) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  int flags = 0;
+  bool ok = fd >= 0 && ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+  flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+  ok = ok && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+  if (fd >= 0) ::close(fd);
+  return ok;
+}
+
+TEST_F(ChannelTest, AFolderThatCantTakeTheReplyIsSaidAndNothingIsDoneBehindTheToolsBack) {
+  // Given a replies folder nothing can be written in (as on a full disk).
+  const std::string replies = home_ + "/replies";
+  ASSERT_EQ(vigilo({"status"}).status, 0);
+  if (!setImmutable(replies, true)) GTEST_SKIP() << "no immutable folders here";
+  ToolRun held = vigilo({"hold", "--reason", "read-only"});
+  setImmutable(replies, false);
+  EXPECT_EQ(held.status, 1);
+  EXPECT_NE(held.err.find("can't write its answers to " + replies), std::string::npos) << held.err;
+  EXPECT_NE(held.err.find("nothing was asked of it"), std::string::npos) << held.err;
+  EXPECT_TRUE(status()["holds"].empty());
 }
 
 }  // namespace

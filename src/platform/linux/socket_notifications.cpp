@@ -16,6 +16,7 @@
 #include "platform/linux/linux_platform.h"
 #include "platform/linux/unique_fd.h"
 #include "platform/notifications.h"
+#include "platform/socket_listener.h"
 
 namespace vigilo {
 namespace {
@@ -26,9 +27,20 @@ constexpr std::size_t kMaxPayload = 256 * 1024;
 // that is still incomplete after this long is dropped, so idle connections
 // cannot keep others waiting.
 constexpr double kClientTimeout = 1.0;
-// Connections read at once. Past this the rest wait, queued by the kernel
-// (the listen backlog), until a slot frees: queued, never dropped.
+// Connections kept open at once, waiting for the rest of their request.
+// Every waiting connection is taken from the kernel's queue at once and read
+// straight away, so a tool's request (written whole right after connecting)
+// is served as it comes; when the slots are full, the connection that has
+// waited longest, one that sent nothing first, gives its slot up. A program
+// that floods the address with idle connections therefore only ever delays
+// the others by the time it takes to accept and close its own.
 constexpr std::size_t kMaxClients = 128;
+// Connections taken from the queue in one turn of the loop, so a flood
+// cannot keep the loop from its other work.
+constexpr int kAcceptsPerTurn = 4096;
+// Pauses between attempts to take an address another process holds.
+constexpr double kFirstRetry = 0.25;
+constexpr double kLongestRetry = 2.0;
 // How long sending a request may wait for the app to read it (a stopped app
 // never does).
 constexpr int kPostTimeoutSeconds = 3;
@@ -110,36 +122,36 @@ Result connectTo(const std::string& name, UniqueFd& out) {
 
 class SocketNotifications final : public Notifications {
  public:
-  SocketNotifications(std::string appFolder, RunLoop* loop)
-      : prefix_(socketNameFor(appFolder)), loop_(loop) {}
+  SocketNotifications(std::string appFolder, RunLoop* loop,
+                      std::function<void(const std::string&)> onProblem = nullptr)
+      : prefix_(socketNameFor(appFolder)), loop_(loop), problemChanged_(std::move(onProblem)) {}
   ~SocketNotifications() override { stopObserving(); }
 
   Result observe(const std::string& name, std::function<void(std::string)> handler) override {
     if (loop_ == nullptr) return Result::fail("Observing needs the app's run loop.");
-    const std::string address = prefix_ + name;
-    sockaddr_un addr{};
-    const socklen_t len = fillAddress(address, addr);
-    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (fd.get() < 0) return Result::fail(errnoMessage("couldn't create a socket", errno), errno);
-    if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), len) != 0) {
-      const int err = errno;
-      if (err == EADDRINUSE) return Result::fail(squatter(address), err);
-      return Result::fail(errnoMessage("couldn't listen for Vigilo's requests", err), err);
+    Result r = listen(name, handler);
+    if (r.code() != EADDRINUSE) return r;
+    // Someone holds the address, maybe only for a moment: keep trying, and
+    // say so meanwhile.
+    pending_[name] = Pending{std::move(handler), kFirstRetry, 0, r.message()};
+    scheduleRetry(name);
+    return Result::fail(r.message() + "; Vigilo keeps trying to take it", EADDRINUSE);
+  }
+
+  std::string problem() const {
+    std::string text;
+    for (const auto& [name, p] : pending_) {
+      if (text.empty()) text = p.reason + "; Vigilo keeps trying to take it";
     }
-    if (::listen(fd.get(), SOMAXCONN) != 0) {
-      return Result::fail(errnoMessage("couldn't listen for Vigilo's requests", errno), errno);
-    }
-    Listener l;
-    l.handler = std::move(handler);
-    l.fd = std::move(fd);
-    const int raw = l.fd.get();
-    listeners_.emplace(raw, std::move(l));
-    resume(raw);
-    return Result::ok();
+    return text;
   }
 
   void stopObserving() override {
     if (loop_ == nullptr) return;
+    for (auto& [name, p] : pending_) loop_->cancel(p.timer);
+    pending_.clear();
+    if (acceptPause_ != 0) loop_->cancel(acceptPause_);
+    acceptPause_ = 0;
     for (auto& [fd, client] : clients_) {
       loop_->unwatch(client.watch);
       loop_->cancel(client.timer);
@@ -180,13 +192,70 @@ class SocketNotifications final : public Notifications {
     std::string data;
     WatchId watch = 0;
     TimerId timer = 0;
+    std::uint64_t order = 0;
   };
+  struct Pending {
+    std::function<void(std::string)> handler;
+    double pause = kFirstRetry;
+    TimerId timer = 0;
+    std::string reason;
+  };
+
+  Result listen(const std::string& name, const std::function<void(std::string)>& handler) {
+    const std::string address = prefix_ + name;
+    sockaddr_un addr{};
+    const socklen_t len = fillAddress(address, addr);
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (fd.get() < 0) return Result::fail(errnoMessage("couldn't create a socket", errno), errno);
+    if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), len) != 0) {
+      const int err = errno;
+      if (err == EADDRINUSE) return Result::fail(squatter(address), err);
+      return Result::fail(errnoMessage("couldn't listen for Vigilo's requests", err), err);
+    }
+    if (::listen(fd.get(), SOMAXCONN) != 0) {
+      return Result::fail(errnoMessage("couldn't listen for Vigilo's requests", errno), errno);
+    }
+    Listener l;
+    l.handler = handler;
+    l.fd = std::move(fd);
+    const int raw = l.fd.get();
+    listeners_.emplace(raw, std::move(l));
+    resume(raw);
+    return Result::ok();
+  }
+
+  void scheduleRetry(const std::string& name) {
+    auto it = pending_.find(name);
+    if (it == pending_.end()) return;
+    it->second.timer = loop_->after(it->second.pause, [this, name] { retry(name); });
+  }
+
+  void retry(const std::string& name) {
+    auto it = pending_.find(name);
+    if (it == pending_.end()) return;
+    Result r = listen(name, it->second.handler);
+    if (r) {
+      pending_.erase(it);
+      problemChanged();
+      return;
+    }
+    it->second.pause = std::min(it->second.pause * 2, kLongestRetry);
+    const bool changed = r.message() != it->second.reason;
+    it->second.reason = r.message();
+    scheduleRetry(name);
+    if (changed) problemChanged();
+  }
+
+  void problemChanged() {
+    if (problemChanged_) problemChanged_(problem());
+  }
 
   // Says who holds `address` when it cannot be ours.
   static std::string squatter(const std::string& address) {
     sockaddr_un addr{};
     const socklen_t len = fillAddress(address, addr);
-    UniqueFd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    // Never waits: a holder with a full queue must not stall the app.
+    UniqueFd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     std::optional<uid_t> uid;
     if (probe.get() >= 0 && ::connect(probe.get(), reinterpret_cast<sockaddr*>(&addr), len) == 0) {
       uid = peerUid(probe.get());
@@ -195,7 +264,13 @@ class SocketNotifications final : public Notifications {
       return "another user's program (user id " + std::to_string(*uid) +
              ") holds Vigilo's request address for this folder; ask an administrator to stop it";
     }
-    return "another Vigilo for this folder already listens for requests";
+    ucred cred{};
+    socklen_t credLen = sizeof cred;
+    if (uid && ::getsockopt(probe.get(), SOL_SOCKET, SO_PEERCRED, &cred, &credLen) == 0 && cred.pid > 0) {
+      return "another program (process " + std::to_string(cred.pid) +
+             ") holds Vigilo's request address for this folder; stop it (kill " + std::to_string(cred.pid) + ")";
+    }
+    return "another program holds Vigilo's request address for this folder";
   }
 
   void resume(int listenFd) {
@@ -212,22 +287,56 @@ class SocketNotifications final : public Notifications {
   }
 
   void acceptAll(int listenFd) {
-    while (clients_.size() < kMaxClients) {
+    for (int n = 0; n < kAcceptsPerTurn; ++n) {
       UniqueFd fd(::accept4(listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-      if (fd.get() < 0) return;  // EAGAIN: no more waiting
+      if (fd.get() < 0) {
+        // Out of descriptors: the queue stays readable, so look again a
+        // little later instead of spinning.
+        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) pauseAccepting();
+        return;  // EAGAIN: no more waiting
+      }
       // Only the same user may drive this user's Vigilo.
       auto uid = peerUid(fd.get());
       if (!uid || *uid != ::getuid()) continue;
+      if (clients_.size() >= kMaxClients) evictOne();
       const int raw = fd.get();
       Client c;
       c.fd = std::move(fd);
       c.listener = listenFd;
+      c.order = ++accepted_;
       c.watch = loop_->watchReadable(raw, [this, raw] { readClient(raw); });
       c.timer = loop_->after(kClientTimeout, [this, raw] { dropClient(raw); });
       clients_.emplace(raw, std::move(c));
+      // A tool has usually written its whole request by now: serve it at
+      // once rather than behind the idle ones.
+      readClient(raw);
     }
-    // Full: leave the rest in the kernel's queue until a slot frees.
+  }
+
+  // Frees the slot of the connection that has waited longest, preferring
+  // one that has sent nothing.
+  void evictOne() {
+    int victim = -1;
+    std::uint64_t oldest = 0;
+    bool victimIdle = false;
+    for (const auto& [fd, c] : clients_) {
+      const bool idle = c.data.empty();
+      if (victim < 0 || (idle && !victimIdle) || (idle == victimIdle && c.order < oldest)) {
+        victim = fd;
+        oldest = c.order;
+        victimIdle = idle;
+      }
+    }
+    if (victim >= 0) dropClient(victim);
+  }
+
+  void pauseAccepting() {
+    if (acceptPause_ != 0) return;
     pauseAll();
+    acceptPause_ = loop_->after(0.1, [this] {
+      acceptPause_ = 0;
+      for (auto& [lfd, l] : listeners_) resume(lfd);
+    });
   }
 
   void readClient(int fd) {
@@ -261,15 +370,16 @@ class SocketNotifications final : public Notifications {
     loop_->unwatch(it->second.watch);
     loop_->cancel(it->second.timer);
     clients_.erase(it);
-    if (clients_.size() < kMaxClients) {
-      for (auto& [lfd, l] : listeners_) resume(lfd);
-    }
   }
 
   std::string prefix_;
   RunLoop* loop_;
   std::map<int, Listener> listeners_;
   std::map<int, Client> clients_;
+  std::map<std::string, Pending> pending_;
+  std::function<void(const std::string&)> problemChanged_;
+  std::uint64_t accepted_ = 0;
+  TimerId acceptPause_ = 0;
 };
 
 }  // namespace
@@ -278,8 +388,24 @@ std::string socketNameFor(const std::string& appFolder) {
   return "vigilo-" + std::to_string(::getuid()) + "-" + keyFor(canonicalFolder(appFolder)) + "/";
 }
 
+std::optional<SocketPeer> listenerOf(const std::string& appFolder, const std::string& name) {
+  sockaddr_un addr{};
+  const socklen_t len = fillAddress(socketNameFor(appFolder) + name, addr);
+  UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (fd.get() < 0 || ::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), len) != 0) return std::nullopt;
+  ucred cred{};
+  socklen_t credLen = sizeof cred;
+  if (::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &credLen) != 0) return std::nullopt;
+  return SocketPeer{cred.pid, cred.uid};
+}
+
 std::unique_ptr<Notifications> makeSocketNotifications(const std::string& appFolder, RunLoop* loop) {
   return std::make_unique<SocketNotifications>(appFolder, loop);
+}
+
+std::unique_ptr<Notifications> makeSocketNotifications(const std::string& appFolder, RunLoop* loop,
+                                                       std::function<void(const std::string&)> onProblem) {
+  return std::make_unique<SocketNotifications>(appFolder, loop, std::move(onProblem));
 }
 
 }  // namespace vigilo
