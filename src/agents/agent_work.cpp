@@ -76,7 +76,9 @@ void AgentWork::applyEvents(Time now) {
   // An event binds to the process that sent it (pid and start time): the
   // session whose root is that process or one of its ancestors. An event
   // whose process is gone binds to nothing, so a new agent process never
-  // inherits a dead session's state.
+  // inherits a dead session's state. Where several sessions' events name one
+  // process, the newest wins: the others are sessions it has left (resumed
+  // elsewhere without a SessionEnd).
   std::set<std::string> placed;
   std::vector<bool> keyed(sessions_.size(), false);
   auto bind = [&](std::size_t i, const std::string& session) {
@@ -84,7 +86,12 @@ void AgentWork::applyEvents(Time now) {
     keyed[i] = true;
     placed.insert(session);
   };
-  for (const AgentEvent& e : events_) {
+  std::vector<const AgentEvent*> newestFirst;
+  for (const AgentEvent& e : events_) newestFirst.push_back(&e);
+  std::stable_sort(newestFirst.begin(), newestFirst.end(),
+                   [](const AgentEvent* a, const AgentEvent* b) { return a->at > b->at; });
+  for (const AgentEvent* event : newestFirst) {
+    const AgentEvent& e = *event;
     if (!e.pid || placed.count(e.session)) continue;
     auto live = procs.find(*e.pid);
     if (live == procs.end() || (e.pidStart && live->second.start != *e.pidStart)) continue;

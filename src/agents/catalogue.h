@@ -20,11 +20,20 @@ inline constexpr std::string_view kClaudeAppBundle = "com.anthropic.claudefordes
 // begins with "python".
 bool isInterpreter(std::string_view executableName);
 
-// The kind a process is, from its executable path and arguments: the first
-// kind whose executables hold the path's last component; else, for an
-// interpreter, the first kind one of whose hints occurs in its first three
-// arguments joined with blanks. `extra` kinds (custom agents) are tried
-// after the built-in ones. Nothing when it is no agent.
+// The kind a process is, from its executable path and arguments, tried in
+// this order, each over the built-in kinds and then `extra` (custom agents):
+// - the path's last component is one of a kind's executables, or such a
+//   name with a platform after a "-" ("codex-aarch64-apple-darwin");
+// - argv[0]'s last component is one (a link named for the agent, or a
+//   process title the agent set);
+// - the path lies in "<executable>/versions/" (self-updating installs) and
+//   argv[0] names no other program;
+// - for an interpreter: one of a kind's hints in its first three arguments
+//   joined with blanks, else in the script it runs, else the script's name
+//   (less ".js" and the like) is an executable, else the script lies in a
+//   versions folder.
+// A package runner (npx, bunx, pnpm dlx) is no agent: the program it starts
+// is. Nothing when it is no agent.
 std::optional<AgentKind> matchKind(std::string_view path, const std::vector<std::string>& args,
                                    const std::vector<AgentKind>& extra = {});
 

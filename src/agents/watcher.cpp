@@ -282,22 +282,30 @@ AgentWatcher::Table AgentWatcher::tableOf(const std::vector<ProcessInfo>& list,
       if (parent[i] >= 0) t.children[fill[parent[i]]++] = i;
   }
 
-  // Roots: processes of a kind with no ancestor of the same kind. The walk
+  // Roots: processes of a kind with no ancestor of the same kind, or whose
+  // nearest such ancestor is above a command shell: an agent started from
+  // another's shell tool ("claude -p" from Claude Code's Bash) is a session
+  // of its own, while helpers an agent starts itself belong to it. The walk
   // is bounded so that a damaged parent chain cannot loop.
   std::vector<Group>& groups = t.groups;
+  t.root.assign(list.size(), 0);
   std::vector<int> appGroup(kinds_.size(), -1);
   for (int i = 0; i < n; ++i) {
     const int k = kindOf[i];
     if (k < 0) continue;
+    const bool agent = static_cast<std::size_t>(k) < agentKinds_;
     bool root = true;
+    bool shellBetween = false;
     int steps = 0;
     for (int a = parent[i]; a >= 0 && a != i && steps < n; a = parent[a], ++steps) {
       if (kindOf[a] == k) {
-        root = false;
+        root = agent && shellBetween;
         break;
       }
+      shellBetween = shellBetween || isShell(executableName(list[a]));
     }
     if (!root) continue;
+    t.root[i] = 1;
     if (static_cast<std::size_t>(k) < agentKinds_) {
       groups.push_back(Group{k, {i}});
     } else if (appGroup[k] < 0) {
@@ -383,6 +391,8 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
       for (int c = childAt[p]; c < childAt[p + 1]; ++c) {
         const int child = children[c];
         if (seenIn[child] == static_cast<int>(g)) continue;
+        // A nested agent of the kind is a session of its own, with its tree.
+        if (table.root[child] && kindOf[child] == group.kind) continue;
         seenIn[child] = static_cast<int>(g);
         belowShell[child] = belowShell[p] || isShell(executableName(list[child]));
         tree.push_back(child);
@@ -564,13 +574,11 @@ std::vector<SleepBlocker> AgentWatcher::sleepRequests() {
 }
 
 std::optional<AgentKind> AgentWatcher::match(std::int32_t pid, const std::string& path) {
-  std::vector<std::string> args;
-  if (isInterpreter(lastComponent(path))) {
-    auto info = processes_.info(pid);
-    if (!info) return std::nullopt;
-    args = std::move(info->args);
-  }
-  return matchKind(path, args, customKinds_);
+  // argv[0] tells a versioned or linked install, and an interpreter's
+  // arguments its script; a process whose arguments can't be read is judged
+  // by its path alone.
+  auto info = processes_.identity(pid);
+  return matchKind(path, info ? info->args : std::vector<std::string>{}, customKinds_);
 }
 
 std::optional<std::string> AgentWatcher::workingDirectoryName(std::int32_t pid) {

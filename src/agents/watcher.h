@@ -59,7 +59,9 @@ std::string claudeProjectFolder(std::string_view cwd);
 // Sessions. Each top-most process of an agent kind in its chain of parents
 // (its root) is one session: the first, by start time, has the kind's id,
 // others "<kind id>#<pid>". Processes of the same kind below a root are
-// merged into it (`instances`). A watched app or the Claude app is one
+// merged into it (`instances`), except one reached through a command shell:
+// an agent run by another's shell tool is a root, and no part of the outer
+// session's tree. A watched app or the Claude app is one
 // session whatever its number of processes. A session's process tree is
 // its roots and all their descendants.
 //
@@ -188,6 +190,7 @@ class AgentWatcher {
     std::vector<int> childAt;
     std::vector<int> children;
     std::vector<Group> groups;
+    std::vector<char> root;  // the process is the root of a group
   };
   Table tableOf(const std::vector<ProcessInfo>& list, const std::vector<Identity>& identities);
 

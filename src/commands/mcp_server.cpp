@@ -213,27 +213,24 @@ bool given(const json& args, const char* key) {
   return it != args.end() && !it->is_null();
 }
 
-// A whole decimal number written as text ("30", "1.5"), as the app's
-// number reader takes it.
-bool numericText(const json& value, bool whole) {
-  if (!value.is_string()) return false;
-  const std::string& text = value.get_ref<const std::string&>();
-  if (text.empty() || text.size() > 32) return false;
-  const char* allowed = whole ? "0123456789" : "0123456789.";
-  return text.find_first_not_of(allowed) == std::string::npos && text != ".";
-}
-
 std::string shown(const json& value) {
   std::string text = compact(value);
   return text.size() > 40 ? text.substr(0, 37) + "..." : text;
 }
 
-// Checks the arguments against the tool's input schema, so a wrong type is
-// refused with a sentence naming the argument instead of becoming a
-// different request ("2 hours" read as no time limit). Numbers may come as
-// numeric text; null counts as absent. Allowed values are the app's to check.
+// Checks the arguments against the tool's input schema, so a wrong type or
+// a missing required argument is refused with a sentence naming the argument
+// instead of becoming a different request: "2 hours" or the text "1" as a
+// process would make a hold without end. Null counts as absent. Allowed
+// values are the app's to check.
 std::optional<std::string> argumentProblem(const json& schema, const json& args) {
   const json& props = schema["properties"];
+  for (const json& key : schema["required"]) {
+    const std::string name = key.get<std::string>();
+    if (auto it = args.find(name); it == args.end() || it->is_null()) {
+      return name + " is required: " + props[name]["description"].get<std::string>();
+    }
+  }
   for (auto& [key, value] : args.items()) {
     auto prop = props.find(key);
     if (prop == props.end() || value.is_null()) continue;
@@ -241,17 +238,17 @@ std::optional<std::string> argumentProblem(const json& schema, const json& args)
     bool fits = false;
     std::string wanted;
     if (type == "string") {
-      // A setting's value may come as a number or a truth value too.
+      // A setting's value may come as a number or a truth value too: the
+      // app reads it as the text it would be.
       fits = value.is_string() || (key == "value" && (value.is_number() || value.is_boolean()));
       wanted = "a text";
     } else if (type == "number") {
-      fits = (value.is_number() && std::isfinite(value.get<double>())) || numericText(value, false);
+      fits = value.is_number() && std::isfinite(value.get<double>());
       wanted = "a number";
     } else if (type == "integer") {
       fits = value.is_number_integer() ||
              (value.is_number_float() && std::isfinite(value.get<double>()) &&
-              value.get<double>() == std::floor(value.get<double>())) ||
-             numericText(value, true);
+              value.get<double>() == std::floor(value.get<double>()));
       wanted = "a whole number";
     } else if (type == "boolean") {
       fits = value.is_boolean();
@@ -260,6 +257,65 @@ std::optional<std::string> argumentProblem(const json& schema, const json& args)
     if (!fits) return key + " must be " + wanted + ", not " + shown(value);
   }
   return std::nullopt;
+}
+
+// The text of a message's top-level "id" when it is a number the library
+// reads as floating point (beyond 64 bits, or with a fraction or exponent):
+// written back from the value it would come back rounded, and a client
+// matches answers by the id it sent.
+class IdText final : public nlohmann::json_sax<json> {
+ public:
+  std::optional<std::string> text;
+
+  bool null() override { return scalar(); }
+  bool boolean(bool) override { return scalar(); }
+  bool number_integer(number_integer_t) override { return scalar(); }
+  bool number_unsigned(number_unsigned_t) override { return scalar(); }
+  bool number_float(number_float_t, const string_t& raw) override { return scalar(raw); }
+  bool string(string_t&) override { return scalar(); }
+  bool binary(binary_t&) override { return scalar(); }
+  bool start_object(std::size_t) override { return open(); }
+  bool end_object() override { return close(); }
+  bool start_array(std::size_t) override { return open(); }
+  bool end_array() override { return close(); }
+  bool key(string_t& name) override {
+    idNext_ = depth_ == 1 && name == "id";
+    return true;
+  }
+  bool parse_error(std::size_t, const std::string&, const json::exception&) override { return false; }
+
+ private:
+  // The last "id" counts, as it does when the message is read.
+  bool scalar(std::optional<std::string> raw = std::nullopt) {
+    if (idNext_) text = std::move(raw);
+    idNext_ = false;
+    return true;
+  }
+  bool open() {
+    if (idNext_) text.reset();
+    idNext_ = false;
+    ++depth_;  // the library's event parser keeps its own stack: no depth limit is needed here
+    return true;
+  }
+  bool close() {
+    --depth_;
+    return true;
+  }
+  int depth_ = 0;
+  bool idNext_ = false;
+};
+
+std::optional<std::string> rawNumberId(std::string_view line) {
+  IdText sax;
+  if (!json::sax_parse(line.begin(), line.end(), &sax)) return std::nullopt;
+  return sax.text;
+}
+
+// The response as one line, its id written as the request wrote it.
+std::string lineOf(json response, const std::optional<std::string>& rawId) {
+  if (!rawId || !response.contains("id")) return compact(response);
+  response.erase("id");
+  return "{\"id\":" + *rawId + "," + compact(response).substr(1);
 }
 
 bool replyOk(const json& reply) {
@@ -307,29 +363,31 @@ std::optional<std::string> McpServer::handleLine(std::string_view line) {
     if (!id->is_string() && !id->is_number()) {
       return compact(error(nullptr, kInvalidRequest, "Invalid Request", "id must be a string or a number"));
     }
+    std::optional<std::string> rawId;
+    if (id->is_number_float()) rawId = rawNumberId(line);
     if (tooDeep) {
-      return compact(error(*id, kInvalidRequest, "Invalid Request",
-                           "the message nests deeper than " + std::to_string(kMaxDepth) + " levels"));
+      return lineOf(error(*id, kInvalidRequest, "Invalid Request",
+                           "the message nests deeper than " + std::to_string(kMaxDepth) + " levels"), rawId);
     }
     auto method = message.find("method");
     if (method == message.end() || !method->is_string()) {
       // The client answering something: this server never asks, so there is
       // nothing to match it with.
       if (message.contains("result") || message.contains("error")) return std::nullopt;
-      return compact(error(*id, kInvalidRequest, "Invalid Request", "method must be a string"));
+      return lineOf(error(*id, kInvalidRequest, "Invalid Request", "method must be a string"), rawId);
     }
     json params = json::object();
     if (auto p = message.find("params"); p != message.end() && !p->is_null()) {
       if (!p->is_object()) {
-        return compact(error(*id, kInvalidParams, "params must be an object of named values, not " +
-                                                      std::string(p->type_name())));
+        return lineOf(error(*id, kInvalidParams, "params must be an object of named values, not " +
+                                                      std::string(p->type_name())), rawId);
       }
       params = *p;
     }
     try {
-      return compact(dispatch(*id, method->get<std::string>(), params));
+      return lineOf(dispatch(*id, method->get<std::string>(), params), rawId);
     } catch (const std::exception& e) {
-      return compact(error(*id, kInternalError, "Internal error", e.what()));
+      return lineOf(error(*id, kInternalError, "Internal error", e.what()), rawId);
     }
   } catch (const std::exception& e) {
     // Only the library's own failures land here (memory, say); the line is

@@ -157,6 +157,8 @@ TEST_F(AgentEventsTest, WalksUpToTheAgentProcess) {
       {"/usr/local/bin/codex", {}, 0, "codex", true},
       {"/usr/bin/node", {"node", "server.js"}, 0, "claude-code", false},
       {"/usr/bin/node", {"node", "/usr/lib/node_modules/@anthropic-ai/claude-code/cli.js"}, 0, "claude-code", true},
+      // The native install: a file named by its version, started as "claude".
+      {"/home/me/.local/share/claude/versions/2.0.14", {"claude"}, 1, "claude-code", true},
   };
   for (const auto& [path, args, shellsBetween, agent, found] : rows) {
     SCOPED_TRACE(path + " +" + std::to_string(shellsBetween) + " for " + agent);

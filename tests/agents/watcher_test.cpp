@@ -85,7 +85,7 @@ TEST_F(WatcherTest, RecognisesAgentsByExecutableOrByTheScriptAnInterpreterRuns) 
       {"/usr/local/bin/claude", {"claude"}, "claude-code"},
       {"/usr/local/bin/node", {"node", "/usr/local/lib/node_modules/@anthropic-ai/claude-code/cli.js"}, "claude-code"},
       {"/usr/local/bin/node", {"node", "/home/me/server.js", "--port", "3000"}, std::nullopt},
-      {"/usr/local/bin/node", {"node", "--a", "--b", "/lib/node_modules/@openai/codex/bin/codex.js"}, std::nullopt},
+      {"/usr/local/bin/node", {"node", "--a", "--b", "/lib/node_modules/@openai/codex/bin/codex.js"}, "codex"},
       {"/usr/bin/python3.12", {"python3.12", "/opt/homebrew/bin/aider", "--yes"}, "aider"},
       {"/usr/bin/pythonw", {"pythonw", "/usr/lib/aider-chat/main.py"}, "aider"},
       {"/usr/local/bin/bun", {"bun", "/x/node_modules/@google/gemini-cli/dist/index.js"}, "gemini"},
@@ -101,6 +101,67 @@ TEST_F(WatcherTest, RecognisesAgentsByExecutableOrByTheScriptAnInterpreterRuns) 
     EXPECT_EQ(kind ? std::optional(kind->id) : std::nullopt, c.kind);
   }
   EXPECT_TRUE(isInterpreter("python3.12"));
+}
+
+TEST_F(WatcherTest, RecognisesEveryAgentAsItIsReallyInstalled) {
+  // Given each catalogue agent as its installers leave it on Linux and macOS:
+  // the executable path as the kernel resolves it, and argv as it was started.
+  const std::string v = "/home/me/.local/share/claude/versions/2.0.14";
+  const std::string cursor = "/Users/me/.local/share/cursor-agent/versions/2025.11.06-8fe8a63/";
+  const std::string nvm = "/home/me/.nvm/versions/node/v22.11.0/bin/";
+  const std::tuple<std::string, std::vector<std::string>, std::optional<std::string>> rows[] = {
+      // Claude Code: native (a file named by its version), Homebrew cask, npm.
+      {v, {"claude"}, "claude-code"},
+      {v, {v, "--output-format", "stream-json"}, "claude-code"},
+      {"/Users/me/.local/share/claude/versions/2.1.39", {"/Users/me/.local/bin/claude"}, "claude-code"},
+      {"/opt/homebrew/Caskroom/claude-code/2.0.14/claude", {"claude"}, "claude-code"},
+      {"/usr/bin/node", {"claude"}, "claude-code"},  // the process title it sets
+      {nvm + "node", {"node", nvm + "claude"}, "claude-code"},
+      {"/usr/bin/node", {"node", "/home/me/.npm/_npx/8a1b/node_modules/.bin/claude", "-p", "hi"}, "claude-code"},
+      {v, {"rg", "-n", "TODO"}, std::nullopt},  // the same binary serving as another tool
+      // Codex: npm's launcher and the native binary it starts, Homebrew's
+      // cask, a release binary.
+      {"/usr/bin/node", {"node", "/usr/lib/node_modules/@openai/codex/bin/codex.js"}, "codex"},
+      {"/usr/lib/node_modules/@openai/codex/node_modules/@openai/codex-linux-x64/vendor/x86_64-unknown-linux-musl/bin/codex",
+       {"codex"}, "codex"},
+      {"/opt/homebrew/Caskroom/codex/0.46.0/codex-aarch64-apple-darwin", {"codex"}, "codex"},
+      {"/home/me/bin/codex-x86_64-unknown-linux-musl", {"/home/me/bin/codex-x86_64-unknown-linux-musl"}, "codex"},
+      // Gemini CLI: Homebrew's node script, and the child it restarts itself as.
+      {"/opt/homebrew/Cellar/node/24.1.0/bin/node", {"node", "/opt/homebrew/bin/gemini"}, "gemini"},
+      {"/usr/bin/node",
+       {"/usr/bin/node", "--max-old-space-size=8192", "--no-warnings=DEP0040",
+        "/usr/local/lib/node_modules/@google/gemini-cli/dist/index.js"},
+       "gemini"},
+      // Cursor Agent: its own node and script in a versions folder.
+      {cursor + "node", {cursor + "node", "--use-system-ca", cursor + "index.js"}, "cursor-agent"},
+      // OpenCode: npm's launcher, the native binary, the install script's.
+      {"/usr/bin/node", {"node", "/usr/local/bin/opencode"}, "opencode"},
+      {"/usr/local/lib/node_modules/opencode-ai/node_modules/opencode-linux-x64/bin/opencode", {"opencode"}, "opencode"},
+      {"/Users/me/.opencode/bin/opencode", {"opencode"}, "opencode"},
+      // Aider: uv's and pipx's virtual environments, a module run.
+      {"/home/me/.local/share/uv/tools/aider-chat/bin/python3",
+       {"/home/me/.local/share/uv/tools/aider-chat/bin/python3", "/home/me/.local/bin/aider"}, "aider"},
+      {"/usr/bin/python3.12", {"python3", "-m", "aider", "--model", "x"}, "aider"},
+      // Copilot CLI and Amp: npm scripts linked by name, native binaries.
+      {nvm + "node", {"node", nvm + "copilot"}, "copilot"},
+      {"/opt/homebrew/Caskroom/copilot-cli/0.0.350/copilot", {"copilot"}, "copilot"},
+      {"/opt/homebrew/bin/node", {"node", "/opt/homebrew/bin/amp"}, "amp"},
+      {"/home/me/.amp/bin/amp", {"amp"}, "amp"},
+      {"/Applications/Ollama.app/Contents/Resources/ollama",
+       {"/Applications/Ollama.app/Contents/Resources/ollama", "runner", "--model", "m"}, "ollama"},
+      // Package runners start the agent; they are none.
+      {"/usr/bin/node", {"node", "/usr/bin/npx", "@google/gemini-cli"}, std::nullopt},
+      {"/usr/bin/node", {"npm exec @openai/codex"}, std::nullopt},
+      {"/home/me/.bun/bin/bun", {"bun", "x", "@sourcegraph/amp"}, std::nullopt},
+      {"/home/me/.bun/bin/bun", {"bunx", "@anthropic-ai/claude-code"}, std::nullopt},
+      {nvm + "node", {"node", "/home/me/server.js"}, std::nullopt},
+      {"/usr/bin/python3", {"python3", "-m", "http.server"}, std::nullopt},
+  };
+  for (const auto& [path, args, kind] : rows) {
+    SCOPED_TRACE(path + " " + args.front());
+    const auto found = watcher_->match(start(path, args), path);
+    EXPECT_EQ(found ? std::optional(found->id) : std::nullopt, kind);
+  }
 }
 
 TEST_F(WatcherTest, EachKindIsBusyAtItsOwnIdleThreshold) {

@@ -91,10 +91,12 @@ TEST_F(McpServerTest, ToolCallsBecomeAppRequestsBoundToTheSession) {
   const json set = {{"key", "battery_floor"}, {"value", "30"}, {"extra", {1, 2}}};
   // An unbounded hold gets the session's process and 2 hours; the owner is always the session.
   const std::vector<std::tuple<std::string, json, json>> rows = {
-      {"vigilo_keep_awake", json::object(), {"hold", {{"pid", 4242}, {"minutes", 120}, {"owner", 4242}}, 8}},
-      {"vigilo_keep_awake", {{"minutes", 30}, {"owner", 1}}, {"hold", {{"minutes", 30}, {"owner", 4242}}, 8}},
+      {"vigilo_keep_awake", {{"reason", "x"}}, {"hold", {{"reason", "x"}, {"pid", 4242}, {"minutes", 120}, {"owner", 4242}}, 8}},
+      {"vigilo_keep_awake", {{"reason", "x"}, {"minutes", 30}, {"owner", 1}},
+       {"hold", {{"reason", "x"}, {"minutes", 30}, {"owner", 4242}}, 8}},
       {"vigilo_keep_awake", {{"reason", "x"}, {"pid", 7}}, {"hold", {{"reason", "x"}, {"pid", 7}, {"owner", 4242}}, 8}},
-      {"vigilo_keep_awake", {{"minutes", nullptr}}, {"hold", {{"minutes", 120}, {"pid", 4242}, {"owner", 4242}}, 8}},
+      {"vigilo_keep_awake", {{"reason", "x"}, {"minutes", nullptr}},
+       {"hold", {{"reason", "x"}, {"minutes", 120}, {"pid", 4242}, {"owner", 4242}}, 8}},
       {"vigilo_release", {{"hold_id", "a1b2"}}, {"release_own", {{"id", "a1b2"}, {"pid", 4242}}, 8}},
       {"vigilo_release", json::object(), {"release_pid", {{"pid", 4242}}, 8}},
       {"vigilo_release", {{"hold_id", ""}}, {"release_pid", {{"pid", 4242}}, 8}},
@@ -155,6 +157,12 @@ TEST_F(McpServerTest, BadRequestsGetTheRightErrorAndReachNoApp) {
       {"vigilo_keep_awake", {{"reason", "r"}, {"minutes", {{"h", 2}}}}, R"(minutes must be a number, not {"h":2})"},
       {"vigilo_keep_awake", {{"reason", "r"}, {"pid", 1.5}}, "pid must be a whole number, not 1.5"},
       {"vigilo_keep_awake", {{"reason", 7}}, "reason must be a text, not 7"},
+      // Numbers written as text, and required arguments left out or null.
+      {"vigilo_keep_awake", {{"reason", "r"}, {"pid", "1"}}, R"(pid must be a whole number, not "1")"},
+      {"vigilo_keep_awake", {{"reason", "r"}, {"minutes", "30"}}, R"(minutes must be a number, not "30")"},
+      {"vigilo_keep_awake", {{"minutes", 30}},
+       "reason is required: Short reason shown to the user, e.g. 'Training the model'"},
+      {"vigilo_set_app_rule", {{"app", "Slack"}, {"rule", nullptr}}, "rule is required: leave, slow, pause or default"},
       {"vigilo_release", {{"hold_id", 12}}, "hold_id must be a text, not 12"},
       {"vigilo_watch_app", {{"app", "x"}, {"remove", "yes"}}, R"(remove must be true or false, not "yes")"},
   };
@@ -165,6 +173,21 @@ TEST_F(McpServerTest, BadRequestsGetTheRightErrorAndReachNoApp) {
     EXPECT_EQ(replyOf(r), json({{"ok", false}, {"error", error}}));
   }
   EXPECT_TRUE(sent_.empty());
+}
+
+TEST_F(McpServerTest, IdsComeBackAsTheyWereWritten) {
+  // Numbers no 64-bit integer or double holds exactly, and other spellings.
+  for (const std::string id : {"123456789012345678901234567890", "-9223372036854775809", "18446744073709551616",
+                               "1.10", "1e5", "18446744073709551615", "-7", "\"x\""}) {
+    SCOPED_TRACE(id);
+    const std::string line = R"({"jsonrpc":"2.0","method":"ping","id":)" + id + "}";
+    const auto out = McpServer(context()).handleLine(line);
+    ASSERT_TRUE(out);
+    EXPECT_NE(out->find("\"id\":" + id + ","), std::string::npos) << *out;
+    EXPECT_EQ(json::parse(*out)["result"], json::object());
+    const auto unknown = McpServer(context()).handleLine(R"({"id":)" + id + R"(,"id":)" + id + R"(,"method":"x"})");
+    EXPECT_NE(unknown.value_or("").find("\"id\":" + id + ","), std::string::npos);
+  }
 }
 
 TEST_F(McpServerTest, StreamAnswersRequestsOnlyAndEndsWithItsInput) {

@@ -215,6 +215,30 @@ TEST_F(AgentScenarioTest, AnEventBelongsToTheProcessThatSentItAndNoOther) {
   EXPECT_EQ(status(), awake("Claude Code is working in other"));
 }
 
+TEST_F(AgentScenarioTest, TheNewestSessionOfAProcessIsItsOwnAndANestedAgentIsAnother) {
+  // Given Claude Code resumed on one process: the session it left ("s0",
+  // sorting first) ended without SessionEnd; the new one ("s1") works.
+  const auto claude = start();
+  launch();
+  hook(claude, "Stop", {{"session_id", "s0"}});
+  advance(10);
+  hook(claude, "UserPromptSubmit");
+  advance(120);
+  EXPECT_EQ(status(), awake("Claude Code is working in vigilo"));
+
+  // Its shell tool runs `claude -p` ("s00"), which stops: that is a session
+  // of its own, and the outer one works on past the quiet minute.
+  const auto shell = laptop().startProcess("/bin/bash", {"bash", "-c", "claude -p review"}, claude);
+  const auto nested = laptop().startProcess("/usr/local/bin/claude", {"claude", "-p", "review"}, shell);
+  hook(nested, "UserPromptSubmit", {{"session_id", "s00"}});
+  hook(nested, "Stop", {{"session_id", "s00"}});
+  advance(120);
+  std::vector<std::tuple<std::string, std::vector<std::int32_t>, std::optional<AgentState>>> seen;
+  for (const AgentSession& s : work_->sessions()) seen.emplace_back(s.id, s.pids, s.state);
+  EXPECT_EQ(seen, (decltype(seen){{"s1", {claude}, AgentState::Working}, {"s00", {nested}, AgentState::Finished}}));
+  EXPECT_TRUE(engine_->holding());
+}
+
 TEST_F(AgentScenarioTest, TheHoldEndsWithTheNameOfTheAgentThatWorkedLast) {
   const auto claude = start();
   const auto bot = start("/opt/bot/bin/bot", "/home/me/bot");
