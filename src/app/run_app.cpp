@@ -21,6 +21,7 @@
 #include "commands/command_center.h"
 #include "engine/engine.h"
 #include "engine/log.h"
+#include "platform/leftovers.h"
 #include "integrations/auto_approve.h"
 #include "platform/linux/host_processes.h"
 #include "platform/linux/linux_platform.h"
@@ -229,6 +230,20 @@ int runApp(const std::vector<std::string>& args) {
       return 1;
     }
     if (!recordMachine(folder, simulateFile)) say("warning: couldn't record which machine " + folder + " belongs to");
+    // Temporary files of writes a crash cut short: in the app folder and its
+    // own folders, beside the agents' settings files Vigilo edits, and beside
+    // the simulated laptop's file.
+    const AgentPlaces places = AgentPlaces::fromEnvironment();
+    int leftovers = removeLeftoverTemps(folder, 2);
+    for (const std::string& edited : {places.claudeSettings(), places.codexConfig()}) {
+      const std::filesystem::path p(edited);
+      leftovers += removeLeftoverTemps(p.parent_path().string(), 0, p.filename().string() + ".");
+    }
+    if (!simulateFile.empty()) {
+      const std::filesystem::path p(simulateFile);
+      leftovers += removeLeftoverTemps(p.parent_path().string(), 0, p.filename().string() + ".");
+    }
+    if (leftovers > 0) say("Removed " + std::to_string(leftovers) + " temporary file(s) left by an earlier crash");
   }
   // The desktop's notifications and chime, also for the simulated laptop:
   // the person watching it sits at a real desktop.
@@ -240,6 +255,9 @@ int runApp(const std::vector<std::string>& args) {
   engine.setWorkSource(&work);
   engine.setPowerMeter(&power);
   AutoApprove approve(folder, AgentPlaces::fromEnvironment(), clock);
+  if (!options->preview) {
+    if (auto dropped = approve.dropUnapplied()) say(*dropped);
+  }
   ApproveJobs approveJobs(approve, &work, [](const std::string& line) { say(line); });
   engine.addSlowJobs(&approveJobs);
   // The safety net: the watchdog script is rewritten at launch and checked

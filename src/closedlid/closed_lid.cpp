@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <unistd.h>
 
+#include "engine/records.h"
 #include "engine/log.h"
 #include "power/energy_sampler.h"
 
@@ -468,12 +469,12 @@ void ClosedLid::restorePowerMode() {
   const StateFiles& f = engine_.files();
   auto line = f.read(kPowerModeRestoreFile);
   if (!line) return;
-  char key[32] = {0};
-  int value = 0;
-  if (std::sscanf(line->c_str(), "%31s %d", key, &value) != 2) {
+  const auto mode = powerModeRecord(*line);
+  if (!mode) {
     f.remove(kPowerModeRestoreFile);
     return;
   }
+  const auto& [key, value] = *mode;
   PowerControl& power = engine_.platform().power();
   // Someone switched Low Power Mode off meanwhile: nothing left to undo.
   if (auto now = power.batteryPowerMode(); now && now->value != 1) {

@@ -19,6 +19,8 @@
 #include "agents/careful_file.h"
 #include "engine/hold.h"
 #include "commands/app_folder.h"
+#include "engine/log.h"
+#include "engine/records.h"
 #include "platform/files.h"
 #include "platform/private_folder.h"
 #include "platform/socket_listener.h"
@@ -154,16 +156,22 @@ std::optional<pid_t> runningApp(const std::string& appFolder) {
 std::string timeoutError() { return kTimeoutErrorLinux; }
 
 std::optional<std::string> recordedMachine(const std::string& appFolder) {
-  auto bytes = readWholeFile(appFolder + "/" + kMachineFile, 64 * 1024);
-  if (!bytes || !jsonNestingWithin(*bytes, 4)) return std::nullopt;
-  auto j = nlohmann::json::parse(*bytes, nullptr, false);
-  if (!j.is_object()) return std::nullopt;
-  const std::string machine = j.value("machine", std::string());
-  if (machine == "real") return std::string();
-  auto file = j.find("file");
-  if (machine == "sim" && file != j.end() && file->is_string() && !file->get<std::string>().empty()) {
-    return file->get<std::string>();
+  const StateFiles files(appFolder);
+  const auto record = readRecord(files, kMachineFile, 64 * 1024);
+  if (!record.bytes && !record.damaged) return std::nullopt;
+  if (record.bytes && jsonNestingWithin(*record.bytes, 4)) {
+    const auto j = nlohmann::json::parse(*record.bytes, nullptr, false);
+    const auto machine = j.is_object() ? j.find("machine") : j.end();
+    if (j.is_object() && machine != j.end() && machine->is_string()) {
+      if (*machine == "real") return std::string();
+      const auto file = j.find("file");
+      if (*machine == "sim" && file != j.end() && file->is_string() && !file->get<std::string>().empty()) {
+        return file->get<std::string>();
+      }
+    }
   }
+  logLine("vigilo: " + setAsideDamaged(files, kMachineFile, "Vigilo's note of which machine its folder belongs to",
+                                             "the app notes it again when it starts", wallNow()));
   return std::nullopt;
 }
 

@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "engine/log.h"
+#include "engine/records.h"
 
 namespace vigilo {
 namespace {
@@ -753,33 +754,67 @@ void Engine::saveRuntime() {
 }
 
 void Engine::restoreRuntime() {
-  auto bytes = files_.read(kRuntimeFile);
-  holds_ = bytes ? decodeRuntime(*bytes) : std::vector<Hold>{};
+  // The app tells the person; rescue and the watchdog have only the log.
+  const auto tellDamaged = [this](const std::string& message) {
+    if (!notice_) logLine("Vigilo: " + message);
+    tell("A record of Vigilo's was damaged", message);
+  };
+  holds_.clear();
+  const auto record = readRecord(files_, kRuntimeFile);
+  bool damaged = record.damaged;
+  if (record.bytes) {
+    // decodeRuntime skips bad entries; a file that isn't the record at all
+    // is damaged.
+    const auto j = nlohmann::json::parse(*record.bytes, nullptr, false);
+    damaged = !j.is_object() || !j.contains("holds") || !j["holds"].is_array();
+    holds_ = decodeRuntime(*record.bytes);
+  }
+  if (damaged && !options_.preview) {
+    tellDamaged(setAsideDamaged(files_, kRuntimeFile, "Vigilo's list of holds", "holds made before it are gone", now()));
+  }
 }
 
 std::vector<std::string> Engine::putBackRecords() {
   std::vector<std::string> failed;
+  // The app tells the person; rescue and the watchdog have only the log.
+  const auto tellDamaged = [this](const std::string& message) {
+    if (!notice_) logLine("Vigilo: " + message);
+    tell("A record of Vigilo's was damaged", message);
+  };
   journal_.undoLegacyFiles();
-  touched_ = journal_.undo(journal_.load());
-  journal_.save(touched_);
+  const auto record = readRecord(files_, kTouchedFile);
+  bool damaged = record.damaged;
+  if (record.bytes) damaged = !nlohmann::json::parse(*record.bytes, nullptr, false).is_array();
+  if (damaged) {
+    // The list the watchdog reads still names the paused apps.
+    const auto left = undoResumePids(files_, platform_.processes());
+    for (const auto& line : left) failed.push_back("paused process " + line.substr(0, line.find('\t')));
+    tellDamaged(setAsideDamaged(files_, kTouchedFile, "Vigilo's list of the apps it paused or slowed",
+                                       left.empty() ? "any paused app still named in resume-pids was continued"
+                                                    : "some paused apps couldn't be continued yet",
+                                       now()));
+    touched_.clear();
+    if (left.empty()) files_.remove(kResumePidsFile);
+  } else {
+    touched_ = journal_.undo(journal_.load());
+    journal_.save(touched_);
+  }
   for (const Touched& t : touched_) {
     failed.push_back(std::string(t.paused ? "paused" : "slowed") + " process " + std::to_string(t.pid) + " (" +
                      t.path + ")");
   }
 
   PowerControl& power = platform_.power();
-  if (auto line = files_.read(kPowerModeRestoreFile)) {
-    char key[32] = {0};
-    int value = 0;
-    if (std::sscanf(line->c_str(), "%31s %d", key, &value) == 2) {
-      if (Result r = power.restorePowerMode(key, value)) {
+  if (const auto record = readRecord(files_, kPowerModeRestoreFile, 1024); record.bytes || record.damaged) {
+    if (auto mode = record.bytes ? powerModeRecord(*record.bytes) : std::nullopt) {
+      if (Result r = power.restorePowerMode(mode->first, mode->second)) {
         files_.remove(kPowerModeRestoreFile);
       } else {
         failed.push_back("the battery power mode (" + r.message() + ")");
       }
     } else {
-      logLine("Vigilo: dropped an unreadable powermode-restore record: " + *line);
-      files_.remove(kPowerModeRestoreFile);
+      tellDamaged(setAsideDamaged(files_, kPowerModeRestoreFile, "Vigilo's record of the power mode to put back",
+                                         "the power mode stays as it is now", now()));
     }
   }
   if (files_.exists(kTimeMachineRestoreFile)) {
@@ -796,10 +831,11 @@ std::vector<std::string> Engine::putBackRecords() {
       failed.push_back("the built-in screen (" + r.message() + ")");
     }
   }
-  if (auto text = files_.read(kBrightnessRestoreFile)) {
+  if (const auto record = readRecord(files_, kBrightnessRestoreFile, 1024); record.bytes || record.damaged) {
+    const std::string text = record.bytes.value_or("");
     char* end = nullptr;
-    double level = std::strtod(text->c_str(), &end);
-    if (end != text->c_str() && std::isfinite(level)) {
+    double level = std::strtod(text.c_str(), &end);
+    if (record.bytes && end != text.c_str() && std::isfinite(level)) {
       // A session that began on a dark screen must not leave a black one.
       if (level <= 0.02) level = 0.5;
       if (Result r = platform_.displays().setBrightness(std::clamp(level, 0.0, 1.0))) {
@@ -808,8 +844,8 @@ std::vector<std::string> Engine::putBackRecords() {
         failed.push_back("the screen brightness (" + r.message() + ")");
       }
     } else {
-      logLine("Vigilo: dropped an unreadable brightness-restore record");
-      files_.remove(kBrightnessRestoreFile);
+      tellDamaged(setAsideDamaged(files_, kBrightnessRestoreFile, "Vigilo's record of the screen brightness to put back",
+                                         "the brightness stays as it is now", now()));
     }
   }
   return failed;

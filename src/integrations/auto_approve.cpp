@@ -9,6 +9,7 @@
 #include "engine/work_detection.h"
 #include "integrations/toml_top.h"
 #include "platform/files.h"
+#include "platform/sha256.h"
 
 namespace vigilo {
 namespace {
@@ -82,6 +83,20 @@ std::string resolved(const std::string& path) {
 }
 
 }  // namespace
+
+bool approveEditInForce(const std::string& base) {
+  // Each ".target" is written after its restore copy and before the edit.
+  const auto targetText = readWholeFile(base + ".target", 64 * 1024);
+  if (!targetText) return false;
+  std::string target = *targetText;
+  while (!target.empty() && (target.back() == '\n' || target.back() == '\r')) target.pop_back();
+  std::error_code ec;
+  if (target.empty() || !std::filesystem::exists(std::filesystem::symlink_status(target, ec))) return false;
+  const auto current = readWholeFile(target);
+  const auto restored = readWholeFile(base + ".restored");
+  // Unreadable either way: it can't be told to be back, so it counts.
+  return !current || !restored || sha256Hex(*current) != sha256Hex(*restored);
+}
 
 AutoApprove::AutoApprove(std::string appFolder, AgentPlaces places, const Clock& clock)
     : files_(std::move(appFolder)), places_(std::move(places)), clock_(clock) {}
@@ -389,6 +404,25 @@ std::string AutoApprove::turnOff(bool* ok) {
   }
   if (ok) *ok = true;
   return kOffMessage;
+}
+
+std::optional<std::string> AutoApprove::dropUnapplied() const {
+  auto j = journal();
+  if (!j) return std::nullopt;
+  const bool claude = flag(*j, "claudeTouched");
+  const bool codex = flag(*j, "codexTouched");
+  // Nothing to change is a state of its own: on, with nothing to put back.
+  if (!claude && !codex) return std::nullopt;
+  const std::string folder = files_.path(kApproveRestoreFolder);
+  for (const char* name : {"claude", "codex"}) {
+    if (!(name == std::string("claude") ? claude : codex)) continue;
+    if (approveEditInForce(folder + "/" + name)) return std::nullopt;
+  }
+  std::error_code ec;
+  std::filesystem::remove_all(folder, ec);
+  if (ec || !files_.remove(kAutoApproveFile)) return std::nullopt;
+  return "Approve everything is off: Vigilo stopped before its change to the agents' settings took effect, so its "
+         "record was removed.";
 }
 
 void AutoApprove::markWork() {

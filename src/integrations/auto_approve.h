@@ -18,6 +18,12 @@ class AgentWork;
 inline constexpr std::string_view kAutoApproveFile = "auto-approve.json";
 inline constexpr std::string_view kApproveRestoreFolder = "approve-restore";
 
+// Whether the agent file that the restore copies at `base` (the folder and
+// "claude" or "codex") stand for may still hold Vigilo's edit: false when
+// the copy never got its ".target" (written last, before the edit), when the
+// file is gone, or when it holds exactly the bytes to put back.
+bool approveEditInForce(const std::string& base);
+
 // "Approve everything": Claude Code and Codex run commands, edit files and
 // use the network without asking, until it is turned off, a time passes or
 // the work finishes; then the person's own settings are put back. Every
@@ -48,6 +54,12 @@ class AutoApprove {
   std::string turnOff(bool* ok = nullptr);
   // Agent work was seen since it was turned on.
   void markWork();
+  // A record whose change never took effect: Vigilo stopped after saving it
+  // but before editing the agents' files (or after putting them back but
+  // before removing it), so every file it names still holds what it held
+  // before. Removes the record and its restore copies and gives the sentence
+  // that says so; nothing when the record is off, damaged or in force.
+  std::optional<std::string> dropUnapplied() const;
   // The reason to end it now, or nothing: "retry", "Its time was up", "No
   // work started for a day" or "The work finished".
   std::optional<std::string> expiry(bool holdingForWork, Time now) const;

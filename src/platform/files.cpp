@@ -1,10 +1,14 @@
 #include "platform/files.h"
 #include "platform/private_folder.h"
+#include "platform/leftovers.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <filesystem>
 #include <pwd.h>
 #include <vector>
@@ -197,6 +201,63 @@ std::optional<std::string> readWholeFile(const std::string& path, std::size_t li
     if (out.size() > limit) return std::nullopt;
   }
   return out;
+}
+
+namespace {
+
+// Whether `name` is one of Vigilo's temporary names, and the writer's pid
+// when the name carries one.
+bool isTempName(std::string_view name, std::optional<pid_t>* pid) {
+  *pid = std::nullopt;
+  if (name.size() > kTempSuffix.size() && name.substr(name.size() - kTempSuffix.size()) == kTempSuffix) {
+    std::string_view rest = name.substr(0, name.size() - kTempSuffix.size());
+    const auto dot = rest.rfind('.');
+    if (dot != std::string_view::npos && dot + 1 < rest.size() && rest.size() - dot - 1 <= 9 &&
+        rest.find_first_not_of("0123456789", dot + 1) == std::string_view::npos) {
+      *pid = static_cast<pid_t>(std::strtol(std::string(rest.substr(dot + 1)).c_str(), nullptr, 10));
+    }
+    return true;
+  }
+  // The watchdog script's mktemp names: ".vigilo-tmp." and six characters.
+  const std::string marker = std::string(kTempSuffix) + ".";
+  return name.size() > marker.size() + 6 && name.substr(name.size() - 6 - marker.size(), marker.size()) == marker;
+}
+
+int removeTemps(int dirFd, std::string_view prefix, int depth, std::time_t now) {
+  DIR* dir = ::fdopendir(dirFd);
+  if (dir == nullptr) {
+    ::close(dirFd);
+    return 0;
+  }
+  int removed = 0;
+  while (const dirent* entry = ::readdir(dir)) {
+    const std::string_view name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    struct stat st {};
+    if (::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    if (S_ISDIR(st.st_mode)) {
+      if (depth <= 0) continue;
+      const int sub = ::openat(::dirfd(dir), entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      if (sub >= 0) removed += removeTemps(sub, {}, depth - 1, now);
+      continue;
+    }
+    if (!prefix.empty() && name.substr(0, prefix.size()) != prefix) continue;
+    std::optional<pid_t> pid;
+    if (!isTempName(name, &pid)) continue;
+    const bool writerGone = pid && *pid > 0 && ::kill(*pid, 0) != 0 && errno == ESRCH;
+    const bool old = now - st.st_mtime >= 60;
+    if ((writerGone || old) && ::unlinkat(::dirfd(dir), entry->d_name, 0) == 0) ++removed;
+  }
+  ::closedir(dir);
+  return removed;
+}
+
+}  // namespace
+
+int removeLeftoverTemps(const std::string& folder, int depth, std::string_view prefix) {
+  const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  return removeTemps(fd, prefix, depth, std::time(nullptr));
 }
 
 std::string cutUtf8(std::string_view text, std::size_t maxBytes) {

@@ -2,7 +2,10 @@
 
 #include <filesystem>
 
+#include <nlohmann/json.hpp>
+
 #include "engine/log.h"
+#include "integrations/auto_approve.h"
 #include "platform/files.h"
 #include "platform/sha256.h"
 
@@ -59,11 +62,27 @@ std::vector<std::string> restoreApproveFiles(const StateFiles& files) {
   std::vector<std::string> left;
   const std::string folder = files.path(kApproveShellFolder);
   std::error_code ec;
-  if (!files.exists(kApproveRecordFile) || !fs::is_directory(folder, ec)) return left;
+  if (!files.exists(kApproveRecordFile)) return left;
+  if (!fs::is_directory(folder, ec)) {
+    // The restore copies come before any edit: a record that names a change
+    // but has none was stopped before it made one.
+    const auto record = files.read(kApproveRecordFile, 1024 * 1024);
+    const auto j = record ? nlohmann::json::parse(*record, nullptr, false) : nlohmann::json();
+    const auto touched = [&j](const char* key) {
+      auto it = j.is_object() ? j.find(key) : j.end();
+      return it != j.end() && *it == true;
+    };
+    if (touched("claudeTouched") || touched("codexTouched")) files.remove(kApproveRecordFile);
+    return left;
+  }
   for (const char* name : {"claude", "codex"}) {
     const std::string base = folder + "/" + name;
     auto targetText = readWholeFile(base + ".target", 64 * 1024);
-    if (!targetText) continue;
+    if (!targetText || !approveEditInForce(base)) {
+      // Never edited, or already as it was.
+      for (const char* ext : {".target", ".sha", ".restored"}) fs::remove(base + ext, ec);
+      continue;
+    }
     const std::string target = trimmed(*targetText);
     auto current = readWholeFile(target);
     auto stored = readWholeFile(base + ".sha", 1024);

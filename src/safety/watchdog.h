@@ -38,8 +38,10 @@ class Watchdog final : public SlowJobs {
 
 // Puts back the agents' settings files that "Approve everything" left in
 // the shell restore folder, each only while it still holds exactly what
-// Vigilo left there; removes the folder and "auto-approve.json" once all are
-// back. Gives a line for each file left for the app.
+// Vigilo left there; a file never edited (still as it was) needs nothing.
+// Removes the folder and "auto-approve.json" once all are back, and a record
+// that names a change but has no restore folder, since the folder comes
+// before any edit. Gives a line for each file left for the app.
 std::vector<std::string> restoreApproveFiles(const StateFiles& files);
 
 // `vigilo cli watchdog`, which the script runs when the heartbeat is stale:

@@ -21,22 +21,42 @@ case "$since" in '' | *[!0-9]* | 0?* | ????????????????*) since=$now ;; esac
 // "Approve everything": `sum` is the command that prints a file's SHA-256.
 std::string restoreApprove(const std::string& sum) {
   return R"SH(# "Approve everything": put back each agent's settings file that still holds
-# exactly what Vigilo left there; one changed since is left for the app.
+# exactly what Vigilo left there; one changed since is left for the app. The
+# restore copies are all written before the first edit and each ".target"
+# last, so a file whose copy has no ".target", or that still holds the bytes
+# to put back, was never changed.
 restore_approve() {
-  [ -f "$D/auto-approve.json" ] && [ -d "$D/approve-restore" ] || return 0
+  [ -f "$D/auto-approve.json" ] || return 0
   R="$D/approve-restore"
+  if [ ! -d "$R" ]; then
+    # Stopped before the restore copies were written: no edit happened.
+    grep -q -e '"claudeTouched": true' -e '"codexTouched": true' "$D/auto-approve.json" 2>/dev/null &&
+      rm -f "$D/auto-approve.json"
+    return 0
+  fi
   left=0
   for name in claude codex; do
-    [ -f "$R/$name.target" ] || continue
+    if [ ! -f "$R/$name.target" ]; then
+      rm -f "$R/$name.sha" "$R/$name.restored"
+      continue
+    fi
     target=$(cat "$R/$name.target")
     sum=$()SH" + sum + R"SH( "$target" 2>/dev/null)
     sum=${sum%% *}
-    if [ -f "$target" ] && [ -n "$sum" ] && [ "$sum" = "$(cat "$R/$name.sha" 2>/dev/null)" ] &&
-      cp "$R/$name.restored" "$target.vigilo-tmp" && mv -f "$target.vigilo-tmp" "$target"; then
+    was=$()SH" + sum + R"SH( "$R/$name.restored" 2>/dev/null)
+    was=${was%% *}
+    tmp=
+    if [ -n "$target" ] && { [ ! -e "$target" ] || { [ -n "$sum" ] && [ "$sum" = "$was" ]; }; }; then
+      # Never edited, or already as it was.
+      rm -f "$R/$name.target" "$R/$name.sha" "$R/$name.restored"
+    elif [ -f "$target" ] && [ -n "$sum" ] && [ "$sum" = "$(cat "$R/$name.sha" 2>/dev/null)" ] &&
+      tmp=$(mktemp "$target.vigilo-tmp.XXXXXX") && cat "$R/$name.restored" >"$tmp" && mv -f "$tmp" "$target"; then
       # Done: a later run must not mistake the restored file for a changed one.
       rm -f "$R/$name.target" "$R/$name.sha" "$R/$name.restored"
     else
-      [ -n "$target" ] && rm -f "$target.vigilo-tmp"
+      # A fresh name of our own (mktemp), never a fixed one a link could be
+      # planted at.
+      [ -n "$tmp" ] && rm -f "$tmp"
       left=1
     fi
   done

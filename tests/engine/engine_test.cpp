@@ -1,6 +1,8 @@
 #include "engine_fixture.h"
 
 #include <fcntl.h>
+#include <functional>
+#include <map>
 #include <sys/stat.h>
 
 namespace vigilo::test {
@@ -471,18 +473,54 @@ TEST_F(EngineTest, BrokenSettingsFileIsKeptAsideAndDefaultsWrittenWithTheSafetyB
   EXPECT_EQ(Config::decode(readFile(folder_ + "/config.json")), expected);
 }
 
-TEST_F(EngineTest, DamagedStateFilesNeverStopTheApp) {
+TEST_F(EngineTest, DamagedRecordsAreSetAsideSaidAndWhatTheyStillTellIsPutBack) {
+  // Given a paused app that only the watchdog's list still names, and each
+  // record damaged in one way at a time.
+  const std::int32_t paused = laptop().startProcess("/usr/bin/xcodebuild");
   std::filesystem::create_directories(folder_);
-  for (const std::string& content : {std::string(), std::string("{\"holds\": [{\"id\": \"A\", \"reas"),
-                                    std::string("[1,2,3]"), std::string("{\"holds\": {\"id\": 5}}"),
-                                    std::string(100000, '[')}) {
-    writeFile(folder_ + "/runtime.json", content);
-    writeFile(folder_ + "/safety.json", content);
-    writeFile(folder_ + "/touched.json", content);
+  const std::map<std::string, std::string> wrongType = {{"runtime.json", R"({"holds": {"id": 5}})"},
+                                                        {"touched.json", R"({"pid": 1, "start": 2})"},
+                                                        {"powermode-restore", "powermode 7\n"},
+                                                        {"brightness-restore", "bright"}};
+  using Plant = std::function<void(const std::string& path, const std::string& name)>;
+  const std::vector<std::pair<const char*, Plant>> damages = {
+      {"wrong type", [&](const std::string& p, const std::string& n) { writeFile(p, wrongType.at(n)); }},
+      {"truncated", [](const std::string& p, const std::string&) { writeFile(p, "[{\"pid\": 4, \"sta"); }},
+      {"binary", [](const std::string& p, const std::string&) { writeFile(p, std::string("\0\xff\xfe\x01", 4)); }},
+      {"empty", [](const std::string& p, const std::string&) { writeFile(p, ""); }},
+      {"huge", [](const std::string& p, const std::string&) {
+         writeFile(p, "[]");
+         std::filesystem::resize_file(p, 17 * 1024 * 1024);
+       }},
+      {"a folder", [](const std::string& p, const std::string&) { std::filesystem::create_directory(p); }},
+      {"a link", [&](const std::string& p, const std::string& n) {
+         writeFile(dir_.file("elsewhere-" + n), "[]");
+         std::filesystem::create_symlink(dir_.file("elsewhere-" + n), p);
+       }},
+  };
+  for (const auto& [how, plant] : damages) {
+    SCOPED_TRACE(how);
+    for (const auto& e : std::filesystem::directory_iterator(folder_)) std::filesystem::remove_all(e.path());
+    for (const auto& [name, unused] : wrongType) plant(folder_ + "/" + name, name);
+    writeFile(folder_ + "/resume-pids", std::to_string(paused) + "\t/usr/bin/xcodebuild\n");
+    laptop().stop(paused);
     engine_.reset();
+    notices_.clear();
     launch();
+    EXPECT_FALSE(laptop().process(paused)->stopped);
     EXPECT_TRUE(engine().holds().empty());
-    EXPECT_FALSE(engine().holding());
+    EXPECT_TRUE(engine().outstandingChanges().empty()) << ::testing::PrintToString(engine().outstandingChanges());
+    std::vector<std::string> aside;
+    for (const auto& e : std::filesystem::directory_iterator(folder_)) {
+      const std::string n = e.path().filename().string();
+      if (n.find(".broken-") != std::string::npos) aside.push_back(n.substr(0, n.find(".broken-")));
+    }
+    std::sort(aside.begin(), aside.end());
+    EXPECT_THAT(aside, ElementsAre("brightness-restore", "powermode-restore", "runtime", "touched"));
+    const auto said = std::count_if(notices_.begin(), notices_.end(), [](const std::string& n) {
+      return n.find(") was damaged and was set aside as ") != std::string::npos;
+    });
+    EXPECT_EQ(said, 4) << ::testing::PrintToString(notices_);
   }
 }
 

@@ -1,5 +1,6 @@
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -8,6 +9,7 @@
 #include "engine/engine.h"
 #include "integrations/auto_approve.h"
 #include "integrations/toml_top.h"
+#include "safety/watchdog.h"
 #include "test_support.h"
 
 namespace vigilo::test {
@@ -119,6 +121,54 @@ TEST_F(AutoApproveTest, ACrashWhileOnLeavesWhatTheShellRestoreNeeds) {
   EXPECT_TRUE(ok);
   EXPECT_EQ(json::parse(readFile(claudePath()))["permissions"]["defaultMode"], "acceptEdits");
   EXPECT_FALSE(fileExists(folder));
+}
+
+TEST_F(AutoApproveTest, KilledBeforeItsEditTheRecordIsDroppedByTheAppAndTheWatchdog) {
+  // Given the app folder as it stood just before the first edit, which is
+  // what a kill at that moment leaves behind.
+  const std::string app = dir_.file("app");
+  const std::string snapshot = dir_.file("snapshot");
+  AutoApprove a = approve();
+  a.beforeWrite = [&] {
+    if (!fileExists(snapshot)) std::filesystem::copy(app, snapshot, std::filesystem::copy_options::recursive);
+  };
+  bool ok = false;
+  a.turnOn(AutoApprove::Ends::Manual, {}, &ok);
+  ASSERT_TRUE(ok);
+  // Applied: neither drops a record whose edit is in force.
+  EXPECT_EQ(approve().dropUnapplied(), std::nullopt);
+  EXPECT_TRUE(approve().isOn());
+
+  struct Kill {
+    const char* when;
+    std::function<void()> cut;  // from the snapshot to what that kill leaves
+  };
+  const std::vector<Kill> kills = {
+      {"after the restore copies", [] {}},
+      {"before any restore copy", [&] { std::filesystem::remove_all(appFile("approve-restore")); }},
+      {"before Codex's target", [&] { std::filesystem::remove(appFile("approve-restore/codex.target")); }},
+  };
+  for (const Kill& k : kills) {
+    for (const bool byWatchdog : {false, true}) {
+      SCOPED_TRACE(std::string(k.when) + (byWatchdog ? ", watchdog" : ", app"));
+      std::filesystem::remove_all(app);
+      std::filesystem::copy(snapshot, app, std::filesystem::copy_options::recursive);
+      k.cut();
+      writeFile(claudePath(), kClaudeOriginal);
+      writeFile(codexPath(), kCodexOriginal);
+      if (byWatchdog) {
+        EXPECT_TRUE(restoreApproveFiles(StateFiles(app)).empty());
+      } else {
+        EXPECT_EQ(approve().dropUnapplied(),
+                  "Approve everything is off: Vigilo stopped before its change to the agents' settings took effect, "
+                  "so its record was removed.");
+      }
+      EXPECT_FALSE(approve().isOn());
+      EXPECT_FALSE(fileExists(appFile("approve-restore")));
+      EXPECT_EQ(readFile(claudePath()), kClaudeOriginal);
+      EXPECT_EQ(readFile(codexPath()), kCodexOriginal);
+    }
+  }
 }
 
 TEST_F(AutoApproveTest, RefusalsChangeNothing) {

@@ -225,5 +225,54 @@ TEST_F(MacWatchdogScriptTest, ApproveEverythingIsPutBackOnlyWhereTheFileIsAsVigi
   EXPECT_FALSE(std::filesystem::exists(r));
 }
 
+TEST_F(MacWatchdogScriptTest, ApproveRestoreNeverWritesThroughALinkAndDropsARecordWhoseEditNeverHappened) {
+  removeApp();
+  const std::string claude = dir_.file("claude-settings.json");
+  const std::string victim = dir_.file("victim");
+  const std::string r = folder_ + "/approve-restore";
+  ProcessRunner runner;
+  auto sha = [&](const std::string& path) { return runner.run({"/usr/bin/sha256sum", path}).output.substr(0, 64); };
+  const std::string record = "{\n  \"claudeTouched\": true,\n  \"codexTouched\": false,\n  \"ends\": \"manual\"\n}\n";
+  struct Case {
+    const char* what;
+    bool folder;        // the restore copies were written
+    bool edited;        // the Claude file holds Vigilo's edit
+    std::string after;  // the Claude file after the run
+  };
+  const std::vector<Case> cases = {
+      {"edited, a link planted at the old temporary name", true, true, "{}"},
+      {"killed before the edit", true, false, "{\"mine\": 1}"},
+      {"killed before the restore copies", false, false, "{\"mine\": 1}"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::filesystem::remove_all(r);
+    writeFile(victim, "keep");
+    writeFile(claude, c.edited ? "{\"permissions\":{\"defaultMode\":\"bypassPermissions\"}}" : "{\"mine\": 1}");
+    std::filesystem::remove(claude + ".vigilo-tmp");
+    std::filesystem::create_symlink(victim, claude + ".vigilo-tmp");
+    put("auto-approve.json", record);
+    if (c.folder) {
+      std::filesystem::create_directories(r);
+      writeFile(r + "/claude.restored", c.edited ? "{}" : "{\"mine\": 1}");
+      writeFile(r + "/claude.sha", sha(claude) + "\n");
+      if (!c.edited) writeFile(r + "/claude.sha", std::string(64, 'e') + "\n");
+      writeFile(r + "/claude.target", claude + "\n");
+    }
+    run();
+    EXPECT_EQ(readFile(claude), c.after);
+    EXPECT_EQ(readFile(victim), "keep");
+    EXPECT_FALSE(has("auto-approve.json"));
+    EXPECT_FALSE(std::filesystem::exists(r));
+    // Nothing of the script's own is left beside the file.
+    std::vector<std::string> beside;
+    for (const auto& e : std::filesystem::directory_iterator(dir_.path())) {
+      const std::string name = e.path().filename().string();
+      if (name.rfind("claude-settings.json.", 0) == 0) beside.push_back(name);
+    }
+    EXPECT_THAT(beside, ElementsAre("claude-settings.json.vigilo-tmp"));
+  }
+}
+
 }  // namespace
 }  // namespace vigilo::test

@@ -1,5 +1,6 @@
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <sstream>
 
 #include <gmock/gmock.h>
@@ -150,6 +151,42 @@ TEST_F(WatchdogEndToEnd, RescueTurnsApproveEverythingOffOrSaysWhyNot) {
             "Approve everything is off: Claude Code and Codex ask before acting again.\n");
   EXPECT_EQ(readFile(settings), "{}");
   EXPECT_FALSE(inHome("auto-approve.json"));
+}
+
+TEST_F(WatchdogEndToEnd, ADamagedMachineNoteIsSetAsideOnEveryRecoveryPath) {
+  const std::string note = home_ + "/machine.json";
+  const std::vector<std::pair<const char*, std::function<void()>>> damages = {
+      {"machine not text", [&] { writeFile(note, R"({"machine": 5})"); }},
+      {"file not text", [&] { writeFile(note, R"({"machine": "sim", "file": ["x"]})"); }},
+      {"a list", [&] { writeFile(note, R"(["sim"])"); }},
+      {"truncated", [&] { writeFile(note, R"({"machine": "si)"); }},
+      {"binary", [&] { writeFile(note, std::string("\0\x9f\xff{", 4)); }},
+      {"huge", [&] { writeFile(note, "{\"machine\": \"real\", \"pad\": \"" + std::string(100000, 'x') + "\"}"); }},
+      {"empty", [&] { writeFile(note, ""); }},
+      {"a folder", [&] { std::filesystem::create_directories(note); }},
+      {"a link", [&] {
+         writeFile(dir_.file("other.json"), R"({"machine": "real"})");
+         std::filesystem::create_symlink(dir_.file("other.json"), note);
+       }},
+  };
+  const std::vector<std::vector<std::string>> commands = {{"doctor"}, {"rescue"}, {"cli", "watchdog"}};
+  for (const auto& [how, plant] : damages) {
+    for (const auto& command : commands) {
+      SCOPED_TRACE(std::string(how) + ", " + command.back());
+      for (const auto& e : std::filesystem::directory_iterator(home_)) std::filesystem::remove_all(e.path());
+      plant();
+      ToolRun run = runTool(command, home_, {"HOME=" + person_, "VIGILO_SIMULATE=" + state_});
+      EXPECT_TRUE(run.status == 0 || run.status == 1) << run.status << run.err;
+      EXPECT_THAT(run.err, ::testing::HasSubstr("Vigilo's note of which machine its folder belongs to (machine.json) "
+                                                "was damaged and was set aside as machine.broken-"));
+      EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(note)));
+    }
+  }
+  // The app itself starts, and notes its machine afresh.
+  writeFile(note, R"({"machine": {"sim": true}})");
+  startApp({"HOME=" + person_});
+  EXPECT_TRUE(outputHas("(machine.json) was damaged and was set aside as machine.broken-")) << app_->output();
+  EXPECT_THAT(readFile(note), ::testing::HasSubstr("\"sim\""));
 }
 
 }  // namespace
