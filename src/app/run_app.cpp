@@ -290,6 +290,8 @@ int runApp(const std::vector<std::string>& args) {
     }
     return p;
   });
+  // The energy rows and the lid-closed estimate follow what the session does.
+  power.setPlan([&closedLid] { return closedLid.plan(); });
   // What the savings are worth: counted per session into "stats.json", and
   // measured by the power test and the quick estimate.
   Savings savings(engine, closedLid, &power);

@@ -144,8 +144,17 @@ void ClosedLid::reapply(Engine&, bool strictest) {
 }
 
 void ClosedLid::restoreAppsIfOpen(Engine&) {
+  if (active_) return;
   ensureLoaded();
   if (!touched_.empty() || !targeted_.empty()) restoreApps();
+}
+
+void ClosedLid::shutdown(Engine&) {
+  if (active_) {
+    restoreClosedState();
+  } else {
+    restoreApps();
+  }
 }
 
 void ClosedLid::finishSession(Time openedAt) {
@@ -177,6 +186,9 @@ void ClosedLid::reapplyClosedState(std::optional<Preset> forcing, const std::set
   for (std::string_view cls : {kSkipApps, kSkipSimulators, kSkipAudio}) {
     if (savingsOff_.count(std::string(cls))) skip.insert(std::string(cls));
   }
+  // Slowed builds are part of what slowing apps saves: with the apps' saving
+  // off, nothing of it may stay on.
+  if (savingsOff_.count(std::string(kSkipApps))) skip.insert(std::string(kSkipBuilds));
   if (changesAllowed()) {
     if (preset != Preset::FullSpeed && c.lowPowerWhileClosed && !savingsOff_.count("low_power")) {
       setLowPower();
@@ -352,6 +364,12 @@ void ClosedLid::restoreApps() {
   }
   touched_ = std::move(left);
   journal_->save(touched_);
+}
+
+std::map<std::int32_t, AppRule> ClosedLid::plan() {
+  std::map<std::int32_t, AppRule> out;
+  for (const auto& [pid, t] : active_ ? targeted_ : selectTargets(presetInForce())) out[pid] = t.rule;
+  return out;
 }
 
 std::vector<std::string> ClosedLid::unrestored() {

@@ -59,12 +59,13 @@ class ClosedLid final : public ClosedLidSavings {
   void leave(Engine& engine) override;
   void reapply(Engine& engine, bool strictest) override;
   void restoreAppsIfOpen(Engine& engine) override;
+  void shutdown(Engine& engine) override;
 
   // Re-derives every closed-lid change from the settings; `forcing` stands
   // in for the configured preset, `skip` leaves classes out (the power test).
   void reapplyClosedState(std::optional<Preset> forcing, const std::set<std::string>& skip = {});
-  // The savings switched off (the power test): "apps", "simulators" and
-  // "audio" leave those classes alone, "low_power" keeps the user's power
+  // The savings switched off (the power test): "apps" (with the builds),
+  // "simulators" and "audio" leave those classes alone, "low_power" keeps the user's power
   // mode, "screen" keeps the screen lit. Every later reapply honours it
   // until it is set back to empty. Applies at once while a session runs.
   void setSavingsOff(std::set<std::string> off);
@@ -79,6 +80,9 @@ class ClosedLid final : public ClosedLidSavings {
   // Puts back every paused and slowed process; records that could not be
   // put back stay for the next attempt.
   void restoreApps();
+  // What is slowed or paused by pid: the targets while a session runs,
+  // else what would be with the lid shut now.
+  std::map<std::int32_t, AppRule> plan();
 
   // The preset in force: the configured one, or max_battery under heat.
   Preset presetInForce() const;

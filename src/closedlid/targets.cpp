@@ -108,7 +108,11 @@ AppRule ruleFor(const std::optional<std::string>& bundleId, Preset preset,
   return AppRule::Leave;
 }
 
-std::set<std::int32_t> protectedPidSet(const TargetInputs& in) {
+namespace {
+
+// The trees of pid-bound holds and Vigilo itself: what the person named,
+// kept whole whatever the class.
+std::set<std::int32_t> holdTrees(const TargetInputs& in) {
   std::map<std::int32_t, std::vector<std::int32_t>> children;
   for (const ProcessInfo& p : in.processes) children[p.ppid].push_back(p.pid);
   std::set<std::int32_t> out;
@@ -119,6 +123,14 @@ std::set<std::int32_t> protectedPidSet(const TargetInputs& in) {
     if (!out.insert(pid).second) continue;
     if (auto it = children.find(pid); it != children.end()) todo.insert(todo.end(), it->second.begin(), it->second.end());
   }
+  if (in.self > 0) out.insert(in.self);
+  return out;
+}
+
+}  // namespace
+
+std::set<std::int32_t> protectedPidSet(const TargetInputs& in) {
+  std::set<std::int32_t> out = holdTrees(in);
   out.insert(in.agentPids.begin(), in.agentPids.end());
   // An agent also depends on what it runs inside: the terminal or editor
   // whose pty it writes to would block it once paused.
@@ -132,7 +144,6 @@ std::set<std::int32_t> protectedPidSet(const TargetInputs& in) {
       out.insert(pid);
     }
   }
-  if (in.self > 0) out.insert(in.self);
   return out;
 }
 
@@ -211,8 +222,13 @@ std::map<std::int32_t, ClosedTarget> closedTargets(const TargetInputs& in, const
     }
   }
   if (in.slowBuilds && !skip.count(std::string(kSkipBuilds))) {
+    // The agents' own builds too: the setting trades longer builds for a
+    // lower draw, and an agent's tree is where builds run.
+    const std::set<std::int32_t> named = holdTrees(in);
     for (const ProcessInfo& p : in.processes) {
-      if (touchable(p) && AppClasses::isBuildTool(nameOf(p))) put(out, targetOf(p, AppRule::Slow, nullptr));
+      if (p.pid >= 2 && !named.count(p.pid) && AppClasses::isBuildTool(nameOf(p))) {
+        put(out, targetOf(p, AppRule::Slow, nullptr));
+      }
     }
   }
   if (in.pauseSimulators && !work.testsRunning && !work.agentUsesXcode && !skip.count(std::string(kSkipSimulators))) {

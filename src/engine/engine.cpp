@@ -273,7 +273,7 @@ void Engine::tick() {
   readBattery();
   if (work_) work_->sample(*this);
   if (power_) power_->sample(*this);
-  if (!lidClosed_ && closedLid_) closedLid_->restoreAppsIfOpen(*this);
+  if (!(lidClosed_ && holding_) && closedLid_) closedLid_->restoreAppsIfOpen(*this);
 
   keepMarkerInStep();
 
@@ -915,6 +915,7 @@ void Engine::shutdown() {
     files_.remove(kHoldMarker);
   }
   if (wasHolding && lidClosed_ && closedLid_) closedLid_->leave(*this);
+  if (closedLid_) closedLid_->shutdown(*this);
   for (SlowJobs* jobs : slow_) jobs->endApproveIfUnwatched(*this);
   if (outstandingChanges().empty()) files_.remove(kAliveFile);
 }

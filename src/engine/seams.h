@@ -40,8 +40,12 @@ class ClosedLidSavings {
   // Each tick while closed and held: keep the targets applied; `strictest`
   // when the heat calls for the tightest savings.
   virtual void reapply(Engine& engine, bool strictest) = 0;
-  // Each tick: put back apps still paused or slowed although the lid is open.
+  // Each tick outside a session (the lid open, or shut with nothing
+  // holding): put back apps still paused or slowed.
   virtual void restoreAppsIfOpen(Engine& engine) = 0;
+  // At quit, after the session has ended: whatever is still measuring
+  // stops, and every app still paused or slowed is put back.
+  virtual void shutdown(Engine& engine) { (void)engine; }
 };
 
 // Power measurement: one sample per tick.

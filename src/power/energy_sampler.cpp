@@ -98,7 +98,7 @@ bool isSystemLocation(std::string_view path) {
   return false;
 }
 
-const EnergySampler::Attribution& EnergySampler::attribute(const ProcessInfo& p) {
+const EnergySampler::Attribution& EnergySampler::attribute(const ProcessInfo& p, Processes* apps) {
   // Without a path the argument list still names the process.
   std::string key = p.path;
   if (key.empty() && !p.args.empty()) key = "\n" + p.args.front();  // cannot clash with a path
@@ -111,11 +111,20 @@ const EnergySampler::Attribution& EnergySampler::attribute(const ProcessInfo& p)
     const std::string folder(*bundle);
     auto b = bundles_.find(folder);
     if (b == bundles_.end()) {
-      b = bundles_.emplace(folder, lookup_ ? lookup_(folder) : BundleMeta{}).first;
+      // The platform's word first, as the closed-lid rules take it, so that
+      // an app's row and its rule name the same bundle id.
+      std::optional<AppBundle> known = apps ? apps->appBundle(folder) : std::nullopt;
+      BundleMeta meta = known ? BundleMeta{known->name, known->bundleId} : lookup_ ? lookup_(folder) : BundleMeta{};
+      b = bundles_.emplace(folder, std::move(meta)).first;
     }
     std::string_view folderName = lastComponent(*bundle);
     a.name = b->second.displayName.value_or(std::string(folderName.substr(0, folderName.size() - 4)));
     a.bundleID = b->second.bundleID;
+  } else if (auto app = apps ? apps->appOf(p) : std::nullopt) {
+    // Where apps aren't bundle folders (desktop entries), the app the
+    // platform names, keyed as its rules are.
+    a.name = app->name;
+    a.bundleID = app->bundleId;
   } else if (!p.path.empty()) {
     a.name = std::string(lastComponent(p.path));
   } else if (!p.args.empty()) {
@@ -124,9 +133,11 @@ const EnergySampler::Attribution& EnergySampler::attribute(const ProcessInfo& p)
   return meta_.emplace(std::move(key), std::move(a)).first->second;
 }
 
-std::vector<AppUsage> EnergySampler::sample(Processes& processes, Time now) { return sample(processes.list(), now); }
+std::vector<AppUsage> EnergySampler::sample(Processes& processes, Time now) {
+  return sample(processes.list(), now, &processes);
+}
 
-std::vector<AppUsage> EnergySampler::sample(const std::vector<ProcessInfo>& processes, Time now) {
+std::vector<AppUsage> EnergySampler::sample(const std::vector<ProcessInfo>& processes, Time now, Processes* platformApps) {
   const std::optional<Time> previous = lastTime_;
   const double interval = previous ? now - *previous : 0.0;
   // Processes that started after the previous sample did all their work
@@ -149,7 +160,7 @@ std::vector<AppUsage> EnergySampler::sample(const std::vector<ProcessInfo>& proc
     const bool seen = it != last_.end() && it->pid == p.pid && it->start == p.startMicros;
     // The attribution found last time, unless exec() changed the path.
     const Attribution* a = seen && it->attribution != nullptr && it->attribution->path == p.path ? it->attribution
-                                                                                                 : &attribute(p);
+                                                                                                 : &attribute(p, platformApps);
     current.push_back(Counters{p.pid, p.startMicros, p.energyNanojoules, p.cpuMicros, a});
     if (!(interval > 0)) continue;
     std::uint64_t energy = 0;

@@ -79,8 +79,11 @@ class EnergySampler {
   // process's energy grew although CPU time was used, the machine measures
   // none, and the draws are estimated from CPU use. The first sample has no
   // interval and gives an empty list.
+  // `apps`, where given, names the app of each process as the closed-lid
+  // rules do (`appBundle`, `appOf`); the bundle lookup stands in where it
+  // knows none.
   std::vector<AppUsage> sample(Processes& processes, Time now);
-  std::vector<AppUsage> sample(const std::vector<ProcessInfo>& processes, Time now);
+  std::vector<AppUsage> sample(const std::vector<ProcessInfo>& processes, Time now, Processes* apps = nullptr);
 
  private:
   struct Attribution {
@@ -96,7 +99,7 @@ class EnergySampler {
     std::uint64_t cpu = 0;
     const Attribution* attribution = nullptr;  // into meta_, which never moves its entries
   };
-  const Attribution& attribute(const ProcessInfo& p);
+  const Attribution& attribute(const ProcessInfo& p, Processes* apps);
 
   BundleLookup lookup_;
   std::vector<Counters> last_;  // by pid

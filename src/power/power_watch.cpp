@@ -35,8 +35,9 @@ void PowerWatch::sample(Engine& engine) {
   whole_.update(engine.platform().registry().battery(), engine.battery(),
                 PowerContext{engine.lidClosed(), engine.holding(), testRunning_}, now);
   if (isEnergyTick(engine.ticks())) {
-    apps_ = work_ ? energy_.sample(work_->processes(), now)
-                  : energy_.sample(engine.platform().processes().listing(ProcessDetail::Counters), now);
+    Processes& processes = engine.platform().processes();
+    apps_ = work_ ? energy_.sample(work_->processes(), now, &processes)
+                  : energy_.sample(processes.listing(ProcessDetail::Counters), now, &processes);
   }
   if (!engine.preview() && engine.ticks() > 0 && engine.ticks() % kSaveEvery == 0 &&
       movedEnough(saved_, whole_.learned()) && store_.save(whole_.learned())) {
@@ -48,7 +49,28 @@ std::string PowerWatch::whileClosed(const Engine& engine, const AppUsage& app) c
   // What will actually be done: nothing without closed-lid savings, and
   // never anything to the system's own processes, to pid 1 or to what the
   // agents use.
-  if (!engine.savesWhileClosed() || app.system) return "leave";
+  if (!engine.savesWhileClosed()) return "leave";
+  // The plan knows which locations count as the system's on this machine
+  // (on Linux an app's own files may lie under /usr/lib).
+  if (plan_) {
+    // Once a tick, and again at once after the rules or the preset moved.
+    const Config& c = engine.config();
+    if (plannedAt_ != engine.ticks() || plannedPreset_ != c.preset || plannedRules_ != c.appRules) {
+      planned_ = plan_();
+      plannedAt_ = engine.ticks();
+      plannedPreset_ = c.preset;
+      plannedRules_ = c.appRules;
+    }
+    int paused = 0;
+    int slowed = 0;
+    for (std::int32_t pid : app.pids) {
+      auto it = planned_.find(pid);
+      if (it != planned_.end()) ++(it->second == AppRule::Pause ? paused : slowed);
+    }
+    if (paused + slowed == 0) return "leave";
+    return slowed == 0 ? "pause" : "slow";
+  }
+  if (app.system) return "leave";
   for (std::int32_t pid : app.pids) {
     if (pid < 2 || (work_ && work_->watcher().protectedPids().count(pid))) return "leave";
   }
@@ -65,11 +87,13 @@ double PowerWatch::closedEstimate(const Engine& engine) const {
   in.reading = engine.battery();
   in.apps = &apps_;
   // What the agents use is protected from the savings and, like every
-  // protected app, left out of the top users' sum.
+  // protected app, left out of the top users' sum; a target is never
+  // protected (an agent's build that is slowed counts at its slowed draw).
   in.isProtected = [&](const AppUsage& a) {
     if (!work_) return false;
     const auto& kept = work_->watcher().protectedPids();
-    return std::any_of(a.pids.begin(), a.pids.end(), [&](std::int32_t pid) { return kept.count(pid) > 0; });
+    return std::any_of(a.pids.begin(), a.pids.end(), [&](std::int32_t pid) { return kept.count(pid) > 0; }) &&
+           whileClosed(engine, a) == "leave";
   };
   in.ruleFor = [&](const AppUsage& a) { return *parseAppRule(whileClosed(engine, a)); };
   return whole_.closedEstimate(in);

@@ -1,9 +1,13 @@
 #pragma once
 
+#include <cstdint>
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "engine/config.h"
 #include "engine/seams.h"
 #include "power/energy_sampler.h"
 #include "power/learned_store.h"
@@ -34,11 +38,17 @@ class PowerWatch final : public PowerMeter {
   // worked out from what will actually be done to each app.
   std::optional<double> hoursLeftClosed(const Engine& engine) const;
   double closedEstimate(const Engine& engine) const;
-  // What an app does while the lid is shut: "leave", "slow" or "pause",
-  // by its own rule or the preset. "leave" for everything while the engine
-  // has no closed-lid savings, and always for system processes, pid 1 and
-  // the processes the agents use.
+  // What an app does while the lid is shut: "leave", "slow" or "pause".
+  // With a plan, what it says of the app's processes ("pause" when all of
+  // those it names are paused, "leave" when it names none); without one,
+  // by the app's own rule or the preset, and "leave" for system processes.
+  // "leave" for everything while the engine has no closed-lid savings.
   std::string whileClosed(const Engine& engine, const AppUsage& app) const;
+  // What would be slowed or paused with the lid shut now, by pid: the
+  // closed-lid selection itself, so that the rows and the estimate follow
+  // every rule and class the session applies. Asked at most once a tick.
+  using Plan = std::map<std::int32_t, AppRule>;
+  void setPlan(std::function<Plan()> plan) { plan_ = std::move(plan); }
 
  private:
   LearnedStore store_;
@@ -49,6 +59,11 @@ class PowerWatch final : public PowerMeter {
   EnergySampler energy_;
   std::vector<AppUsage> apps_;
   bool testRunning_ = false;
+  std::function<Plan()> plan_;
+  mutable std::optional<std::int64_t> plannedAt_;  // the tick of `planned_`
+  mutable Plan planned_;
+  mutable Preset plannedPreset_ = Preset::Balanced;
+  mutable std::map<std::string, AppRule> plannedRules_;
 };
 
 }  // namespace vigilo

@@ -20,6 +20,9 @@ constexpr double kSlowedShare = 0.25;
 constexpr double kLongestGap = 60.0;
 constexpr double kMeasureFirst = 3.0;
 constexpr double kMeasureSecond = 4.0;
+// How long after apps were put back their energy rows still cover the time
+// they were paused or slowed: one energy interval, and a tick to spare.
+constexpr double kChangedShadow = 2.0 * static_cast<double>(kEnergySampleEvery) + 2.0;
 
 json optional(const std::optional<double>& v) { return v ? json(*v) : json(nullptr); }
 
@@ -56,6 +59,7 @@ void Savings::leave(Engine& engine) {
   // The last stretch counts before the receipt is finished.
   if (closedLid_.sessionActive()) accumulateSavings();
   closedLid_.leave(engine);
+  appsChangedAt_ = engine_.now();
 }
 
 void Savings::reapply(Engine& engine, bool strictest) {
@@ -79,9 +83,13 @@ std::string Savings::baselineKey(const std::optional<std::string>& bundleId, con
 
 void Savings::updateBaseline() {
   if (!power_ || engine_.lidClosed() || engine_.ticks() == baselineTick_ || !isEnergyTick(engine_.ticks())) return;
+  // The energy rows of a stretch in which a session or the quick estimate
+  // paused apps show what they draw paused, not what they usually draw.
+  if (measuring_ || (appsChangedAt_ && engine_.now() - *appsChangedAt_ <= kChangedShadow)) return;
   baselineTick_ = engine_.ticks();
+  // System entries too: on Linux an app's own files may lie where the
+  // system's do, and only targeted apps' baselines are ever read.
   for (const AppUsage& a : power_->apps()) {
-    if (a.system) continue;
     const std::string key = baselineKey(a.bundleID, a.name);
     auto it = baseline_.find(key);
     baseline_[key] = it == baseline_.end() ? a.watts : kBaselineKeep * it->second + (1 - kBaselineKeep) * a.watts;
@@ -94,13 +102,27 @@ double Savings::liveSavingW() const {
   if (auto total = effects.find("total"); total != effects.end() && !test_.running()) {
     return total->second;
   }
-  double watts = 0;
+  // The baseline is each app's whole draw, all its processes together: an
+  // app counts once, however many of its processes are targeted, at the
+  // share of them that is paused rather than slowed.
+  struct Share {
+    int paused = 0;
+    int slowed = 0;
+  };
+  std::map<std::string, Share> apps;
   for (const auto& [pid, t] : closedLid_.targeted()) {
     (void)pid;
-    auto it = baseline_.find(baselineKey(t.bundleId, t.name));
-    if (it == baseline_.end()) it = baseline_.find(t.name);
+    std::string key = baselineKey(t.bundleId, t.name);
+    if (!baseline_.count(key)) key = t.name;
+    Share& share = apps[key];
+    ++(t.rule == AppRule::Pause ? share.paused : share.slowed);
+  }
+  double watts = 0;
+  for (const auto& [key, share] : apps) {
+    auto it = baseline_.find(key);
     if (it == baseline_.end()) continue;
-    watts += t.rule == AppRule::Pause ? it->second : it->second * (1 - kSlowedShare);
+    const double paused = static_cast<double>(share.paused) / (share.paused + share.slowed);
+    watts += it->second * (paused + (1 - paused) * (1 - kSlowedShare));
   }
   // Low Power Mode counts only when Vigilo set it, and only as measured.
   if (auto lp = effects.find("low_power"); lp != effects.end() && closedLid_.lowPowerSet()) watts += lp->second;
@@ -155,26 +177,25 @@ void Savings::measureSavings(std::function<void(json, std::optional<std::string>
   if (measuring_) return done(nullptr, std::string("A measurement is already running"));
   if (test_.running()) return done(nullptr, std::string("A power test is already running"));
   measuring_ = true;
+  measureDone_ = std::move(done);
+  const std::uint64_t run = ++measureRun_;
   Processes& processes = engine_.platform().processes();
   sampler_.sample(processes, engine_.now());
   std::weak_ptr<bool> weak = alive_;
-  auto fail = [this, done] {
-    measuring_ = false;
-    done(nullptr, std::string("measurement failed"));
-  };
-  engine_.platform().loop().after(kMeasureFirst, [this, weak, done, fail, &processes] {
-    if (weak.expired()) return;
-    if (engine_.lidClosed()) return fail();
+  auto current = [this, weak, run] { return !weak.expired() && measuring_ && run == measureRun_; };
+  engine_.platform().loop().after(kMeasureFirst, [this, current, &processes] {
+    if (!current()) return;
+    if (engine_.lidClosed()) return finishMeasuring(nullptr, std::string("measurement failed"));
     std::vector<AppUsage> before = sampler_.sample(processes, engine_.now());
     closedLid_.applyClosedTargets(closedLid_.presetInForce());
     std::set<std::int32_t> pids;
     for (const auto& [pid, t] : closedLid_.targeted()) pids.insert(pid);
-    engine_.platform().loop().after(kMeasureSecond, [this, weak, done, before, pids, &processes] {
-      if (weak.expired()) return;
+    engine_.platform().loop().after(kMeasureSecond, [this, current, before, pids, &processes] {
+      if (!current()) return;
       std::vector<AppUsage> after = sampler_.sample(processes, engine_.now());
-      // With the lid shut since, the session owns the apps now.
-      if (!engine_.lidClosed()) closedLid_.restoreApps();
-      measuring_ = false;
+      // A session that began meanwhile owns the apps now; with the lid shut
+      // and nothing holding, nobody does.
+      if (!closedLid_.sessionActive()) closedLid_.restoreApps();
       SavingsTest t;
       t.date = engine_.now();
       for (const AppUsage& a : before) {
@@ -187,9 +208,27 @@ void Savings::measureSavings(std::function<void(json, std::optional<std::string>
       std::sort(t.apps.begin(), t.apps.end(),
                 [](const SavingsTest::App& x, const SavingsTest::App& y) { return x.saves() > y.saves(); });
       lastTest_ = t;
-      done(powerKeys(), std::nullopt);
+      finishMeasuring(powerKeys(), std::nullopt);
     });
   });
+}
+
+void Savings::finishMeasuring(json reply, std::optional<std::string> error) {
+  measuring_ = false;
+  appsChangedAt_ = engine_.now();
+  auto done = std::move(measureDone_);
+  measureDone_ = nullptr;
+  if (done) done(std::move(reply), std::move(error));
+}
+
+void Savings::shutdown(Engine& engine) {
+  if (measuring_) {
+    // The apps go back first: the reply may be the last thing written.
+    if (!closedLid_.sessionActive()) closedLid_.restoreApps();
+    finishMeasuring(nullptr, std::string("Vigilo quit during the measurement; every app is back as it was"));
+  }
+  if (test_.running()) test_.stop();
+  closedLid_.shutdown(engine);
 }
 
 // ---------------------------------------------------------------- figures

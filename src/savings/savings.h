@@ -51,6 +51,9 @@ class Savings final : public ClosedLidSavings {
   void leave(Engine& engine) override;
   void reapply(Engine& engine, bool strictest) override;
   void restoreAppsIfOpen(Engine& engine) override;
+  // Ends a quick estimate or power test still running: nothing either
+  // changed outlives the app.
+  void shutdown(Engine& engine) override;
 
   // The machine is about to sleep.
   void willSleep(const std::string& because);
@@ -85,6 +88,7 @@ class Savings final : public ClosedLidSavings {
 
  private:
   void finishSession(const Receipt& r);
+  void finishMeasuring(nlohmann::json reply, std::optional<std::string> error);
   double closedDraw() const;
   std::string baselineKey(const std::optional<std::string>& bundleId, const std::string& name) const;
 
@@ -100,6 +104,11 @@ class Savings final : public ClosedLidSavings {
   std::int64_t baselineTick_ = -1;
   std::optional<SavingsTest> lastTest_;
   bool measuring_ = false;
+  // Which quick estimate the pending steps belong to: one ended early
+  // leaves steps behind that must do nothing.
+  std::uint64_t measureRun_ = 0;
+  std::function<void(nlohmann::json, std::optional<std::string>)> measureDone_;
+  std::optional<Time> appsChangedAt_;  // when a session or quick estimate last put apps back
   EnergySampler sampler_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };

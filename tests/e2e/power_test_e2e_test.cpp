@@ -1,6 +1,11 @@
+#include <algorithm>
+#include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
+#include <random>
 #include <regex>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -70,6 +75,51 @@ TEST_F(PowerTestE2E, WholeTestRunsOnTheFastClockAndItsSessionLandsInStats) {
   const std::regex line(R"(  Slack  \(measured: saves ([0-9.]+) W\)\n)");
   ASSERT_TRUE(std::regex_search(measured.out, saved, line)) << measured.out;
   EXPECT_NEAR(std::stod(saved[1].str()), 3.0, 0.5) << measured.out;
+}
+
+// Given the app on a fast-clock laptop with the lid open, a chat app with a
+// helper (paused by max_battery) and a container app (slowed): a quit at a
+// random moment of `vigilo measure`, by SIGTERM, SIGINT or the request the
+// tray's Quit sends, leaves every app as it was and no record behind.
+// VIGILO_MEASURE_QUITS sets how many rounds run (10 unless set).
+TEST_F(PowerTestE2E, RandomQuitsDuringMeasureLeaveNothingChanged) {
+  stopApp();
+  int rounds = 10;
+  if (const char* n = std::getenv("VIGILO_MEASURE_QUITS")) rounds = std::clamp(std::atoi(n), 1, 1000);
+  const unsigned seed = std::random_device{}();
+  std::mt19937 random(seed);
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  for (int round = 0; round < rounds; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    writeFile(state_, R"({"lid": "open", "clockSpeed": 50, "battery": {"telemetry": true, "watts": 5},
+      "apps": [{"path": "/Applications/Slack.app", "bundleId": "com.tinyspeck.slackmacgap", "name": "Slack"},
+               {"path": "/Applications/Docker.app", "bundleId": "com.docker.docker", "name": "Docker"}],
+      "processes": [{"pid": 1, "ppid": 0, "path": "/sbin/launchd"},
+                    {"pid": 203, "path": "/Applications/Slack.app/Contents/MacOS/Slack", "watts": 2},
+                    {"pid": 204, "ppid": 203, "watts": 1,
+                     "path": "/Applications/Slack.app/Contents/Frameworks/Slack Helper.app/Contents/MacOS/Slack Helper"},
+                    {"pid": 205, "path": "/Applications/Docker.app/Contents/MacOS/Docker", "watts": 2}]})");
+    startApp();
+    AppProcess measure({"measure"}, home_, dir_.file("measure.txt"));
+    // The estimate takes 7 s of the laptop's clock, 140 ms of ours: the quit
+    // lands anywhere from before the request arrives to after the answer.
+    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 250));
+    switch (round % 3) {
+      case 0: app_->signal(SIGTERM); break;
+      case 1: app_->signal(SIGINT); break;
+      default: RequestClient(home_).send("quit", json::object(), 8); break;
+    }
+    ASSERT_EQ(app_->wait(15s), 0) << app_->output();
+    app_.reset();
+    measure.wait(2s);  // ended by now, unless its request never got in; then killed
+
+    const json laptop = json::parse(readFile(state_), nullptr, false);
+    ASSERT_TRUE(laptop.is_object());
+    for (const json& p : laptop["processes"]) {
+      EXPECT_FALSE(p.value("stopped", false) || p.value("slowed", false)) << p.dump();
+    }
+    EXPECT_FALSE(inHome("touched.json") || inHome("resume-pids")) << "records of paused or slowed apps";
+  }
 }
 
 }  // namespace

@@ -1,8 +1,13 @@
 #include <functional>
+#include <map>
+#include <optional>
+#include <tuple>
+#include <utility>
 
 #include "closedlid/closed_lid.h"
 #include "commands/command_center.h"
 #include "engine/engine_fixture.h"
+#include "power/power_watch.h"
 #include "savings/savings.h"
 #include "savings/savings_stats.h"
 
@@ -20,22 +25,42 @@ class PowerTestTest : public EngineTest {
     laptop().setProcessWatts(chat, 4.0);
     laptop().setTelemetry(true);
   }
-  ~PowerTestTest() override {
+  ~PowerTestTest() override { stop(); }
+  void stop() {
     savings_.reset();
     closedLid_.reset();
+    power_.reset();
     engine_.reset();
   }
-  void start() {
-    writeConfig(R"({"mode": "on", "preset": "max_battery"})");
+  // The app's wiring with the lid as it is; `withPower` adds the energy rows
+  // and the apps' baseline.
+  void build(const std::string& config, bool withPower = false) {
+    writeConfig(config);
     engine_ = std::make_unique<Engine>(*sim_, folder_);
-    closedLid_ = std::make_unique<ClosedLid>(*engine_);
-    savings_ = std::make_unique<Savings>(*engine_, *closedLid_, nullptr);
+    closedLid_ = std::make_unique<ClosedLid>(*engine_, [this] { return protection_; });
+    if (withPower) {
+      power_ = std::make_unique<PowerWatch>(folder_, nullptr);
+      power_->setPlan([this] { return closedLid_->plan(); });
+      engine_->setPowerMeter(power_.get());
+    }
+    savings_ = std::make_unique<Savings>(*engine_, *closedLid_, power_.get());
     engine_->setWorkSource(&work_);
     engine_->setClosedLidSavings(savings_.get());
     closedLid_->setNoticeHandler([this](const Notice& n) { notices_.push_back(n.title + ": " + n.text); });
     engine_->launch();
+  }
+  void start() {
+    build(R"({"mode": "on", "preset": "max_battery"})");
     laptop().setLidClosed(true);
     advance(2);
+  }
+  // A new laptop with the chat app alone.
+  void fresh() {
+    stop();
+    laptop().fromJson(nlohmann::json::object());
+    laptop().installApp(AppBundle{"/Applications/Slack.app", "com.tinyspeck.slackmacgap", "Slack"});
+    chat = laptop().startProcess("/Applications/Slack.app/Contents/MacOS/Slack");
+    laptop().setTelemetry(true);
   }
   bool chatPaused() { return laptop().process(chat)->stopped; }
   PowerTest& test() { return savings_->test(); }
@@ -45,6 +70,8 @@ class PowerTestTest : public EngineTest {
   }
 
   std::int32_t chat = 0;
+  AgentProtection protection_;
+  std::unique_ptr<PowerWatch> power_;
   std::unique_ptr<ClosedLid> closedLid_;
   std::unique_ptr<Savings> savings_;
 };
@@ -121,13 +148,7 @@ TEST_F(PowerTestTest, EveryAbortReasonStopsTheTestAndPutsTheSavingsBack) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.reason);
-    savings_.reset();
-    closedLid_.reset();
-    engine_.reset();
-    laptop().fromJson(nlohmann::json::object());
-    laptop().installApp(AppBundle{"/Applications/Slack.app", "com.tinyspeck.slackmacgap", "Slack"});
-    chat = laptop().startProcess("/Applications/Slack.app/Contents/MacOS/Slack");
-    laptop().setTelemetry(true);
+    fresh();
     start();
     ASSERT_EQ(test().start(false, false), std::nullopt);
     advance(40);
@@ -183,6 +204,226 @@ TEST_F(PowerTestTest, QuickEstimateComparesTheTargetedAppsBeforeAndAfter) {
   EXPECT_NEAR((*reply)["measured_saving_watts"].get<double>(), 4.0, 0.1);
   ASSERT_EQ((*reply)["measured_apps"].size(), 1u);
   EXPECT_EQ((*reply)["measured_apps"][0]["name"], "Slack");
+}
+
+TEST_F(PowerTestTest, QuittingAtAnyMomentOfAMeasurementPutsEveryAppBack) {
+  struct Case {
+    const char* what;
+    bool powerTest;
+    std::optional<double> quitAfter;  // seconds after the start; none: no quit
+    bool lidShutAt3 = false;          // with nothing holding the machine awake
+  };
+  const Case cases[] = {
+      {"estimate, first window", false, 1.0},
+      {"estimate, apps changed", false, 3.5},
+      {"estimate, its last moment", false, 6.9},
+      {"estimate, lid shut meanwhile", false, 5.0, true},
+      {"estimate, lid shut meanwhile, no quit", false, std::nullopt, true},
+      {"power test, savings off", true, 10.0},
+      {"power test, savings on", true, 70.0},
+      {"power test, second savings off", true, 130.0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    fresh();
+    laptop().installApp(AppBundle{"/Applications/Docker.app", "com.docker.docker", "Docker"});
+    const std::int32_t docker = laptop().startProcess("/Applications/Docker.app/Contents/MacOS/Docker");
+    std::optional<std::string> error;
+    bool answered = false;
+    if (c.powerTest) {
+      start();
+      ASSERT_EQ(test().start(false, false), std::nullopt);
+    } else {
+      build(R"({"mode": "off", "preset": "max_battery"})");
+      savings_->measureSavings([&](nlohmann::json, std::optional<std::string> e) {
+        answered = true;
+        error = e;
+      });
+    }
+    if (c.lidShutAt3) {
+      advance(3.5);
+      ASSERT_TRUE(chatPaused());
+      laptop().setLidClosed(true);
+      advance(c.quitAfter.value_or(8.0) - 3.5);
+    } else {
+      advance(*c.quitAfter);
+    }
+    if (c.quitAfter) engine().shutdown();
+    for (const char* when : {"at once", "once pending steps ran"}) {
+      SCOPED_TRACE(when);
+      EXPECT_FALSE(chatPaused());
+      EXPECT_FALSE(laptop().process(docker)->slowed);
+      EXPECT_TRUE(engine().outstandingChanges().empty());
+      advance(10);
+    }
+    if (!c.powerTest) {
+      EXPECT_TRUE(answered) << "the tool waiting for the estimate gets an answer";
+      if (c.quitAfter) {
+        EXPECT_EQ(error, "Vigilo quit during the measurement; every app is back as it was");
+      }
+    }
+  }
+}
+
+// Given a laptop with 37 processes: apps with helpers, a music app holding
+// the speakers, a call app, a container app and a browser (agent services),
+// two apps with rules of their own, a player holding the speakers, a booted
+// simulator, system processes, and Claude Code in a terminal running a
+// build. Preset max_battery, builds slowed.
+TEST_F(PowerTestTest, SavingsEstimateReceiptAndStatsAgreeWithTheHandComputation) {
+  fresh();
+  laptop().endProcess(chat);
+  struct App {
+    const char* bundle;
+    const char* id;
+    const char* name;
+    std::vector<double> watts;  // the main process, then its helpers
+  };
+  const App apps[] = {
+      {"/Applications/Slack.app", "com.tinyspeck.slackmacgap", "Slack", {1.0, 1.0, 1.0}},
+      {"/Applications/Visual Studio Code.app", "com.microsoft.VSCode", "Visual Studio Code", {0.5, 0.75, 0.75, 0.75}},
+      {"/Applications/Spotify.app", "com.spotify.client", "Spotify", {1.5, 0.5}},
+      {"/Applications/zoom.us.app", "us.zoom.xos", "Zoom", {2.0, 1.0}},
+      {"/Applications/Docker.app", "com.docker.docker", "Docker", {1.0, 2.0}},
+      {"/Applications/Notion.app", "notion.id", "Notion", {1.2, 0.8}},
+      {"/Applications/Google Chrome.app", "com.google.Chrome", "Google Chrome", {1.0, 0.5, 0.5, 0.5}},
+      {"/Applications/Obsidian.app", "md.obsidian", "Obsidian", {0.6}},
+      {"/Applications/Figma.app", "com.figma.Desktop", "Figma", {1.6, 0.4}},
+  };
+  std::map<std::string, std::int32_t> main;
+  for (const App& a : apps) {
+    laptop().installApp(AppBundle{a.bundle, std::string(a.id), a.name});
+    const std::string exe = std::string(a.bundle) + "/Contents/MacOS/" + a.name;
+    main[a.name] = laptop().startProcess(exe);
+    laptop().setProcessWatts(main[a.name], a.watts[0]);
+    for (std::size_t h = 1; h < a.watts.size(); ++h) {
+      const std::string helper = std::string(a.bundle) + "/Contents/Frameworks/" + a.name + " Helper " +
+                                 std::to_string(h) + ".app/Contents/MacOS/" + a.name + " Helper";
+      laptop().setProcessWatts(laptop().startProcess(helper, {}, main[a.name]), a.watts[h]);
+    }
+  }
+  auto run = [&](const std::string& path, double watts, std::int32_t ppid = 1) {
+    const std::int32_t pid = laptop().startProcess(path, {}, ppid);
+    laptop().setProcessWatts(pid, watts);
+    return pid;
+  };
+  const std::int32_t player = run("/usr/local/bin/mpv", 0.8);
+  run("/Library/Developer/PrivateFrameworks/CoreSimulator.framework/Versions/A/XPCServices/"
+      "com.apple.CoreSimulator.CoreSimulatorService.xpc/Contents/MacOS/com.apple.CoreSimulator.CoreSimulatorService",
+      0.4);
+  run("/Library/Developer/CoreSimulator/Volumes/iOS_21A328/RuntimeRoot/sbin/launchd_sim", 0.6);
+  run("/usr/libexec/logd", 0.3);
+  run("/usr/sbin/cfprefsd", 0.1);
+  run("/System/Library/PrivateFrameworks/SkyLight.framework/Resources/WindowServer", 1.0);
+  run("/usr/sbin/coreaudiod", 0.2);
+  const std::int32_t terminal = run("/System/Applications/Utilities/Terminal.app/Contents/MacOS/Terminal", 0.5);
+  const std::int32_t shell = run("/bin/zsh", 0.0, terminal);
+  const std::int32_t claude = run("/usr/local/bin/claude", 1.5, shell);
+  const std::int32_t make = run("/usr/bin/make", 0.2, claude);
+  std::vector<std::int32_t> compilers;
+  for (int i = 0; i < 3; ++i) compilers.push_back(run("/usr/bin/cc", 2.0, make));
+  for (std::int32_t holder : {main["Spotify"], player}) {
+    ASSERT_TRUE(laptop().addPowerAssertion({holder, "", "PreventUserIdleSystemSleep", "Playing", {}, {}, {"audio-out"}}).isOk());
+  }
+  ASSERT_EQ(laptop().processes().size(), 37u);
+  // What agent detection protects: the agent's whole tree.
+  protection_.pids = {claude, make, compilers[0], compilers[1], compilers[2]};
+  protection_.activeAgent = "Claude Code";
+  laptop().setTelemetry(true);
+  build(R"({"mode": "on", "preset": "max_battery", "slowBuildsWhileClosed": true,
+            "appRules": {"md.obsidian": "leave", "com.figma.Desktop": "slow"}})",
+        true);
+  advance(60);
+
+  // By hand, in watts (a slowed process draws a quarter, so saves 3/4):
+  //   paused:  Slack 3.0, Visual Studio Code 2.75, Notion 2.0 (max_battery);
+  //            mpv 0.8 (holds the speakers); CoreSimulatorService 0.4 and
+  //            launchd_sim 0.6 (a booted simulator)          -> saves  9.55
+  //   slowed:  Docker 3.0, Google Chrome 2.5 (agent services), Figma 2.0
+  //            (its rule), make 0.2 and cc 3 x 2.0 (the agent's build)
+  //            = 13.7                                          -> saves 10.275
+  //   left:    Spotify 2.0 (music), Zoom 3.0 (calls), Obsidian 0.6 (its
+  //            rule), Terminal 0.5 and zsh 0 (the agent runs in them),
+  //            claude 1.5, and the system's logd 0.3, cfprefsd 0.1,
+  //            WindowServer 1.0, coreaudiod 0.2, launchd 0   = 9.2
+  //   saving = 9.55 + 10.275 = 19.825 W
+  //   whole draw, lid open: 6 (base) + 9.55 + 13.7 + 9.2      = 38.45 W
+  //   with the lid shut:    38.45 - 19.825                    = 18.625 W
+  //   lid-closed estimate:  1.6 + 9.2 + 13.7 / 4              = 14.225 W
+  //   one hour shut from 80.46 % of 57 Wh: 80.46 - 18.625 / 0.57 = 47.8 -> 47 %
+  const double saving = 19.825;
+  CommandCenter center(engine(), nullptr);
+  center.setAgents(nullptr, power_.get());
+  center.setSavings(savings_.get());
+  using Row = std::pair<nlohmann::json, std::string>;  // bundle id, while closed
+  std::map<std::string, Row> rows;
+  const nlohmann::json energy = center.handle("energy", nlohmann::json::object());
+  for (const auto& r : energy["apps"]) {
+    rows[r["name"].get<std::string>()] = Row{r["bundle_id"], r["while_closed"].get<std::string>()};
+  }
+  const std::map<std::string, Row> expectedRows = {
+      {"cc", {nullptr, "slow"}},
+      {"Slack", {"com.tinyspeck.slackmacgap", "pause"}},
+      {"Zoom", {"us.zoom.xos", "leave"}},
+      {"Docker", {"com.docker.docker", "slow"}},
+      {"Visual Studio Code", {"com.microsoft.VSCode", "pause"}},
+      {"Google Chrome", {"com.google.Chrome", "slow"}},
+      {"Spotify", {"com.spotify.client", "leave"}},
+      {"Notion", {"notion.id", "pause"}},
+      {"Figma", {"com.figma.Desktop", "slow"}},
+      {"claude", {nullptr, "leave"}},
+      {"WindowServer", {nullptr, "leave"}},
+      {"mpv", {nullptr, "pause"}},
+  };
+  EXPECT_EQ(rows, expectedRows);
+  EXPECT_NEAR(power_->closedEstimate(engine()), 14.225, 0.01);
+
+  // The quick estimate, with the lid open.
+  std::optional<nlohmann::json> estimate;
+  savings_->measureSavings([&](nlohmann::json r, std::optional<std::string>) { estimate = r; });
+  advance(8);
+  ASSERT_TRUE(estimate);
+  EXPECT_NEAR((*estimate)["measured_saving_watts"].get<double>(), saving, 0.02);
+  std::map<std::string, double> saves;
+  for (const auto& a : (*estimate)["measured_apps"]) saves[a["name"].get<std::string>()] = a["saves_watts"].get<double>();
+  EXPECT_EQ(saves.size(), 11u) << estimate->dump();
+  EXPECT_NEAR(saves["Slack"], 3.0, 0.01) << "one app, three processes";
+  EXPECT_NEAR(saves["cc"], 4.5, 0.01);
+  EXPECT_FALSE(laptop().process(main["Slack"])->stopped) << "put back after the estimate";
+
+  // An hour with the lid shut, counted from the apps' usual draw.
+  advance(30);
+  laptop().setCharge(80.5);
+  advance(2);
+  laptop().setLidClosed(true);
+  advance(2);
+  EXPECT_TRUE(laptop().process(compilers[0])->slowed) << "the agent's own build is slowed";
+  EXPECT_FALSE(laptop().process(claude)->slowed || laptop().process(claude)->stopped);
+  EXPECT_NEAR(savings_->liveSavingW(), saving, 0.01);
+  advance(3600);
+  laptop().setLidClosed(false);
+  advance(2);
+  ASSERT_FALSE(notices_.empty());
+  EXPECT_EQ(notices_.back(), "Welcome back: Stayed awake 1h");
+  const nlohmann::json stats = nlohmann::json::parse(readFile(folder_ + "/stats.json"));
+  ASSERT_EQ(stats["sessions"].size(), 1u);
+  const nlohmann::json& session = stats["sessions"][0];
+  EXPECT_NEAR(session["whSaved"].get<double>(), saving, 0.05) << session.dump();
+  EXPECT_NEAR(session["closedMinutes"].get<double>(), 60.0, 0.1);
+  EXPECT_EQ(std::tuple(session["startPercent"], session["endPercent"], session["agent"]),
+            std::tuple(nlohmann::json(80), nlohmann::json(47), nlohmann::json("Claude Code")));
+  EXPECT_NEAR(stats["allTimeWhSaved"].get<double>(), saving, 0.05);
+  EXPECT_NEAR(center.handle("panel", nlohmann::json::object())["by_slowing_apps_wh"].get<double>(), saving, 0.05);
+
+  // The power test measures the same from the whole machine's draw.
+  laptop().setLidClosed(true);
+  advance(2);
+  ASSERT_EQ(test().start(false, false), std::nullopt);
+  runTest();
+  ASSERT_EQ(test().aborted(), std::nullopt);
+  const double measured = test().effects().at("total");
+  EXPECT_NEAR(measured, (*estimate)["measured_saving_watts"].get<double>(), 0.05 * measured);
+  EXPECT_NEAR(measured, saving, 0.05 * saving);
 }
 
 }  // namespace
