@@ -380,7 +380,9 @@ TEST_F(PhoneCommandsTest, HostileTextIsCutOrRefusedAndEverythingStaysWritable) {
     const json reply = json::parse(*open(outcome->sealedReply, phone_.replyTopic, phone_.key));
     EXPECT_EQ(reply["ok"], c.error.empty()) << reply;
     EXPECT_EQ(ran_.empty(), !c.error.empty());
-    if (!c.error.empty()) EXPECT_NE(reply.value("error", "").find(c.error), std::string::npos) << reply;
+    if (!c.error.empty()) {
+      EXPECT_NE(reply.value("error", "").find(c.error), std::string::npos) << reply;
+    }
     ASSERT_TRUE(outcome->deviceName);
     const std::string& name = *outcome->deviceName;
     EXPECT_LE(name.size(), kMaxDeviceName);

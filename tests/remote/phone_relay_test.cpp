@@ -184,7 +184,7 @@ TEST_F(PhoneRelayTest, HostileNamesAndCommandsNeitherStopTheAppNorComeBackAfterA
   for (int i = 0; i < 30; ++i) name += "手";
   for (int i = 0; i < 40; ++i) cmd += "命";
   EXPECT_EQ(ask({{"cmd", "panel"}, {"dev", name}})["ok"], true) << app_->output();
-  json refused = ask({{"cmd", cmd}});
+  json refused = ask({{"cmd", cmd}, {"dev", name}});
   EXPECT_EQ(refused["ok"], false) << app_->output();
   const std::string error = refused.value("error", "");
   EXPECT_TRUE(error.starts_with("命") && error.ends_with(" isn't allowed from the phone")) << error;
