@@ -282,7 +282,7 @@ std::string AgentEvents::encode(const AgentEvent& e) {
   if (e.pidStart) j["pidStart"] = *e.pidStart;
   if (e.detail) j["detail"] = *e.detail;
   // The agent name comes from a command line and may not be UTF-8.
-  return j.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+  return dumpJson(j) + "\n";
 }
 
 std::optional<AgentEvent> AgentEvents::decode(std::string_view text) {

@@ -137,7 +137,7 @@ std::optional<nlohmann::ordered_json> parseJsonObject(std::string_view bytes) {
 }
 
 std::string prettyJson(const nlohmann::ordered_json& value, std::string_view like) {
-  std::string text = value.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+  std::string text = dumpJson(value, 2);
   if (!like.empty() && like.back() == '\n') text += '\n';
   return text;
 }

@@ -178,7 +178,7 @@ std::optional<std::string> recordedMachine(const std::string& appFolder) {
 bool recordMachine(const std::string& appFolder, const std::string& simulateFile) {
   nlohmann::json j = simulateFile.empty() ? nlohmann::json{{"machine", "real"}}
                                           : nlohmann::json{{"machine", "sim"}, {"file", simulateFile}};
-  return writeFileDurably(appFolder + "/" + kMachineFile, j.dump() + "\n").isOk();
+  return writeFileDurably(appFolder + "/" + kMachineFile, dumpJson(j) + "\n").isOk();
 }
 
 std::string machineName(const std::string& simulateFile) {
@@ -234,7 +234,7 @@ std::optional<nlohmann::json> RequestClient::attempt(const std::string& cmd, con
                             {"cmd", cmd},
                             {"args", args.is_object() ? args : nlohmann::json::object()},
                             {kDeadlineKey, wallNow() + timeout}};
-  const std::string text = request.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  const std::string text = dumpJson(request);
   Result posted = notifications_->post(kRequestNotification, text);
   // A freshly started app may not listen yet.
   const auto connectDeadline = std::min(deadline, start + std::chrono::duration<double>(connectWait));
@@ -320,7 +320,7 @@ bool writeReply(const std::string& appFolder, const std::string& id, const nlohm
   const std::string folder = repliesFolder(appFolder);
   if (!makePrivateFolder(folder)) return false;
   return writeFileAtomically(folder + "/" + id + ".json",
-                          reply.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n")
+                          dumpJson(reply) + "\n")
       .isOk();
 }
 

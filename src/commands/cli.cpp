@@ -31,6 +31,7 @@
 #include "integrations/auto_approve.h"
 #include "integrations/connect_command.h"
 #include "engine/log.h"
+#include "platform/text.h"
 #include "platform/fd_stream.h"
 #include "platform/files.h"
 #include "safety/setup_command.h"
@@ -115,7 +116,7 @@ std::string valueText(const json& v) {
   if (v.is_string()) return v.get<std::string>();
   if (v.is_boolean()) return v.get<bool>() ? "on" : "off";
   if (v.is_null()) return "";
-  return v.dump();
+  return dumpJson(v);
 }
 
 // Prints a failed reply and gives the exit status for it.
@@ -330,7 +331,7 @@ class Cli {
     json r = request(cmd, args);
     if (!isOk(r)) return failed(r);
     if (inv_.has("--json")) {
-      out(r.dump(2));
+      out(dumpJson(r, 2));
     } else {
       out(statusOf(r));
     }
@@ -358,7 +359,7 @@ class Cli {
     json r = request("status");
     if (!isOk(r)) return failed(r);
     if (inv_.has("--json")) {
-      out(r.dump(2));
+      out(dumpJson(r, 2));
     } else {
       printStatus(r);
     }
@@ -396,7 +397,7 @@ class Cli {
     json r = request("hold", args);
     if (!isOk(r)) return failed(r);
     if (inv_.has("--json")) {
-      out(r.dump(2));
+      out(dumpJson(r, 2));
     } else {
       out(r["hold"].value("id", std::string()));
       // The id alone goes to standard output, for scripts; a cut reason is
@@ -411,7 +412,7 @@ class Cli {
     json r = request("release", args);
     if (!isOk(r)) return failed(r);
     if (inv_.has("--json")) {
-      out(r.dump(2));
+      out(dumpJson(r, 2));
       return 0;
     }
     const std::size_t n = r.contains("released") && r["released"].is_array() ? r["released"].size() : 0;
@@ -430,7 +431,7 @@ class Cli {
     json r = request("wake_at", args);
     if (!isOk(r)) return failed(r);
     if (inv_.has("--json")) {
-      out(r.dump(2));
+      out(dumpJson(r, 2));
       return 0;
     }
     const auto at = r.find("wakeAt");
@@ -528,7 +529,7 @@ class Cli {
     json r = request("rule", {{"app", inv_.words[0]}, {"rule", inv_.words[1]}});
     if (!isOk(r)) return failed(r);
     if (inv_.has("--json")) {
-      out(r.dump(2));
+      out(dumpJson(r, 2));
       return 0;
     }
     // "TextEdit (com.apple.TextEdit) while the lid is closed: pause (preset default)"
@@ -544,7 +545,7 @@ class Cli {
     json r = request("watch", args);
     if (!isOk(r)) return failed(r);
     if (inv_.has("--json")) {
-      out(r.dump(2));
+      out(dumpJson(r, 2));
       return 0;
     }
     std::string list;
@@ -560,7 +561,7 @@ class Cli {
     json r = request("set", {{"key", inv_.words[0]}, {"value", inv_.words[1]}});
     if (!isOk(r)) return failed(r);
     if (inv_.has("--json")) {
-      out(r.dump(2));
+      out(dumpJson(r, 2));
     } else {
       // The setting's own name and the value it now has, as the app reads them.
       out(r.value("key", inv_.words[0]) + " = " + (r.contains("value") ? valueText(r["value"]) : inv_.words[1]));
@@ -573,7 +574,7 @@ class Cli {
     json r = request("schema");
     if (!isOk(r)) return failed(r);
     if (inv_.has("--json")) {
-      out(r.dump(2));
+      out(dumpJson(r, 2));
     } else {
       printSettings(r);
     }
@@ -584,11 +585,11 @@ class Cli {
     json r = request("config");
     if (!isOk(r)) return failed(r);
     if (inv_.has("--json")) {
-      out(r.dump(2));
+      out(dumpJson(r, 2));
       return 0;
     }
     out("Settings file: " + r.value("path", std::string()) + " (edit it; it reloads at once)");
-    out(r.value("config", json::object()).dump(2));
+    out(dumpJson(r.value("config", json::object()), 2));
     return 0;
   }
 
@@ -597,7 +598,7 @@ class Cli {
     json r = request("power", json::object(), 10.0);
     if (!isOk(r)) return failed(r);
     if (inv_.has("--json")) {
-      out(r.dump(2));
+      out(dumpJson(r, 2));
       return 0;
     }
     auto number = [&](const char* key) -> std::optional<double> {
@@ -675,7 +676,7 @@ class Cli {
       }
     }
     if (quiet) {
-      out(p.dump(2));
+      out(dumpJson(p, 2));
     } else {
       printMeasured(p);
     }
@@ -697,7 +698,7 @@ class Cli {
     const json targeted = r.value("targeted", json::array());
     const json unrestored = r.value("unrestored", json::array());
     if (inv_.has("--json")) {
-      out(json{{"targeted", targeted}, {"unrestored", unrestored}}.dump(2));
+      out(dumpJson(json{{"targeted", targeted}, {"unrestored", unrestored}}, 2));
       return 0;
     }
     if (targeted.empty()) {
@@ -721,7 +722,7 @@ class Cli {
     json r = request("measure", json::object(), 20.0);
     if (!isOk(r)) return failed(r);
     if (inv_.has("--json")) {
-      out(r.dump(2));
+      out(dumpJson(r, 2));
       return 0;
     }
     char buf[200];
@@ -764,7 +765,7 @@ class Cli {
     // Drawing starts a panel process: give it longer than a plain request.
     json r = request("snapshot", {{"path", path}}, 25.0);
     if (!isOk(r)) return failed(r);
-    out(inv_.has("--json") ? r.dump(2) : "Saved the panel to " + r.value("path", path));
+    out(inv_.has("--json") ? dumpJson(r, 2) : "Saved the panel to " + r.value("path", path));
     return 0;
   }
   int island() {
@@ -777,7 +778,7 @@ class Cli {
     json r = request("energy");
     if (!isOk(r)) return failed(r);
     if (inv_.has("--json")) {
-      out(r.dump(2));
+      out(dumpJson(r, 2));
     } else if (r.value("apps", json::array()).empty()) {
       out("No app has used measurable energy yet (the first reading needs two samples).");
     } else {
@@ -864,7 +865,7 @@ class Cli {
     json r = request("approve", args);
     if (!isOk(r)) return failed(r);
     if (inv_.has("--json")) {
-      out(r.dump(2));
+      out(dumpJson(r, 2));
     } else {
       out(r.value("message", std::string()));
       if (auto line = approveLine(r)) out(*line);

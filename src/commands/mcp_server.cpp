@@ -10,6 +10,7 @@
 
 #include "commands/settings_schema.h"
 #include "commands/setup_prompt.h"
+#include "platform/text.h"
 
 namespace vigilo {
 
@@ -196,7 +197,7 @@ const std::vector<Tool>& tools() {
   return table;
 }
 
-std::string compact(const json& j) { return j.dump(-1, ' ', false, json::error_handler_t::replace); }
+std::string compact(const json& j) { return dumpJson(j); }
 
 json result(const json& id, json value) {
   return {{"jsonrpc", "2.0"}, {"id", id}, {"result", std::move(value)}};
@@ -215,7 +216,7 @@ bool given(const json& args, const char* key) {
 
 std::string shown(const json& value) {
   std::string text = compact(value);
-  return text.size() > 40 ? text.substr(0, 37) + "..." : text;
+  return cutUtf8(text, 40);
 }
 
 // Checks the arguments against the tool's input schema, so a wrong type or

@@ -8,6 +8,8 @@
 #include <limits>
 #include <utility>
 
+#include "platform/text.h"
+
 namespace vigilo {
 namespace {
 
@@ -350,9 +352,7 @@ json Config::toJson() const {
 }
 
 std::string Config::encoded() const {
-  // Texts set in code are not checked for valid UTF-8; replacing bad bytes
-  // keeps dump() from throwing.
-  return toJson().dump(2, ' ', false, json::error_handler_t::replace);
+  return dumpJson(toJson(), 2);
 }
 
 Config Config::mergedWith(const json& fileObject, const json& before) const {
@@ -400,7 +400,7 @@ std::optional<Safety> Safety::load(const StateFiles& files) {
 
 bool Safety::save(const StateFiles& files) const {
   const json j = {{"heatGuard", heatGuard}, {"batteryFloor", batteryFloor}, {"onlyOnPower", onlyOnPower}};
-  return files.writeDurably(kSafetyFile, j.dump(2));
+  return files.writeDurably(kSafetyFile, dumpJson(j, 2));
 }
 
 SafetyVerdict checkSafety(const Config& config, const Safety& baseline) {

@@ -5,6 +5,8 @@
 #include <random>
 #include <sys/random.h>
 
+#include "platform/text.h"
+
 namespace vigilo {
 
 nlohmann::ordered_json Hold::toJson() const {
@@ -80,7 +82,7 @@ std::string encodeRuntime(const std::vector<Hold>& holds) {
   for (const Hold& h : holds) list.push_back(h.toJson());
   nlohmann::ordered_json root;
   root["holds"] = std::move(list);
-  return root.dump(2) + "\n";
+  return dumpJson(root, 2) + "\n";
 }
 
 std::vector<Hold> decodeRuntime(std::string_view bytes) {

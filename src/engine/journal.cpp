@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "platform/text.h"
+
 namespace vigilo {
 
 bool Journal::save(const std::vector<Touched>& touched) {
@@ -16,7 +18,7 @@ bool Journal::save(const std::vector<Touched>& touched) {
     list.push_back({{"pid", t.pid}, {"start", t.start}, {"path", t.path}, {"paused", t.paused}});
     if (t.paused) lines += std::to_string(t.pid) + "\t" + t.path + "\n";
   }
-  bool ok = files_.writeDurably(kTouchedFile, list.dump(2) + "\n");
+  bool ok = files_.writeDurably(kTouchedFile, dumpJson(list, 2) + "\n");
   ok = (lines.empty() ? files_.remove(kResumePidsFile) : files_.writeDurably(kResumePidsFile, lines)) && ok;
   return ok;
 }

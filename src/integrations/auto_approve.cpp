@@ -119,7 +119,7 @@ std::optional<ordered_json> AutoApprove::journal(bool* damaged) const {
 }
 
 bool AutoApprove::saveJournal(const ordered_json& j) const {
-  return files_.ensureDir() && files_.writeDurably(kAutoApproveFile, j.dump(2) + "\n");
+  return files_.ensureDir() && files_.writeDurably(kAutoApproveFile, dumpJson(j, 2) + "\n");
 }
 
 bool AutoApprove::writeRestore(const std::string& name, const std::string& target, const std::string& restored,

@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "commands/channel.h"
+#include "platform/text.h"
 #include "panel/panel_abi.h"
 
 namespace vigilo {
@@ -32,7 +33,7 @@ char* hostRequest(void* context, const char* cmd, const char* argsJson, double t
   // One client per call: the panel asks from several threads.
   RequestClient client(host->appFolder);
   const nlohmann::json reply = client.send(cmd != nullptr ? cmd : "", args, timeout);
-  return duplicate(reply.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+  return duplicate(dumpJson(reply));
 }
 
 void hostRelease(char* text) { std::free(text); }

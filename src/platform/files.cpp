@@ -260,15 +260,6 @@ int removeLeftoverTemps(const std::string& folder, int depth, std::string_view p
   return removeTemps(fd, prefix, depth, std::time(nullptr));
 }
 
-std::string cutUtf8(std::string_view text, std::size_t maxBytes) {
-  if (text.size() <= maxBytes) return std::string(text);
-  constexpr std::string_view kEllipsis = "\u2026";
-  std::size_t keep = maxBytes > kEllipsis.size() ? maxBytes - kEllipsis.size() : 0;
-  // Back up over continuation bytes to the start of a character.
-  while (keep > 0 && (static_cast<unsigned char>(text[keep]) & 0xC0) == 0x80) --keep;
-  return std::string(text.substr(0, keep)) + std::string(kEllipsis);
-}
-
 std::optional<std::string> findExecutable(const std::string& name) {
   if (name.empty()) return std::nullopt;
   if (name.find('/') != std::string::npos) {

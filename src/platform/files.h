@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include "platform/result.h"
+#include "platform/text.h"
 
 namespace vigilo {
 
@@ -41,10 +42,6 @@ Result makePrivateFolder(const std::string& path);
 // regular file or larger than `limit` bytes (so a damaged file cannot
 // exhaust memory).
 std::optional<std::string> readWholeFile(const std::string& path, std::size_t limit = 16 * 1024 * 1024);
-
-// `text` cut to at most `maxBytes` bytes without splitting a UTF-8
-// character, with "…" at the end when anything was cut (the "…" counted).
-std::string cutUtf8(std::string_view text, std::size_t maxBytes);
 
 // Where an executable lives: `name` itself when it holds a "/", else the
 // first match on PATH. Nothing when it cannot be found or run.

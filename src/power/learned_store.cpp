@@ -44,7 +44,7 @@ Result LearnedStore::save(const LearnedPower& values) const {
   if (values.openDraw && std::isfinite(*values.openDraw)) j["openDraw"] = *values.openDraw;
   if (values.closedDraw && std::isfinite(*values.closedDraw)) j["closedDraw"] = *values.closedDraw;
   if (values.fullWh && std::isfinite(*values.fullWh)) j["fullWh"] = *values.fullWh;
-  return writeFileDurably(path_, j.dump(2) + "\n");
+  return writeFileDurably(path_, dumpJson(j, 2) + "\n");
 }
 
 }  // namespace vigilo

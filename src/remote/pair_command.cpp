@@ -7,6 +7,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "platform/text.h"
 #include "remote/pairing.h"
 
 namespace vigilo {
@@ -116,12 +117,14 @@ int runPair(const std::vector<std::string>& args, const std::string& appFolder) 
                           {"last_seen", p.lastSeen ? nlohmann::json(*p.lastSeen) : nlohmann::json(nullptr)}});
       }
       out["phones"] = std::move(phones);
-      std::printf("%s\n", out.dump(2).c_str());
+      std::printf("%s\n", dumpJson(out, 2).c_str());
       return 0;
     }
     if (settings.phones.empty()) std::printf("No phone is paired. Run \"vigilo pair\" to pair one.\n");
     for (const PairedPhone& p : settings.phones) {
-      std::printf("%s  %s, paired %s%s\n", p.id.c_str(), p.name.c_str(), dateText(p.added).c_str(),
+      // The name is the phone's own word: it reaches the terminal defused.
+      std::printf("%s  %s, paired %s%s\n", terminalSafe(p.id).c_str(), terminalSafe(p.name).c_str(),
+                  dateText(p.added).c_str(),
                   p.lastSeen ? (", last seen " + dateText(*p.lastSeen)).c_str() : "");
     }
     if (!settings.enabled) std::printf("Phone control is off (vigilo pair --on turns it back on).\n");

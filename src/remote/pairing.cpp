@@ -4,14 +4,21 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <nlohmann/json.hpp>
+
+#include "platform/text.h"
+#include "remote/relay_client.h"
 
 namespace vigilo {
 namespace {
 
 using json = nlohmann::json;
+
+// More messages in one second than the relay's rate limit lets through.
+constexpr std::size_t kMaxReadIds = 64;
 
 std::string percentEncode(const std::string& s) {
   static constexpr char kHex[] = "0123456789ABCDEF";
@@ -56,6 +63,11 @@ RemoteSettings RemoteSettings::load(const StateFiles& files) {
   if (auto it = j.find("readUntil"); it != j.end() && it->is_number() && std::isfinite(it->get<double>())) {
     s.readUntil = it->get<double>();
   }
+  if (auto it = j.find("readIds"); it != j.end() && it->is_array()) {
+    for (const json& id : *it) {
+      if (id.is_string() && s.readIds.size() < kMaxReadIds) s.readIds.push_back(id.get<std::string>());
+    }
+  }
   if (auto it = j.find("phones"); it != j.end() && it->is_array()) {
     for (const json& p : *it) {
       if (!p.is_object() || !p.contains("id") || !p["id"].is_string() || !p.contains("key") || !p["key"].is_string())
@@ -81,7 +93,8 @@ bool RemoteSettings::save(const StateFiles& files) const {
   }
   json j = {{"enabled", enabled}, {"relay", relay}, {"pageBase", pageBase}, {"phones", std::move(phonesJson)}};
   if (readUntil) j["readUntil"] = *readUntil;
-  return files.ensureDir() && files.writeDurably(kRemoteFile, j.dump(2) + "\n", 0600);
+  if (!readIds.empty()) j["readIds"] = readIds;
+  return files.ensureDir() && files.writeDurably(kRemoteFile, dumpJson(j, 2) + "\n", 0600);
 }
 
 std::optional<RemoteSettings> RemoteSettings::update(const StateFiles& files,
@@ -101,6 +114,27 @@ std::optional<RemoteSettings> RemoteSettings::update(const StateFiles& files,
   }
   if (fd >= 0) ::close(fd);
   return out;
+}
+
+void RemoteSettings::noteRead(double time, const std::string& id, Time now) {
+  if (time <= 0) return;
+  const double last = saneRelayTime(readUntil.value_or(0), now);
+  if (time > last) {
+    readUntil = time;
+    readIds.clear();
+  } else if (time < last) {
+    return;
+  }
+  if (!id.empty() && readIds.size() < kMaxReadIds && !wasRead(time, id)) readIds.push_back(id);
+}
+
+bool RemoteSettings::wasRead(double time, const std::string& id) const {
+  return !id.empty() && readUntil && time == *readUntil &&
+         std::find(readIds.begin(), readIds.end(), id) != readIds.end();
+}
+
+double RemoteSettings::resumePoint(Time now, double reach) const {
+  return std::max(now - reach, saneRelayTime(readUntil.value_or(0), now));
 }
 
 std::vector<UsablePhone> RemoteSettings::usable() const {

@@ -42,6 +42,20 @@ struct RemoteSettings {
   // The relay time of the last command read, so a restarted app reads on
   // from there instead of answering again what it already answered.
   std::optional<double> readUntil;
+  // The relay ids of the messages read at `readUntil` itself: the relay
+  // gives that second again, and what was read in it is not read twice.
+  std::vector<std::string> readIds;
+
+  // Notes one message from the relay as read (whether it could be handled
+  // or not), so a later launch does not read it again. `time` is a relay
+  // time already made sane; a stored point that isn't (a far-future one
+  // from an older, trusting version) gives way to it.
+  void noteRead(double time, const std::string& id, Time now);
+  // Whether that message was read before.
+  bool wasRead(double time, const std::string& id) const;
+  // Where a launch at `now` starts reading: where it left off, but at most
+  // `reach` seconds back, and never from a time that can't be.
+  double resumePoint(Time now, double reach) const;
 
   // Reads "remote.json" leniently: a missing or damaged file gives no
   // phones, wrong-typed keys their defaults, phones without an id are left

@@ -3,6 +3,8 @@
 #include <array>
 #include <cmath>
 
+#include "platform/text.h"
+
 namespace vigilo {
 namespace {
 
@@ -108,7 +110,18 @@ std::optional<PhoneOutcome> PhoneCommands::handle(const std::vector<UsablePhone>
   PhoneOutcome outcome;
   outcome.phoneId = from->id;
   outcome.replyTopic = from->replyTopic;
-  const json command = json::parse(*plain, nullptr, false);
+  // Nesting deeper than any command needs is left out as it is read, so
+  // nothing that copies or writes the arguments recurses level by level
+  // through a stack-sized tower of brackets; the command is refused.
+  bool tooDeep = false;
+  const json command = json::parse(
+      *plain,
+      [&](int depth, json::parse_event_t, json&) {
+        if (depth <= kMaxArgsDepth) return true;
+        tooDeep = true;
+        return false;
+      },
+      false);
   std::string id;
   double t = NAN;
   json args = json::object();
@@ -118,7 +131,7 @@ std::optional<PhoneOutcome> PhoneCommands::handle(const std::vector<UsablePhone>
     if (auto it = command.find("t"); it != command.end() && it->is_number()) t = it->get<double>();
     if (auto it = command.find("args"); it != command.end() && it->is_object()) args = *it;
     if (auto it = command.find("dev"); it != command.end() && it->is_string() && !it->get<std::string>().empty()) {
-      outcome.deviceName = it->get<std::string>().substr(0, 64);
+      outcome.deviceName = cutUtf8(it->get<std::string>(), kMaxDeviceName);
     }
   }
 
@@ -128,8 +141,11 @@ std::optional<PhoneOutcome> PhoneCommands::handle(const std::vector<UsablePhone>
     reply = {{"ok", false}, {"error", *refusal}};
   } else if (!allowedFromPhone(outcome.cmd)) {
     reply = {{"ok", false},
-             {"error", (outcome.cmd.empty() ? std::string("(no command)") : outcome.cmd.substr(0, 64)) +
+             {"error", (outcome.cmd.empty() ? std::string("(no command)") : cutUtf8(outcome.cmd, 64)) +
                            " isn't allowed from the phone"}};
+  } else if (tooDeep) {
+    reply = {{"ok", false},
+             {"error", "the command is nested too deeply (at most " + std::to_string(kMaxArgsDepth) + " levels)"}};
   } else {
     args["_age"] = std::max(0.0, std::floor(now - t));
     reply = phoneReply(runner_(outcome.cmd, args), outcome.cmd);
@@ -137,12 +153,12 @@ std::optional<PhoneOutcome> PhoneCommands::handle(const std::vector<UsablePhone>
   }
   reply["re"] = id;
   reply["t"] = std::floor(now);
-  outcome.sealedReply = seal(reply.dump(), outcome.replyTopic, from->key).value_or("");
+  outcome.sealedReply = seal(dumpJson(reply), outcome.replyTopic, from->key).value_or("");
   // ntfy turns a longer body into an attachment, which the phone doesn't
   // read: say so in a reply that fits.
   if (outcome.sealedReply.size() > kMaxRelayBody) {
     reply = {{"ok", false}, {"error", "the answer is too long for the relay"}, {"re", id}, {"t", std::floor(now)}};
-    outcome.sealedReply = seal(reply.dump(), outcome.replyTopic, from->key).value_or("");
+    outcome.sealedReply = seal(dumpJson(reply), outcome.replyTopic, from->key).value_or("");
   }
   outcome.reply = reply;
   return outcome;

@@ -13,6 +13,11 @@ namespace vigilo {
 
 // The longest message body ntfy keeps as a message.
 inline constexpr std::size_t kMaxRelayBody = 4096;
+// The longest phone name kept, in bytes.
+inline constexpr std::size_t kMaxDeviceName = 64;
+// How deeply a command may nest: the command object, its `args` and a few
+// levels inside (a setting's list value) are plenty.
+inline constexpr int kMaxArgsDepth = 8;
 
 // Whether a phone may send `cmd`.
 bool allowedFromPhone(const std::string& cmd);

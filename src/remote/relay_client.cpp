@@ -43,11 +43,16 @@ bool plainId(const std::string& id) {
   return true;
 }
 
+double wallSeconds() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
 // The state of one stream while curl feeds it.
 struct Stream {
   std::string topic;
   std::string buffer;
   std::string since;
+  double sinceTime = 0;
   bool opened = false;
   bool skipping = false;  // inside a line too long to be a message
   double lastProgress = 0;
@@ -59,24 +64,21 @@ struct Stream {
   const RelayClient::Deliver* deliver = nullptr;
   const std::atomic<bool>* stopping = nullptr;
 
-  void line(const std::string& text) {
-    auto j = nlohmann::json::parse(text, nullptr, false);
-    if (!j.is_object()) return;
-    const std::string event = j.value("event", "");
-    if (event == "open") {
+  void line(std::string_view text) {
+    const RelayLine l = readRelayLine(text, topic, wallSeconds());
+    if (l.kind == RelayLine::Kind::Open) {
       opened = true;
       if (reported) (*log)("phone relay reachable again at " + base);
       reported = false;
     }
-    if (event != "message") return;
-    RelayMessage m;
-    m.topic = j.value("topic", topic);
-    m.id = j.contains("id") && j["id"].is_string() ? j["id"].get<std::string>() : "";
-    m.time = j.contains("time") && j["time"].is_number() ? j["time"].get<double>() : 0;
-    m.message = j.contains("message") && j["message"].is_string() ? j["message"].get<std::string>() : "";
+    if (l.kind != RelayLine::Kind::Message) return;
+    RelayMessage m = l.message;
+    // The resume point only moves forward, and only to a time the relay
+    // could truly have given.
     if (plainId(m.id)) {
       since = m.id;
-    } else if (m.time > 0) {
+    } else if (m.time > sinceTime) {
+      sinceTime = m.time;
       since = std::to_string(static_cast<long long>(m.time));
     }
     // A message for another topic is not one we asked for.
@@ -102,14 +104,16 @@ size_t onData(char* data, size_t size, size_t n, void* user) {
   }
   std::size_t start = 0;
   for (std::size_t nl; (nl = s->buffer.find('\n', start)) != std::string::npos; start = nl + 1) {
-    s->line(s->buffer.substr(start, nl - start));
+    // Nothing a relay sends may unwind through curl's C frames or end the
+    // thread: a line that still manages to throw is skipped.
+    try {
+      s->line(std::string_view(s->buffer).substr(start, nl - start));
+    } catch (const std::exception& e) {
+      (*s->log)(std::string("skipped a line from the phone relay that couldn't be read (") + e.what() + ")");
+    }
   }
   s->buffer.erase(0, start);
   return size * n;
-}
-
-double wallSeconds() {
-  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
 int onProgress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
@@ -135,6 +139,38 @@ void blockSignalsInThisThread() {
   sigset_t all;
   sigfillset(&all);
   pthread_sigmask(SIG_BLOCK, &all, nullptr);
+}
+
+double saneRelayTime(double time, double now) {
+  // Seconds after 1970 fit a long long many times over; anything else is not
+  // a time a relay could have stamped.
+  if (!std::isfinite(time) || time <= 0 || time > now + kRelayClockSlack) return 0;
+  return time;
+}
+
+RelayLine readRelayLine(std::string_view text, const std::string& topic, double now) {
+  RelayLine out;
+  const auto j = nlohmann::json::parse(text, nullptr, false);
+  if (!j.is_object()) return out;
+  const auto str = [&](const char* key) -> const std::string* {
+    auto it = j.find(key);
+    return it != j.end() && it->is_string() ? it->get_ptr<const std::string*>() : nullptr;
+  };
+  const std::string* event = str("event");
+  if (!event) return out;
+  if (*event == "open") out.kind = RelayLine::Kind::Open;
+  if (*event != "message") return out;
+  RelayMessage& m = out.message;
+  const std::string* lineTopic = str("topic");
+  if (j.contains("topic") && !lineTopic) return out;
+  m.topic = lineTopic ? *lineTopic : topic;
+  const std::string* message = str("message");
+  if (!message) return out;
+  m.message = *message;
+  if (const std::string* id = str("id")) m.id = *id;
+  if (auto it = j.find("time"); it != j.end() && it->is_number()) m.time = saneRelayTime(it->get<double>(), now);
+  out.kind = RelayLine::Kind::Message;
+  return out;
 }
 
 std::string relayTopicUrl(const std::string& base, const std::string& topic) {
@@ -183,12 +219,12 @@ RelayClient::RelayClient(std::string base, std::vector<std::string> topics, doub
   for (const std::string& topic : topics) {
     threads_.emplace_back([this, topic, since] {
       blockSignalsInThisThread();
-      readTopic(topic, since);
+      guarded([&] { readTopic(topic, since); });
     });
   }
   threads_.emplace_back([this] {
     blockSignalsInThisThread();
-    publishLoop();
+    guarded([&] { publishLoop(); });
   });
 }
 
@@ -214,10 +250,28 @@ bool RelayClient::pause(double seconds) {
   return !wake_.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return stopping_.load(); });
 }
 
+void RelayClient::guarded(const std::function<void()>& work) {
+  // The relay is untrusted and its threads are ours alone: whatever goes
+  // wrong in them is said and retried, and never reaches the engine.
+  while (!stopping_) {
+    try {
+      work();
+      return;
+    } catch (const std::exception& e) {
+      log_(std::string("the phone relay connection failed (") + e.what() + "); starting it again");
+    }
+    if (!pause(kMaxBackoff)) return;
+  }
+}
+
 void RelayClient::readTopic(const std::string& topic, double since) {
   Stream stream;
   stream.topic = topic;
-  stream.since = std::to_string(static_cast<long long>(std::floor(since)));
+  // A start the caller could not mean reads from now rather than from all
+  // the relay holds, or from nowhere.
+  const double now = wallSeconds();
+  stream.sinceTime = since > 0 && saneRelayTime(since, now) > 0 ? since : now;
+  stream.since = std::to_string(static_cast<long long>(std::floor(stream.sinceTime)));
   stream.deliver = &deliver_;
   stream.stopping = &stopping_;
   stream.log = &log_;

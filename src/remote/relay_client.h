@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -19,6 +20,25 @@ struct RelayMessage {
   std::string id;
   double time = 0;
 };
+
+// How far ahead of this machine's clock a relay's time may be and still be
+// believed; a later time is the relay's nonsense, not a point to resume from.
+inline constexpr double kRelayClockSlack = 60;
+
+// A relay time that may serve as a point to resume reading from: the time
+// itself when it is a number of seconds after 1970 and at most
+// `kRelayClockSlack` past `now`; 0 (none) for a negative, non-finite or
+// far-future one.
+double saneRelayTime(double time, double now);
+
+// One line of an ntfy JSON stream, read without trusting it: a line that is
+// not a JSON object, or whose fields have the wrong types, is `Other`.
+struct RelayLine {
+  enum class Kind { Other, Open, Message };
+  Kind kind = Kind::Other;
+  RelayMessage message;  // for `Message`; `time` passed through `saneRelayTime`
+};
+RelayLine readRelayLine(std::string_view text, const std::string& topic, double now);
 
 // The address of `topic` on the relay at `base` ("https://ntfy.sh" with or
 // without a trailing "/").
@@ -61,6 +81,9 @@ class RelayClient {
   void publish(std::string topic, std::string body, std::function<void(bool)> done = nullptr);
 
  private:
+  // Runs `work` until it returns or the client stops, starting it again a
+  // minute after it throws.
+  void guarded(const std::function<void()>& work);
   void readTopic(const std::string& topic, double since);
   void publishLoop();
   // Waits `seconds` or until stopped; false when stopped.

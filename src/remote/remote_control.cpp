@@ -1,8 +1,10 @@
 #include "remote/remote_control.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "commands/command_center.h"
+#include "platform/text.h"
 
 namespace vigilo {
 
@@ -11,7 +13,7 @@ nlohmann::json runPhoneRequest(CommandCenter& center, const std::string& cmd, co
   constexpr std::size_t kMaxName = 1024;
   for (auto& [key, value] : args.items()) {
     if (key == "reason" || !value.is_string() || value.get_ref<const std::string&>().size() <= kMaxName) continue;
-    return {{"ok", false}, {"error", key.substr(0, 64) + " is too long (at most 1024 characters)"}};
+    return {{"ok", false}, {"error", cutUtf8(key, 64) + " is too long (at most 1024 characters)"}};
   }
   nlohmann::json reply = center.handle(cmd, args);
   if (cmd == "panel" && reply.value("ok", true) == false && reply.value("error", "").rfind("Unknown command", 0) == 0) {
@@ -61,7 +63,7 @@ void RemoteControl::reload() {
   // Commands a phone sent while the app was stopped are still picked up, as
   // far back as a wake may wait.
   relay_ = std::make_unique<RelayClient>(
-      settings_.relay, topics, std::max(clock_.now() - kWakeMaxAge, settings_.readUntil.value_or(0)),
+      settings_.relay, topics, settings_.resumePoint(clock_.now(), kWakeMaxAge),
       [this, weak, loop](RelayMessage m) {
         loop->post([this, weak, m = std::move(m)] {
           if (!weak.expired()) received(m);
@@ -77,15 +79,31 @@ void RemoteControl::reload() {
 }
 
 void RemoteControl::received(const RelayMessage& m) {
-  const std::vector<UsablePhone> phones = settings_.usable();
-  auto outcome = commands_.handle(phones, m.topic, m.message, clock_.now());
-  if (!outcome) return;
-  // Noted on the file as it is now: `vigilo pair` may have changed it since
-  // it was read. The topics stay as they are, so the reload this write
+  if (settings_.wasRead(m.time, m.id)) return;
+  // Noted as read before it is handled, whatever becomes of it: a message
+  // that can't be opened, read or run is not read again at the next launch.
+  // Noted on the file as it is now, as `vigilo pair` may have changed it
+  // since it was read; the topics stay as they are, so the reload this write
   // triggers keeps the listener running.
+  auto noted = RemoteSettings::update(files_, [&](RemoteSettings& s) {
+    const auto before = std::make_pair(s.readUntil, s.readIds);
+    s.noteRead(m.time, m.id, clock_.now());
+    return before != std::make_pair(s.readUntil, s.readIds);
+  });
+  if (noted) {
+    settings_.readUntil = noted->readUntil;
+    settings_.readIds = noted->readIds;
+  }
+  std::optional<PhoneOutcome> outcome;
+  try {
+    outcome = commands_.handle(settings_.usable(), m.topic, m.message, clock_.now());
+  } catch (const std::exception& e) {
+    say_(std::string("phone: a message couldn't be handled (") + e.what() + ")");
+    return;
+  }
+  if (!outcome) return;
   const Time now = clock_.now();
   auto saved = RemoteSettings::update(files_, [&](RemoteSettings& s) {
-    if (m.time > s.readUntil.value_or(0)) s.readUntil = m.time;
     for (PairedPhone& p : s.phones) {
       if (p.id != outcome->phoneId) continue;
       p.lastSeen = now;
@@ -93,10 +111,10 @@ void RemoteControl::received(const RelayMessage& m) {
     }
     return true;
   });
-  if (!saved) say_("warning: Couldn't save the phone settings");
-  const std::string cmd = outcome->cmd.empty() ? "(no command)" : outcome->cmd.substr(0, 64);
+  if (!noted || !saved) say_("warning: Couldn't save the phone settings");
+  const std::string cmd = outcome->cmd.empty() ? "(no command)" : terminalSafe(cutUtf8(outcome->cmd, 64));
   say_("phone: " + cmd +
-       (outcome->reply.value("ok", false) ? " done" : " refused: " + outcome->reply.value("error", "")));
+       (outcome->reply.value("ok", false) ? " done" : " refused: " + terminalSafe(outcome->reply.value("error", ""))));
   if (relay_ && !outcome->sealedReply.empty()) relay_->publish(outcome->replyTopic, outcome->sealedReply);
 }
 

@@ -3,6 +3,8 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
+#include "platform/text.h"
+
 namespace vigilo {
 namespace {
 // Ids are kept as long as any command could still be inside its age window.
@@ -57,7 +59,7 @@ void RemoteGuard::save() const {
   for (const auto& [id, at] : seen_) j[id] = at;
   // A lost write only weakens replay protection until the next save; the
   // command itself still runs.
-  files_->writeDurably(kRemoteSeenFile, j.dump() + "\n");
+  files_->writeDurably(kRemoteSeenFile, dumpJson(j) + "\n");
 }
 
 }  // namespace vigilo

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <ctime>
 
+#include "platform/text.h"
+
 namespace vigilo {
 namespace {
 
@@ -110,7 +112,7 @@ SavingsStats StatsStore::load() const {
 
 bool StatsStore::save(const SavingsStats& stats) const {
   if (!files_.ensureDir()) return false;
-  return files_.writeDurably(kStatsFile, stats.toJson().dump(2) + "\n");
+  return files_.writeDurably(kStatsFile, dumpJson(stats.toJson(), 2) + "\n");
 }
 
 std::string isoTime(Time t) {

@@ -1,6 +1,7 @@
 #include "ui/tray_model.h"
 
 #include "engine/engine.h"
+#include "platform/text.h"
 
 namespace vigilo {
 namespace {
@@ -10,13 +11,7 @@ using Item = TrayMenuItem;
 // Long hold reasons would make the menu as wide as the screen.
 constexpr std::size_t kMaxReasonBytes = 60;
 
-std::string shortened(const std::string& text) {
-  if (text.size() <= kMaxReasonBytes) return text;
-  std::size_t cut = kMaxReasonBytes;
-  // Never split a UTF-8 sequence.
-  while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
-  return text.substr(0, cut) + "…";
-}
+std::string shortened(const std::string& text) { return cutUtf8(text, kMaxReasonBytes); }
 
 Item separator(std::string key) {
   Item i;

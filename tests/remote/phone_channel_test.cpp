@@ -5,9 +5,11 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "platform/text.h"
 #include "remote/crypto.h"
 #include "remote/pairing.h"
 #include "remote/phone_commands.h"
+#include "remote/relay_client.h"
 #include "test_support.h"
 
 namespace vigilo {
@@ -146,6 +148,93 @@ TEST(PairingTest, PairRevokeAndLinksFollowTheStoredSettings) {
   EXPECT_EQ(broken.relay, kDefaultRelay);
 }
 
+TEST(PairingTest, TheReadPointMovesOnlyForwardAndOnlyToTimesThatCanBe) {
+  const Time now = 1'800'000'000;
+  TempDir dir;
+  StateFiles files(dir.path());
+  RemoteSettings s;
+  EXPECT_EQ(s.resumePoint(now, kWakeMaxAge), now - kWakeMaxAge);
+  s.noteRead(now - 100, "a", now);
+  s.noteRead(now - 100, "b", now);
+  s.noteRead(now - 200, "older", now);
+  s.noteRead(0, "no-time", now);
+  ASSERT_TRUE(s.save(files));
+  RemoteSettings again = RemoteSettings::load(files);
+  EXPECT_EQ(again.resumePoint(now, kWakeMaxAge), now - 100);
+  EXPECT_TRUE(again.wasRead(now - 100, "a") && again.wasRead(now - 100, "b"));
+  EXPECT_FALSE(again.wasRead(now - 100, "c"));
+  EXPECT_FALSE(again.wasRead(now - 200, "older"));
+  // A point no relay could have given (stored by a version that believed
+  // the relay's clock) neither sets where reading starts nor blocks the next.
+  for (double stored : {1e300, -5.0, now + 3600}) {
+    again.readUntil = stored;
+    EXPECT_EQ(again.resumePoint(now, kWakeMaxAge), now - kWakeMaxAge) << stored;
+    again.noteRead(now - 10, "x", now);
+    EXPECT_EQ(again.readUntil, now - 10) << stored;
+  }
+}
+
+TEST(PhoneNameTest, NamesAreCutWholeAndReachTheTerminalDefused) {
+  // A surrogate and a code point past U+10FFFF: every byte is bad.
+  std::string sevenBad;
+  for (int i = 0; i < 7; ++i) sevenBad += "\uFFFD";
+  struct Case {
+    std::string name;
+    std::size_t max;
+    std::string cut;
+    std::string shown;
+  } cases[] = {
+      {"Pixel 8", 64, "Pixel 8", "Pixel 8"},
+      {"a手b", 4, "a…", "a手b"},
+      {"手手", 2, "", "手手"},
+      {"bad\xff\xc0!", 64, "bad\uFFFD\uFFFD!", "bad\uFFFD\uFFFD!"},
+      {"cut \xe6\x89", 64, "cut \uFFFD\uFFFD", "cut \uFFFD\uFFFD"},
+      {"\xed\xa0\x80\xf4\x90\x80\x80", 64, sevenBad, sevenBad},
+      {"\x1b[2Jwiped", 64, "\x1b[2Jwiped", "\\x1b[2Jwiped"},
+      {"tab\there\x7f", 64, "tab\there\x7f", "tab\\x09here\\x7f"},
+      {"\xc2\x9b" "csi", 64, "\xc2\x9b" "csi", "\\x9bcsi"},
+      {"evil\u202Etxt.exe", 64, "evil\u202Etxt.exe", "evil\\u202etxt.exe"},
+  };
+  for (const Case& c : cases) {
+    const std::string cut = cutUtf8(c.name, c.max);
+    EXPECT_LE(cut.size(), c.max) << c.name;
+    EXPECT_EQ(validUtf8(cut), cut) << c.name;
+    EXPECT_EQ(cut, c.cut) << c.name;
+    EXPECT_EQ(terminalSafe(c.name), c.shown) << c.name;
+  }
+}
+
+TEST(RelayLineTest, LinesOfTheWrongShapeAreSkippedAndAbsurdTimesAreNoPlaceToResume) {
+  const double now = 1'800'000'000;
+  using Kind = RelayLine::Kind;
+  struct Case {
+    std::string line;
+    Kind kind;
+    double time;
+  } cases[] = {
+      {R"({"event":"message","topic":"t","message":"box","id":"a1","time":1799999990})", Kind::Message, 1799999990},
+      {R"({"event":"message","message":"box","time":1800000059})", Kind::Message, 1800000059},
+      {R"({"event":"open","topic":"t"})", Kind::Open, 0},
+      {R"({"event":7,"topic":"t","message":"box"})", Kind::Other, 0},
+      {R"({"event":"message","topic":["t"],"message":"box"})", Kind::Other, 0},
+      {R"({"event":"message","topic":"t","message":42})", Kind::Other, 0},
+      {R"({"event":"message","topic":"t","message":"box","time":"soon"})", Kind::Message, 0},
+      {R"({"event":"message","topic":"t","message":"box","time":-5})", Kind::Message, 0},
+      {R"({"event":"message","topic":"t","message":"box","time":1e300})", Kind::Message, 0},
+      {R"({"event":"message","topic":"t","message":"box","time":1800003600})", Kind::Message, 0},
+      {"not json", Kind::Other, 0},
+      {std::string(10000, '[') + std::string(10000, ']'), Kind::Other, 0},
+  };
+  for (const Case& c : cases) {
+    const RelayLine l = readRelayLine(c.line, "t", now);
+    EXPECT_EQ(l.kind, c.kind) << c.line.substr(0, 80);
+    if (l.kind != Kind::Message) continue;
+    EXPECT_EQ(l.message.topic, "t");
+    EXPECT_EQ(l.message.message, "box");
+    EXPECT_EQ(l.message.time, c.time) << c.line;
+  }
+}
+
 // A phone sending through the channel to the handler, with a recording
 // command center behind it.
 class PhoneCommandsTest : public ::testing::Test {
@@ -259,6 +348,50 @@ TEST_F(PhoneCommandsTest, MessagesThatAreNotOursGetNoReply) {
   ASSERT_TRUE(outcome);
   EXPECT_EQ(outcome->reply["error"], "bad id");
   EXPECT_TRUE(ran_.empty());
+}
+
+TEST_F(PhoneCommandsTest, HostileTextIsCutOrRefusedAndEverythingStaysWritable) {
+  const Time now = 1'800'000'000;
+  std::string cjk, cyrillic = "a", longCmd;
+  for (int i = 0; i < 25; ++i) cjk += "手机";
+  for (int i = 0; i < 40; ++i) cyrillic += "Ж";
+  for (int i = 0; i < 40; ++i) longCmd += "命";
+  const std::string deep = std::string(10000, '[') + std::string(10000, ']');
+  const auto plain = [&](const std::string& id, const std::string& cmd, const std::string& args,
+                         const std::string& dev) {
+    return R"({"n":")" + id + R"(","cmd":")" + cmd + R"(","t":)" + std::to_string(static_cast<long long>(now)) +
+           R"(,"args":)" + args + R"(,"dev":")" + dev + "\"}";
+  };
+  struct Case {
+    std::string plaintext;
+    std::string error;  // a part of it; empty: it runs
+  } cases[] = {
+      {plain("cjk-name", "panel", "{}", cjk), ""},
+      {plain("cyrillic-name", "panel", "{}", cyrillic), ""},
+      {plain("long-cmd", longCmd, "{}", "x"), " isn't allowed from the phone"},
+      {plain("deep", "set", R"({"key":"mode","value":)" + deep + "}", "x"),
+       "the command is nested too deeply (at most 8 levels)"},
+  };
+  for (const Case& c : cases) {
+    ran_.clear();
+    auto outcome = commands_.handle(settings_.usable(), phone_.commandTopic,
+                                    *seal(c.plaintext, phone_.commandTopic, phone_.key), now);
+    ASSERT_TRUE(outcome) << c.plaintext.substr(0, 80);
+    const json reply = json::parse(*open(outcome->sealedReply, phone_.replyTopic, phone_.key));
+    EXPECT_EQ(reply["ok"], c.error.empty()) << reply;
+    EXPECT_EQ(ran_.empty(), !c.error.empty());
+    if (!c.error.empty()) {
+      EXPECT_NE(reply.value("error", "").find(c.error), std::string::npos) << reply;
+    }
+    ASSERT_TRUE(outcome->deviceName);
+    const std::string& name = *outcome->deviceName;
+    EXPECT_LE(name.size(), kMaxDeviceName);
+    EXPECT_EQ(validUtf8(name), name);
+    RemoteSettings named = settings_;
+    named.phones[0].name = name;
+    ASSERT_TRUE(named.save(files_));
+    EXPECT_EQ(RemoteSettings::load(files_).phones[0].name, name);
+  }
 }
 
 TEST_F(PhoneCommandsTest, AnAnswerTooLongForTheRelayIsSaidToBe) {

@@ -165,6 +165,40 @@ TEST_F(PhoneRelayTest, ARelaySendingGarbageNeitherStopsNorCrashesTheApp) {
   auto stats = relay_->readLine(5s);
   ASSERT_TRUE(stats);
   EXPECT_EQ(json::parse(*stats)["subscriptions"][cmdTopic], 1) << *stats;
+
+  // Read afresh, it goes on from a point the absurd times didn't move.
+  ASSERT_TRUE(relay_->write("refuse-subscribers\n"));
+  ASSERT_TRUE(relay_->readLine(5s));
+  ASSERT_TRUE(waitFor([&] { return outputHas("can't read the phone relay"); }, 10s)) << app_->output();
+  ASSERT_TRUE(relay_->write("accept-subscribers\n"));
+  ASSERT_TRUE(relay_->readLine(5s));
+  ASSERT_TRUE(waitFor([&] { return outputHas("phone relay reachable again"); }, 15s)) << app_->output();
+  EXPECT_EQ(ask({{"cmd", "panel"}})["ok"], true) << app_->output();
+}
+
+TEST_F(PhoneRelayTest, HostileNamesAndCommandsNeitherStopTheAppNorComeBackAfterARelaunch) {
+  // Given a phone named in long CJK text behind an escape sequence, and a
+  // command name no handler knows, as long and as far from ASCII.
+  std::string name = "\x1b[2J";
+  std::string cmd;
+  for (int i = 0; i < 30; ++i) name += "手";
+  for (int i = 0; i < 40; ++i) cmd += "命";
+  EXPECT_EQ(ask({{"cmd", "panel"}, {"dev", name}})["ok"], true) << app_->output();
+  json refused = ask({{"cmd", cmd}, {"dev", name}});
+  EXPECT_EQ(refused["ok"], false) << app_->output();
+  const std::string error = refused.value("error", "");
+  EXPECT_TRUE(error.starts_with("命") && error.ends_with(" isn't allowed from the phone")) << error;
+
+  ToolRun list = vigilo({"pair", "--list"});
+  EXPECT_EQ(list.out.find('\x1b'), std::string::npos) << "the name can't drive the terminal";
+  EXPECT_NE(list.out.find("\\x1b[2J手手"), std::string::npos) << list.out;
+
+  stopApp();
+  startApp();
+  ASSERT_TRUE(waitFor([&] { return outputHas("phone control listens for 1 phone"); }, 10s)) << app_->output();
+  EXPECT_EQ(ask({{"cmd", "panel"}})["ok"], true) << app_->output();
+  EXPECT_FALSE(outputHas("already handled")) << "what was read before the relaunch is not read again\n"
+                                             << app_->output();
 }
 
 TEST_F(PhoneRelayTest, RevokingAPhoneStopsItAtOnce) {

@@ -21,6 +21,7 @@
 #include <nlohmann/json.hpp>
 
 #include "panel/panel_abi.h"
+#include "platform/text.h"
 
 namespace {
 
@@ -36,7 +37,7 @@ const VigiloPanelHost* gHost = nullptr;
 // One request to the app, whole: a reply object, or {"ok": false, "error"}
 // when the app didn't answer or answered nonsense.
 json call(const std::string& cmd, const json& args = json::object()) {
-  char* text = gHost->request(gHost->context, cmd.c_str(), args.dump().c_str(), kRequestTimeout);
+  char* text = gHost->request(gHost->context, cmd.c_str(), vigilo::dumpJson(args).c_str(), kRequestTimeout);
   if (text == nullptr) return {{"ok", false}, {"error", "Vigilo didn't answer"}};
   json reply = json::parse(text, nullptr, false);
   gHost->release(text);
@@ -478,7 +479,7 @@ void Panel::settingRow(GtkWidget* parent, const json& s) {
   } else {
     GtkWidget* entry = gtk_entry_new();
     gtk_editable_set_text(GTK_EDITABLE(entry),
-                          value.is_string() ? value.get<std::string>().c_str() : value.dump().c_str());
+                          value.is_string() ? value.get<std::string>().c_str() : vigilo::dumpJson(value).c_str());
     gtk_editable_set_width_chars(GTK_EDITABLE(entry), type == "int" ? 5 : 18);
     GtkWidget* set = button("Set", [this, key, entry, value] {
       std::string text = gtk_editable_get_text(GTK_EDITABLE(entry));

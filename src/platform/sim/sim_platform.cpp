@@ -35,7 +35,7 @@ std::string problemText(const std::string& path, const std::string& what) {
 std::string dump(const json& j) {
   // Replacing bad UTF-8 keeps a process name from a test from making dump()
   // throw.
-  return j.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+  return dumpJson(j, 2) + "\n";
 }
 
 // What identifies one version of the file without reading it. The inode

@@ -150,8 +150,8 @@ readline.createInterface({ input: process.stdin }).on('line', (line) => {
     for (const s of subscribers) s.res.destroy();
     process.stdout.write(JSON.stringify({ refusing: true }) + '\n');
   } else if (line.startsWith('garbage ')) {
-    // A relay gone wrong: an endless line, text that isn't JSON and a
-    // message of the wrong shape, on every stream of the topic.
+    // A relay gone wrong: an endless line, text that isn't JSON, messages
+    // of the wrong shape and absurd times, on every stream of the topic.
     const topicName = line.slice(8);
     for (const s of subscribers) {
       if (!s.topics.includes(topicName)) continue;
@@ -159,6 +159,11 @@ readline.createInterface({ input: process.stdin }).on('line', (line) => {
       s.res.write('y'.repeat(10) + '\n');
       s.res.write('not json\n');
       s.res.write(JSON.stringify({ id: newId(), time: now(), event: 'message', topic: topicName, message: 42 }) + '\n');
+      s.res.write(JSON.stringify({ id: newId(), time: now(), event: 7, topic: topicName, message: 'x' }) + '\n');
+      s.res.write(JSON.stringify({ id: newId(), time: now(), event: 'message', topic: ['x'], message: 'x' }) + '\n');
+      // Times no relay could stamp, without an id to resume from instead.
+      s.res.write(`{"time":1e300,"event":"message","topic":"${topicName}","message":"x"}\n`);
+      s.res.write(JSON.stringify({ time: -5, event: 'message', topic: topicName, message: 'y' }) + '\n');
     }
     process.stdout.write(JSON.stringify({ garbage: true }) + '\n');
   } else if (line === 'stats') {

@@ -3,6 +3,7 @@
 //   {"cmd":"mode","args":{...}}            a fresh command
 //   {"n":"id","t":-100,"cmd":"panel"}      with a given id and clock offset
 //   {"cmd":"panel","onTopic":"reply"}      sealed for the wrong topic
+//   {"cmd":"panel","dev":"name"}           with another device name
 //   {"raw":"text"}                          publish text as is
 //   {"cmd":"panel","noWait":true} then {"await":"id"}
 // A request without an answer within 10 s (or its "timeoutMs") prints
@@ -99,7 +100,7 @@ for await (const line of lines) {
   }
   const n = req.n ?? randomUUID();
   const command = { n, cmd: req.cmd, args: req.args ?? {}, t: Math.floor(Date.now() / 1000) + (req.t ?? 0),
-                    dev: 'Test phone' };
+                    dev: req.dev ?? 'Test phone' };
   const onTopic = req.onTopic === 'reply' ? replyTopic : cmdTopic;
   const status = await publish(await seal(JSON.stringify(command), onTopic, key));
   if (req.noWait) {

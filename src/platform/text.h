@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstddef>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+
+namespace vigilo {
+
+// Text from outside (a phone, a relay, a file, a caller) may hold any bytes.
+// These helpers are the one way Vigilo cuts, repairs, prints and writes it.
+
+// `text` with every byte that does not begin a well-formed UTF-8 character
+// (stray continuation bytes, overlong forms, surrogates, code points past
+// U+10FFFF, truncated sequences) replaced by U+FFFD.
+std::string validUtf8(std::string_view text);
+
+// `text` made valid (as `validUtf8`) and cut to at most `maxBytes` bytes
+// without splitting a character, with "…" at the end when anything was cut
+// (the "…" counted; left out when `maxBytes` has no room for it).
+std::string cutUtf8(std::string_view text, std::size_t maxBytes);
+
+// `text` made valid and safe to print on a terminal: control characters
+// (C0, DEL, C1) and the characters that reorder text on screen (bidi
+// embeddings, overrides and isolates) are written as "\x1b" or "\u202e", so
+// a name can neither move the cursor nor pose as other text. A backslash
+// stays as it is.
+std::string terminalSafe(std::string_view text);
+
+// JSON text of `value` that never throws: a string holding bad UTF-8 (which
+// nlohmann's default dump refuses with an exception) has each bad byte
+// written as U+FFFD. `indent` as in `dump`: -1 is compact.
+template <class Json>
+std::string dumpJson(const Json& value, int indent = -1) {
+  return value.dump(indent, ' ', false, Json::error_handler_t::replace);
+}
+
+}  // namespace vigilo
