@@ -60,27 +60,17 @@ struct Stream {
   const std::atomic<bool>* stopping = nullptr;
 
   void line(const std::string& text) {
-    auto j = nlohmann::json::parse(text, nullptr, false);
-    if (!j.is_object()) return;
-    const std::string event = j.value("event", "");
-    if (event == "open") {
+    auto parsed = parseRelayLine(text, topic);
+    if (!parsed) return;
+    if (parsed->event == "open") {
       opened = true;
       if (reported) (*log)("phone relay reachable again at " + base);
       reported = false;
     }
-    if (event != "message") return;
-    RelayMessage m;
-    m.topic = j.value("topic", topic);
-    m.id = j.contains("id") && j["id"].is_string() ? j["id"].get<std::string>() : "";
-    m.time = j.contains("time") && j["time"].is_number() ? j["time"].get<double>() : 0;
-    m.message = j.contains("message") && j["message"].is_string() ? j["message"].get<std::string>() : "";
-    if (plainId(m.id)) {
-      since = m.id;
-    } else if (m.time > 0) {
-      since = std::to_string(static_cast<long long>(m.time));
-    }
+    if (parsed->event != "message") return;
+    if (!parsed->since.empty()) since = parsed->since;
     // A message for another topic is not one we asked for.
-    if (m.topic == topic) (*deliver)(std::move(m));
+    if (parsed->message.topic == topic) (*deliver)(std::move(parsed->message));
   }
 };
 
@@ -135,6 +125,25 @@ void blockSignalsInThisThread() {
   sigset_t all;
   sigfillset(&all);
   pthread_sigmask(SIG_BLOCK, &all, nullptr);
+}
+
+std::optional<RelayLine> parseRelayLine(const std::string& text, const std::string& topic) {
+  auto j = nlohmann::json::parse(text, nullptr, false);
+  if (!j.is_object()) return std::nullopt;
+  RelayLine line;
+  line.event = j.value("event", "");
+  if (line.event != "message") return line;
+  RelayMessage& m = line.message;
+  m.topic = j.value("topic", topic);
+  m.id = j.contains("id") && j["id"].is_string() ? j["id"].get<std::string>() : "";
+  m.time = j.contains("time") && j["time"].is_number() ? j["time"].get<double>() : 0;
+  m.message = j.contains("message") && j["message"].is_string() ? j["message"].get<std::string>() : "";
+  if (plainId(m.id)) {
+    line.since = m.id;
+  } else if (m.time > 0) {
+    line.since = std::to_string(static_cast<long long>(m.time));
+  }
+  return line;
 }
 
 std::string relayTopicUrl(const std::string& base, const std::string& topic) {

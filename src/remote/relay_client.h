@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,6 +20,17 @@ struct RelayMessage {
   std::string id;
   double time = 0;
 };
+
+// One line of a topic's JSON stream as read for `topic`: its `event`
+// ("open", "keepalive", "message", ...), the message it carries, and the
+// point to read on from after it ("" leaves the point where it was).
+// Nothing when the line is not a JSON object.
+struct RelayLine {
+  std::string event;
+  RelayMessage message;
+  std::string since;
+};
+std::optional<RelayLine> parseRelayLine(const std::string& text, const std::string& topic);
 
 // The address of `topic` on the relay at `base` ("https://ntfy.sh" with or
 // without a trailing "/").
