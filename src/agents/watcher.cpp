@@ -621,7 +621,9 @@ std::vector<std::string> AgentWatcher::changedTranscripts(const AgentKind& kind,
 
   if (!t.search && (!t.searchedAt || monotonic - *t.searchedAt >= kTranscriptSearchInterval ||
                     monotonic < *t.searchedAt)) {
-    t.search.emplace();
+    // From a value: clang 14 takes the nested aggregate for not default
+    // constructible here.
+    t.search.emplace(TranscriptSearch{});
     for (auto dir = kind.transcriptDirs.rbegin(); dir != kind.transcriptDirs.rend(); ++dir) {
       TranscriptFolder top;
       top.path = home_ + "/" + *dir;

@@ -333,7 +333,8 @@ void ClosedLid::applyClosedTargets(Preset preset, const std::set<std::string>& s
   const auto self = static_cast<std::int32_t>(::getpid());
   for (const auto& [pid, target] : selection) {
     if (pid < 2 || pid == self) continue;
-    if (std::any_of(touched_.begin(), touched_.end(), [&](const Touched& t) { return t.pid == pid; })) continue;
+    // Captured by copy: clang before 16 can't capture a structured binding.
+    if (std::any_of(touched_.begin(), touched_.end(), [pid = pid](const Touched& t) { return t.pid == pid; })) continue;
     auto info = procs.info(pid);
     if (!info || info->startMicros != target.start) continue;
     const bool pause = target.rule == AppRule::Pause;

@@ -119,7 +119,16 @@ std::optional<ordered_json> AutoApprove::journal(bool* damaged) const {
 }
 
 bool AutoApprove::saveJournal(const ordered_json& j) const {
-  return files_.ensureDir() && files_.writeDurably(kAutoApproveFile, dumpJson(j, 2) + "\n");
+  // The record keeps the person's own lines to put back byte for byte; a
+  // line that isn't UTF-8 can't be written as JSON, and then nothing is
+  // changed.
+  std::string text;
+  try {
+    text = j.dump(2) + "\n";
+  } catch (const nlohmann::json::exception&) {
+    return false;
+  }
+  return files_.ensureDir() && files_.writeDurably(kAutoApproveFile, text);
 }
 
 bool AutoApprove::writeRestore(const std::string& name, const std::string& target, const std::string& restored,
