@@ -32,7 +32,9 @@ restore_approve() {
     sum=$()SH" + sum + R"SH( "$target" 2>/dev/null)
     sum=${sum%% *}
     if [ -f "$target" ] && [ -n "$sum" ] && [ "$sum" = "$(cat "$R/$name.sha" 2>/dev/null)" ] &&
-      cp "$R/$name.restored" "$target.vigilo-tmp" && mv -f "$target.vigilo-tmp" "$target"; then
+      # The copy starts as the target itself, so the file keeps its mode.
+      cp -p "$target" "$target.vigilo-tmp" && cat "$R/$name.restored" >"$target.vigilo-tmp" &&
+      mv -f "$target.vigilo-tmp" "$target"; then
       # Done: a later run must not mistake the restored file for a changed one.
       rm -f "$R/$name.target" "$R/$name.sha" "$R/$name.restored"
     else
