@@ -126,7 +126,8 @@ TEST_F(ClaudeHooksTest, RefusesWhenTheFileChangesDuringTheEdit) {
   EXPECT_EQ(ClaudeHooks::install(settings(), kCommand,
                                  [&] {
                                    for (const auto& e : std::filesystem::directory_iterator(dir_.file(".claude"))) {
-                                     waiting = waiting || readFile(e.path()).find("event claude-code") != std::string::npos;
+                                     waiting = waiting || (e.path().string().find(".vigilo-new-") != std::string::npos &&
+                                                           readFile(e.path()).find(kCommand) != std::string::npos);
                                    }
                                    writeFile(settings(), edited);
                                  }),
