@@ -77,7 +77,8 @@ std::string AgentPlaces::shown(const std::string& path) const {
 
 std::string editJSON(const std::string& path, const std::string& shownPath, const std::string& done,
                      const std::function<bool(nlohmann::ordered_json&)>& edit, bool* ok,
-                     const std::function<void()>& beforeWrite) {
+                     const std::function<void()>& beforeWrite,
+                     const std::function<bool(const nlohmann::ordered_json&)>& backupFits) {
   if (ok) *ok = false;
   std::string problem;
   auto file = CarefulFile::read(path, &problem);
@@ -93,7 +94,9 @@ std::string editJSON(const std::string& path, const std::string& shownPath, cons
   } catch (const std::exception& e) {
     return "Couldn't change " + shownPath + " (" + e.what() + "), so I left it alone.";
   }
-  if (!file->backUp()) return "Couldn't save a backup of " + shownPath + ", so I left it alone.";
+  if (!(backupFits && backupFits(*object)) && !file->backUp()) {
+    return "Couldn't save a backup of " + shownPath + ", so I left it alone.";
+  }
   const auto written = file->replace(jsonEdited(file->bytes(), edited), beforeWrite);
   switch (written.outcome) {
     case CarefulFile::Outcome::Written:

@@ -44,9 +44,12 @@ struct AgentPlaces {
 // the bytes read. Only the bytes of what the edit changed are rewritten
 // (see jsonEdited). Gives `done` on success, else a sentence saying
 // what went wrong (the file then is as it was). `ok` tells which.
+// `backupFits`, when given, tells from the file's current object whether
+// the backup already there is still the right copy to keep.
 std::string editJSON(const std::string& path, const std::string& shownPath, const std::string& done,
                      const std::function<bool(nlohmann::ordered_json&)>& edit, bool* ok = nullptr,
-                     const std::function<void()>& beforeWrite = {});
+                     const std::function<void()>& beforeWrite = {},
+                     const std::function<bool(const nlohmann::ordered_json&)>& backupFits = {});
 
 
 }  // namespace vigilo

@@ -100,6 +100,19 @@ bool removeServer(ordered_json& settings, bool keepEmpty) {
   return true;
 }
 
+// Whether the backup of `path` is `current` without Vigilo's entry: then
+// it is the copy from before Vigilo's first change, and connecting again
+// (after Vigilo moved) keeps it rather than save Vigilo's older entry.
+bool backupBeforeEntry(const std::string& path, const ordered_json& current) {
+  auto servers = current.find("mcpServers");
+  if (servers == current.end() || !servers->is_object() || !servers->contains("vigilo")) return false;
+  auto bytes = readWholeFile(path + ".vigilo-backup");
+  auto backup = bytes ? parseJsonObject(*bytes) : std::nullopt;
+  if (!backup || (backup->contains("mcpServers") && !(*backup)["mcpServers"].is_object())) return false;
+  setServer(*backup, (*servers)["vigilo"]);
+  return *backup == current;
+}
+
 bool hasServer(const std::string& path) {
   auto file = CarefulFile::read(path);
   if (!file) return false;
@@ -240,8 +253,10 @@ std::string AIConnect::connectClaudeCode(const ServerCommand& server, const std:
   }
   if (message.empty()) {
     const ordered_json entry = serverEntry(server, true);
-    message = editJSON(places_.claudeJson(), places_.shown(places_.claudeJson()), "Added to Claude Code (~/.claude.json).",
-                       [&](ordered_json& s) { return setServer(s, entry); });
+    const std::string path = places_.claudeJson();
+    message = editJSON(path, places_.shown(path), "Added to Claude Code (~/.claude.json).",
+                       [&](ordered_json& s) { return setServer(s, entry); }, nullptr, {},
+                       [&](const ordered_json& now) { return backupBeforeEntry(path, now); });
   }
   if (auto problem = ClaudeHooks::install(places_.claudeSettings(), hookCommand)) {
     message += " Couldn't add its status hooks: " + *problem;
@@ -321,7 +336,10 @@ std::string AIConnect::connectCodex(const ServerCommand& server) {
   if (const TomlCheck after = checkToml(*updated); !after.valid || after.vigiloCommand != server.command) {
     return "Couldn't add Vigilo to " + shown + " without breaking it, so I left it alone.";
   }
-  if (Result r = file->backUp(); !r) return "Couldn't write Codex's config: " + r.message();
+  // Connecting again keeps a backup that is this file without Vigilo's table.
+  const auto backup = readWholeFile(file->backupPath());
+  const bool backupFits = backup && !codexVigiloRanges(file->bytes()).empty() && withoutCodexTable(file->bytes()) == *backup;
+  if (Result r = backupFits ? Result::ok() : file->backUp(); !r) return "Couldn't write Codex's config: " + r.message();
   const auto written = file->replace(*updated);
   if (written.outcome == CarefulFile::Outcome::Changed) {
     return "Couldn't write Codex's config: it changed while Vigilo was editing it; try again.";
@@ -338,7 +356,8 @@ std::string AIConnect::connectClaudeApp(const ServerCommand& server) {
   }
   const ordered_json entry = serverEntry(server, false);
   return editJSON(path, places_.shown(path), "Added to the Claude app. Restart it to pick Vigilo up.",
-                  [&](ordered_json& s) { return setServer(s, entry); });
+                  [&](ordered_json& s) { return setServer(s, entry); }, nullptr, {},
+                  [&](const ordered_json& now) { return backupBeforeEntry(path, now); });
 }
 
 std::vector<std::string> AIConnect::disconnectAll() {
@@ -352,18 +371,23 @@ std::vector<std::string> AIConnect::disconnectAll() {
     if (!hasServer(path)) return;
     const std::string shown = places_.shown(path);
     const std::string done = "Removed from " + name + " (" + shown + ").";
-    // The backup holds the file as it was before Vigilo's entry went in: an
-    // "mcpServers" it already had stays, even empty; without a backup the
-    // file is Vigilo's own, and goes when nothing else is left in it.
+    // The backup holds the file as it was before Vigilo last changed it
+    // (less an older entry of Vigilo's, when it was connected again): an
+    // "mcpServers" it had stays, even empty. Without a backup, or with one
+    // that held only Vigilo's entry, the file is Vigilo's own and goes when
+    // nothing else is left in it.
     const auto backup = readWholeFile(path + ".vigilo-backup");
-    const auto before = backup ? parseJsonObject(*backup) : std::nullopt;
+    auto before = backup ? parseJsonObject(*backup) : std::nullopt;
+    const bool hadEntry = before && removeServer(*before, false);
     const bool keepEmpty = before && before->contains("mcpServers");
-    if (!backup) {
+    if (!backup || (hadEntry && before->empty())) {
       auto file = CarefulFile::read(path);
       auto settings = file ? parseJsonObject(file->bytes()) : std::nullopt;
       if (settings && removeServer(*settings, false) && settings->empty()) {
         const auto removed = file->remove();
         if (removed.outcome == CarefulFile::Outcome::Written) {
+          std::error_code ec;
+          std::filesystem::remove(file->backupPath(), ec);  // it held only Vigilo's entry
           lines.push_back(done);
           return;
         }
@@ -389,11 +413,15 @@ std::vector<std::string> AIConnect::disconnectAll() {
     } else if (!after.valid || after.hasVigilo) {
       lines.push_back("Couldn't take Vigilo out of " + codexShown + " without breaking it, so I left it alone.");
     } else {
-      // A file Vigilo made (no backup of it was ever needed) goes when it
-      // held only Vigilo's table.
-      const bool ours = updated.empty() && !std::filesystem::exists(file->backupPath());
+      // A file Vigilo made (it has no backup, or one that held only Vigilo's
+      // older table) goes, with that backup, when it held only Vigilo's table.
+      const auto backup = readWholeFile(file->backupPath());
+      const bool ours = updated.empty() && (!backup || (*backup != withoutCodexTable(*backup) &&
+                                                        withoutCodexTable(*backup).empty()));
       const bool backedUp = ours || static_cast<bool>(file->backUp());
       const auto written = ours ? file->remove() : backedUp ? file->replace(updated) : CarefulFile::WriteResult{};
+      std::error_code ec;
+      if (ours && written.outcome == CarefulFile::Outcome::Written) std::filesystem::remove(file->backupPath(), ec);
       lines.push_back(written.outcome == CarefulFile::Outcome::Written
                           ? "Removed from Codex (" + codexShown + ")."
                           : "Couldn't write Codex's config: " +

@@ -358,6 +358,14 @@ TEST_F(ConnectTest, ConnectThenDisconnectAndApproveOnThenOffGiveBackEveryByte) {
     c.connectClaudeCode(server_, hook_);
     ASSERT_EQ(c.connectCodex(server_), "Added to Codex (~/.codex/config.toml). New sessions can use Vigilo.");
     ASSERT_EQ(c.connectClaudeApp(server_), "Added to the Claude app. Restart it to pick Vigilo up.");
+    if (gen.pick(2)) {
+      // Connected again after Vigilo moved.
+      ServerCommand moved = server_;
+      moved.command = "/moved/vigilo";
+      c.connectClaudeCode(moved, hook_);
+      c.connectCodex(moved);
+      c.connectClaudeApp(moved);
+    }
     ASSERT_TRUE(c.claudeCodeConnected() && c.codexConnected() && c.claudeAppConnected());
     c.disconnectAll();
     ASSERT_EQ(state(), before);
