@@ -290,7 +290,9 @@ class Editor {
 }  // namespace
 
 std::string jsonEdited(std::string_view original, const nlohmann::ordered_json& after) {
-  const std::size_t at = original.find_first_not_of(" \t\r\n");
+  // A byte order mark some editors write stays where it is.
+  const std::size_t start = original.rfind("\xEF\xBB\xBF", 0) == 0 ? 3 : 0;
+  const std::size_t at = original.find_first_not_of(" \t\r\n", start);
   if (at == std::string_view::npos || original[at] != '{') return jsonFresh(after);
   Span root;
   Tokenizer(original).value(at, root);
