@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -46,6 +47,15 @@ std::optional<std::string> current(const std::string& path, bool& ok, int& err) 
   return bytes;
 }
 
+// The folder's entry of a renamed file reaches the disk too.
+void syncFolderOf(const std::string& path) {
+  const std::string folder = fs::path(path).parent_path().string();
+  const int fd = ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  ::fsync(fd);
+  ::close(fd);
+}
+
 }  // namespace
 
 std::optional<CarefulFile> CarefulFile::read(const std::string& path, std::string* problem) {
@@ -74,35 +84,53 @@ Result CarefulFile::backUp() const {
 }
 
 CarefulFile::WriteResult CarefulFile::replace(std::string_view data, const std::function<void()>& beforeWrite) const {
+  auto unchanged = [&]() -> std::optional<WriteResult> {
+    bool ok = true;
+    int err = 0;
+    auto now = current(target_, ok, err);
+    if (!ok) return WriteResult{Outcome::Failed, errnoMessage("couldn't read " + path_ + " again", err)};
+    if (now.has_value() != existed_ || (now && *now != bytes_)) return WriteResult{Outcome::Changed, {}};
+    return std::nullopt;
+  };
+  std::error_code ec;
+  if (!existed_) {
+    const fs::path parent = fs::path(target_).parent_path();
+    if (!parent.empty()) fs::create_directories(parent, ec);
+    if (ec) return {Outcome::Failed, "couldn't create " + parent.string() + ": " + ec.message()};
+  }
+  // The new content is written and synced aside first, so that the last
+  // check of the file comes right before it is put in place: no file system
+  // offers to compare and replace in one step, and a rename is the shortest
+  // window there is.
+  const std::string aside = target_ + ".vigilo-new-" + std::to_string(::getpid());
+  Result r = writeFileDurably(aside, data, mode_);
+  if (!r) return {Outcome::Failed, r.message()};
   if (beforeWrite) beforeWrite();
+  if (auto problem = unchanged()) {
+    ::unlink(aside.c_str());
+    return *problem;
+  }
+  // A new file is linked into place: link() refuses when the name appeared
+  // meanwhile, where rename() would replace it unseen.
+  const int moved = existed_ ? ::rename(aside.c_str(), target_.c_str()) : ::link(aside.c_str(), target_.c_str());
+  const int moveErr = errno;
+  if (moved != 0 || !existed_) ::unlink(aside.c_str());
+  if (moved != 0) {
+    if (moveErr == EEXIST) return {Outcome::Changed, {}};
+    return {Outcome::Failed, errnoMessage("couldn't replace " + path_, moveErr)};
+  }
+  syncFolderOf(target_);
+  return {Outcome::Written, {}};
+}
+
+CarefulFile::WriteResult CarefulFile::remove() const {
+  if (!existed_) return {Outcome::Written, {}};
   bool ok = true;
   int err = 0;
   auto now = current(target_, ok, err);
   if (!ok) return {Outcome::Failed, errnoMessage("couldn't read " + path_ + " again", err)};
-  if (now.has_value() != existed_ || (now && *now != bytes_)) return {Outcome::Changed, {}};
-
-  if (existed_) {
-    Result r = writeFileDurably(target_, data, mode_);
-    if (!r) return {Outcome::Failed, r.message()};
-    return {Outcome::Written, {}};
-  }
-
-  std::error_code ec;
-  const fs::path parent = fs::path(target_).parent_path();
-  if (!parent.empty()) fs::create_directories(parent, ec);
-  if (ec) return {Outcome::Failed, "couldn't create " + parent.string() + ": " + ec.message()};
-  // The new file is written aside and linked into place: link() refuses when
-  // the name appeared meanwhile, where rename() would replace it unseen.
-  const std::string aside = target_ + ".vigilo-new-" + std::to_string(::getpid());
-  Result r = writeFileDurably(aside, data);
-  if (!r) return {Outcome::Failed, r.message()};
-  const int linked = ::link(aside.c_str(), target_.c_str());
-  const int linkErr = errno;
-  ::unlink(aside.c_str());
-  if (linked != 0) {
-    if (linkErr == EEXIST) return {Outcome::Changed, {}};
-    return {Outcome::Failed, errnoMessage("couldn't create " + path_, linkErr)};
-  }
+  if (!now || *now != bytes_) return {Outcome::Changed, {}};
+  if (::unlink(target_.c_str()) != 0) return {Outcome::Failed, errnoMessage("couldn't remove " + path_, errno)};
   return {Outcome::Written, {}};
 }
 

@@ -49,9 +49,13 @@ class CarefulFile {
   // Replaces the file with `data`, durably and keeping its permissions, when
   // it still holds exactly the bytes read (or, when it was missing, is still
   // missing: then the folders are created and the file appears whole or not
-  // at all). `beforeWrite`, when given, runs just before that check: tests
-  // use it to change the file under the edit.
+  // at all). `beforeWrite`, when given, runs just before that check, once the
+  // new content waits synced beside the file: tests use it to change the
+  // file under the edit.
   WriteResult replace(std::string_view data, const std::function<void()>& beforeWrite = {}) const;
+  // Removes the file when it still holds exactly the bytes read (a file
+  // Vigilo made that holds nothing else any more).
+  WriteResult remove() const;
 
  private:
   std::string path_;    // as named
@@ -74,5 +78,13 @@ std::optional<nlohmann::ordered_json> parseJsonObject(std::string_view bytes);
 // `value` indented by two spaces, ending in a newline when `like` (the text
 // it replaces) did.
 std::string prettyJson(const nlohmann::ordered_json& value, std::string_view like = {});
+
+// `original` (a JSON object's text) changed so that it holds `after`: only
+// the members whose values differ are rewritten, removed or added, the new
+// text laid out like the file around it; every other byte stays. Blank text
+// gives jsonFresh(after).
+std::string jsonEdited(std::string_view original, const nlohmann::ordered_json& after);
+// `value` as a new file: two spaces per level and a final newline.
+std::string jsonFresh(const nlohmann::ordered_json& value);
 
 }  // namespace vigilo

@@ -59,7 +59,7 @@ std::optional<std::string> writeBack(const CarefulFile& file, const ordered_json
   if (Result r = file.backUp(); !r) {
     return std::string("Couldn't back up ") + kShown + " (" + r.message() + "), so nothing was changed.";
   }
-  const auto written = file.replace(prettyJson(settings, file.bytes()), beforeWrite);
+  const auto written = file.replace(jsonEdited(file.bytes(), settings), beforeWrite);
   switch (written.outcome) {
     case CarefulFile::Outcome::Written:
       return std::nullopt;
@@ -91,20 +91,21 @@ std::string ClaudeHooks::shellQuote(std::string_view text) {
   return out;
 }
 
-std::string ClaudeHooks::commandFor(std::string_view tool) {
+std::string ClaudeHooks::commandFor(std::string_view tool, std::string_view appFolder) {
   const std::string q = shellQuote(tool);
-  return "[ -x " + q + " ] && " + q + " " + std::string(kHookArguments) + "; exit 0";
+  const std::string env = appFolder.empty() ? std::string() : "VIGILO_HOME=" + shellQuote(appFolder) + " ";
+  return "[ -x " + q + " ] && " + env + q + " " + std::string(kHookArguments) + "; exit 0";
 }
 
-std::string ClaudeHooks::currentCommand() {
+std::string ClaudeHooks::currentCommand(std::string_view appFolder) {
   const std::string installed(kInstalledTool);
-  if (isRunnableFile(installed)) return commandFor(installed);
+  if (isRunnableFile(installed)) return commandFor(installed, appFolder);
   // Here the app and the tool are one executable that runs the app only for
   // `vigilo app`, so the hook calls it directly, with no "cli" in between as
   // an app bundle's executable would need.
-  if (auto self = ownExecutable()) return commandFor(*self);
-  if (auto found = findExecutable("vigilo")) return commandFor(*found);
-  return commandFor(installed);
+  if (auto self = ownExecutable()) return commandFor(*self, appFolder);
+  if (auto found = findExecutable("vigilo")) return commandFor(*found, appFolder);
+  return commandFor(installed, appFolder);
 }
 
 std::pair<ordered_json, bool> ClaudeHooks::without(ordered_json settings) {
@@ -220,6 +221,12 @@ std::optional<std::string> ClaudeHooks::uninstall(const std::string& path, const
     if (!settings) return notJson();
     auto [updated, removed] = without(std::move(*settings));
     if (!removed) return std::nullopt;
+    // Without a backup the file is one Vigilo made: it goes when nothing
+    // else is in it.
+    if (updated.empty() && ::access(file->backupPath().c_str(), F_OK) != 0 &&
+        file->remove().outcome == CarefulFile::Outcome::Written) {
+      return std::nullopt;
+    }
     return writeBack(*file, updated, beforeWrite);
   } catch (const std::exception& e) {
     return std::string("Couldn't change ") + kShown + " (" + e.what() + ").";

@@ -31,11 +31,13 @@ class ClaudeHooks {
   static std::string settingsPath();
 
   // The hook command for this installation: the installed tool when it is
-  // there and runnable, else this very executable.
-  static std::string currentCommand();
+  // there and runnable, else this very executable. `appFolder`, when not
+  // empty, is passed as VIGILO_HOME: the agent runs hooks with its own
+  // environment, which may lack the person's.
+  static std::string currentCommand(std::string_view appFolder = {});
   // The hook command running `tool`; it succeeds even when `tool` is gone,
   // so that the agent is never blocked.
-  static std::string commandFor(std::string_view tool);
+  static std::string commandFor(std::string_view tool, std::string_view appFolder = {});
   // `text` in single quotes for the shell, each ' inside written '\''.
   static std::string shellQuote(std::string_view text);
 

@@ -31,8 +31,17 @@ AgentPlaces AgentPlaces::fromEnvironment() {
   p.configHome = env("XDG_CONFIG_HOME");
   // An agent starts the server with only HOME, PATH and a few more; a
   // folder other than the one HOME leads to must be passed along.
+  // The same holds for a folder moved by XDG_DATA_HOME.
+#ifdef __APPLE__
+  const std::string plain = p.home + "/Library/Application Support/Vigilo";
+  const std::string found = plain;
+#else
+  const std::string plain = p.home + "/.local/share/vigilo";
+  const std::string found = xdgAppFolder();
+#endif
   const std::string vh = env("VIGILO_HOME");
-  if (!vh.empty() && vh != xdgAppFolder()) p.vigiloHome = vh;
+  const std::string folder = vh.empty() ? found : vh;
+  if (folder != plain) p.vigiloHome = folder;
   return p;
 }
 
@@ -66,37 +75,10 @@ std::string AgentPlaces::shown(const std::string& path) const {
   return path;
 }
 
-std::string jsonLike(const nlohmann::ordered_json& value, std::string_view like) {
-  int width = 2;
-  char fill = ' ';
-  // The first indented line shows the file's indentation.
-  for (std::size_t nl = like.find('\n'); nl != std::string_view::npos; nl = like.find('\n', nl + 1)) {
-    std::size_t i = nl + 1;
-    while (i < like.size() && (like[i] == ' ' || like[i] == '\t')) ++i;
-    if (i == nl + 1 || i >= like.size() || like[i] == '\n' || like[i] == '\r') continue;
-    fill = like[nl + 1];
-    width = fill == '\t' ? 1 : static_cast<int>(i - nl - 1);
-    break;
-  }
-  std::string text = value.dump(width, fill, false, nlohmann::ordered_json::error_handler_t::replace);
-  const bool crlf = like.find("\r\n") != std::string_view::npos;
-  const bool finalBreak = like.empty() || like.back() == '\n';
-  if (crlf) {
-    std::string out;
-    out.reserve(text.size() + text.size() / 16);
-    for (char c : text) {
-      if (c == '\n') out += '\r';
-      out += c;
-    }
-    text = std::move(out);
-  }
-  if (finalBreak) text += crlf ? "\r\n" : "\n";
-  return text;
-}
-
 std::string editJSON(const std::string& path, const std::string& shownPath, const std::string& done,
                      const std::function<bool(nlohmann::ordered_json&)>& edit, bool* ok,
-                     const std::function<void()>& beforeWrite) {
+                     const std::function<void()>& beforeWrite,
+                     const std::function<bool(const nlohmann::ordered_json&)>& backupFits) {
   if (ok) *ok = false;
   std::string problem;
   auto file = CarefulFile::read(path, &problem);
@@ -112,8 +94,10 @@ std::string editJSON(const std::string& path, const std::string& shownPath, cons
   } catch (const std::exception& e) {
     return "Couldn't change " + shownPath + " (" + e.what() + "), so I left it alone.";
   }
-  if (!file->backUp()) return "Couldn't save a backup of " + shownPath + ", so I left it alone.";
-  const auto written = file->replace(jsonLike(edited, file->bytes()), beforeWrite);
+  if (!(backupFits && backupFits(*object)) && !file->backUp()) {
+    return "Couldn't save a backup of " + shownPath + ", so I left it alone.";
+  }
+  const auto written = file->replace(jsonEdited(file->bytes(), edited), beforeWrite);
   switch (written.outcome) {
     case CarefulFile::Outcome::Written:
       if (ok) *ok = true;

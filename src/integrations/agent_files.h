@@ -18,7 +18,9 @@ struct AgentPlaces {
   std::string home;
   std::string codexHome;    // $CODEX_HOME, or empty
   std::string searchPath;   // $PATH, to find the claude and codex tools
-  std::string vigiloHome;   // $VIGILO_HOME when it names a folder other than the default
+  // The app folder when an agent started with only HOME wouldn't find it
+  // ($VIGILO_HOME, or one under $XDG_DATA_HOME), else empty.
+  std::string vigiloHome;
   // Where else the claude tool is installed, outside the home folder.
   std::vector<std::string> systemClaudePaths = {"/opt/homebrew/bin/claude", "/usr/local/bin/claude"};
 
@@ -39,17 +41,15 @@ struct AgentPlaces {
 // The careful JSON edit of another program's file: read the exact bytes,
 // refuse anything but a JSON object, keep a backup, apply `edit` (which
 // says whether it changed anything), and write only if the file still holds
-// the bytes read. The text keeps the file's indentation, line breaks, key
-// order and final newline. Gives `done` on success, else a sentence saying
+// the bytes read. Only the bytes of what the edit changed are rewritten
+// (see jsonEdited). Gives `done` on success, else a sentence saying
 // what went wrong (the file then is as it was). `ok` tells which.
+// `backupFits`, when given, tells from the file's current object whether
+// the backup already there is still the right copy to keep.
 std::string editJSON(const std::string& path, const std::string& shownPath, const std::string& done,
                      const std::function<bool(nlohmann::ordered_json&)>& edit, bool* ok = nullptr,
-                     const std::function<void()>& beforeWrite = {});
-
-// `value` as text shaped like `like` (the text it replaces): its indentation
-// (spaces or tabs), its line breaks (CRLF or LF) and whether it ends in one;
-// two spaces and a final newline for a new file.
-std::string jsonLike(const nlohmann::ordered_json& value, std::string_view like);
+                     const std::function<void()>& beforeWrite = {},
+                     const std::function<bool(const nlohmann::ordered_json&)>& backupFits = {});
 
 
 }  // namespace vigilo

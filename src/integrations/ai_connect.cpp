@@ -13,6 +13,7 @@
 
 #include "agents/careful_file.h"
 #include "agents/claude_hooks.h"
+#include "integrations/toml_check.h"
 #include "integrations/toml_top.h"
 #include "platform/files.h"
 
@@ -89,12 +90,27 @@ bool setServer(ordered_json& settings, const ordered_json& entry) {
   return true;
 }
 
-bool removeServer(ordered_json& settings) {
+// Removes "mcpServers"."vigilo"; "mcpServers" goes too when it is left
+// empty and `keepEmpty` is false (Vigilo added it).
+bool removeServer(ordered_json& settings, bool keepEmpty) {
   auto servers = settings.find("mcpServers");
   if (servers == settings.end() || !servers->is_object() || !servers->contains("vigilo")) return false;
   servers->erase("vigilo");
-  if (servers->empty()) settings.erase("mcpServers");
+  if (servers->empty() && !keepEmpty) settings.erase("mcpServers");
   return true;
+}
+
+// Whether the backup of `path` is `current` without Vigilo's entry: then
+// it is the copy from before Vigilo's first change, and connecting again
+// (after Vigilo moved) keeps it rather than save Vigilo's older entry.
+bool backupBeforeEntry(const std::string& path, const ordered_json& current) {
+  auto servers = current.find("mcpServers");
+  if (servers == current.end() || !servers->is_object() || !servers->contains("vigilo")) return false;
+  auto bytes = readWholeFile(path + ".vigilo-backup");
+  auto backup = bytes ? parseJsonObject(*bytes) : std::nullopt;
+  if (!backup || (backup->contains("mcpServers") && !(*backup)["mcpServers"].is_object())) return false;
+  setServer(*backup, (*servers)["vigilo"]);
+  return *backup == current;
 }
 
 bool hasServer(const std::string& path) {
@@ -106,20 +122,35 @@ bool hasServer(const std::string& path) {
   return servers != settings->end() && servers->is_object() && servers->contains("vigilo");
 }
 
-// Where Vigilo's table lies: its header up to just after its last pair, so
-// blank lines and comments that lead to the next table stay.
-std::optional<std::pair<std::size_t, std::size_t>> codexVigiloRange(const std::string& text) {
+// Where Vigilo's tables lie: "[mcp_servers.vigilo]" and its sub-tables
+// ("[mcp_servers.vigilo.env]", which Codex itself writes), each from its
+// header to just after its last pair, so blank lines and comments that lead
+// to the next table stay. In the order of the text.
+std::vector<std::pair<std::size_t, std::size_t>> codexVigiloRanges(const std::string& text) {
+  const std::string sub = std::string(kCodexTable) + ".";
+  std::vector<std::pair<std::size_t, std::size_t>> ranges;
   const auto scan = TOMLTop::scan(text);
   for (std::size_t i = 0; i < scan.statements.size(); ++i) {
     const auto& s = scan.statements[i];
-    if (!s.header || s.name != kCodexTable) continue;
+    if (!s.header || (s.name != kCodexTable && s.name.rfind(sub, 0) != 0)) continue;
     std::size_t end = s.end;
     for (std::size_t j = i + 1; j < scan.statements.size() && !scan.statements[j].header; ++j) {
       end = scan.statements[j].end;
     }
-    return std::make_pair(s.begin, end);
+    ranges.emplace_back(s.begin, end);
   }
-  return std::nullopt;
+  return ranges;
+}
+
+// `text` without the given ranges (in order, not overlapping).
+std::string erased(std::string text, const std::vector<std::pair<std::size_t, std::size_t>>& ranges) {
+  for (auto r = ranges.rbegin(); r != ranges.rend(); ++r) text.erase(r->first, r->second - r->first);
+  return text;
+}
+
+// Why Vigilo leaves Codex's file alone when it doesn't parse.
+std::string notToml(const std::string& shown, const std::string& problem) {
+  return shown + " isn't valid TOML (" + problem + "), so I left it alone. Fix it or run: codex mcp list";
 }
 
 }  // namespace
@@ -198,7 +229,7 @@ bool AIConnect::codexInstalled() const {
 }
 bool AIConnect::codexConnected() const {
   auto text = readWholeFile(places_.codexConfig());
-  return text && (codexVigiloRange(*text) || codexInlineVigilo(*text));
+  return text && (!codexVigiloRanges(*text).empty() || codexInlineVigilo(*text));
 }
 bool AIConnect::claudeAppInstalled() const {
   return exists(std::filesystem::path(places_.claudeAppConfig()).parent_path().string());
@@ -222,8 +253,10 @@ std::string AIConnect::connectClaudeCode(const ServerCommand& server, const std:
   }
   if (message.empty()) {
     const ordered_json entry = serverEntry(server, true);
-    message = editJSON(places_.claudeJson(), places_.shown(places_.claudeJson()), "Added to Claude Code (~/.claude.json).",
-                       [&](ordered_json& s) { return setServer(s, entry); });
+    const std::string path = places_.claudeJson();
+    message = editJSON(path, places_.shown(path), "Added to Claude Code (~/.claude.json).",
+                       [&](ordered_json& s) { return setServer(s, entry); }, nullptr, {},
+                       [&](const ordered_json& now) { return backupBeforeEntry(path, now); });
   }
   if (auto problem = ClaudeHooks::install(places_.claudeSettings(), hookCommand)) {
     message += " Couldn't add its status hooks: " + *problem;
@@ -260,26 +293,31 @@ std::optional<std::string> AIConnect::withCodexTable(const std::string& text, co
     }
     table += " }" + eol;
   }
-  std::string out = text;
-  if (auto range = codexVigiloRange(text)) {
+  const auto ranges = codexVigiloRanges(text);
+  if (!ranges.empty()) {
+    // The first table becomes Vigilo's whole entry (its environment inline);
+    // the sub-tables go, so no key is defined twice.
+    std::string out = erased(text, {ranges.begin() + 1, ranges.end()});
+    const auto& first = ranges.front();
     // A table at the very end without a final line break keeps it that way.
-    if (range->second == text.size() && (text.empty() || text.back() != '\n')) table.resize(table.size() - eol.size());
-    return out.replace(range->first, range->second - range->first, table);
+    if (first.second == out.size() && out.back() != '\n') table.resize(table.size() - eol.size());
+    return out.replace(first.first, first.second - first.first, table);
   }
-  if (out.empty()) return table;
-  if (out.back() != '\n') out += eol;
-  return out + eol + table;
+  // One line break before it: a blank line after a file that ends in one,
+  // the missing final one otherwise; removing it takes that one line break
+  // away again.
+  if (text.empty()) return table;
+  return text + eol + table;
 }
 
 std::string AIConnect::withoutCodexTable(const std::string& text) {
-  auto range = codexVigiloRange(text);
-  if (!range) return text;
-  std::string out = text;
-  out.erase(range->first, range->second - range->first);
-  // The blank line that came with an appended table goes with it.
+  const auto ranges = codexVigiloRanges(text);
+  if (ranges.empty()) return text;
+  std::string out = erased(text, ranges);
+  // The line break that came with an appended table goes with it.
   const std::string eol = TOMLTop::lineBreak(text);
-  if (range->first == out.size() && out.size() >= 2 * eol.size() &&
-      out.compare(out.size() - 2 * eol.size(), 2 * eol.size(), eol + eol) == 0) {
+  if (ranges.back().second == text.size() && out.size() >= eol.size() &&
+      out.compare(out.size() - eol.size(), eol.size(), eol) == 0) {
     out.resize(out.size() - eol.size());
   }
   return out;
@@ -290,11 +328,18 @@ std::string AIConnect::connectCodex(const ServerCommand& server) {
   const std::string shown = places_.shown(path);
   auto file = CarefulFile::read(path);
   if (!file) return "Couldn't read " + shown + ", so I left it alone.";
+  if (const TomlCheck before = checkToml(file->bytes()); !before.valid) return notToml(shown, before.problem);
   auto updated = withCodexTable(file->bytes(), server);
   if (!updated) return "Codex already has an vigilo entry written by hand; left it as it is.";
   const std::string done = "Added to Codex (" + shown + "). New sessions can use Vigilo.";
   if (file->existed() && *updated == file->bytes()) return done;
-  if (Result r = file->backUp(); !r) return "Couldn't write Codex's config: " + r.message();
+  if (const TomlCheck after = checkToml(*updated); !after.valid || after.vigiloCommand != server.command) {
+    return "Couldn't add Vigilo to " + shown + " without breaking it, so I left it alone.";
+  }
+  // Connecting again keeps a backup that is this file without Vigilo's table.
+  const auto backup = readWholeFile(file->backupPath());
+  const bool backupFits = backup && !codexVigiloRanges(file->bytes()).empty() && withoutCodexTable(file->bytes()) == *backup;
+  if (Result r = backupFits ? Result::ok() : file->backUp(); !r) return "Couldn't write Codex's config: " + r.message();
   const auto written = file->replace(*updated);
   if (written.outcome == CarefulFile::Outcome::Changed) {
     return "Couldn't write Codex's config: it changed while Vigilo was editing it; try again.";
@@ -305,9 +350,14 @@ std::string AIConnect::connectCodex(const ServerCommand& server) {
 
 std::string AIConnect::connectClaudeApp(const ServerCommand& server) {
   const std::string path = places_.claudeAppConfig();
+  if (!claudeAppInstalled()) {
+    return "The Claude app isn't installed here (there is no " +
+           places_.shown(std::filesystem::path(path).parent_path().string()) + " folder), so nothing was changed.";
+  }
   const ordered_json entry = serverEntry(server, false);
   return editJSON(path, places_.shown(path), "Added to the Claude app. Restart it to pick Vigilo up.",
-                  [&](ordered_json& s) { return setServer(s, entry); });
+                  [&](ordered_json& s) { return setServer(s, entry); }, nullptr, {},
+                  [&](const ordered_json& now) { return backupBeforeEntry(path, now); });
 }
 
 std::vector<std::string> AIConnect::disconnectAll() {
@@ -319,24 +369,61 @@ std::vector<std::string> AIConnect::disconnectAll() {
   }
   auto removeFrom = [&](const std::string& path, const std::string& name) {
     if (!hasServer(path)) return;
-    bool ok = false;
-    std::string m = editJSON(path, places_.shown(path), "Removed from " + name + " (" + places_.shown(path) + ").",
-                             [](ordered_json& s) { return removeServer(s); }, &ok);
-    lines.push_back(m);
+    const std::string shown = places_.shown(path);
+    const std::string done = "Removed from " + name + " (" + shown + ").";
+    // The backup holds the file as it was before Vigilo last changed it
+    // (less an older entry of Vigilo's, when it was connected again): an
+    // "mcpServers" it had stays, even empty. Without a backup, or with one
+    // that held only Vigilo's entry, the file is Vigilo's own and goes when
+    // nothing else is left in it.
+    const auto backup = readWholeFile(path + ".vigilo-backup");
+    auto before = backup ? parseJsonObject(*backup) : std::nullopt;
+    const bool hadEntry = before && removeServer(*before, false);
+    const bool keepEmpty = before && before->contains("mcpServers");
+    if (!backup || (hadEntry && before->empty())) {
+      auto file = CarefulFile::read(path);
+      auto settings = file ? parseJsonObject(file->bytes()) : std::nullopt;
+      if (settings && removeServer(*settings, false) && settings->empty()) {
+        const auto removed = file->remove();
+        if (removed.outcome == CarefulFile::Outcome::Written) {
+          std::error_code ec;
+          std::filesystem::remove(file->backupPath(), ec);  // it held only Vigilo's entry
+          lines.push_back(done);
+          return;
+        }
+      }
+    }
+    lines.push_back(editJSON(path, shown, done, [&](ordered_json& s) { return removeServer(s, keepEmpty); }));
   };
   removeFrom(places_.claudeJson(), "Claude Code");
   for (const auto& path : places_.claudeAppConfigs()) removeFrom(path, "the Claude app");
 
   const std::string codex = places_.codexConfig();
+  const std::string codexShown = places_.shown(codex);
   if (auto file = CarefulFile::read(codex); !file) {
-    lines.push_back("Couldn't read " + places_.shown(codex) + ", so I left it alone.");
+    lines.push_back("Couldn't read " + codexShown + ", so I left it alone.");
   } else if (file->existed()) {
     const std::string updated = withoutCodexTable(file->bytes());
-    if (updated != file->bytes()) {
-      const bool backedUp = static_cast<bool>(file->backUp());
-      const auto written = backedUp ? file->replace(updated) : CarefulFile::WriteResult{};
+    const TomlCheck before = updated != file->bytes() ? checkToml(file->bytes()) : TomlCheck{};
+    const TomlCheck after = before.valid ? checkToml(updated) : TomlCheck{};
+    if (updated == file->bytes()) {
+      // Nothing of Vigilo's there.
+    } else if (!before.valid) {
+      lines.push_back(notToml(codexShown, before.problem));
+    } else if (!after.valid || after.hasVigilo) {
+      lines.push_back("Couldn't take Vigilo out of " + codexShown + " without breaking it, so I left it alone.");
+    } else {
+      // A file Vigilo made (it has no backup, or one that held only Vigilo's
+      // older table) goes, with that backup, when it held only Vigilo's table.
+      const auto backup = readWholeFile(file->backupPath());
+      const bool ours = updated.empty() && (!backup || (*backup != withoutCodexTable(*backup) &&
+                                                        withoutCodexTable(*backup).empty()));
+      const bool backedUp = ours || static_cast<bool>(file->backUp());
+      const auto written = ours ? file->remove() : backedUp ? file->replace(updated) : CarefulFile::WriteResult{};
+      std::error_code ec;
+      if (ours && written.outcome == CarefulFile::Outcome::Written) std::filesystem::remove(file->backupPath(), ec);
       lines.push_back(written.outcome == CarefulFile::Outcome::Written
-                          ? "Removed from Codex (" + places_.shown(codex) + ")."
+                          ? "Removed from Codex (" + codexShown + ")."
                           : "Couldn't write Codex's config: " +
                                 (written.message.empty() ? std::string("it changed or couldn't be backed up; try again.")
                                                          : written.message));

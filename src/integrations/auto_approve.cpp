@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <filesystem>
+#include <tuple>
 
 #include "agents/agent_work.h"
 #include "agents/careful_file.h"
@@ -232,7 +233,7 @@ std::string AutoApprove::turnOn(Ends ends, std::optional<double> hours, bool* ok
            parentOf(codexShown) + " folder), so nothing was changed.";
   }
   const bool claudeTouched = claudeHere && newSettings != *settings;
-  const std::string claudeBytes = jsonLike(newSettings, claude->bytes());
+  const std::string claudeBytes = jsonEdited(claude->bytes(), newSettings);
   const std::string codexText = codexOn(codex->bytes());
   const bool codexTouched = codexHere && codexText != codex->bytes();
 
@@ -326,57 +327,61 @@ std::string AutoApprove::turnOff(bool* ok) {
   const std::string claudeShown = places_.shown(claudePath);
   const std::string codexShown = places_.shown(codexPath);
 
-  if (flag(*j, "claudeTouched")) {
+  // Each agent is put back on its own: one that fails keeps its flag (and
+  // its restore files) for the next try, and never keeps the other
+  // unrestricted.
+  std::string problems;
+  auto failed = [&](const std::string& message) {
+    problems += (problems.empty() ? "" : " ") + message;
+  };
+  auto putBackClaude = [&]() -> std::optional<std::string> {
     auto file = CarefulFile::read(claudePath);
     auto settings = file ? parseJsonObject(file->bytes()) : std::nullopt;
-    if (!settings) {
-      return fail(*j, "Couldn't read " + claudeShown + " to put it back (it isn't plain JSON or can't be opened).", ok);
-    }
-    if (file->existed()) {
-      // Only Vigilo's own values go back; whatever the person changed since,
-      // these two keys included, stays as they have it now.
-      ordered_json back = *settings;
-      const ordered_json* mode = defaultMode(back);
-      if (mode && *mode == kBypass) {
-        ordered_json& perms = back["permissions"];
-        if (j->contains("claudeMode")) {
-          perms["defaultMode"] = (*j)["claudeMode"];
-        } else {
-          perms.erase("defaultMode");
-          if (perms.empty()) back.erase("permissions");
-        }
-      }
-      if (auto skip = back.find(kSkip); skip != back.end() && *skip == true) {
-        if (j->contains("claudeSkip")) {
-          back[kSkip] = (*j)["claudeSkip"];
-        } else {
-          back.erase(kSkip);
-        }
-      }
-      if (back != *settings) {
-        const auto written = file->replace(jsonLike(back, file->bytes()), beforeWrite);
-        if (written.outcome == CarefulFile::Outcome::Changed) {
-          return fail(*j, claudeShown + " changed while Vigilo was editing it; try again.", ok);
-        }
-        if (written.outcome == CarefulFile::Outcome::Failed) {
-          return fail(*j, "Couldn't write " + claudeShown + " (" + written.message + ").", ok);
-        }
-        auto again = CarefulFile::read(claudePath);
-        auto check = again ? parseJsonObject(again->bytes()) : std::nullopt;
-        const ordered_json* nowMode = check ? defaultMode(*check) : nullptr;
-        if (!check || (nowMode && *nowMode == kBypass && (*j).value("claudeMode", ordered_json()) != kBypass)) {
-          return fail(*j, claudeShown + " still says bypassPermissions.", ok);
-        }
+    if (!settings) return "Couldn't read " + claudeShown + " to put it back (it isn't plain JSON or can't be opened).";
+    if (!file->existed()) return std::nullopt;
+    // Only Vigilo's own values go back; whatever the person changed since,
+    // these two keys included, stays as they have it now. A "permissions"
+    // object the file had before stays, even empty.
+    const auto restored = readWholeFile(files_.path(kApproveRestoreFolder) + "/claude.restored");
+    const auto original = restored ? parseJsonObject(*restored) : std::nullopt;
+    const bool hadPermissions = original && original->contains("permissions");
+    ordered_json back = *settings;
+    const ordered_json* mode = defaultMode(back);
+    if (mode && *mode == kBypass) {
+      ordered_json& perms = back["permissions"];
+      if (j->contains("claudeMode")) {
+        perms["defaultMode"] = (*j)["claudeMode"];
+      } else {
+        perms.erase("defaultMode");
+        if (perms.empty() && !hadPermissions) back.erase("permissions");
       }
     }
-    (*j)["claudeTouched"] = false;
-    removeRestore("claude");
-    saveJournal(*j);
-  }
-
-  if (flag(*j, "codexTouched")) {
+    if (auto skip = back.find(kSkip); skip != back.end() && *skip == true) {
+      if (j->contains("claudeSkip")) {
+        back[kSkip] = (*j)["claudeSkip"];
+      } else {
+        back.erase(kSkip);
+      }
+    }
+    if (back == *settings) return std::nullopt;
+    const auto written = file->replace(jsonEdited(file->bytes(), back), beforeWrite);
+    if (written.outcome == CarefulFile::Outcome::Changed) {
+      return claudeShown + " changed while Vigilo was editing it; try again.";
+    }
+    if (written.outcome == CarefulFile::Outcome::Failed) {
+      return "Couldn't write " + claudeShown + " (" + written.message + ").";
+    }
+    auto again = CarefulFile::read(claudePath);
+    auto check = again ? parseJsonObject(again->bytes()) : std::nullopt;
+    const ordered_json* nowMode = check ? defaultMode(*check) : nullptr;
+    if (!check || (nowMode && *nowMode == kBypass && (*j).value("claudeMode", ordered_json()) != kBypass)) {
+      return claudeShown + " still says bypassPermissions.";
+    }
+    return std::nullopt;
+  };
+  auto putBackCodex = [&]() -> std::optional<std::string> {
     auto file = CarefulFile::read(codexPath);
-    if (!file) return fail(*j, "Couldn't read " + codexShown + " to put it back.", ok);
+    if (!file) return "Couldn't read " + codexShown + " to put it back.";
     std::string back = file->bytes();
     auto recorded = [&](const char* key) -> std::optional<std::string> {
       const std::string line = text(*j, key);
@@ -385,26 +390,35 @@ std::string AutoApprove::turnOff(bool* ok) {
     };
     if (TOMLTop::value(back, kApproval) == kNever) back = TOMLTop::set(back, kApproval, recorded("codexApproval"));
     if (TOMLTop::value(back, kSandbox) == kFullAccess) back = TOMLTop::set(back, kSandbox, recorded("codexSandbox"));
-    if (file->existed() && back != file->bytes()) {
-      const auto written = file->replace(back, beforeWrite);
-      if (written.outcome == CarefulFile::Outcome::Changed) {
-        return fail(*j, codexShown + " changed while Vigilo was editing it; try again.", ok);
-      }
-      if (written.outcome == CarefulFile::Outcome::Failed) {
-        return fail(*j, "Couldn't write " + codexShown + " (" + written.message + ").", ok);
-      }
-      auto again = readWholeFile(codexPath);
-      if (!again) return fail(*j, "Couldn't read " + codexShown + " back to check it.", ok);
-      const auto before = recorded("codexApproval");
-      const bool wasNever = before && TOMLTop::value(*before, kApproval) == kNever;
-      if (TOMLTop::value(*again, kApproval) == kNever && !wasNever) {
-        return fail(*j, codexShown + " still says never ask.", ok);
-      }
+    if (!file->existed() || back == file->bytes()) return std::nullopt;
+    const auto written = file->replace(back, beforeWrite);
+    if (written.outcome == CarefulFile::Outcome::Changed) {
+      return codexShown + " changed while Vigilo was editing it; try again.";
     }
-    (*j)["codexTouched"] = false;
-    removeRestore("codex");
+    if (written.outcome == CarefulFile::Outcome::Failed) {
+      return "Couldn't write " + codexShown + " (" + written.message + ").";
+    }
+    auto again = readWholeFile(codexPath);
+    if (!again) return "Couldn't read " + codexShown + " back to check it.";
+    const auto before = recorded("codexApproval");
+    const bool wasNever = before && TOMLTop::value(*before, kApproval) == kNever;
+    if (TOMLTop::value(*again, kApproval) == kNever && !wasNever) return codexShown + " still says never ask.";
+    return std::nullopt;
+  };
+  for (const auto& [name, touched, putBack] :
+       {std::tuple<const char*, const char*, std::function<std::optional<std::string>()>>{"claude", "claudeTouched",
+                                                                                         putBackClaude},
+        {"codex", "codexTouched", putBackCodex}}) {
+    if (!flag(*j, touched)) continue;
+    if (auto problem = putBack()) {
+      failed(*problem);
+      continue;
+    }
+    (*j)[touched] = false;
+    removeRestore(name);
     saveJournal(*j);
   }
+  if (!problems.empty()) return fail(*j, problems, ok);
 
   std::error_code ec;
   std::filesystem::remove_all(files_.path(kApproveRestoreFolder), ec);

@@ -48,7 +48,7 @@ int connectCommand(const std::vector<std::string>& words, AIConnect& connect) {
   for (const std::string& agent : agents) {
     std::string message;
     if (agent == "claude") {
-      message = connect.connectClaudeCode(server, ClaudeHooks::currentCommand());
+      message = connect.connectClaudeCode(server, ClaudeHooks::currentCommand(connect.places().vigiloHome));
     } else if (agent == "codex") {
       message = connect.connectCodex(server);
     } else {

@@ -46,11 +46,15 @@ restore_approve() {
     was=$()SH" + sum + R"SH( "$R/$name.restored" 2>/dev/null)
     was=${was%% *}
     tmp=
+    # The copy is made under a fresh name, so a link planted beside the file
+    # is never written through, and starts as the target itself, so the file
+    # keeps its mode.
     if [ -n "$target" ] && { [ ! -e "$target" ] || { [ -n "$sum" ] && [ "$sum" = "$was" ]; }; }; then
       # Never edited, or already as it was.
       rm -f "$R/$name.target" "$R/$name.sha" "$R/$name.restored"
     elif [ -f "$target" ] && [ -n "$sum" ] && [ "$sum" = "$(cat "$R/$name.sha" 2>/dev/null)" ] &&
-      tmp=$(mktemp "$target.vigilo-tmp.XXXXXX") && cat "$R/$name.restored" >"$tmp" && mv -f "$tmp" "$target"; then
+      tmp=$(mktemp "$target.vigilo-tmp.XXXXXX") && cp -p "$target" "$tmp" && cat "$R/$name.restored" >"$tmp" &&
+      mv -f "$tmp" "$target"; then
       # Done: a later run must not mistake the restored file for a changed one.
       rm -f "$R/$name.target" "$R/$name.sha" "$R/$name.restored"
     else

@@ -120,7 +120,19 @@ TEST_F(ClaudeHooksTest, RefusesWhenTheFileChangesDuringTheEdit) {
   const std::string changed = "~/.claude/settings.json changed while Vigilo was editing it; try again.";
   given(kUserSettings);
   const std::string edited = std::string(kUserSettings) + " ";
-  EXPECT_EQ(ClaudeHooks::install(settings(), kCommand, [&] { writeFile(settings(), edited); }), changed);
+  // The last look at the file comes once the new content waits, synced,
+  // beside it: a change made while it was being written is not lost.
+  bool waiting = false;
+  EXPECT_EQ(ClaudeHooks::install(settings(), kCommand,
+                                 [&] {
+                                   for (const auto& e : std::filesystem::directory_iterator(dir_.file(".claude"))) {
+                                     waiting = waiting || (e.path().string().find(".vigilo-new-") != std::string::npos &&
+                                                           readFile(e.path()).find(kCommand) != std::string::npos);
+                                   }
+                                   writeFile(settings(), edited);
+                                 }),
+            changed);
+  EXPECT_TRUE(waiting);
   EXPECT_EQ(readFile(settings()), edited);
 
   ASSERT_EQ(ClaudeHooks::install(settings(), kCommand), std::nullopt);

@@ -234,10 +234,10 @@ TEST_F(AutoApproveTest, AFailedPutBackIsRetriedUntilItWorks) {
   EXPECT_FALSE(ok);
   EXPECT_EQ(approve().status().problem, "Couldn't put your settings back yet");
   EXPECT_EQ(approve().expiry(false, clock_.now()), "retry");
-  // Claude Code comes first, so Codex still waits; the next attempt does both.
+  // Codex doesn't wait for Claude Code: it is back already.
+  EXPECT_EQ(readFile(codexPath()), kCodexOriginal);
   writeFile(claudePath(), kClaudeOriginal);
   EXPECT_EQ(approve().turnOff(&ok), "Off. Your previous Claude Code and Codex settings are back.");
-  EXPECT_EQ(readFile(codexPath()), kCodexOriginal);
 
   writeFile(appFile("auto-approve.json"), "{broken");
   EXPECT_EQ(approve().status().problem, "Its record is damaged");

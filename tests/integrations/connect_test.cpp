@@ -1,4 +1,7 @@
+#include <algorithm>
+#include <cstdlib>
 #include <filesystem>
+#include <random>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
@@ -7,6 +10,7 @@
 
 #include "agents/claude_hooks.h"
 #include "integrations/ai_connect.h"
+#include "integrations/auto_approve.h"
 #include "integrations/toml_top.h"
 #include "test_support.h"
 
@@ -185,40 +189,195 @@ TEST_F(ConnectTest, FilesThatArentJsonObjectsAreLeftAlone) {
   }
 }
 
-TEST_F(ConnectTest, EveryFileKeepsThePersonsContentByteForByte) {
-  // Codex: each original, connected and disconnected.
-  const std::string codex = dir_.file(".codex/config.toml");
-  std::filesystem::create_directories(dir_.file(".codex"));
-  for (const Original& o : originals()) {
-    SCOPED_TRACE(o.what);
-    writeFile(codex, o.text);
-    ASSERT_EQ(connect().connectCodex(server_), "Added to Codex (~/.codex/config.toml). New sessions can use Vigilo.");
-    const std::string connected = readFile(codex);
-    ASSERT_EQ(tomlError(connected), "") << connected;
-    auto parsed = toml::parse(connected);
-    EXPECT_EQ(parsed["mcp_servers"]["vigilo"]["command"].value<std::string>(), server_.command);
-    EXPECT_EQ(parsed["mcp_servers"]["vigilo"]["args"][0].value<std::string>(), "mcp");
-    EXPECT_EQ(connected.substr(0, o.text.size()), o.text);
-    EXPECT_EQ(readFile(codex + ".vigilo-backup"), o.text.empty() ? "" : o.text);
-    ASSERT_EQ(connect().connectCodex(server_), "Added to Codex (~/.codex/config.toml). New sessions can use Vigilo.");
-    EXPECT_EQ(readFile(codex), connected);
-    connect().disconnectAll();
-    const std::string back = readFile(codex);
-    // A file without a final line break gets one back; nothing else differs.
-    EXPECT_TRUE(back == o.text || back == o.text + TOMLTop::lineBreak(o.text)) << back;
+// Settings files as people have them, drawn from a seed so that a failure
+// names the file that shows it.
+class FileGenerator {
+ public:
+  explicit FileGenerator(unsigned seed) : rng_(seed) {}
+
+  // A JSON object in one of the layouts people and programs write.
+  std::string json() {
+    const int layout = pick(5);
+    pretty_ = layout >= 2;
+    unit_ = layout == 2 ? "  " : layout == 3 ? "    " : "\t";
+    colon_ = layout == 1 || pretty_ ? ": " : ":";
+    comma_ = layout == 1 ? ", " : ",";
+    eol_ = pick(4) == 0 ? "\r\n" : "\n";
+    std::vector<std::pair<std::string, std::string>> members;
+    const int n = pick(5);
+    for (int i = 0; i < n; ++i) members.emplace_back("k" + std::to_string(i), value(1, unit_));
+    if (pick(2)) members.emplace_back("mcpServers", pick(2) ? "{}" : object({{"other", "{\"command\"" + colon_ + "\"x\"}"}}, unit_));
+    if (pick(2)) {
+      std::vector<std::pair<std::string, std::string>> perms = {{"allow", "[\"Bash(ls)\"]"}};
+      if (pick(2)) perms.emplace_back("defaultMode", "\"acceptEdits\"");
+      members.emplace_back("permissions", pick(3) ? object(perms, unit_) : "{}");
+    }
+    if (pick(3) == 0) members.emplace_back("skipDangerousModePermissionPrompt", "false");
+    if (pick(3) == 0) {
+      members.emplace_back("hooks", "{\"Stop\"" + colon_ + "[{\"hooks\"" + colon_ +
+                                        "[{\"type\"" + colon_ + "\"command\"" + comma_ + "\"command\"" + colon_ +
+                                        "\"notify-send done\"}]}]}");
+    }
+    std::shuffle(members.begin(), members.end(), rng_);
+    return object(members, "") + (pick(2) ? eol_ : "");
   }
 
-  // JSON: indentation, CRLF, key order, non-ASCII and the missing final
-  // newline survive connecting and disconnecting.
-  for (const std::string& original :
-       {std::string("{\r\n  \"zeta\": \"ünï\",\r\n  \"alpha\": [\r\n    1,\r\n    2\r\n  ]\r\n}\r\n"),
-        std::string("{\n\t\"b\": {\n\t\t\"x\": null\n\t},\n\t\"a\": \"模型\"\n}")}) {
-    writeFile(places_.claudeAppConfig(), original);
-    EXPECT_EQ(connect().connectClaudeApp(server_), "Added to the Claude app. Restart it to pick Vigilo up.");
-    json app = json::parse(readFile(places_.claudeAppConfig()));
-    EXPECT_EQ(app["mcpServers"]["vigilo"], json({{"command", server_.command}, {"args", {"mcp"}}}));
-    connect().disconnectAll();
-    EXPECT_EQ(readFile(places_.claudeAppConfig()), original);
+  // A TOML file with comments, odd spacing, inline tables and sub-tables.
+  std::string toml() {
+    const std::string eol = pick(4) == 0 ? "\r\n" : "\n";
+    std::string out;
+    auto line = [&](const std::string& l) { out += l + eol; };
+    if (pick(2)) line("# Codex " + std::string(pick(2) ? "" : "  settings ") + "# \"quoted\"");
+    if (pick(2)) line(pick(2) ? "approval_policy = \"on-request\"" : "approval_policy='untrusted'  # mine");
+    const int top = pick(4);
+    for (int i = 0; i < top; ++i) line(tomlPair("t" + std::to_string(i)));
+    if (pick(2)) line("sandbox_mode   =   \"read-only\"");
+    if (pick(3) == 0) line("");
+    const int tables = pick(4);
+    for (int i = 0; i < tables; ++i) {
+      const int kind = pick(4);
+      const std::string name = kind == 0 ? "mcp_servers.s" + std::to_string(i) : "tab" + std::to_string(i);
+      line(pick(2) ? "[" + name + "]" : "[ " + name + " ]  # table");
+      for (int k = pick(3); k >= 0; --k) line(tomlPair("p" + std::to_string(k)));
+      if (kind == 0 && pick(2)) {
+        line("[" + name + ".env]");
+        line("TOKEN = \"a\\u00e9\"");
+      }
+      if (pick(3) == 0) line("");
+    }
+    if (!out.empty() && pick(3) == 0) out.resize(out.size() - eol.size());
+    return out;
+  }
+
+  int pick(int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng_); }
+
+ private:
+  std::string value(int depth, const std::string& indent) {
+    static const char* const scalars[] = {"0", "-12", "1.50", "1e3", "123456789012345678901234567890", "true",
+                                          "null", "\"caf\\u00e9\"", "\"zoë\"", "\"a\\\"b\\\\c\\/d\\n\"", "\"\""};
+    const int kind = depth < 3 ? pick(5) : 2;
+    if (kind == 0) {
+      std::vector<std::pair<std::string, std::string>> members;
+      for (int i = pick(3); i > 0; --i) members.emplace_back("n" + std::to_string(i), value(depth + 1, indent + unit_));
+      return object(members, indent);
+    }
+    if (kind == 1) {
+      std::string a = "[";
+      for (int i = pick(4); i > 0; --i) a += value(depth + 1, indent) + (i > 1 ? comma_ : "");
+      return a + "]";
+    }
+    return scalars[pick(static_cast<int>(std::size(scalars)))];
+  }
+  // Members one step in from `indent`, the line the object starts on.
+  std::string object(const std::vector<std::pair<std::string, std::string>>& members, const std::string& indent) {
+    if (members.empty()) return "{}";
+    std::string o = "{";
+    for (std::size_t i = 0; i < members.size(); ++i) {
+      o += (i ? comma_ : "") + (pretty_ ? eol_ + indent + unit_ : "") + "\"" + members[i].first + "\"" + colon_ +
+           members[i].second;
+    }
+    return o + (pretty_ ? eol_ + indent : "") + "}";
+  }
+  std::string tomlPair(const std::string& key) {
+    switch (pick(7)) {
+      case 0: return key + "=1";
+      case 1: return key + " = \"caf\\u00e9 \\\"x\\\"\"   # note";
+      case 2: return key + " = [1, 2,3]";
+      case 3: return key + " = [" + "\n  \"a\",  # first\n  'b',\n]";
+      case 4: return key + " = { a = 1, b = \"x\" }";
+      case 5: return key + ".dotted = 9223372036854775807";
+      default: return "\"" + key + " q\" = 'lit\\eral'";
+    }
+  }
+
+  std::mt19937 rng_;
+  bool pretty_ = true;
+  std::string unit_, colon_, comma_, eol_;
+};
+
+// A folder in memory where there is one: the property test below syncs
+// thousands of small files.
+class ScratchDir {
+ public:
+  ScratchDir() {
+    std::string tmpl = (std::filesystem::is_directory("/dev/shm") ? std::string("/dev/shm")
+                                                                    : std::filesystem::temp_directory_path().string()) +
+                       "/vigilo-test-XXXXXX";
+    if (::mkdtemp(tmpl.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    path_ = tmpl;
+  }
+  ~ScratchDir() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+  }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+TEST_F(ConnectTest, ConnectThenDisconnectAndApproveOnThenOffGiveBackEveryByte) {
+  const ScratchDir scratch;
+  places_.home = scratch.file("home");
+  for (const char* folder : {"home/.claude", "home/.codex", "home/.config/Claude"}) {
+    std::filesystem::create_directories(scratch.file(folder));
+  }
+  const std::vector<std::string> jsonFiles = {places_.claudeJson(), places_.claudeSettings(), places_.claudeAppConfig()};
+  const std::string codex = places_.codexConfig();
+  ManualClock clock;
+  for (unsigned seed = 1; seed <= 500; ++seed) {
+    FileGenerator gen(seed);
+    // Each file as it was; nothing for one that didn't exist.
+    std::vector<std::pair<std::string, std::optional<std::string>>> files;
+    for (const auto& path : jsonFiles) files.emplace_back(path, gen.pick(8) ? std::optional(gen.json()) : std::nullopt);
+    files.emplace_back(codex, gen.pick(8) ? std::optional(gen.toml()) : std::nullopt);
+    const mode_t modes[] = {0600, 0644, 0640};
+    for (const auto& [path, text] : files) {
+      std::filesystem::remove(path);
+      std::filesystem::remove(path + ".vigilo-backup");
+      if (!text) continue;
+      writeFile(path, *text);
+      ::chmod(path.c_str(), modes[gen.pick(3)]);
+    }
+    SCOPED_TRACE("seed " + std::to_string(seed) + "\n" + files[1].second.value_or("(none)") + "\n" +
+                 files[3].second.value_or("(none)"));
+    ASSERT_EQ(tomlError(files[3].second.value_or("")), "");
+    auto state = [&] {
+      std::vector<std::string> now;
+      for (const auto& [path, text] : files) {
+        struct stat st {};
+        now.push_back(::stat(path.c_str(), &st) == 0 ? readFile(path) + "/" + std::to_string(st.st_mode & 0777)
+                                                     : "missing");
+        if (!text) now.back() += fileExists(path + ".vigilo-backup") ? " with a backup" : "";
+      }
+      return now;
+    };
+    const auto before = state();
+
+    AIConnect c = connect(1);
+    c.connectClaudeCode(server_, hook_);
+    ASSERT_EQ(c.connectCodex(server_), "Added to Codex (~/.codex/config.toml). New sessions can use Vigilo.");
+    ASSERT_EQ(c.connectClaudeApp(server_), "Added to the Claude app. Restart it to pick Vigilo up.");
+    if (gen.pick(2)) {
+      // Connected again after Vigilo moved.
+      ServerCommand moved = server_;
+      moved.command = "/moved/vigilo";
+      c.connectClaudeCode(moved, hook_);
+      c.connectCodex(moved);
+      c.connectClaudeApp(moved);
+    }
+    ASSERT_TRUE(c.claudeCodeConnected() && c.codexConnected() && c.claudeAppConnected());
+    c.disconnectAll();
+    ASSERT_EQ(state(), before);
+
+    if (!files[1].second || !files[3].second) continue;
+    AutoApprove approve(scratch.file("app"), places_, clock);
+    bool on = false, off = false;
+    approve.turnOn(AutoApprove::Ends::Manual, {}, &on);
+    ASSERT_TRUE(on);
+    approve.turnOff(&off);
+    ASSERT_TRUE(off);
+    ASSERT_EQ(state(), before);
   }
 }
 
@@ -246,6 +405,101 @@ TEST_F(ConnectTest, CodexEntriesWrittenByHandAndCodexHomeAreRespected) {
   connect().connectCodex(server_);
   auto parsed = toml::parse(readFile(dir_.file("elsewhere/config.toml")));
   EXPECT_EQ(parsed["mcp_servers"]["vigilo"]["env"]["VIGILO_HOME"].value<std::string>(), "/srv/v\"igilo");
+}
+
+TEST_F(ConnectTest, CodexSubTablesAndBrokenFilesNeverEndInABrokenEntry) {
+  const std::string codex = places_.codexConfig();
+  const std::string added = "Added to Codex (~/.codex/config.toml). New sessions can use Vigilo.";
+  struct Case {
+    const char* what;
+    std::string text;
+    std::optional<std::string> disconnected;  // the file after disconnecting; nothing: not TOML, left alone
+  };
+  const Case cases[] = {
+      {"Codex's own env sub-table",
+       "model = \"o3\"\n\n[mcp_servers.vigilo]\ncommand = \"/old\"\nargs = [\"mcp\"]\n\n[mcp_servers.vigilo.env]\n"
+       "VIGILO_HOME = \"/x\"\n\n[tui]\nx = 1\n",
+       "model = \"o3\"\n\n\n\n[tui]\nx = 1\n"},
+      // Taken for one Vigilo appended to a file without a final line break.
+      {"a sub-table left over alone", "model = \"o3\"\n[mcp_servers.vigilo.env]\nA = \"b\"\n", "model = \"o3\""},
+      {"not TOML", "model = \"o3\n[tui]\n", std::nullopt},
+  };
+  server_.env = {{"VIGILO_HOME", "/srv/vigilo"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    writeFile(codex, c.text);
+    for (int i = 0; i < 2; ++i) {
+      const std::string message = connect().connectCodex(server_);
+      if (c.disconnected) {
+        EXPECT_EQ(message, added);
+      } else {
+        EXPECT_EQ(message.rfind("~/.codex/config.toml isn't valid TOML (line 1: ", 0), 0u) << message;
+        EXPECT_NE(message.find("), so I left it alone."), std::string::npos) << message;
+      }
+    }
+    const std::string connected = readFile(codex);
+    if (!c.disconnected) {
+      EXPECT_EQ(connected, c.text);
+      continue;
+    }
+    ASSERT_EQ(tomlError(connected), "") << connected;
+    auto parsed = toml::parse(connected);
+    EXPECT_EQ(parsed["mcp_servers"]["vigilo"]["command"].value<std::string>(), server_.command);
+    EXPECT_EQ(parsed["mcp_servers"]["vigilo"]["env"]["VIGILO_HOME"].value<std::string>(), "/srv/vigilo");
+    connect().disconnectAll();
+    EXPECT_EQ(readFile(codex), *c.disconnected);
+  }
+
+  // The Claude app's folder isn't there: nothing is made up for it.
+  std::filesystem::remove_all(dir_.file(".config/Claude"));
+  EXPECT_EQ(connect().connectClaudeApp(server_),
+            "The Claude app isn't installed here (there is no ~/.config/Claude folder), so nothing was changed.");
+  EXPECT_FALSE(fileExists(dir_.file(".config/Claude")));
+}
+
+TEST_F(ConnectTest, AgentsReachThePersonsAppFolderWithoutItsEnvironment) {
+  // Which folder an agent started with only HOME must be told of.
+  struct Case {
+    const char* vigiloHome;
+    const char* dataHome;
+    std::string passed;
+  };
+  const Case cases[] = {
+      {nullptr, nullptr, ""},
+      {nullptr, "/data", "/data/vigilo"},
+      {"/v", nullptr, "/v"},
+      {"HOME/.local/share/vigilo", "/data", ""},
+  };
+  auto saved = [](const char* name) {
+    const char* v = std::getenv(name);
+    return v ? std::optional<std::string>(v) : std::nullopt;
+  };
+  const auto home = saved("HOME"), vh = saved("VIGILO_HOME"), data = saved("XDG_DATA_HOME");
+  auto put = [](const char* name, const std::optional<std::string>& v) {
+    v ? ::setenv(name, v->c_str(), 1) : ::unsetenv(name);
+  };
+  for (const Case& c : cases) {
+    put("HOME", dir_.path());
+    std::string v = c.vigiloHome ? c.vigiloHome : "";
+    if (v.rfind("HOME", 0) == 0) v.replace(0, 4, dir_.path());
+    put("VIGILO_HOME", c.vigiloHome ? std::optional(v) : std::nullopt);
+    put("XDG_DATA_HOME", c.dataHome ? std::optional<std::string>(c.dataHome) : std::nullopt);
+    const AgentPlaces places = AgentPlaces::fromEnvironment();
+    EXPECT_EQ(places.vigiloHome, c.passed) << c.vigiloHome << " " << c.dataHome;
+    EXPECT_EQ(AIConnect::serverCommand(places).env.empty(), c.passed.empty());
+  }
+  put("HOME", home);
+  put("VIGILO_HOME", vh);
+  put("XDG_DATA_HOME", data);
+
+  // The hook passes the folder on to the tool, however the agent was started.
+  const std::string tool = dir_.file("bin/vig'ilo");
+  std::filesystem::create_directories(dir_.file("bin"));
+  writeFile(tool, "#!/bin/sh\nprintf '%s' \"$VIGILO_HOME\" > \"$0.out\"\n");
+  ::chmod(tool.c_str(), 0755);
+  const std::string command = ClaudeHooks::commandFor(tool, "/srv/my 'folder'");
+  ASSERT_EQ(std::system(("env -u VIGILO_HOME /bin/sh -c \"$(cat <<'EOF'\n" + command + "\nEOF\n)\"").c_str()), 0);
+  EXPECT_EQ(readFile(tool + ".out"), "/srv/my 'folder'");
 }
 
 }  // namespace

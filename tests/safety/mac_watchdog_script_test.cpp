@@ -1,4 +1,5 @@
 #include <filesystem>
+#include <sys/stat.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -197,11 +198,13 @@ TEST_F(MacWatchdogScriptTest, ApproveEverythingIsPutBackOnlyWhereTheFileIsAsVigi
   const std::string codex = dir_.file("codex-config.toml");
   writeFile(claude, "{\"permissions\":{\"defaultMode\":\"bypassPermissions\"}}");
   writeFile(codex, "approval_policy = \"never\"\n# edited by the person since\n");
+  ::chmod(claude.c_str(), 0644);
   const std::string r = folder_ + "/approve-restore";
   std::filesystem::create_directories(r);
   put("auto-approve.json", "{}");
   writeFile(r + "/claude.target", claude + "\n");
   writeFile(r + "/claude.restored", "{}");
+  ::chmod((r + "/claude.restored").c_str(), 0600);  // as Vigilo keeps it
   // SHA-256 of the Claude file exactly as written above.
   ProcessRunner runner;
   std::string sum = runner.run({"/usr/bin/sha256sum", claude}).output.substr(0, 64);
@@ -211,6 +214,9 @@ TEST_F(MacWatchdogScriptTest, ApproveEverythingIsPutBackOnlyWhereTheFileIsAsVigi
   writeFile(r + "/codex.sha", std::string(64, '0'));
   run();
   EXPECT_EQ(readFile(claude), "{}");
+  struct stat st {};
+  ASSERT_EQ(::stat(claude.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0644u);  // not the restore folder's private mode
   EXPECT_EQ(readFile(codex), "approval_policy = \"never\"\n# edited by the person since\n");
   EXPECT_TRUE(has("auto-approve.json"));  // Codex waits for the app
   EXPECT_FALSE(fileExists(r + "/claude.target"));
