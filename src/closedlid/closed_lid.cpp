@@ -137,9 +137,11 @@ void ClosedLid::leave(Engine&) {
     if (notice_) notice_(Notice{Notice::Kind::Alert, "Welcome back", receiptLine(*receipt_)});
   }
   restoreClosedState();
+  trackOffline();  // an outage ends with the session
 }
 
 void ClosedLid::reapply(Engine&, bool strictest) {
+  trackOffline();
   reapplyClosedState(strictest ? std::optional<Preset>(Preset::MaxBattery) : std::nullopt);
 }
 
@@ -157,8 +159,23 @@ void ClosedLid::shutdown(Engine&) {
   }
 }
 
+void ClosedLid::trackOffline() {
+  if (!receipt_ || receipt_->openedAt) return;
+  const Time now = engine_.now();
+  // Counted only while the session goes on: once it ends the machine may
+  // sleep, and time asleep is not time without internet.
+  const bool going = active_ && engine_.lidClosed() && engine_.holding();
+  const bool online = engine_.platform().registry().online().value_or(true);
+  if (receipt_->offlineSince && (online || !going)) {
+    receipt_->offlineSeconds += std::max(0.0, now - *receipt_->offlineSince);
+    receipt_->offlineSince.reset();
+  }
+  if (!online && going && !receipt_->offlineSince) receipt_->offlineSince = now;
+}
+
 void ClosedLid::finishSession(Time openedAt) {
   if (!receipt_) return;
+  trackOffline();
   receipt_->openedAt = openedAt;
   if (engine_.battery()) receipt_->endPercent = engine_.battery()->percent;
   if (finished_) finished_(*receipt_);

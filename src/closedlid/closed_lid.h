@@ -104,6 +104,8 @@ class ClosedLid final : public ClosedLidSavings {
   void setNoticeHandler(std::function<void(const Notice&)> fn) { notice_ = std::move(fn); }
 
  private:
+  // Adds the time without internet to the open receipt.
+  void trackOffline();
   void ensureLoaded();
   bool undoOne(const Touched& t);
   void finishSession(Time openedAt);

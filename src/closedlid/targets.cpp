@@ -75,9 +75,9 @@ bool isAgentService(std::string_view name) {
                      [&](std::string_view n) { return startsWith(name, n); });
 }
 bool isSimulatorProcess(std::string_view name, std::string_view path) {
+  // "launchd_sim" is only how booted devices are counted: it is not paused.
   return name == "CoreSimulatorService" || startsWith(name, "com.apple.CoreSimulator.") ||
-         name == "SimulatorTrampoline" || name == "launchd_sim" ||
-         endsWith(path, "/Simulator.app/Contents/MacOS/Simulator");
+         name == "SimulatorTrampoline" || endsWith(path, "/Simulator.app/Contents/MacOS/Simulator");
 }
 bool isTestProcess(std::string_view name) { return among(kTestNames, name) || endsWith(name, "-Runner"); }
 bool isPreviewProcess(std::string_view name) { return among(kPreviewNames, name); }

@@ -620,6 +620,9 @@ class Cli {
       }
       out(line);
     }
+    if (r.value("external_display", false)) {
+      out("External display: connected (it draws power too; a shut lid counts as open while it is)");
+    }
     printApps(r);
     printMeasured(r);
     return 0;

@@ -181,6 +181,7 @@ json CommandCenter::handle(const std::string& cmd, const json& args) {
     if (cmd == "power_test") return powerTest(args);
     if (cmd == "panel") {
       json reply = statusDictionary();
+      reply["ignored_sleep_blockers"] = ignoredSleepBlockers();
       if (savings_) {
         const json keys = savings_->panelKeys();
     for (auto& [k, v] : keys.items()) reply[k] = v;
@@ -196,6 +197,23 @@ json CommandCenter::handle(const std::string& cmd, const json& args) {
     return fail(std::string("Vigilo couldn't do that: ") + e.what());
   }
   return fail("Unknown command " + cmd);
+}
+
+// The apps holding sleep off that do not keep the machine awake: requests
+// don't count (`countRequests` off), or one has been held longer than the
+// requests' time limit.
+json CommandCenter::ignoredSleepBlockers() const {
+  json out = json::array();
+  if (!work_) return out;
+  for (const SleepBlocker& b : work_->watcher().blockers()) {
+    const std::string id = "request:" + b.name;
+    const bool counted = std::any_of(work_->sessions().begin(), work_->sessions().end(), [&](const AgentSession& s) {
+      return s.id == id && std::find(s.pids.begin(), s.pids.end(), b.pid) != s.pids.end();
+    });
+    if (counted) continue;
+    out.push_back({{"pid", b.pid}, {"name", b.name}, {"since", timeOrNull(b.since)}});
+  }
+  return out;
 }
 
 json CommandCenter::holdDictionary(const Hold& h) {
@@ -244,6 +262,7 @@ json CommandCenter::statusDictionary() {
                {"start_percent", r.startPercent ? json(*r.startPercent) : json(nullptr)},
                {"end_percent", r.endPercent ? json(*r.endPercent) : json(nullptr)},
                {"agent", r.agentName ? json(*r.agentName) : json(nullptr)},
+               {"offline_seconds", r.offlineSeconds},
                {"line", receiptLine(r)}};
   }
   json unavailable = json::array();
@@ -400,6 +419,9 @@ json CommandCenter::power() {
                    {"closed_estimate_watts", power_->closedEstimate(engine_)},
                    {"hours_left_closed", opt(hours)},
                    {"apps", appsUsingEnergy(kEnergyRows)},
+                   // A screen plugged in draws from the laptop, and a shut
+                   // laptop driving it counts as open.
+                   {"external_display", engine_.platform().displays().externalConnected()},
                    // The power test switches the lid-closed savings off
                    // and on; without them there is nothing to measure.
                    {"power_test", "not available"}});
@@ -464,7 +486,7 @@ json CommandCenter::track(const json& args) {
 
 void CommandCenter::saveFromOutside(const Config& config) {
   if (!engine_.preview()) writeFileDurably(engine_.files().path(kConfigFile), config.encoded());
-  engine_.reloadConfigFromDisk();
+  engine_.reloadConfigFromDisk(true);
 }
 
 json CommandCenter::mode(const json& args) {
@@ -579,8 +601,6 @@ json CommandCenter::rule(const json& args) {
     c.appRules.erase(*found->bundleId);
   }
   saveFromOutside(c);
-  // With the lid shut the new rule takes effect at once.
-  if (closedLid_ && closedLid_->sessionActive()) closedLid_->reapplyClosedState(std::nullopt);
   const Config& now = engine_.config();
   const bool own = now.appRules.count(*found->bundleId) > 0;
   std::string inForce(toText(ruleFor(found->bundleId, now.preset, now.appRules)));

@@ -89,6 +89,8 @@ class CommandCenter {
   // A refusal when a text argument is too long to be meant, else null.
   nlohmann::json tooLong(const nlohmann::json& args);
   nlohmann::json holdDictionary(const Hold& h);
+  // The sleep blockers that don't keep the machine awake, for the panel.
+  nlohmann::json ignoredSleepBlockers() const;
   // Saves a changed record through the settings file and lets the engine
   // reload it, as an edit by hand would be: safety settings stay as strict.
   void saveFromOutside(const Config& config);

@@ -355,15 +355,21 @@ std::string Config::encoded() const {
   return dumpJson(toJson(), 2);
 }
 
-Config Config::mergedWith(const json& fileObject, const json& before) const {
+Config Config::mergedWith(const json& fileObject, bool whole) const {
   const json current = toJson();
   Config c;
   readInto(c, [&](std::string_view key) -> const json* {
     if (const json* v = member(fileObject, key)) return v;
     const bool optional = key == "alwaysUntil" || key == "modeBeforeAlways" || key == "wakeAt";
-    if (optional && member(before, key)) return nullptr;
+    if (optional && whole && fileObject.is_object()) return nullptr;
     return member(current, key);
   });
+  // An end time and the mode to return to belong to "Always" alone: a file
+  // that leaves "Always" ends them, as choosing the mode in the app does.
+  if (c.mode != Mode::On) {
+    c.alwaysUntil.reset();
+    c.modeBeforeAlways.reset();
+  }
   return c;
 }
 

@@ -101,11 +101,12 @@ struct Config {
   std::string encoded() const;
 
   // This record with the keys of `fileObject` laid over it: keys missing from
-  // the file keep this record's values, not the defaults. An optional
-  // setting (`alwaysUntil`, `modeBeforeAlways`, `wakeAt`) that `before`, the
-  // file as last seen, had and the file no longer has was removed by the
-  // edit, so it becomes absent here too.
-  Config mergedWith(const nlohmann::json& fileObject, const nlohmann::json& before = nullptr) const;
+  // the file keep this record's values, not the defaults, so a hand edit
+  // never drops a timed "Always" or a scheduled wake it did not name (null
+  // clears one). `whole` says the file is a complete record written by
+  // Vigilo itself, where a missing optional key means that setting is off.
+  // Outside mode "on", `alwaysUntil` and `modeBeforeAlways` are dropped.
+  Config mergedWith(const nlohmann::json& fileObject, bool whole = false) const;
 };
 
 // "config.json", "safety.json".

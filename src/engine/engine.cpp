@@ -4,6 +4,9 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <cstdlib>
+#include <langinfo.h>
+#include <locale.h>
 
 #include "engine/log.h"
 #include "engine/records.h"
@@ -54,13 +57,70 @@ std::string formatMinutes(long long minutes) {
   return std::to_string(h) + "h " + std::to_string(m) + "m";
 }
 
+std::string shortTimeFormat(std::string_view localeTimeFormat) {
+  // A 12-hour locale writes its time with %I or %l (hours 1-12) or %r (the
+  // whole 12-hour time); everything else keeps a 24-hour clock.
+  for (std::size_t i = 0; i + 1 < localeTimeFormat.size(); ++i) {
+    if (localeTimeFormat[i] != '%') continue;
+    const char c = localeTimeFormat[++i];
+    if (c == 'I' || c == 'l' || c == 'r') return "%l:%M %p";
+  }
+  return "%H:%M";
+}
+
+namespace {
+
+// The time locale of the environment (LC_ALL, LC_TIME, LANG), made again
+// only when those change; the C locale where it can't be had.
+class TimeLocale {
+ public:
+  ~TimeLocale() { drop(); }
+  locale_t get() {
+    std::string key;
+    for (const char* name : {"LC_ALL", "LC_TIME", "LANG"}) {
+      const char* v = std::getenv(name);
+      key += v != nullptr ? v : "";
+      key += '\n';
+    }
+    if (!made_ || key != key_) {
+      drop();
+      loc_ = ::newlocale(LC_TIME_MASK, "", static_cast<locale_t>(nullptr));
+      if (loc_ == static_cast<locale_t>(nullptr)) loc_ = ::newlocale(LC_TIME_MASK, "C", static_cast<locale_t>(nullptr));
+      key_ = std::move(key);
+      made_ = true;
+    }
+    return loc_;
+  }
+
+ private:
+  void drop() {
+    if (loc_ != static_cast<locale_t>(nullptr)) ::freelocale(loc_);
+    loc_ = static_cast<locale_t>(nullptr);
+  }
+  locale_t loc_ = static_cast<locale_t>(nullptr);
+  std::string key_;
+  bool made_ = false;
+};
+
+}  // namespace
+
 std::string formatShortTime(Time t) {
-  std::time_t secs = static_cast<std::time_t>(std::floor(t));
+  static thread_local TimeLocale locale;
+  const std::time_t secs = static_cast<std::time_t>(std::floor(t));
   std::tm tm{};
   localtime_r(&secs, &tm);
-  char buf[16];
-  std::strftime(buf, sizeof buf, "%H:%M", &tm);
-  return buf;
+  char buf[64];
+  const locale_t loc = locale.get();
+  if (loc == static_cast<locale_t>(nullptr)) {
+    std::strftime(buf, sizeof buf, "%H:%M", &tm);
+    return buf;
+  }
+  const std::string format = shortTimeFormat(::nl_langinfo_l(T_FMT, loc));
+  if (::strftime_l(buf, sizeof buf, format.c_str(), &tm, loc) == 0) return {};
+  std::string out = buf;
+  // %l pads a one-digit hour with a space: "2:30 PM", not " 2:30 PM".
+  if (!out.empty() && out.front() == ' ') out.erase(0, 1);
+  return out;
 }
 
 Engine::Engine(Platform& platform, std::string appFolder, EngineOptions options)
@@ -140,6 +200,9 @@ void Engine::launch() {
         evaluate();
         break;
       case SystemEvent::DidWake:
+        // Without a lid, waking up is what opening the lid is elsewhere:
+        // the person is back, so agents keep the machine awake again.
+        if (!platform_.registry().lidClosed()) snoozed_ = false;
         evaluate();
         break;
       case SystemEvent::WillSleep:
@@ -176,7 +239,6 @@ void Engine::loadConfigAtLaunch() {
   auto bytes = files_.read(kConfigFile);
   std::optional<Config> read = bytes ? Config::decode(*bytes) : std::nullopt;
   config_ = read.value_or(Config{});
-  if (read) configSeen_ = nlohmann::json::parse(*bytes, nullptr, false);
   if (bytes && !read) {
     // The defaults stand in for a file the person never meant to loosen:
     // they take the safety values last set in the app, so that no alert
@@ -205,28 +267,39 @@ void Engine::writeConfig() {
   if (files_.writeDurably(kConfigFile, config_.encoded())) {
     configMTime_ = files_.modified(kConfigFile);
     configStamp_ = configMTime_;
-    configSeen_ = config_.toJson();
   }
 }
 
 // ---------------------------------------------------------------- settings
 
 void Engine::apply(const Config& config, bool save) {
+  const Config before = config_;
   config_ = config;
   if (save) writeConfig();
   if (!options_.preview) Safety::of(config_).save(files_);
-  evaluate();
+  settingsChanged(before);
 }
 
-void Engine::reloadConfigFromDisk() {
+void Engine::settingsChanged(const Config& before) {
+  // A mode chosen again, however it was set, is the person back at the
+  // controls: a snooze ends.
+  if (config_.mode != before.mode) snoozed_ = false;
+  const bool wasHolding = holding_;
+  evaluate();
+  // A session that goes on takes a new preset or rule at once; one that
+  // just began or ended has done its own work.
+  if (config_ != before && wasHolding && holding_ && lidClosed_ && closedLid_) closedLid_->reapply(*this, false);
+}
+
+void Engine::reloadConfigFromDisk(bool whole) {
   auto bytes = files_.read(kConfigFile);
   if (!bytes) return;
   auto j = nlohmann::json::parse(*bytes, nullptr, false);
   if (!j.is_object()) return;
-  config_ = config_.mergedWith(j, configSeen_);
-  configSeen_ = std::move(j);
+  const Config before = config_;
+  config_ = config_.mergedWith(j, whole);
   enforceSafety();
-  evaluate();
+  settingsChanged(before);
 }
 
 void Engine::reloadConfigIfEdited() {
@@ -718,7 +791,14 @@ void Engine::sleepNow() {
   }
   if (!lidClosed_ && !holding_ && !options_.preview) {
     Result r = platform_.power().sleepNow();
-    if (!r) logLine("Vigilo: sleeping now failed: " + r.message());
+    if (!r) {
+      logLine("Vigilo: sleeping now failed: " + r.message());
+      // No lid to open and no wake to come: a snooze would never end.
+      if (!platform_.registry().lidClosed()) {
+        snoozed_ = false;
+        evaluate();
+      }
+    }
   }
 }
 

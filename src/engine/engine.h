@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "engine/battery.h"
@@ -83,7 +84,9 @@ class Engine {
   // Stores a change made in the app itself, writes "config.json" when asked,
   // takes its safety values as the new baseline and re-evaluates.
   void apply(const Config& config, bool save);
-  void reloadConfigFromDisk();
+  // Lays "config.json" over the settings; `whole` when Vigilo wrote the file
+  // as a complete record (see `Config::mergedWith`).
+  void reloadConfigFromDisk(bool whole = false);
   void reloadConfigIfEdited();
   void enforceSafety();
 
@@ -159,6 +162,8 @@ class Engine {
 
  private:
   void loadConfigAtLaunch();
+  // Re-evaluates after the settings changed from `before`.
+  void settingsChanged(const Config& before);
   // The lid as the closed-lid logic sees it (an external screen counts as open).
   std::optional<bool> readLid();
   void writeConfig();
@@ -233,9 +238,6 @@ class Engine {
   // A pending release has its own text.
   std::optional<std::string> refusedWarning_;
   std::optional<std::string> notKeptWarning_;
-  // The keys "config.json" had when last read or written, so an edit that
-  // removes an optional key is told apart from a file that never had it.
-  nlohmann::json configSeen_;
   std::vector<Touched> touched_;
   std::string lastEndReason_;
   std::vector<Capability> capabilities_;
@@ -249,7 +251,11 @@ class Engine {
 
 // "1h 30m", "45m", "2h": a duration in whole minutes.
 std::string formatMinutes(long long minutes);
-// The short local time of day, "14:30".
+// The short local time of day in the clock of the time locale (LC_TIME):
+// "14:30", or "2:30 PM" where the locale keeps a 12-hour clock.
 std::string formatShortTime(Time t);
+// The strftime format of a short time for a locale whose time format
+// (nl_langinfo T_FMT) is `localeTimeFormat`.
+std::string shortTimeFormat(std::string_view localeTimeFormat);
 
 }  // namespace vigilo

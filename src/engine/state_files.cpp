@@ -25,10 +25,16 @@ bool StateFiles::writeDurably(std::string_view name, std::string_view data, std:
 
 bool StateFiles::touch(std::string_view name) const {
   const std::string p = path(name);
-  // The heartbeat is touched every tick: setting the times by name changes
-  // only the file's attributes, which the app's own folder watch ignores, so
-  // the beat never wakes the app a second time.
-  if (::utimensat(AT_FDCWD, p.c_str(), nullptr, AT_SYMLINK_NOFOLLOW) == 0) return true;
+  struct stat st {};
+  if (::lstat(p.c_str(), &st) == 0) {
+    // The heartbeat is touched every tick: setting the times by name changes
+    // only the file's attributes, which the app's own folder watch ignores,
+    // so the beat never wakes the app a second time.
+    if (S_ISREG(st.st_mode)) return ::utimensat(AT_FDCWD, p.c_str(), nullptr, AT_SYMLINK_NOFOLLOW) == 0;
+    // A link (even one to a file) or anything else is a damaged record: the
+    // watchdog and the next launch look for a plain file. It is replaced.
+    if (S_ISDIR(st.st_mode) || ::unlink(p.c_str()) != 0) return false;
+  }
   if (!ensureDir()) return false;
   int fd = ::open(p.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kPrivateFileMode);
   if (fd < 0) return false;

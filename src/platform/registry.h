@@ -64,6 +64,9 @@ class Registry {
   // Every power assertion held against sleep, by process. Empty where the
   // machine keeps no such list or it cannot be read.
   virtual std::vector<PowerAssertion> powerAssertions() { return {}; }
+  // Whether the machine has a way to the internet now (a network path);
+  // nothing where it cannot tell.
+  virtual std::optional<bool> online() { return std::nullopt; }
 };
 
 }  // namespace vigilo

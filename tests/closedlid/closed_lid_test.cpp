@@ -124,6 +124,12 @@ TEST_F(ClosedLidTest, ClosedSessionDarkensAndSavesThenPutsAllBackWhenTheLidOpens
   advance(10);
   EXPECT_EQ(laptop().commandCount(), before);
 
+  // Two minutes without internet go into the receipt.
+  laptop().setOnline(false);
+  advance(120);
+  laptop().setOnline(true);
+  advance(2);
+
   // The poll notices the lid opening within half a second.
   laptop().setLidClosed(false);
   advance(0.5);
@@ -135,6 +141,8 @@ TEST_F(ClosedLidTest, ClosedSessionDarkensAndSavesThenPutsAllBackWhenTheLidOpens
   EXPECT_TRUE(recordsEmpty());
   ASSERT_FALSE(notices_.empty());
   EXPECT_EQ(notices_.back().rfind("Welcome back: Stayed awake ", 0), 0u) << notices_.back();
+  EXPECT_NE(notices_.back().find(" · no internet for 2 min"), std::string::npos) << notices_.back();
+  EXPECT_EQ(closedLid_->receipt()->offlineSeconds, 120);
 }
 
 TEST_F(ClosedLidTest, TheSessionEndsWithTheHoldAndAtQuit) {
@@ -328,9 +336,11 @@ TEST(ClosedTargets, BackgroundClassesAndSkips) {
     return out;
   };
   using M = std::map<std::int32_t, std::string>;
-  EXPECT_EQ(rules(closedTargets(in, {})), (M{{10, "pause"}, {11, "pause"}, {12, "pause"}, {14, "slow"}}));
+  // The booted device (11) is counted, never paused.
+  EXPECT_EQ(scanBackgroundWork(in).simulators, 1);
+  EXPECT_EQ(rules(closedTargets(in, {})), (M{{10, "pause"}, {12, "pause"}, {14, "slow"}}));
   EXPECT_EQ(rules(closedTargets(in, {"simulators", "builds"})), (M{{12, "pause"}}));
-  EXPECT_EQ(rules(closedTargets(in, {"audio"})), (M{{10, "pause"}, {11, "pause"}, {14, "slow"}}));
+  EXPECT_EQ(rules(closedTargets(in, {"audio"})), (M{{10, "pause"}, {14, "slow"}}));
 
   // A UI test runner keeps simulators running; so does an agent using Xcode.
   proc(16, "/tmp/MyAppUITests-Runner");

@@ -59,12 +59,16 @@ TEST_F(RuleRequestTest, LooksAppsUpAndRepliesWithTheRuleInForce) {
   EXPECT_EQ(engine_->config().appRules, (std::map<std::string, AppRule>{{"com.spotify.client", AppRule::Slow}}));
 }
 
-TEST_F(RuleRequestTest, ARuleTakesEffectAtOnceWhileTheLidIsShut) {
+TEST_F(RuleRequestTest, APresetOrRuleTakesEffectAtOnceWhileTheLidIsShut) {
   laptop().setLidClosed(true);
   advance(2);
   ASSERT_TRUE(laptop().process(editor_)->stopped);
+  EXPECT_EQ(center_->handle("preset", {{"preset", "balanced"}})["preset"], "balanced");
+  EXPECT_FALSE(laptop().process(editor_)->stopped);
+  EXPECT_TRUE(laptop().process(editor_)->slowed);
   rule("TextEdit", "leave");
   EXPECT_FALSE(laptop().process(editor_)->stopped);
+  EXPECT_FALSE(laptop().process(editor_)->slowed);
   json status = center_->statusDictionary();
   EXPECT_EQ(status["app_rules"]["com.apple.TextEdit"], "leave");
   EXPECT_EQ(status["unrestored"], json::array());

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <sys/stat.h>
 
+#include "agents/agent_work.h"
 #include "commands/cli.h"
 #include "engine/engine_fixture.h"
 #include "power/power_watch.h"
@@ -208,6 +209,38 @@ TEST_F(CommandCenterTest, SettingsChangedFromOutsideDropTheEndTimeAndTheReplySho
   EXPECT_EQ(r["menu_bar_title"], expected);
   ASSERT_TRUE(r["battery"]["minutes_left"].is_number());
   EXPECT_NE(std::lround(hours * 60), r["battery"]["minutes_left"].get<long>());
+}
+
+TEST_F(CommandCenterTest, ThePanelNamesIgnoredSleepBlockersAndThePowerReportAnExternalScreen) {
+  // Given caffeinate holding sleep off while such requests don't count.
+  AgentWork work(*sim_, folder_, dir_.file("home"), nullptr);
+  PowerWatch power(folder_, nullptr);
+  engine().setWorkSource(&work);
+  engine().setPowerMeter(&power);
+  center_->setAgents(&work, &power);
+  ASSERT_TRUE(call("set", {{"key", "downloads"}, {"value", false}})["ok"]);
+  const std::int32_t caffeinate = laptop().startProcess("/usr/bin/caffeinate", {"caffeinate", "-i"});
+  PowerAssertion a;
+  a.pid = caffeinate;
+  a.type = "PreventUserIdleSystemSleep";
+  a.name = "caffeinate command-line tool";
+  a.since = clock_.now();
+  ASSERT_TRUE(laptop().addPowerAssertion(a));
+  advance(2);
+  EXPECT_EQ(call("panel")["ignored_sleep_blockers"],
+            json::parse(R"([{"pid": )" + std::to_string(caffeinate) + R"(, "name": "caffeinate", "since": )" +
+                        json(*a.since).dump() + "}]"));
+  // Counted, it is no longer ignored.
+  ASSERT_TRUE(call("set", {{"key", "downloads"}, {"value", true}})["ok"]);
+  advance(2);
+  EXPECT_EQ(call("panel")["ignored_sleep_blockers"], json::array());
+
+  EXPECT_EQ(call("power")["external_display"], false);
+  laptop().setExternalDisplay(true);
+  EXPECT_EQ(call("power")["external_display"], true);
+  center_->setAgents(nullptr, nullptr);
+  engine().setWorkSource(nullptr);
+  engine().setPowerMeter(nullptr);
 }
 
 }  // namespace

@@ -56,6 +56,38 @@ TEST_F(EngineTest, ModeAutoFollowsWorkAndSnooze) {
   EXPECT_EQ(engine().holdReason(), "Uploading");
 }
 
+TEST_F(EngineTest, SnoozeEndsWithTheLidOpeningOrWithoutALidWithTheWake) {
+  // Given an agent at work on a laptop with a lid.
+  work_.reason = "Claude Code is running a command";
+  launch();
+  engine().sleepNow();
+  advance(2);  // the laptop slept and woke with the lid open: still snoozed
+  EXPECT_TRUE(engine().snoozed());
+  EXPECT_FALSE(engine().holding());
+  laptop().setLidClosed(true);
+  advance(2);
+  laptop().setLidClosed(false);
+  advance(2);
+  EXPECT_FALSE(engine().snoozed());
+  EXPECT_TRUE(engine().holding());
+
+  // Choosing a mode again ends it too.
+  engine().sleepNow();
+  engine().setMode(Mode::Off);
+  engine().setMode(Mode::Auto);
+  EXPECT_FALSE(engine().snoozed());
+  EXPECT_TRUE(engine().holding());
+
+  // Without a lid, the wake after the sleep ends it.
+  laptop().removeLid();
+  engine().sleepNow();
+  EXPECT_EQ(engine().statusLine(), "Sleeping until the lid opens");
+  advance(2);
+  EXPECT_FALSE(engine().snoozed());
+  EXPECT_TRUE(engine().holding());
+  EXPECT_EQ(count("sleepnow"), 3);
+}
+
 TEST_F(EngineTest, ModeAlwaysWithAndWithoutEndTime) {
   // Given mode Always without an end time, then with one.
   launch();
@@ -87,6 +119,17 @@ TEST_F(EngineTest, AlwaysUntilPassedShowsNoTimeLeft) {
   writeConfig(R"({"mode": "on", "alwaysUntil": 1700000000})");
   launch(EngineOptions{true, true});  // passive: no evaluate yet
   EXPECT_EQ(engine().statusLine(), "Awake until " + formatShortTime(1700000000) + " · 0m left");
+}
+
+TEST(ShortTimeTest, TwelveHourLocalesKeepTheirClock) {
+  // Time formats (nl_langinfo T_FMT) as locales give them.
+  const struct Row {
+    const char* localeFormat;
+    const char* shortFormat;
+  } rows[] = {{"%r", "%l:%M %p"},          {"%I:%M:%S %p %Z", "%l:%M %p"}, {"%l:%M:%S %p", "%l:%M %p"},
+              {"%T", "%H:%M"},             {"%H:%M:%S", "%H:%M"},          {"%H\u6642%M\u5206", "%H:%M"},
+              {"%%I %H:%M", "%H:%M"},      {"%", "%H:%M"},                 {"", "%H:%M"}};
+  for (const Row& r : rows) EXPECT_EQ(shortTimeFormat(r.localeFormat), r.shortFormat) << r.localeFormat;
 }
 
 TEST_F(EngineTest, NewestHoldGivesTheReason) {
@@ -424,17 +467,29 @@ TEST_F(EngineTest, SlowJobsRunOnTheirTicks) {
 }
 
 TEST_F(EngineTest, SettingsFileEditsMergeAndNeverLoosenSafety) {
-  writeConfig(R"({"quietMinutes": 9, "batteryFloor": 30})");
+  // Given a timed "Always" and a scheduled wake.
+  const Time until = clock_.now() + 3600, wakeAt = clock_.now() + 7200;
+  writeConfig(nlohmann::json{{"quietMinutes", 9}, {"batteryFloor", 30}, {"mode", "on"}, {"alwaysUntil", until},
+                   {"modeBeforeAlways", "off"}, {"wakeAt", wakeAt}}.dump());
   launch();
   EXPECT_EQ(readFile(folder_ + "/safety.json").find("\"batteryFloor\": 30") != std::string::npos, true);
 
-  // An edit with one key changes only that key.
+  // An edit with one key changes only that key: the end time, the mode to
+  // return to and the wake stay.
   clock_.advance(1);
   writeConfig(R"({"preset": "max_battery"})");
   advance(10);
   EXPECT_EQ(engine().config().preset, Preset::MaxBattery);
   EXPECT_EQ(engine().config().quietMinutes, 9);
   EXPECT_EQ(engine().config().batteryFloor, 30);
+  EXPECT_EQ(engine().config().alwaysUntil, until);
+  EXPECT_EQ(engine().config().modeBeforeAlways, Mode::Off);
+  EXPECT_EQ(engine().config().wakeAt, wakeAt);
+  // A null clears one on purpose.
+  writeConfig(R"({"wakeAt": null})");
+  loop_.fileChanged(folder_ + "/config.json");
+  EXPECT_FALSE(engine().config().wakeAt);
+  EXPECT_EQ(engine().config().alwaysUntil, until);
 
   // Loosening from the file is refused and the file is put right.
   writeConfig(R"({"heatGuard": false, "batteryFloor": 10, "mode": "sideways"})");
@@ -522,6 +577,12 @@ TEST_F(EngineTest, DamagedRecordsAreSetAsideSaidAndWhatTheyStillTellIsPutBack) {
     });
     EXPECT_EQ(said, 4) << ::testing::PrintToString(notices_);
   }
+  // A dangling link where the hold marker goes is no record: a plain file
+  // takes its place before sleep is switched off.
+  std::filesystem::create_symlink(dir_.file("nowhere"), folder_ + "/hold");
+  engine().addHold("Deploying", std::nullopt, std::nullopt, std::nullopt);
+  ASSERT_TRUE(engine().holding());
+  EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(folder_ + "/hold")));
 }
 
 TEST_F(EngineTest, CrashWhileHoldingIsAdoptedThenReleasedWithOneCall) {

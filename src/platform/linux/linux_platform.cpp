@@ -18,9 +18,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -454,6 +456,15 @@ class LinuxRegistry final : public Registry {
   LinuxRegistry(const SysTree& tree, Logind& logind, const SleepLock& lock, Clock& clock)
       : tree_(tree), logind_(logind), lock_(lock), clock_(clock) {}
 
+  // A default route is the network path: without one nothing outside the
+  // local networks can be reached.
+  std::optional<bool> online() override {
+    auto route = tree_.read("/proc/net/route");
+    auto route6 = tree_.read("/proc/net/ipv6_route");
+    if (!route && !route6) return std::nullopt;
+    return hasDefaultRoute(route.value_or(""), route6.value_or(""));
+  }
+
   std::optional<BatteryProperties> battery() override {
     const auto supplies = tree_.supplies();
     auto b = batteryFromSupplies(supplies);
@@ -739,7 +750,9 @@ class LinuxProcesses final : public Processes {
     if (pid <= 0) return std::nullopt;
     sampleMachine();
     auto stat = tree_.stat(pid);
-    if (!stat) return std::nullopt;
+    // Ended but not yet reaped by its parent (a zombie, or dying): only its
+    // pid is left, so it counts as gone.
+    if (!stat || stat->state == 'Z' || stat->state == 'X') return std::nullopt;
     Known& k = learn(pid, *stat, std::nullopt)->second;
     ProcessInfo p = k.identity;
     auto cpu = cpuOf(pid, &*stat);
@@ -867,6 +880,7 @@ class LinuxProcesses final : public Processes {
   // change.
   Result slow(std::int32_t pid) override {
     if (Result r = checkTarget(pid, "slow"); !r) return r;
+    loadRecord();
     auto stat = statOf(pid);
     if (!stat) return Result::fail("Process " + std::to_string(pid) + " isn't running.");
     SlowRecord& rec = slowed_[pid];
@@ -876,6 +890,7 @@ class LinuxProcesses final : public Processes {
     }
     const std::uint64_t niceLimit = niceLimitOf(pid);
     int denied = 0;
+    std::vector<pid_t> fresh;
     for (pid_t tid : threadsOf(pid)) {
       auto known = rec.threads.find(tid);
       if (known != rec.threads.end()) {
@@ -900,17 +915,29 @@ class LinuxProcesses final : public Processes {
       t.cpu =
           (policy == SCHED_OTHER || policy == SCHED_BATCH) && canRestoreNice(t.original.nice, niceLimit, capSysNice_);
       if (inherited) t.cpu = t.cpu && rec.cpu;
-      rec.threads[tid] = t;  // the record comes before the change
+      rec.threads[tid] = t;
       if (!rec.original) {
         rec.original = t.original;
         rec.cpu = t.cpu;
       }
+      fresh.push_back(tid);
+    }
+    // The old values are on disk before any of them changes, so a run that
+    // dies meanwhile leaves the next one what to put back.
+    if (!fresh.empty() && !saveRecord()) {
+      for (pid_t tid : fresh) rec.threads.erase(tid);
+      if (rec.threads.empty()) slowed_.erase(pid);
+      return Result::fail("Couldn't record the priority of process " + std::to_string(pid) +
+                          " in Vigilo's folder, so it is left as it is.");
+    }
+    for (pid_t tid : fresh) {
       reapply(tid, rec.threads[tid]);
       if (rec.threads[tid].denied) denied = EPERM;
     }
     if (denied != 0 && std::none_of(rec.threads.begin(), rec.threads.end(),
                                     [](const auto& e) { return e.second.io || e.second.cpu; })) {
       slowed_.erase(pid);
+      saveRecord();
       return Result::fail("Vigilo isn't allowed to change the priority of process " + std::to_string(pid) +
                               " (it belongs to another user).",
                           denied);
@@ -920,15 +947,17 @@ class LinuxProcesses final : public Processes {
 
   Result unslow(std::int32_t pid) override {
     if (Result r = checkTarget(pid, "put back"); !r) return r;
+    loadRecord();
     auto stat = statOf(pid);
     if (!stat) {
-      slowed_.erase(pid);
+      if (slowed_.erase(pid) > 0) saveRecord();
       return Result::fail("Process " + std::to_string(pid) + " isn't running.");
     }
     auto found = slowed_.find(pid);
     if (found != slowed_.end() && found->second.startTicks != stat->starttime) {
       slowed_.erase(found);  // the pid was reused
       found = slowed_.end();
+      saveRecord();
     }
     const std::uint64_t niceLimit = niceLimitOf(pid);
     int failedErr = 0;
@@ -951,7 +980,7 @@ class LinuxProcesses final : public Processes {
           cpu = rec.cpu;
         }
       } else {
-        // Never slowed by this run (Vigilo restarted since): put back the
+        // No record of the old values (its file was lost): put back the
         // defaults of what slowing changes, where they can be.
         ThreadPriority defaults = *now;
         if (ioprioClass(now->ioprio) == kIoprioClassIdle) defaults.ioprio = 0;  // "none": follows the nice value
@@ -973,9 +1002,16 @@ class LinuxProcesses final : public Processes {
       return Result::fail(errnoMessage("Couldn't put back the priority of process " + std::to_string(pid), failedErr),
                           failedErr);
     }
-    if (found != slowed_.end()) slowed_.erase(found);
+    if (found != slowed_.end()) {
+      slowed_.erase(found);
+      saveRecord();
+    }
     return Result::ok();
   }
+
+  // Where the old priorities of slowed processes are kept; "" keeps none
+  // (then nothing is slowed).
+  void setRecordFile(std::string path) { recordPath_ = std::move(path); }
 
  private:
   struct SlowedThread {
@@ -990,6 +1026,59 @@ class LinuxProcesses final : public Processes {
     bool cpu = false;
     std::map<pid_t, SlowedThread> threads;
   };
+
+  // The record is one line per thread: pid, start ticks, thread id (0 for
+  // what a thread started later would have had), I/O priority, policy, nice
+  // and whether the I/O class and the policy are lowered.
+  bool saveRecord() {
+    if (recordPath_.empty()) return false;
+    std::string text;
+    auto line = [&](std::int32_t pid, const SlowRecord& rec, pid_t tid, const ThreadPriority& p, bool io, bool cpu) {
+      text += std::to_string(pid) + ' ' + std::to_string(rec.startTicks) + ' ' + std::to_string(tid) + ' ' +
+              std::to_string(p.ioprio) + ' ' + std::to_string(p.policy) + ' ' + std::to_string(p.nice) + ' ' +
+              (io ? '1' : '0') + ' ' + (cpu ? '1' : '0') + '\n';
+    };
+    for (const auto& [pid, rec] : slowed_) {
+      if (rec.original) line(pid, rec, 0, *rec.original, false, rec.cpu);
+      for (const auto& [tid, t] : rec.threads) line(pid, rec, tid, t.original, t.io, t.cpu);
+    }
+    if (text.empty()) {
+      std::error_code ec;
+      std::filesystem::remove(recordPath_, ec);
+      return !ec;
+    }
+    return writeFileDurably(recordPath_, text).isOk();
+  }
+
+  // Takes in what an earlier run recorded, once; a damaged line is skipped.
+  void loadRecord() {
+    if (recordLoaded_ || recordPath_.empty()) return;
+    recordLoaded_ = true;
+    auto text = readWholeFile(recordPath_, 4 * 1024 * 1024);
+    if (!text) return;
+    std::map<std::int32_t, SlowRecord> earlier;
+    std::istringstream in(*text);
+    std::string row;
+    while (std::getline(in, row)) {
+      std::istringstream fields(row);
+      std::int64_t pid = 0, tid = 0;
+      std::uint64_t start = 0;
+      ThreadPriority p;
+      int io = 0, cpu = 0;
+      if (!(fields >> pid >> start >> tid >> p.ioprio >> p.policy >> p.nice >> io >> cpu)) continue;
+      if (pid <= 0 || pid > INT32_MAX || tid < 0 || tid > INT32_MAX) continue;
+      SlowRecord& rec = earlier[static_cast<std::int32_t>(pid)];
+      if (rec.threads.empty() && !rec.original) rec.startTicks = start;
+      if (rec.startTicks != start) continue;
+      if (tid == 0) {
+        rec.original = p;
+        rec.cpu = cpu != 0;
+      } else {
+        rec.threads[static_cast<pid_t>(tid)] = SlowedThread{p, io != 0, cpu != 0, false};
+      }
+    }
+    for (auto& [pid, rec] : earlier) slowed_.try_emplace(pid, std::move(rec));
+  }
 
   std::optional<ProcStat> statOf(std::int32_t pid) const { return tree_.stat(pid); }
 
@@ -1160,6 +1249,8 @@ class LinuxProcesses final : public Processes {
   // A process was learned anew since the last listing.
   bool relearned_ = false;
   std::map<std::int32_t, SlowRecord> slowed_;
+  std::string recordPath_;
+  bool recordLoaded_ = false;
   std::vector<DesktopEntry> entries_;
   std::optional<double> entriesRead_;
 };
@@ -1248,7 +1339,10 @@ class LinuxPlatformImpl final : public Platform {
         registry_(tree_, logind_, lock_, clock),
         displays_(tree_, logind_),
         processes_(tree_, clock, [this] { return registry_.batteryDraw(); }),
-        events_(loop, registry_, logind_) {}
+        events_(loop, registry_, logind_) {
+    const std::string folder = options.appFolder.empty() ? appFolderFor(*this) : options.appFolder;
+    processes_.setRecordFile(folder + "/" + std::string(kSlowedPrioritiesFile));
+  }
 
   std::string name() const override { return "linux"; }
   std::string defaultAppFolder() const override { return xdgAppFolder(); }

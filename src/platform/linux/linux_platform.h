@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "platform/platform.h"
 
@@ -15,7 +16,13 @@ struct LinuxPlatformOptions {
   // D-Bus address of the bus where logind lives; "" is the default system
   // bus (DBUS_SYSTEM_BUS_ADDRESS, else /run/dbus/system_bus_socket).
   std::string systemBus;
+  // The app folder, where the old priorities of slowed processes are kept
+  // until they are put back; "" is the usual one (VIGILO_HOME, else XDG).
+  std::string appFolder;
 };
+
+// The record of the priorities slowed processes had, in the app folder.
+inline constexpr std::string_view kSlowedPrioritiesFile = "slowed-priorities";
 
 // The real Linux machine: logind's inhibitor lock as the sleep switch,
 // /sys/class/power_supply, /sys/class/thermal, /proc/acpi/button/lid and

@@ -173,6 +173,39 @@ bool isInitialUserNamespace(std::string_view uidMap) {
   return f.size() == 3 && f[0] == "0" && f[1] == "0" && f[2] == "4294967295";
 }
 
+bool hasDefaultRoute(std::string_view route, std::string_view ipv6Route) {
+  constexpr unsigned long kUp = 0x0001, kReject = 0x0200;  // RTF_UP, RTF_REJECT of <linux/route.h>
+  auto flagsOf = [](std::string_view hex) {
+    unsigned long v = 0;
+    std::from_chars(hex.data(), hex.data() + hex.size(), v, 16);
+    return v;
+  };
+  auto lines = [](std::string_view text, auto&& each) {
+    while (!text.empty()) {
+      const std::size_t end = text.find('\n');
+      each(fields(text.substr(0, end)));
+      if (end == std::string_view::npos) break;
+      text.remove_prefix(end + 1);
+    }
+  };
+  bool found = false;
+  // Iface Destination Gateway Flags RefCnt Use Metric Mask ...
+  lines(route, [&](const std::vector<std::string_view>& f) {
+    if (f.size() < 8 || f[0] == "lo" || f[1] != "00000000" || f[7] != "00000000") return;
+    const unsigned long flags = flagsOf(f[3]);
+    if ((flags & kUp) != 0 && (flags & kReject) == 0) found = true;
+  });
+  // Destination PrefixLength Source SourcePrefix NextHop Metric RefCnt Use Flags Iface
+  lines(ipv6Route, [&](const std::vector<std::string_view>& f) {
+    if (f.size() < 10 || f[9] == "lo" || f[1] != "00" || f[0] != std::string_view("00000000000000000000000000000000")) {
+      return;
+    }
+    const unsigned long flags = flagsOf(f[8]);
+    if ((flags & kUp) != 0 && (flags & kReject) == 0) found = true;
+  });
+  return found;
+}
+
 bool canRestoreNice(int nice, std::uint64_t niceLimit, bool capSysNice) {
   if (capSysNice) return true;
   // RLIMIT_NICE's ceiling: a nice value may be lowered to 20 - limit.

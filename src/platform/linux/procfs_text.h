@@ -79,4 +79,9 @@ bool isInitialUserNamespace(std::string_view uidMap);
 // (sched(7), "Privileges and resource limits"; setpriority(2)).
 bool canRestoreNice(int nice, std::uint64_t niceLimit, bool capSysNice);
 
+// Whether /proc/net/route (IPv4) or /proc/net/ipv6_route holds a default
+// route that is up, on an interface other than loopback and not a reject
+// route: the machine then has a path to the internet.
+bool hasDefaultRoute(std::string_view route, std::string_view ipv6Route);
+
 }  // namespace vigilo

@@ -177,6 +177,7 @@ struct SimLaptop::State {
   bool automaticBackups = true;
   bool builtIn = true;           // the machine has a built-in screen
   bool externalDisplay = false;  // an external screen is connected
+  bool online = true;            // the internet can be reached
   bool displayAssertion = false; // the display is kept from idling to sleep
   bool locked = false;           // the login session's screen is locked
   std::vector<AppBundle> apps;   // installed app bundles
@@ -623,6 +624,7 @@ Result SimLaptop::setSleepDisabled(bool disabled) {
 
 Result SimLaptop::sleepNow() {
   s_->record("sleepnow");
+  ++sleeps_;
   s_->notify();
   return Result::ok();
 }
@@ -715,6 +717,11 @@ void SimLaptop::setExternalDisplay(bool connected) {
   s_->notify();
 }
 
+void SimLaptop::setOnline(bool online) {
+  s_->online = online;
+  s_->notify();
+}
+
 void SimLaptop::setDisplayAssertionGone() {
   s_->displayAssertion = false;
   s_->notify();
@@ -749,6 +756,7 @@ void SimLaptop::installApp(AppBundle app) {
 const std::vector<AppBundle>& SimLaptop::apps() const { return s_->apps; }
 bool SimLaptop::builtInPresent() const { return s_->builtIn; }
 bool SimLaptop::externalDisplay() const { return s_->externalDisplay; }
+bool SimLaptop::online() const { return s_->online; }
 bool SimLaptop::displayAssertion() const { return s_->displayAssertion; }
 bool SimLaptop::locked() const { return s_->locked; }
 int SimLaptop::powerMode(const std::string& key) const {
@@ -826,6 +834,7 @@ json SimLaptop::toJson() const {
           {"updated", s.updated}};
   // Written only when set, so a file that never asked for it stays as it was.
   if (s.clockSpeed != 1.0) state["clockSpeed"] = s.clockSpeed;
+  if (!s.online) state["online"] = false;
   return state;
 }
 
@@ -879,6 +888,7 @@ void SimLaptop::fromJson(const json& j) {
     if (auto v = boolean(d, "awakeAssertion")) s.displayAssertion = *v;
   }
   if (auto v = boolean(j, "locked")) s.locked = *v;
+  if (auto v = boolean(j, "online")) s.online = *v;
   if (const json* list = member(j, "apps"); list != nullptr && list->is_array()) {
     for (const auto& e : *list) {
       if (!e.is_object() || s.apps.size() >= kAppLimit) continue;

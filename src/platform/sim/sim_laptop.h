@@ -94,6 +94,8 @@ class SimLaptop {
   // An external screen is plugged in or out; the session locks or unlocks;
   // the machine has a built-in screen or not.
   void setExternalDisplay(bool connected);
+  // Whether the laptop reaches the internet (true at first).
+  void setOnline(bool online);
   void setLocked(bool locked);
   void setBuiltInPresent(bool present);
   // The person switches backups or Low Power Mode themselves (not logged).
@@ -141,6 +143,7 @@ class SimLaptop {
   const std::vector<AppBundle>& apps() const;
   bool builtInPresent() const;
   bool externalDisplay() const;
+  bool online() const;
   bool displayAssertion() const;
   bool locked() const;
   // A battery power-mode setting's value; -1 for an unknown key.
@@ -149,6 +152,8 @@ class SimLaptop {
   // --- The privileged operations (what the platform interfaces forward to).
   Result setSleepDisabled(bool disabled);
   Result sleepNow();  // the laptop sleeps and wakes again at once
+  // How many times the laptop has slept since it was made.
+  std::uint64_t sleeps() const { return sleeps_; }
   SetupStatus setupStatus() const;
   Result restorePowerMode(const std::string& key, int value);
   Result setAutomaticBackups(bool enabled);
@@ -178,6 +183,7 @@ class SimLaptop {
   struct State;
   const Clock& clock_;
   std::shared_ptr<State> s_;
+  std::uint64_t sleeps_ = 0;
 };
 
 // The platform over a simulated laptop. With a state file, the laptop's

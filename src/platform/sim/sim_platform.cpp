@@ -272,6 +272,7 @@ class SimRegistry final : public Registry {
     return laptop_.thermalState();
   }
   std::vector<PowerAssertion> powerAssertions() override { return laptop_.powerAssertions(); }
+  std::optional<bool> online() override { return laptop_.online(); }
 
  private:
   SimLaptop& laptop_;
@@ -609,6 +610,11 @@ class SimPlatformImpl final : public SimPlatform {
       adapter_ = adapterNow;
       events_.post(loop_, SystemEvent::PowerSourceChanged);
     }
+    if (laptop_.sleeps() != sleeps_) {
+      sleeps_ = laptop_.sleeps();
+      events_.post(loop_, SystemEvent::WillSleep);
+      events_.post(loop_, SystemEvent::DidWake);
+    }
   }
 
   Clock& clock_;
@@ -620,6 +626,7 @@ class SimPlatformImpl final : public SimPlatform {
   SimDisplays displays_;
   SimProcesses processes_;
   SimEvents events_;
+  std::uint64_t sleeps_ = 0;
 
   std::string problem_;
   // The state file as last read or written here.

@@ -72,7 +72,7 @@ TEST(DesktopEntriesTest, ARealProcessOfADesktopAppIsThatApp) {
   SystemClock clock;
   ManualClock loopClock;
   ManualRunLoop loop(loopClock);
-  auto platform = makeLinuxPlatform(clock, loop, LinuxPlatformOptions{"", kNoBus});
+  auto platform = makeLinuxPlatform(clock, loop, LinuxPlatformOptions{"", kNoBus, {}});
   // The exec may take a moment to show in /proc.
   std::optional<ProcessInfo> info;
   for (int i = 0; i < 250; ++i) {

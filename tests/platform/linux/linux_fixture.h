@@ -63,7 +63,7 @@ class LinuxTreeTest : public ::testing::Test {
     std::filesystem::remove_all(dir_.path() + path, ec);
   }
   std::unique_ptr<Platform> platform(const std::string& bus = kNoBus) {
-    return makeLinuxPlatform(clock_, loop_, LinuxPlatformOptions{dir_.path(), bus});
+    return makeLinuxPlatform(clock_, loop_, LinuxPlatformOptions{dir_.path(), bus, dir_.file("app")});
   }
 
   TempDir dir_;

@@ -77,6 +77,30 @@ TEST(LinuxProcText, StatLinesOfRealProcesses) {
   }
 }
 
+TEST(LinuxProcText, ADefaultRouteThatIsUpMeansOnline) {
+  const std::string header = "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
+  const std::string local = "eth0\t000200C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n";
+  const std::string v6Local =
+      "fe800000000000000000000000000000 40 00000000000000000000000000000000 00 "
+      "00000000000000000000000000000000 00000100 00000002 00000000 00000001     eth0\n"
+      "00000000000000000000000000000000 00 00000000000000000000000000000000 00 "
+      "00000000000000000000000000000000 ffffffff 00000001 00000000 00200200       lo\n";
+  const struct Row {
+    std::string route, ipv6;
+    bool online;
+  } rows[] = {
+      {header + "eth0\t00000000\t010200C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n" + local, v6Local, true},
+      {header + local, v6Local, false},  // only the local network and loopback's reject route
+      {header + "wlan0\t00000000\t010200C0\t0002\t0\t0\t0\t00000000\t0\t0\t0\n", "", false},  // not up
+      {header + "eth0\t00000000\t010200C0\t0203\t0\t0\t0\t00000000\t0\t0\t0\n", "", false},  // reject
+      {header,
+       "00000000000000000000000000000000 00 00000000000000000000000000000000 00 "
+       "fd000000000000000000000000000001 00000400 00000002 00000000 00000003     eth0\n",
+       true},
+      {"", "", false}};
+  for (const Row& r : rows) EXPECT_EQ(hasDefaultRoute(r.route, r.ipv6), r.online) << r.route << r.ipv6;
+}
+
 TEST(LinuxProcText, MachineCountersCommandLinesLimitsAndCapabilities) {
   const std::string procStat =
       "cpu  107773 0 14520 169703 617 0 111 56 0 0\n"
@@ -181,9 +205,12 @@ int ioprioOf(pid_t tid) { return static_cast<int>(::syscall(SYS_ioprio_get, 1, t
 // Given the real /proc of this machine, a real clock and a loop.
 class LinuxProcessesTest : public ::testing::Test {
  protected:
-  LinuxProcessesTest() { platform_ = makeLinuxPlatform(clock_, loop_, LinuxPlatformOptions{"", kNoBus}); }
+  LinuxProcessesTest() { restart(); }
+  // A new platform, as a new run of the app would make.
+  void restart() { platform_ = makeLinuxPlatform(clock_, loop_, LinuxPlatformOptions{"", kNoBus, folder_.path()}); }
   Processes& processes() { return platform_->processes(); }
 
+  TempDir folder_;
   SystemClock clock_;
   ManualClock loopClock_;
   ManualRunLoop loop_{loopClock_};
@@ -260,6 +287,11 @@ TEST_F(LinuxProcessesTest, StopAndResumeReallyStopAndContinueAChild) {
   ASSERT_TRUE(waitFor([&] { return stateOf(child.pid()) != 'T'; }, 5s));
   EXPECT_FALSE(processes().info(child.pid())->stopped);
 
+  // Ended but not yet reaped: gone all the same (a hold on it ends).
+  ::kill(child.pid(), SIGKILL);
+  ASSERT_TRUE(waitFor([&] { return stateOf(child.pid()) == 'Z'; }, 5s));
+  EXPECT_FALSE(processes().info(child.pid()));
+
   // What must never be signalled, and what is gone.
   for (std::int32_t pid : {0, 1, -1, static_cast<std::int32_t>(::getpid())}) {
     Result r = processes().stop(pid);
@@ -309,15 +341,24 @@ TEST_F(LinuxProcessesTest, SlowThenUnslowPutsEveryThreadBackExactly) {
     EXPECT_EQ(::getpriority(PRIO_PROCESS, static_cast<id_t>(tid)), 5) << "thread " << tid;
   }
 
-  // After a restart nothing of the first run's record is left: unslow puts
-  // back the defaults of what slowing changes.
+  EXPECT_FALSE(std::filesystem::exists(folder_.file("slowed-priorities")));
+
+  // A run that dies while slowed leaves the old values on disk: the next one
+  // puts back exactly those, then drops the record.
   ASSERT_TRUE(processes().slow(child.pid()));
-  platform_ = makeLinuxPlatform(clock_, loop_, LinuxPlatformOptions{"", kNoBus});
+  ASSERT_TRUE(std::filesystem::exists(folder_.file("slowed-priorities")));
+  restart();
   ASSERT_TRUE(processes().unslow(child.pid()));
   for (pid_t tid : threadsOf(child.pid())) {
-    EXPECT_EQ(ioprioOf(tid) >> 13, 0) << "thread " << tid << " not back to the default I/O class";
+    EXPECT_EQ(ioprioOf(tid), kBestEffort3) << "thread " << tid;
     EXPECT_EQ(::sched_getscheduler(tid), SCHED_OTHER) << "thread " << tid;
   }
+  EXPECT_FALSE(std::filesystem::exists(folder_.file("slowed-priorities")));
+
+  // Nowhere to record the old values: nothing changes.
+  std::filesystem::remove_all(folder_.path());
+  EXPECT_FALSE(processes().slow(child.pid()));
+  for (pid_t tid : threadsOf(child.pid())) EXPECT_EQ(ioprioOf(tid), kBestEffort3) << "thread " << tid;
 
   EXPECT_EQ(processes().slow(std::numeric_limits<std::int32_t>::max()).message(), "Process 2147483647 isn't running.");
 }
