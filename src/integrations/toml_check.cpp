@@ -1,5 +1,12 @@
 #include "integrations/toml_check.h"
 
+// The reader states some of its parser's assumptions as assertions, and a
+// malformed table header ("[{", "[é]") breaks one: with assertions on that
+// aborts, and under NDEBUG it becomes an optimiser assumption, undefined
+// behaviour. The parser reports those inputs as errors right after, so here
+// its assertions check nothing and assume nothing.
+#undef NDEBUG
+#define TOML_ASSERT(expr) static_cast<void>(0)
 // Only this file parses whole TOML documents; the library is compiled in
 // here rather than linked, so the executable needs nothing more at run time.
 #define TOML_HEADER_ONLY 1

@@ -423,6 +423,8 @@ TEST_F(ConnectTest, CodexSubTablesAndBrokenFilesNeverEndInABrokenEntry) {
       // Taken for one Vigilo appended to a file without a final line break.
       {"a sub-table left over alone", "model = \"o3\"\n[mcp_servers.vigilo.env]\nA = \"b\"\n", "model = \"o3\""},
       {"not TOML", "model = \"o3\n[tui]\n", std::nullopt},
+      // A table name that can't start one: the TOML reader once asserted on it.
+      {"a table header opening with a brace", "[{x]\n", std::nullopt},
   };
   server_.env = {{"VIGILO_HOME", "/srv/vigilo"}};
   for (const Case& c : cases) {
