@@ -44,7 +44,7 @@
 #include "engine/engine.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/manual_run_loop.h"
-#include "power/power_watch.h"
+#include "savings/power_watch.h"
 
 extern char** environ;
 

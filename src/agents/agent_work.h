@@ -10,7 +10,7 @@
 #include "agents/agent_types.h"
 #include "agents/watcher.h"
 #include "engine/seams.h"
-#include "engine/work_detection.h"
+#include "agents/work_detection.h"
 #include "platform/platform.h"
 
 namespace vigilo {

@@ -134,28 +134,6 @@ CarefulFile::WriteResult CarefulFile::remove() const {
   return {Outcome::Written, {}};
 }
 
-bool jsonNestingWithin(std::string_view text, int limit) {
-  int depth = 0;
-  bool inString = false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (inString) {
-      if (c == '\\') {
-        ++i;
-      } else if (c == '"') {
-        inString = false;
-      }
-    } else if (c == '"') {
-      inString = true;
-    } else if (c == '{' || c == '[') {
-      if (++depth > limit) return false;
-    } else if (c == '}' || c == ']') {
-      --depth;
-    }
-  }
-  return true;
-}
-
 std::optional<nlohmann::ordered_json> parseJsonObject(std::string_view bytes) {
   if (bytes.find_first_not_of(" \t\r\n") == std::string_view::npos) return nlohmann::ordered_json::object();
   if (!jsonNestingWithin(bytes, kMaxDepth)) return std::nullopt;

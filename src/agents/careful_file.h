@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "platform/result.h"
+#include "platform/text.h"
 
 namespace vigilo {
 
@@ -64,11 +65,6 @@ class CarefulFile {
   std::string bytes_;
   std::optional<mode_t> mode_;
 };
-
-// Whether the brackets of JSON `text` nest at most `limit` deep (those in
-// strings not counted). The JSON library recurses when it prints or compares
-// a value, so text from outside is checked before it is parsed.
-bool jsonNestingWithin(std::string_view text, int limit);
 
 // The JSON object in `bytes` with its keys in their order; blank text is an
 // empty object. Nothing when `bytes` is anything else (comments, trailing

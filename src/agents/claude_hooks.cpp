@@ -1,5 +1,7 @@
 #include "agents/claude_hooks.h"
 
+#include "platform/own_program.h"
+
 #include <cstdlib>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -26,19 +28,6 @@ bool isRunnableFile(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(path.c_str(), X_OK) == 0;
 }
 
-std::optional<std::string> ownExecutable() {
-  std::vector<char> buf(4096);
-  const ssize_t n = ::readlink("/proc/self/exe", buf.data(), buf.size());
-  if (n <= 0 || static_cast<std::size_t>(n) >= buf.size()) return std::nullopt;
-  std::string path(buf.data(), static_cast<std::size_t>(n));
-  // An executable replaced by an upgrade while running reads this way; the
-  // new one is at the same path.
-  constexpr std::string_view kDeleted = " (deleted)";
-  if (path.size() > kDeleted.size() && path.compare(path.size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0) {
-    path.resize(path.size() - kDeleted.size());
-  }
-  return path;
-}
 
 // Vigilo's entry, from this or any earlier installation (the path may have
 // moved, so only the arguments and the name are looked for).

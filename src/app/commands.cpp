@@ -2,37 +2,13 @@
 
 #include <cstdlib>
 
-#include "commands/channel.h"
+#include "app/host.h"
+#include "app/tools.h"
 #include "commands/cli.h"
 #include "panel/panel_command.h"
-#include "platform/linux/host_processes.h"
-#include "platform/linux/linux_platform.h"
-#include "platform/sim/sim_laptop.h"
 #include "remote/pair_command.h"
 
 namespace vigilo {
-namespace {
-
-// The machine the tool reads and puts back when it works without the app
-// (`doctor`, `rescue`): the one the app folder records, since its records
-// describe changes made there; else the simulated laptop named by
-// VIGILO_SIMULATE; else this machine's own backend.
-std::unique_ptr<Platform> toolPlatform(Clock& clock, RunLoop& loop) {
-  const std::string folder = toolAppFolder();
-  std::string simulate;
-  if (auto recorded = recordedMachine(folder)) {
-    simulate = *recorded;
-  } else if (const char* env = std::getenv("VIGILO_SIMULATE"); env != nullptr && *env != '\0') {
-    simulate = env;
-  }
-  if (!simulate.empty()) return makeSimPlatform(clock, loop, SimPlatformOptions{simulate, folder, hostProcessInfo});
-  return makeLinuxPlatform(clock, loop, LinuxPlatformOptions{});
-}
-
-// The real machine's process table.
-std::unique_ptr<Processes> hostProcesses() { return makeHostProcesses(); }
-
-}  // namespace
 
 int vigiloMain(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
@@ -47,7 +23,16 @@ int vigiloMain(int argc, char** argv) {
   if (!args.empty() && args[0] == "panel") {
     return runPanel(std::vector<std::string>(args.begin() + 1, args.end()), toolAppFolder());
   }
-  return runCli(args, ToolMachine{toolPlatform, hostProcesses});
+  ToolMachine machine;
+  machine.hostProcesses = host::makeProcesses;
+  machine.local = {
+      {"doctor", [](const std::string& folder, const SwitchTest&) { return runDoctor(folder); }},
+      {"rescue", [](const std::string& folder, const SwitchTest&) { return runRescue(folder); }},
+      // Not in the help: the one-time setup, and what the watchdog script runs.
+      {"setup", [](const std::string& folder, const SwitchTest& has) { return runSetup(folder, has); }},
+      {"watchdog", [](const std::string& folder, const SwitchTest&) { return runWatchdog(folder); }},
+  };
+  return runCli(args, std::move(machine));
 }
 
 }  // namespace vigilo

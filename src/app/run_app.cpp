@@ -23,16 +23,13 @@
 #include "engine/log.h"
 #include "platform/leftovers.h"
 #include "integrations/auto_approve.h"
-#include "platform/linux/host_processes.h"
-#include "platform/linux/linux_platform.h"
-#include "platform/sim/sim_laptop.h"
+#include "app/host.h"
 #include "ui/hotkey.h"
 #include "ui/island.h"
-#include "ui/tray.h"
+#include "ui/tray_model.h"
 #include "panel/panel_launcher.h"
-#include "power/power_watch.h"
+#include "savings/power_watch.h"
 #include "safety/watchdog.h"
-#include "platform/linux/desktop_alerts.h"
 #include "remote/notifier.h"
 #include "remote/remote_control.h"
 #include "remote/wake.h"
@@ -151,16 +148,6 @@ std::optional<AppOptions> parseAppOptions(const std::vector<std::string>& args) 
 
 }  // namespace
 
-// The icons beside the executable in a checkout (build/vigilo and
-// data/icons); installed icons are found by the desktop's theme.
-static std::string trayIconFolder() {
-  std::error_code ec;
-  const auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-  if (ec) return {};
-  const auto icons = (exe.parent_path().parent_path() / "data" / "icons").lexically_normal();
-  return std::filesystem::is_directory(icons, ec) ? icons.string() : std::string();
-}
-
 int runApp(const std::vector<std::string>& args) {
   auto options = parseAppOptions(args);
   if (!options) return 2;
@@ -171,7 +158,7 @@ int runApp(const std::vector<std::string>& args) {
 
   SystemClock systemClock;
   // A simulated laptop may run its clock fast, so minutes pass in seconds.
-  ScaledClock clock(systemClock, options->simulate.empty() ? 1.0 : simClockSpeed(options->simulate));
+  ScaledClock clock(systemClock, host::clockSpeed(options->simulate));
   std::unique_ptr<RunLoop> loop;
   try {
     loop = makePollRunLoop(clock);
@@ -180,14 +167,9 @@ int runApp(const std::vector<std::string>& args) {
     return 1;
   }
   // Without --simulate, the real machine.
-  std::unique_ptr<SimPlatform> sim;
-  std::unique_ptr<Platform> real;
-  if (options->simulate.empty()) {
-    real = makeLinuxPlatform(clock, *loop, LinuxPlatformOptions{});
-  } else {
-    sim = makeSimPlatform(clock, *loop, SimPlatformOptions{options->simulate, {}, hostProcessInfo});
-  }
-  Platform* platform = sim ? static_cast<Platform*>(sim.get()) : real.get();
+  std::unique_ptr<Platform> machine = host::makePlatform(clock, *loop, options->simulate, {}, say);
+  Platform* platform = machine.get();
+  const bool sim = !options->simulate.empty();
   const std::string folder = appFolderFor(*platform);
   StateFiles files(folder);
   std::optional<FolderLock> lock;
@@ -247,7 +229,8 @@ int runApp(const std::vector<std::string>& args) {
   }
   // The desktop's notifications and chime, also for the simulated laptop:
   // the person watching it sits at a real desktop.
-  Notifier notifier(engine, makeDesktopAlerts(),
+  auto desktop = host::makeDesktop();
+  Notifier notifier(engine, desktop->alerts(),
                     [&files] { return RemoteSettings::load(files).relay; }, nullptr);
   PrintedAlerts alerts(&notifier);
   AgentWork work(*platform, folder, homeFolder(), &alerts);
@@ -263,18 +246,11 @@ int runApp(const std::vector<std::string>& args) {
   // The safety net: the watchdog script is rewritten at launch and checked
   // every 5 minutes.
   ProcessRunner setupRunner;
-  auto setup = makeHostSetup(currentSetupContext(folder), setupRunner);
+  auto setup = host::makeSetup(currentSetupContext(folder), setupRunner);
   Watchdog watchdog(*setup);
   engine.addSlowJobs(&watchdog);
-  // Scheduled wakes and phone check-ins: the simulated laptop keeps its own
-  // wake timer; a real machine needs its RTC wake alarm.
-  std::unique_ptr<WakeScheduler> wakeScheduler;
-  if (sim) {
-    wakeScheduler = std::make_unique<SimWakeScheduler>(say);
-  } else {
-    wakeScheduler = makeRtcWakeScheduler();
-  }
-  ScheduledWakes wakes(*wakeScheduler, say);
+  // Scheduled wakes and phone check-ins, with the machine's wake alarm.
+  ScheduledWakes wakes(platform->wakeAlarm(), say);
   engine.addSlowJobs(&wakes);
   // What the agents use is never slowed or paused while the lid is shut.
   ClosedLid closedLid(engine, [&work, &engine] {
@@ -311,7 +287,7 @@ int runApp(const std::vector<std::string>& args) {
     std::string watchdogWarning = watchdog.warning().value_or("");
     if (watchdogWarning != lastWatchdogWarning && !watchdogWarning.empty()) say("warning: " + watchdogWarning);
     lastWatchdogWarning = watchdogWarning;
-    std::string simProblem = sim ? sim->stateFileProblem() : std::string();
+    std::string simProblem = platform->problem();
     if (simProblem != lastSimProblem && !simProblem.empty()) say("warning: " + simProblem);
     lastSimProblem = simProblem;
   };
@@ -360,7 +336,7 @@ int runApp(const std::vector<std::string>& args) {
   loop->onSignal(SIGHUP, quit);
 
   say(std::string("Vigilo ") + (options->preview ? "(preview only: nothing is switched) " : "") +
-      (sim ? "on the simulated laptop " + options->simulate : std::string("on this Linux machine")) + ", app folder " +
+      (sim ? "on the simulated laptop " + options->simulate : "on this " + platform->words().machine) + ", app folder " +
       folder);
   engine.launch();
   // What this machine lacks, once.
@@ -379,7 +355,7 @@ int runApp(const std::vector<std::string>& args) {
   center.setClosedLid(&closedLid);
   center.setSavings(&savings);
   // The panel window runs in a process of its own; the loop never waits on it.
-  PanelLauncher panel(*loop, folder, [&engine] { return engine.statusLine(); }, say, sim != nullptr);
+  PanelLauncher panel(*loop, folder, [&engine] { return engine.statusLine(); }, say, sim);
   center.addHandler("open", [&](const nlohmann::json& args) { return panel.open(args); });
   center.addDeferredHandler("snapshot", [&](const nlohmann::json& args,
                                             std::function<void(const nlohmann::json&)> reply) {
@@ -403,7 +379,7 @@ int runApp(const std::vector<std::string>& args) {
     });
     if (!events) say("warning: agent hooks can't reach this app: " + events.message());
     // The tray's clicks go through the command center like any request.
-    tray = makeSessionTray(
+    tray = desktop->tray(
         *loop, [&engine] { return trayView(engine); },
         [&](const TrayAction& action) {
           if (action.cmd == "quit") {
@@ -412,8 +388,7 @@ int runApp(const std::vector<std::string>& args) {
           }
           nlohmann::json reply = center.handle(action.cmd, action.args);
           if (!reply.value("ok", false)) say("warning: " + reply.value("error", std::string("the menu's request failed")));
-        },
-        trayIconFolder());
+        });
     redraw();
   }
   // The hotkey, while the setting asks for it; a change of the setting
@@ -423,7 +398,7 @@ int runApp(const std::vector<std::string>& args) {
   auto followHotkey = [&] {
     if (options->preview) return;
     if (engine.config().hotkey != static_cast<bool>(hotkey)) {
-      hotkey = engine.config().hotkey ? makePortalHotkey(*loop, [&] {
+      hotkey = engine.config().hotkey ? desktop->hotkey(*loop, [&] {
         const char* next = modeRequestText(nextMode(engine.config().mode));
         nlohmann::json reply = center.handle("mode", {{"mode", next}});
         say(std::string("hotkey: mode ") + next);

@@ -1,5 +1,7 @@
 #include "commands/channel.h"
 
+#include "platform/own_program.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -34,11 +36,7 @@ using Steady = std::chrono::steady_clock;
 
 std::string repliesFolder(const std::string& appFolder) { return appFolder + "/" + kRepliesFolder; }
 
-std::string selfExecutable() {
-  std::error_code ec;
-  auto p = std::filesystem::read_symlink("/proc/self/exe", ec);
-  return ec ? std::string("vigilo") : p.string();
-}
+std::string selfExecutable() { return ownExecutable().value_or("vigilo"); }
 
 // Runs argv detached from us (a new session, our blocked signals cleared) and
 // waits only for the starter itself when `wait` is set.

@@ -25,8 +25,6 @@
 #include "platform/socket_listener.h"
 #include "commands/mcp_server.h"
 #include "commands/setup_prompt.h"
-#include "panel/panel_command.h"
-#include "ui/tray.h"
 #include "engine/engine.h"
 #include "integrations/auto_approve.h"
 #include "integrations/connect_command.h"
@@ -34,10 +32,6 @@
 #include "platform/text.h"
 #include "platform/fd_stream.h"
 #include "platform/files.h"
-#include "safety/setup_command.h"
-#include "safety/watchdog.h"
-#include "remote/doctor_lines.h"
-#include "ui/hotkey.h"
 
 extern char** environ;
 
@@ -275,8 +269,8 @@ void printSettings(const json& r) {
 class Cli {
  public:
   explicit Cli(ToolMachine machine)
-      : factory_(std::move(machine.platform)),
-        hostProcesses_(std::move(machine.hostProcesses)),
+      : hostProcesses_(std::move(machine.hostProcesses)),
+        local_(std::move(machine.local)),
         folder_(toolAppFolder()),
         client_(folder_) {}
 
@@ -304,18 +298,20 @@ class Cli {
         {"set", &Cli::set},           {"settings", &Cli::settings}, {"config", &Cli::config},
         {"power", &Cli::power},       {"measure", &Cli::measure},  {"anyway", &Cli::anyway},
         {"open", &Cli::open},         {"snapshot", &Cli::snapshot}, {"island", &Cli::island},
-        {"energy", &Cli::energy},     {"doctor", &Cli::doctor},    {"rescue", &Cli::rescue},
+        {"energy", &Cli::energy},     
         {"connect", &Cli::connect},   {"prompt", &Cli::prompt},    {"mcp", &Cli::mcp},
         {"event", &Cli::event},       {"apps", &Cli::apps},
         {"disconnect", &Cli::disconnect}, {"approve", &Cli::approve},
-        // Not in the help: the one-time setup, and what the watchdog script runs.
-        {"setup", &Cli::setup},       {"watchdog", &Cli::watchdog},
     };
     for (const Entry& e : kCommands) {
       if (name == e.name) {
         name_ = name;
         return (this->*e.handler)();
       }
+    }
+    // The commands the executable runs on the machine itself.
+    for (const LocalCommand& c : local_) {
+      if (name == c.name) return c.run(folder_, [this](const std::string& flag) { return inv_.has(flag); });
     }
     err("unknown command \"" + name + "\". Run \"vigilo help\" for the commands.");
     return kUsage;
@@ -881,203 +877,8 @@ class Cli {
     return 1;
   }
 
-  // The machine, read directly, for the commands that work without the app.
-  struct Machine {
-    SystemClock clock;
-    std::unique_ptr<RunLoop> loop;
-    std::unique_ptr<Platform> platform;
-  };
-  std::unique_ptr<Machine> machine() {
-    auto m = std::make_unique<Machine>();
-    try {
-      m->loop = makePollRunLoop(m->clock);
-    } catch (const std::exception&) {
-      return nullptr;
-    }
-    m->platform = factory_ ? factory_(m->clock, *m->loop) : nullptr;
-    if (!m->platform) return nullptr;
-    return m;
-  }
-
-  static std::string describeChange(const std::string& file) {
-    if (file == kHoldMarker) return "sleep is switched off (record: hold)";
-    if (file == kTouchedFile) return "apps paused or slowed (record: touched.json)";
-    if (file == kResumePidsFile) return "paused apps for the watchdog to continue (record: resume-pids)";
-    if (file == kPowerModeRestoreFile) return "the battery power mode (record: powermode-restore)";
-    if (file == kTimeMachineRestoreFile) return "automatic backups switched off (record: timemachine-restore)";
-    if (file == kBrightnessRestoreFile) return "the screen brightness (record: brightness-restore)";
-    if (file == kDisplayOffFile) return "the built-in screen switched off (record: display-off)";
-    return file;
-  }
-
-  // Whether the hotkey can work here, as the settings file and the desktop say.
-  std::string hotkeyLine() {
-    auto bytes = StateFiles(folder_).read(kConfigFile);
-    const auto config = bytes ? Config::decode(*bytes) : std::nullopt;
-    if (config && !config->hotkey) return "Hotkey: off (vigilo set hotkey true turns it on)";
-    if (auto why = hotkeyUnavailable()) return "Not available: hotkey: " + *why;
-    return "Hotkey: Ctrl+Alt+Super+A cycles the mode (through the desktop's global shortcuts)";
-  }
-
-  int doctor() {
-    out("Vigilo folder: " + folder_);
-    if (Result usable = checkAppFolder(folder_, false); !usable) out("Folder problem: " + usable.message());
-    if (auto recorded = recordedMachine(folder_)) out("Machine: " + machineName(*recorded));
-    auto pid = runningApp(folder_);
-    std::string app = pid ? "App: running (process " + std::to_string(*pid) + ")" : std::string("App: not running");
-    // Running is not reachable: someone else may hold the request address.
-    if (pid && *pid > 0) {
-      const auto listener = listenerOf(folder_, kRequestNotification);
-      if (!listener) {
-        app += ", but not listening for requests yet; it keeps trying to take its address";
-      } else if (listener->pid != *pid) {
-        app += ", but another program (process " + std::to_string(listener->pid) +
-               ") holds its request address, so requests can't reach it; the app keeps trying to take it "
-               "(stop that program: kill " + std::to_string(listener->pid) + ")";
-      }
-    }
-    out(app);
-    auto m = machine();
-    if (!m) {
-      out("Sleep permission: unknown (this machine's backend couldn't be started)");
-      return 1;
-    }
-    SetupStatus setup = m->platform->power().setupStatus();
-    out("Sleep permission: " + (setup.ready ? std::string("in place") : "missing (" + setup.reason + ")"));
-    ProcessRunner runner;
-    for (const auto& line : makeHostSetup(currentSetupContext(folder_), runner)->doctorLines()) out(line);
-    auto disabled = m->platform->registry().sleepDisabled();
-    out(std::string("Sleep switched off right now: ") + (!disabled ? "unknown" : *disabled ? "yes" : "no"));
-    Engine engine(*m->platform, folder_, EngineOptions{false, true});
-    auto changes = engine.outstandingChanges();
-    if (changes.empty()) {
-      out("Changes Vigilo has made right now: none");
-    } else {
-      out("Changes Vigilo has made right now:");
-      for (const auto& c : changes) out("  " + describeChange(c));
-    }
-    AutoApprove approve(folder_, AgentPlaces::fromEnvironment(), m->clock);
-    if (approve.isOn()) {
-      out("Approve everything is on: Claude Code and Codex run without asking (turn off in Settings › Agents)");
-      if (auto problem = approve.status().problem; !problem.empty()) out("  " + problem);
-    }
-    for (const Capability& c : m->platform->capabilities()) {
-      if (!c.available) out("Not available: " + c.detail);
-    }
-    if (auto tray = trayUnavailable()) out("Not available: " + *tray);
-    if (auto panel = panelUnavailable()) {
-      out("Not available: " + *panel);
-    } else {
-      out("Panel: available (" + panelModulePath() + ")");
-    }
-    out(hotkeyLine());
-    for (const std::string& line : phoneDoctorLines(folder_, m->platform->name() == "sim")) out(line);
-    return 0;
-  }
-
-  // Turns Approve everything off for `rescue`: the line to print (none
-  // when it was off), and whether it is off now.
-  std::pair<std::optional<std::string>, bool> rescueApprove(const Engine& engine, const Clock& clock) {
-    AutoApprove approve(folder_, AgentPlaces::fromEnvironment(), clock);
-    if (!approve.isOn()) return {std::nullopt, true};
-    bool ok = false;
-    std::string message = approve.turnOff(&ok);
-    if (!ok && engine.files().exists(kApproveShellFolder)) {
-      // The record may be unreadable while the restore folder left for the
-      // watchdog is whole: its checksums still tell which files are safe to
-      // put back.
-      const auto left = restoreApproveFiles(engine.files());
-      ok = left.empty();
-      if (!ok) {
-        message.clear();
-        for (const auto& l : left) message += (message.empty() ? "" : "; ") + l;
-      }
-    }
-    return {ok ? std::string("Approve everything is off: Claude Code and Codex ask before acting again.")
-               : "Couldn't turn Approve everything off: " + message,
-            ok};
-  }
-
-  int setup() {
-    ProcessRunner runner;
-    auto s = makeHostSetup(currentSetupContext(folder_), runner);
-    return runSetupCommand(*s, inv_.has("--remove"), inv_.has("--yes"), askOnTerminal);
-  }
-
-  // Run by the watchdog script when the heartbeat went stale: the app died
-  // or hangs. A laptop that just woke shows a stale heartbeat for the
-  // moment before the app's next tick, so a running app gets a few seconds
-  // to beat again before it counts as hung.
-  int watchdog() {
-    if (auto pid = runningApp(folder_); pid && *pid > 0) {
-      StateFiles files(folder_);
-      auto fresh = [&] {
-        auto beat = files.modified(kAliveFile);
-        return beat && SystemClock().now() - *beat < 40;
-      };
-      for (int i = 0; i < 50 && !fresh(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(100));
-      if (fresh()) return 0;
-      logLine("Vigilo watchdog: the app (process " + std::to_string(*pid) + ") stopped beating; stopping it");
-      stopApp(*pid);
-    }
-    auto m = machine();
-    if (!m) {
-      logLine("Vigilo watchdog: couldn't reach this machine's backend to put things back");
-      return 1;
-    }
-    Engine engine(*m->platform, folder_, EngineOptions{false, true});
-    auto failedItems = putBackAfterCrash(engine);
-    for (const auto& f : failedItems) logLine("Vigilo watchdog: couldn't undo " + f);
-    return failedItems.empty() ? 0 : 1;
-  }
-
-  // Asks the app to quit (it puts things back itself) and kills it when it
-  // is stuck.
-  void stopApp(pid_t pid) {
-    ::kill(pid, SIGTERM);
-    auto stopped = [&] { return !runningApp(folder_); };
-    for (int i = 0; i < 250 && !stopped(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    if (!stopped()) {
-      ::kill(pid, SIGKILL);
-      for (int i = 0; i < 100 && !stopped(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-  }
-
-  int rescue() {
-    if (auto pid = runningApp(folder_); pid && *pid > 0) {
-      // The app puts things back itself when it quits; one that is stuck is
-      // killed, and the records below finish the job.
-      ::kill(*pid, SIGTERM);
-      auto stopped = [&] { return !runningApp(folder_); };
-      for (int i = 0; i < 250 && !stopped(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      if (!stopped()) {
-        ::kill(*pid, SIGKILL);
-        for (int i = 0; i < 100 && !stopped(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      }
-    }
-    auto m = machine();
-    if (!m) {
-      err("couldn't reach this machine's backend to put things back.");
-      out("By hand: sudo pmset -a disablesleep 0 switches sleep back on; quit and reopen any app listed above.");
-      return 1;
-    }
-    Engine engine(*m->platform, folder_, EngineOptions{false, true});
-    auto failedItems = engine.rescue();
-    const auto [approveLine, approveOff] = rescueApprove(engine, m->clock);
-    if (failedItems.empty()) {
-      out("Everything Vigilo changed is back to how it was. Vigilo is stopped; open it again when you want it.");
-      if (approveLine) out(*approveLine);
-      return approveOff ? 0 : 1;
-    }
-    out("Couldn't undo:");
-    for (const auto& f : failedItems) out("  " + f);
-    out("By hand: sudo pmset -a disablesleep 0 switches sleep back on; quit and reopen any app listed above.");
-    if (approveLine) out(*approveLine);
-    return 1;
-  }
-
-  PlatformFactory factory_;
   ProcessesFactory hostProcesses_;
+  std::vector<LocalCommand> local_;
   std::string folder_;
   RequestClient client_;
   Invocation inv_;

@@ -13,21 +13,26 @@ namespace vigilo {
 // The help text, exactly as `vigilo help` prints it.
 extern const char* const kHelpText;
 
-// Makes the machine's platform for the commands that read or put back the
-// machine without the app (`doctor`, `rescue`); null when it cannot.
-using PlatformFactory = std::function<std::unique_ptr<Platform>(Clock&, RunLoop&)>;
 // The real machine's process table, for tools that look at the processes
 // around them (the hook walking up to its agent); null when unreadable.
 using ProcessesFactory = std::function<std::unique_ptr<Processes>()>;
 
 // What the tool needs from the machine, given by the executable.
+// A command run on the machine itself rather than through the app
+// (`doctor`, `rescue`, `setup`, `watchdog`): given the app folder and a test
+// of the switches given ("--yes").
+struct LocalCommand {
+  std::string name;
+  std::function<int(const std::string& folder, const std::function<bool(const std::string&)>& has)> run;
+};
+
 struct ToolMachine {
-  PlatformFactory platform;
   ProcessesFactory hostProcesses;
+  std::vector<LocalCommand> local;
 };
 
 // `vigilo <command> ...`: the terminal front end. Nearly every command is
-// one request to the running app; `doctor` and `rescue` work without it.
+// one request to the running app; the local ones work without it.
 // Gives the process's exit status.
 int runCli(const std::vector<std::string>& args, ToolMachine machine);
 

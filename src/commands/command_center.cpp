@@ -16,9 +16,9 @@
 #include "commands/channel.h"
 #include "commands/settings_schema.h"
 #include "integrations/auto_approve.h"
-#include "panel/in_app_change.h"
+#include "commands/in_app_change.h"
 #include "platform/files.h"
-#include "power/power_watch.h"
+#include "savings/power_watch.h"
 #include "savings/savings.h"
 
 namespace vigilo {

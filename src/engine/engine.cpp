@@ -22,19 +22,9 @@ constexpr double kHeatLimit = 300.0;
 constexpr int kSerious = 2;
 constexpr int kCritical = 3;
 
-constexpr const char* kRefusedWarning =
-    "macOS refused to switch sleep off, so closing the lid would sleep the Mac. Run Set Up again in Settings › "
-    "General.";
 constexpr const char* kPendingWarning = "Couldn't switch sleep back on yet; Vigilo keeps trying.";
-constexpr const char* kPowerChangeWarning = "macOS didn't keep sleep switched off after the power change";
-constexpr const char* kNotKeptWarning = "macOS didn't keep sleep switched off";
 constexpr const char* kFolderError = "Vigilo couldn't write to its folder, so it won't switch sleep off";
 constexpr const char* kSetupRepair = "Setup needs repair";
-// On Linux the switch is a logind lock, and the reason logind gave says
-// what the person can do; the Mac's texts would send them to the wrong place.
-constexpr const char* kLinuxRefusedWarning =
-    "The system refused to keep this laptop awake, so closing the lid would sleep it: ";
-constexpr const char* kLinuxNotKeptWarning = "Sleep didn't stay switched off";
 
 // Whole minutes in `seconds`, rounded up so that a time left never reads a
 // minute short (2h set a moment ago is "2h", not "1h 59m"), and at least
@@ -377,7 +367,7 @@ void Engine::keepMarkerInStep() {
     if (disabled && !*disabled) {
       // Something switched sleep back on under us; the slow beat switches it
       // off again.
-      if (!notKeptWarning_) notKeptWarning_ = platform_.name() == "linux" ? kLinuxNotKeptWarning : kNotKeptWarning;
+      if (!notKeptWarning_) notKeptWarning_ = platform_.words().sleepNotKept;
     } else if (disabled) {
       notKeptWarning_.reset();
     }
@@ -403,8 +393,7 @@ void Engine::readBattery() {
     Result r = platform_.power().setSleepDisabled(true);
     auto disabled = platform_.registry().sleepDisabled();
     if (!r || !disabled || !*disabled) {
-      notKeptWarning_ = platform_.name() == "linux" ? std::string(kLinuxNotKeptWarning) + " after the power change"
-                                                    : std::string(kPowerChangeWarning);
+      notKeptWarning_ = platform_.words().sleepNotKept + " after the power change";
     } else {
       notKeptWarning_.reset();
     }
@@ -598,7 +587,9 @@ void Engine::startHold(const std::string& reason) {
     if (!r) {
       if (!sleepNotOurs() && !hadMarker) files_.remove(kHoldMarker);
       holdFailedAt_ = t;
-      refusedWarning_ = platform_.name() == "linux" ? kLinuxRefusedWarning + r.message() : std::string(kRefusedWarning);
+      // Where the backend's reason says what the person can do, it is shown.
+      const MachineWords& words = platform_.words();
+      refusedWarning_ = words.sleepRefusedLead.empty() ? words.sleepRefused : words.sleepRefusedLead + r.message();
       logLine("Vigilo: switching sleep off failed: " + r.message());
       refreshSetup();
       return;

@@ -1,5 +1,7 @@
 #include "integrations/ai_connect.h"
 
+#include "platform/own_program.h"
+
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -53,17 +55,6 @@ std::optional<std::string> onPath(const std::string& searchPath, const std::stri
   return std::nullopt;
 }
 
-std::optional<std::string> ownExecutable() {
-  std::error_code ec;
-  auto self = std::filesystem::read_symlink("/proc/self/exe", ec);
-  if (ec) return std::nullopt;
-  std::string path = self.string();
-  constexpr std::string_view kDeleted = " (deleted)";
-  if (path.size() > kDeleted.size() && path.compare(path.size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0) {
-    path.resize(path.size() - kDeleted.size());
-  }
-  return path;
-}
 
 // The "mcpServers"."vigilo" entry of Claude Code's and the Claude app's files.
 ordered_json serverEntry(const ServerCommand& server, bool withType) {

@@ -7,7 +7,7 @@
 #include "agents/agent_work.h"
 #include "agents/careful_file.h"
 #include "engine/engine.h"
-#include "engine/work_detection.h"
+#include "agents/work_detection.h"
 #include "integrations/toml_top.h"
 #include "platform/files.h"
 #include "platform/sha256.h"

@@ -1,5 +1,7 @@
 #include "panel/panel_command.h"
 
+#include "platform/own_program.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -41,10 +43,9 @@ void hostRelease(char* text) { std::free(text); }
 }  // namespace
 
 std::string panelModulePath() {
-  std::error_code ec;
-  const auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-  if (ec) return kVigiloPanelModule;
-  return (exe.parent_path() / kVigiloPanelModule).string();
+  const auto exe = ownExecutable();
+  if (!exe) return kVigiloPanelModule;
+  return (std::filesystem::path(*exe).parent_path() / kVigiloPanelModule).string();
 }
 
 bool graphicalSession() {

@@ -1,5 +1,7 @@
 #include "panel/panel_launcher.h"
 
+#include "platform/own_program.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -106,15 +108,8 @@ void PanelLauncher::forget(Child& child) {
 
 bool PanelLauncher::start(Child& child, const std::vector<std::string>& extra, bool withControl, bool captureOutput,
                           std::function<void(pid_t, int)> exited, std::string& error) {
-  std::error_code ec;
-  std::string exe = std::filesystem::read_symlink("/proc/self/exe", ec).string();
-  // Rebuilt or upgraded while the app runs: the new executable at the same
-  // place draws the panel.
-  const std::string deleted = " (deleted)";
-  if (exe.size() > deleted.size() && exe.compare(exe.size() - deleted.size(), deleted.size(), deleted) == 0) {
-    exe.resize(exe.size() - deleted.size());
-  }
-  if (ec) {
+  const std::optional<std::string> self = ownExecutable();
+  if (!self) {
     error = "couldn't find the vigilo executable";
     return false;
   }
@@ -129,6 +124,7 @@ bool PanelLauncher::start(Child& child, const std::vector<std::string>& extra, b
     if (withControl) ::close(control[0]), ::close(control[1]);
     return false;
   }
+  const std::string& exe = *self;
   std::vector<std::string> words{exe, "panel"};
   for (const auto& w : extra) words.push_back(w);
   if (withControl) words.insert(words.end(), {"--control-fd", std::to_string(kControlFd)});

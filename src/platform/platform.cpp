@@ -24,4 +24,14 @@ std::string xdgAppFolder() {
   return base + "/.local/share/vigilo";
 }
 
+const MachineWords& Platform::words() const {
+  static const MachineWords mac;
+  return mac;
+}
+
+WakeScheduler& Platform::wakeAlarm() {
+  static NoWakeAlarm none("This machine can't wake itself at a set time.");
+  return none;
+}
+
 }  // namespace vigilo

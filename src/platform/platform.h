@@ -10,6 +10,7 @@
 #include "platform/registry.h"
 #include "platform/run_loop.h"
 #include "platform/system_events.h"
+#include "platform/wake_alarm.h"
 
 namespace vigilo {
 
@@ -23,6 +24,28 @@ struct Capability {
   std::string detail;
 };
 
+// The words that name this machine and its mechanisms, supplied by the
+// backend so that nothing above the platform has to know which one it runs
+// on. The defaults are the Mac's, Vigilo's home platform.
+struct MachineWords {
+  // What the person calls the machine: "Mac".
+  std::string machine = "Mac";
+  // Sleep couldn't be switched off: the whole warning, or, where the backend
+  // gives a reason worth reading, `sleepRefusedLead` followed by it.
+  std::string sleepRefused =
+      "macOS refused to switch sleep off, so closing the lid would sleep the Mac. Run Set Up again in Settings › "
+      "General.";
+  std::string sleepRefusedLead;
+  // Sleep was switched off but came back on.
+  std::string sleepNotKept = "macOS didn't keep sleep switched off";
+  // What the person can do by hand when sleep may still be switched off.
+  std::string sleepByHand = "sudo pmset -a disablesleep 0 switches sleep back on";
+  // How the person repairs the one-time setup.
+  std::string setupFix = "Run Set Up again in Settings › General.";
+  // The hotkey's keys as the person presses them.
+  std::string hotkeyKeys = "⌃⌥⌘A";
+};
+
 // One machine: every interface the core uses, from one backend. The
 // references stay valid for the platform's lifetime.
 class Platform {
@@ -32,8 +55,10 @@ class Platform {
   Platform& operator=(const Platform&) = delete;
   virtual ~Platform() = default;
 
-  // "sim", "linux" or "macos".
+  // "sim", "linux" or "macos": for logs and records, never for choosing
+  // what to do or say (that is `words()` and `capabilities()`).
   virtual std::string name() const = 0;
+  virtual const MachineWords& words() const;
   // The folder for Vigilo's files on this platform when VIGILO_HOME is unset.
   virtual std::string defaultAppFolder() const = 0;
 
@@ -44,6 +69,8 @@ class Platform {
   virtual Displays& displays() = 0;
   virtual Processes& processes() = 0;
   virtual SystemEvents& events() = 0;
+  // How the machine wakes itself at a set time; one that can't says why.
+  virtual WakeScheduler& wakeAlarm();
 
   // What this machine offers and lacks, for `vigilo status` and `vigilo
   // doctor`. Reads afresh; may be slow-ish (a bus round trip), so not for
@@ -53,6 +80,9 @@ class Platform {
   // Called at the start of every engine tick: a backend that mirrors outside
   // state (the simulated laptop's state file) brings itself up to date.
   virtual void refresh() {}
+  // Why the backend can't follow the machine right now (the simulated
+  // laptop's damaged state file); empty while it can.
+  virtual std::string problem() const { return {}; }
 };
 
 // The app folder: VIGILO_HOME when set and not empty, else the platform's.

@@ -27,6 +27,11 @@ std::string cutUtf8(std::string_view text, std::size_t maxBytes);
 // stays as it is.
 std::string terminalSafe(std::string_view text);
 
+// Whether the brackets of JSON `text` nest at most `limit` deep (those in
+// strings not counted). The JSON library recurses when it prints or compares
+// a value, so text from outside is checked before it is parsed.
+bool jsonNestingWithin(std::string_view text, int limit);
+
 // JSON text of `value` that never throws: a string holding bad UTF-8 (which
 // nlohmann's default dump refuses with an exception) has each bad byte
 // written as U+FFFD. `indent` as in `dump`: -1 is compact.

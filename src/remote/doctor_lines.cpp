@@ -1,6 +1,5 @@
 #include "remote/doctor_lines.h"
 
-#include "platform/linux/desktop_alerts.h"
 #include "remote/pairing.h"
 #include "remote/wake.h"
 
@@ -16,7 +15,7 @@ void alerts(const std::vector<std::string>& missing, std::vector<std::string>& o
 
 }  // namespace
 
-std::vector<std::string> phoneDoctorLines(const std::string& appFolder, bool simulated) {
+std::vector<std::string> phoneDoctorLines(const std::string& appFolder, AlertOutlets& outlets, WakeScheduler& wakes) {
   std::vector<std::string> out;
   const StateFiles files(appFolder);
   const RemoteSettings remote = RemoteSettings::load(files);
@@ -31,15 +30,11 @@ std::vector<std::string> phoneDoctorLines(const std::string& appFolder, bool sim
                   ", phone control " + (remote.enabled ? "on" : "off") + ", relay " + remote.relay);
   }
   // The simulated laptop shows its alerts on this desktop too.
-  alerts(makeDesktopAlerts()->missing(), out);
-  if (simulated) {
-    out.push_back("Scheduled wakes: simulated");
-    return out;
-  }
-  if (auto problem = makeRtcWakeScheduler()->unavailable()) {
+  alerts(outlets.missing(), out);
+  if (auto problem = wakes.unavailable()) {
     out.push_back("Not available: " + *problem);
   } else {
-    out.push_back("Scheduled wakes: through the RTC wake alarm");
+    out.push_back("Scheduled wakes: " + wakes.how());
   }
   return out;
 }

@@ -1,5 +1,7 @@
 #include "remote/notifier.h"
 
+#include "platform/threads.h"
+
 #include <condition_variable>
 #include <cstdio>
 #include <deque>

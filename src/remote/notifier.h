@@ -8,27 +8,12 @@
 #include <vector>
 
 #include "engine/seams.h"
+#include "platform/desktop.h"
 
 namespace vigilo {
 
 class Engine;
 class RelayClient;
-
-// Where alerts go on this machine: a desktop notification and a sound. Both
-// may be missing; `missing` then says so in a sentence for `doctor`.
-class AlertOutlets {
- public:
-  virtual ~AlertOutlets() = default;
-  // Posts a notification; false when nobody took it (dropped silently).
-  virtual bool note(const std::string& title, const std::string& body) = 0;
-  // Plays the named sound of the desktop's sound theme; false when it can't.
-  virtual bool play(const std::string& name) = 0;
-  // What this machine lacks for alerts, one sentence each.
-  virtual std::vector<std::string> missing() = 0;
-  // Why notifications can't show right now (no bus, no daemon), or nothing
-  // when they can. May block for a bus round trip.
-  virtual std::optional<std::string> notesUnavailable() { return std::nullopt; }
-};
 
 // "Busy for 89 min", "Busy for 1.5 hours".
 std::string busyFor(int minutes);

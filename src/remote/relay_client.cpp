@@ -1,5 +1,7 @@
 #include "remote/relay_client.h"
 
+#include "platform/threads.h"
+
 #include <curl/curl.h>
 #include <pthread.h>
 
@@ -134,12 +136,6 @@ int stopProgress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
 }
 
 }  // namespace
-
-void blockSignalsInThisThread() {
-  sigset_t all;
-  sigfillset(&all);
-  pthread_sigmask(SIG_BLOCK, &all, nullptr);
-}
 
 double saneRelayTime(double time, double now) {
   // Seconds after 1970 fit a long long many times over; anything else is not

@@ -45,11 +45,6 @@ RelayLine readRelayLine(std::string_view text, const std::string& topic, double 
 // without a trailing "/").
 std::string relayTopicUrl(const std::string& base, const std::string& topic);
 
-// Blocks every signal in the calling thread: signals belong to the main
-// loop, and a helper thread that left one unblocked would take it with its
-// default action (SIGTERM would end the app before it puts things back).
-void blockSignalsInThisThread();
-
 // Sends one ntfy message with its headers ("Title: …"). Blocks up to
 // `timeout` seconds; true for a 2xx answer. Safe from any thread.
 bool relayPost(const std::string& url, const std::string& body, const std::vector<std::string>& headers,

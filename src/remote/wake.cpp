@@ -43,41 +43,6 @@ std::optional<Time> clockTime(const std::string& text, Time now) {
   return nextLocalTime(now, hour, minute);
 }
 
-class RtcWakeScheduler final : public WakeScheduler {
- public:
-  explicit RtcWakeScheduler(std::string path) : path_(std::move(path)) {}
-  std::optional<std::string> unavailable() override {
-    if (::access(path_.c_str(), F_OK) != 0) {
-      return "This machine has no RTC wake alarm (" + path_ + "), so it can't wake itself at a set time.";
-    }
-    if (::access(path_.c_str(), W_OK) != 0) {
-      return "Waking at a set time needs write access to " + path_ +
-             ", which only root has here; a fully shut-down machine can't be woken either.";
-    }
-    return std::nullopt;
-  }
-  Result wakeIn(int seconds) override {
-    // The kernel refuses a new alarm while one is set: clear it first.
-    if (Result r = write("0"); !r) return r;
-    return write("+" + std::to_string(seconds));
-  }
-  Result cancel() override { return write("0"); }
-
- private:
-  Result write(const std::string& value) {
-    const int fd = ::open(path_.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
-    if (fd < 0) return Result::fail("Couldn't set the wake alarm " + path_ + ": " + std::strerror(errno));
-    const ssize_t n = ::write(fd, value.data(), value.size());
-    const int saved = errno;
-    ::close(fd);
-    if (n != static_cast<ssize_t>(value.size())) {
-      return Result::fail("Couldn't set the wake alarm " + path_ + ": " + std::strerror(saved));
-    }
-    return Result::ok();
-  }
-  std::string path_;
-};
-
 }  // namespace
 
 std::optional<int> WakePlan::nextStep(std::optional<double> untilWake, int checkInMinutes) {
@@ -94,22 +59,6 @@ std::optional<int> WakePlan::nextStep(std::optional<double> untilWake, int check
     if (s <= step) return s;
   }
   return 60;
-}
-
-std::unique_ptr<WakeScheduler> makeRtcWakeScheduler(std::string wakealarmPath) {
-  return std::make_unique<RtcWakeScheduler>(std::move(wakealarmPath));
-}
-
-Result SimWakeScheduler::wakeIn(int seconds) {
-  if (refusal) return Result::fail(*refusal);
-  log.push_back("wake in " + std::to_string(seconds));
-  if (say_) say_("simulated laptop: wakes itself in " + std::to_string(seconds) + " s if it sleeps");
-  return Result::ok();
-}
-
-Result SimWakeScheduler::cancel() {
-  log.push_back("cancel");
-  return Result::ok();
 }
 
 Result ScheduledWakes::arm(Engine& engine, int seconds) {

@@ -9,6 +9,7 @@
 
 #include "engine/engine.h"
 #include "platform/result.h"
+#include "platform/wake_alarm.h"
 
 namespace vigilo {
 
@@ -26,36 +27,6 @@ namespace WakePlan {
 // the scheduled wake, when one is set.
 std::optional<int> nextStep(std::optional<double> untilWake, int checkInMinutes);
 }  // namespace WakePlan
-
-// How this machine wakes itself from sleep some seconds ahead.
-class WakeScheduler {
- public:
-  virtual ~WakeScheduler() = default;
-  // Nothing when it can, else a sentence saying why not.
-  virtual std::optional<std::string> unavailable() = 0;
-  // Replaces any earlier request with one `seconds` from now.
-  virtual Result wakeIn(int seconds) = 0;
-  virtual Result cancel() = 0;
-};
-
-// The RTC wake alarm under sysfs ("/sys/class/rtc/rtc0/wakealarm"), which
-// takes "+N" for N seconds from now and "0" to clear.
-std::unique_ptr<WakeScheduler> makeRtcWakeScheduler(std::string wakealarmPath = "/sys/class/rtc/rtc0/wakealarm");
-
-// The simulated laptop's wake timer: it keeps what it was asked, in order
-// ("wake in 900", "cancel"), and `say`s each request.
-class SimWakeScheduler final : public WakeScheduler {
- public:
-  explicit SimWakeScheduler(std::function<void(const std::string&)> say = nullptr) : say_(std::move(say)) {}
-  std::optional<std::string> unavailable() override { return refusal; }
-  Result wakeIn(int seconds) override;
-  Result cancel() override;
-  std::vector<std::string> log;
-  std::optional<std::string> refusal;
-
- private:
-  std::function<void(const std::string&)> say_;
-};
 
 // Scheduled wakes and phone check-ins, on the engine's 10-second beat. A
 // gap between two beats far longer than the beat means the machine slept

@@ -1,5 +1,7 @@
 #include "safety/setup.h"
 
+#include "platform/own_program.h"
+
 #include <cstdlib>
 #include <filesystem>
 #include <pwd.h>
@@ -243,17 +245,7 @@ std::vector<std::string> MacSetup::doctorLines() {
 
 // ------------------------------------------------------------------ host
 
-std::string runningExecutable() {
-  std::error_code ec;
-  auto p = fs::read_symlink("/proc/self/exe", ec);
-  if (ec) return {};
-  // An executable replaced since it started (a rebuild) reads "<path> (deleted)";
-  // the path is where the new one is.
-  std::string path = p.string();
-  constexpr std::string_view kDeleted = " (deleted)";
-  if (path.size() > kDeleted.size() && path.ends_with(kDeleted)) path.resize(path.size() - kDeleted.size());
-  return path;
-}
+std::string runningExecutable() { return ownExecutable().value_or(""); }
 
 SetupContext currentSetupContext(const std::string& appFolder) {
   SetupContext c;
@@ -267,12 +259,5 @@ SetupContext currentSetupContext(const std::string& appFolder) {
   return c;
 }
 
-std::unique_ptr<Setup> makeHostSetup(SetupContext context, CommandRunner& runner) {
-#if defined(__APPLE__)
-  return std::make_unique<MacSetup>(std::move(context), runner);
-#else
-  return std::make_unique<LinuxSetup>(std::move(context), runner);
-#endif
-}
 
 }  // namespace vigilo

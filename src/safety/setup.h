@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "platform/result.h"
-#include "safety/command_runner.h"
+#include "platform/command_runner.h"
 
 namespace vigilo {
 
@@ -171,6 +171,5 @@ std::string runningExecutable();
 // The context of the person running this process, for `appFolder`.
 SetupContext currentSetupContext(const std::string& appFolder);
 // This machine's setup: MacSetup on a Mac, LinuxSetup elsewhere.
-std::unique_ptr<Setup> makeHostSetup(SetupContext context, CommandRunner& runner);
 
 }  // namespace vigilo

@@ -13,11 +13,7 @@ namespace vigilo {
 namespace fs = std::filesystem;
 namespace {
 
-constexpr const char* kMacWarning =
-    "The safety watchdog isn't running, so a crash wouldn't be cleaned up automatically. Run Set Up again in "
-    "Settings › General.";
-constexpr const char* kLinuxWarning =
-    "The safety watchdog isn't running, so a crash wouldn't be cleaned up automatically. Run: vigilo setup";
+constexpr const char* kWatchdogDown = "The safety watchdog isn't running, so a crash wouldn't be cleaned up automatically. ";
 
 
 std::string trimmed(std::string text) {
@@ -49,7 +45,7 @@ void Watchdog::checkWatchdog(Engine& engine) {
       return;
     }
   }
-  warning_ = engine.platform().name() == "macos" ? kMacWarning : kLinuxWarning;
+  warning_ = kWatchdogDown + engine.platform().words().setupFix;
 }
 
 std::vector<std::string> Watchdog::systemChanges(const Engine& engine) {

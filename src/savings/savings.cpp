@@ -5,7 +5,7 @@
 #include <set>
 
 #include "engine/log.h"
-#include "power/power_watch.h"
+#include "savings/power_watch.h"
 
 namespace vigilo {
 namespace {

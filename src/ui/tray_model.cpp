@@ -45,17 +45,6 @@ Item label(std::string key, std::string text) {
 
 }  // namespace
 
-std::string_view iconName(TrayIcon icon) {
-  switch (icon) {
-    case TrayIcon::NeedsSetup: return "vigilo-setup";
-    case TrayIcon::Guarded: return "vigilo-guard";
-    case TrayIcon::AwakeAlways: return "vigilo-awake-always";
-    case TrayIcon::AwakeForWork: return "vigilo-awake-work";
-    case TrayIcon::SleepsNormally: return "vigilo-sleeps";
-  }
-  return "vigilo-sleeps";
-}
-
 TrayView trayView(const Engine& engine) {
   TrayView v;
   const Config& c = engine.config();
@@ -114,14 +103,6 @@ TrayView trayView(const Engine& engine) {
   m.push_back(command("open", "Open Vigilo…", "open"));
   m.push_back(command("quit", "Quit Vigilo", "quit"));
   return v;
-}
-
-const TrayMenuItem* findMenuItem(const std::vector<TrayMenuItem>& menu, std::string_view key) {
-  for (const TrayMenuItem& i : menu) {
-    if (i.key == key) return &i;
-    if (const TrayMenuItem* found = findMenuItem(i.children, key)) return found;
-  }
-  return nullptr;
 }
 
 }  // namespace vigilo

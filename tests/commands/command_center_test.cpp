@@ -7,7 +7,7 @@
 #include "agents/agent_work.h"
 #include "commands/cli.h"
 #include "engine/engine_fixture.h"
-#include "power/power_watch.h"
+#include "savings/power_watch.h"
 
 namespace vigilo::test {
 namespace {

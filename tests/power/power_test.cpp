@@ -12,7 +12,7 @@
 #include "platform/manual_run_loop.h"
 #include "platform/sim/sim_laptop.h"
 #include "power/energy_sampler.h"
-#include "power/power_watch.h"
+#include "savings/power_watch.h"
 #include "power/learned_store.h"
 #include "power/power_sensor.h"
 #include "test_support.h"

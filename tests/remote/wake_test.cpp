@@ -1,4 +1,6 @@
 #include "remote/wake.h"
+#include "platform/linux/rtc_wake.h"
+#include "platform/sim/sim_wake.h"
 
 #include <gtest/gtest.h>
 

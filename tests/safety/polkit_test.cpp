@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "safety/command_runner.h"
+#include "platform/command_runner.h"
 #include "safety/setup.h"
 #include "test_support.h"
 

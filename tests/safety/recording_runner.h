@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "safety/command_runner.h"
+#include "platform/command_runner.h"
 
 namespace vigilo::test {
 

@@ -14,7 +14,7 @@
 #include <sys/types.h>
 #include <vector>
 
-#include "safety/command_runner.h"
+#include "platform/command_runner.h"
 #include "test_support.h"
 
 namespace vigilo::test {

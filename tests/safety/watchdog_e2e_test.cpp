@@ -8,7 +8,7 @@
 
 #include "e2e/sim_app.h"
 #include "platform/sim/sim_laptop.h"
-#include "safety/command_runner.h"
+#include "platform/command_runner.h"
 #include "safety/script_harness.h"
 #include "test_support.h"
 

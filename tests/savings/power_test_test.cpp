@@ -7,7 +7,7 @@
 #include "closedlid/closed_lid.h"
 #include "commands/command_center.h"
 #include "engine/engine_fixture.h"
-#include "power/power_watch.h"
+#include "savings/power_watch.h"
 #include "savings/savings.h"
 #include "savings/savings_stats.h"
 

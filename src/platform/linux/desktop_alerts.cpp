@@ -1,5 +1,7 @@
 #include "platform/linux/desktop_alerts.h"
 
+#include "platform/linux/session_bus.h"
+
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -19,14 +21,6 @@ namespace {
 constexpr const char* kService = "org.freedesktop.Notifications";
 constexpr const char* kPath = "/org/freedesktop/Notifications";
 
-std::string sessionBus(const std::string& given) {
-  if (!given.empty()) return given;
-  if (const char* env = std::getenv("DBUS_SESSION_BUS_ADDRESS"); env != nullptr && *env != '\0') return env;
-  if (const char* run = std::getenv("XDG_RUNTIME_DIR"); run != nullptr && *run != '\0') {
-    return std::string("unix:path=") + run + "/bus";
-  }
-  return {};
-}
 
 std::string findProgram(const std::string& name) {
   const char* path = std::getenv("PATH");
@@ -53,16 +47,13 @@ std::string eventName(const std::string& sound) {
   return out.empty() ? "complete" : out;
 }
 
-struct BusUnref {
-  void operator()(sd_bus* b) const { sd_bus_flush_close_unref(b); }
-};
 
 class DesktopAlerts final : public AlertOutlets {
  public:
   explicit DesktopAlerts(DesktopAlertOptions o) : o_(std::move(o)) {}
 
   bool note(const std::string& title, const std::string& body) override {
-    std::unique_ptr<sd_bus, BusUnref> bus = connect();
+    Bus bus = connect();
     if (!bus) return false;
     sd_bus_error error = SD_BUS_ERROR_NULL;
     const int r = sd_bus_call_method(bus.get(), kService, kPath, kService, "Notify", &error, nullptr, "susssasa{sv}i",
@@ -83,7 +74,7 @@ class DesktopAlerts final : public AlertOutlets {
   }
 
   std::optional<std::string> notesUnavailable() override {
-    std::unique_ptr<sd_bus, BusUnref> bus = connect();
+    Bus bus = connect();
     if (!bus) return "No desktop session bus, so alerts can't show as desktop notifications.";
     sd_bus_error error = SD_BUS_ERROR_NULL;
     sd_bus_message* reply = nullptr;
@@ -110,18 +101,7 @@ class DesktopAlerts final : public AlertOutlets {
   }
 
  private:
-  std::unique_ptr<sd_bus, BusUnref> connect() {
-    const std::string address = sessionBus(o_.busAddress);
-    if (address.empty()) return nullptr;
-    sd_bus* raw = nullptr;
-    if (sd_bus_new(&raw) < 0) return nullptr;
-    std::unique_ptr<sd_bus, BusUnref> bus(raw);
-    if (sd_bus_set_address(bus.get(), address.c_str()) < 0 || sd_bus_set_bus_client(bus.get(), 1) < 0 ||
-        sd_bus_set_method_call_timeout(bus.get(), 3'000'000) < 0 || sd_bus_start(bus.get()) < 0) {
-      return nullptr;
-    }
-    return bus;
-  }
+  Bus connect() { return connectSessionBus(sessionBusAddress(o_.busAddress), 3'000'000); }
 
   // Runs a player to its end, silently; its output goes nowhere.
   static bool run(std::vector<std::string> argv) {

@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "remote/notifier.h"
+#include "platform/desktop.h"
 
 namespace vigilo {
 

@@ -16,8 +16,10 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "remote/relay_client.h"
-#include "ui/hotkey.h"
+#include "platform/desktop.h"
+#include "platform/linux/linux_desktop.h"
+#include "platform/linux/session_bus.h"
+#include "platform/threads.h"
 
 namespace vigilo {
 namespace {
@@ -29,35 +31,7 @@ constexpr const char* kShortcutId = "cycle-mode";
 // How long a binding that couldn't be made waits before the next try.
 constexpr int kRetryMs = 30000;
 
-struct BusUnref {
-  void operator()(sd_bus* b) const { sd_bus_flush_close_unref(b); }
-};
-struct SlotUnref {
-  void operator()(sd_bus_slot* s) const { sd_bus_slot_unref(s); }
-};
-using Bus = std::unique_ptr<sd_bus, BusUnref>;
-using Slot = std::unique_ptr<sd_bus_slot, SlotUnref>;
-
-std::string sessionBusAddress() {
-  if (const char* env = std::getenv("DBUS_SESSION_BUS_ADDRESS"); env != nullptr && *env != '\0') return env;
-  if (const char* run = std::getenv("XDG_RUNTIME_DIR"); run != nullptr && *run != '\0') {
-    return std::string("unix:path=") + run + "/bus";
-  }
-  return {};
-}
-
-Bus connectSession() {
-  const std::string address = sessionBusAddress();
-  if (address.empty()) return nullptr;
-  sd_bus* raw = nullptr;
-  if (sd_bus_new(&raw) < 0) return nullptr;
-  Bus bus(raw);
-  if (sd_bus_set_address(raw, address.c_str()) < 0 || sd_bus_set_bus_client(raw, 1) < 0 ||
-      sd_bus_set_method_call_timeout(raw, 5'000'000) < 0 || sd_bus_start(raw) < 0) {
-    return nullptr;
-  }
-  return bus;
-}
+Bus connectSession() { return connectSessionBus(sessionBusAddress(), 5'000'000); }
 
 constexpr const char* kNoBus = "No desktop session bus, so the hotkey can't be bound.";
 constexpr const char* kNoPortal =
@@ -308,7 +282,7 @@ std::unique_ptr<Hotkey> makePortalHotkey(RunLoop& loop, std::function<void()> pr
   return std::make_unique<PortalHotkey>(loop, std::move(pressed));
 }
 
-std::optional<std::string> hotkeyUnavailable() {
+std::optional<std::string> portalHotkeyUnavailable() {
   Bus bus = connectSession();
   if (!bus) return std::string(kNoBus);
   return portalMissing(bus.get());

@@ -31,6 +31,7 @@
 #include "platform/files.h"
 #include "platform/linux/desktop_entries.h"
 #include "platform/linux/logind.h"
+#include "platform/linux/rtc_wake.h"
 #include "platform/linux/procfs_text.h"
 #include "platform/linux/sysfs_text.h"
 #include "platform/linux/unique_fd.h"
@@ -1328,6 +1329,26 @@ std::string joined(const std::vector<std::string>& names) {
   return out;
 }
 
+}  // namespace
+
+// The switch is a logind lock, and the reason logind gave says what the
+// person can do; the repair is the command-line setup.
+const MachineWords& linuxMachineWords() {
+  static const MachineWords words = [] {
+    MachineWords w;
+    w.machine = "computer";
+    w.sleepRefusedLead = "The system refused to keep this laptop awake, so closing the lid would sleep it: ";
+    w.sleepNotKept = "Sleep didn't stay switched off";
+    w.setupFix = "Run: vigilo setup";
+    w.sleepByHand = "the lock that keeps sleep off ends with the app; systemd-inhibit --list shows any left";
+    w.hotkeyKeys = "Ctrl+Alt+Super+A";
+    return w;
+  }();
+  return words;
+}
+
+namespace {
+
 class LinuxPlatformImpl final : public Platform {
  public:
   LinuxPlatformImpl(Clock& clock, RunLoop& loop, LinuxPlatformOptions options)
@@ -1345,6 +1366,8 @@ class LinuxPlatformImpl final : public Platform {
   }
 
   std::string name() const override { return "linux"; }
+  const MachineWords& words() const override { return linuxMachineWords(); }
+  WakeScheduler& wakeAlarm() override { return *wake_; }
   std::string defaultAppFolder() const override { return xdgAppFolder(); }
   Clock& clock() override { return clock_; }
   RunLoop& loop() override { return loop_; }
@@ -1512,6 +1535,7 @@ class LinuxPlatformImpl final : public Platform {
   LinuxDisplays displays_;
   LinuxProcesses processes_;
   LinuxEvents events_;
+  std::unique_ptr<WakeScheduler> wake_ = makeRtcWakeScheduler();
 };
 
 }  // namespace

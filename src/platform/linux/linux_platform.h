@@ -32,6 +32,9 @@ inline constexpr std::string_view kSlowedPrioritiesFile = "slowed-priorities";
 // call must be made on the loop's thread.
 std::unique_ptr<Platform> makeLinuxPlatform(Clock& clock, RunLoop& loop, LinuxPlatformOptions options);
 
+// How the Linux backend names the machine and its mechanisms.
+const MachineWords& linuxMachineWords();
+
 // A private folder for this user's runtime files (Vigilo's sockets need none):
 // "$XDG_RUNTIME_DIR/vigilo", else "/tmp/vigilo-<uid>", created 0700 when
 // missing. Empty when no safe folder can be had (one that exists but is a

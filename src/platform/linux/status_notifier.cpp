@@ -19,7 +19,9 @@
 #include <vector>
 
 #include "platform/result.h"
-#include "ui/tray.h"
+#include "platform/desktop.h"
+#include "platform/linux/linux_desktop.h"
+#include "platform/linux/session_bus.h"
 
 // From the libsystemd loader.
 extern "C" const unsigned* vigilo_sd_bus_vtable_format();
@@ -41,18 +43,6 @@ const std::string kNoWatcher =
     "the tray icon isn't shown: nothing on the session bus shows tray items (no StatusNotifierWatcher; "
     "GNOME needs the AppIndicator extension)";
 
-struct BusUnref {
-  void operator()(sd_bus* b) const { sd_bus_flush_close_unref(b); }
-};
-struct SlotUnref {
-  void operator()(sd_bus_slot* s) const { sd_bus_slot_unref(s); }
-};
-struct MessageUnref {
-  void operator()(sd_bus_message* m) const { sd_bus_message_unref(m); }
-};
-using Bus = std::unique_ptr<sd_bus, BusUnref>;
-using Slot = std::unique_ptr<sd_bus_slot, SlotUnref>;
-using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
 
 // The start entry names the library's format marker, which only exists once
 // libsystemd is loaded, so it is filled in at run time.
@@ -65,14 +55,6 @@ const sd_bus_vtable* withStart(sd_bus_vtable* table) {
     table[0].x.start.vtable_format_reference = vigilo_sd_bus_vtable_format();
   }
   return table;
-}
-
-// Whether anything tells where a session bus would be; without either
-// variable none can appear for this process.
-bool sessionBusNamed() {
-  const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-  return (address != nullptr && *address != '\0') || (runtime != nullptr && *runtime != '\0');
 }
 
 // Why the session bus can't be reached, in words: sd-bus says "No medium
@@ -822,7 +804,7 @@ std::unique_ptr<Tray> makeSessionTray(RunLoop& loop, std::function<TrayView()> v
   return std::make_unique<SessionTray>(loop, std::move(view), std::move(act), std::move(iconThemePath));
 }
 
-std::optional<std::string> trayUnavailable() {
+std::optional<std::string> sessionTrayUnavailable() {
   sd_bus* raw = nullptr;
   const int r = sd_bus_open_user(&raw);
   if (r < 0 || raw == nullptr) {

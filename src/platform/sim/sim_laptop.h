@@ -200,6 +200,8 @@ struct SimPlatformOptions {
   // session) are real processes, and holds bound to them must work. Null:
   // only simulated processes exist.
   std::function<std::optional<ProcessInfo>(std::int32_t)> hostProcess = nullptr;
+  // Told each time the app arms the laptop's wake timer; null: nobody.
+  std::function<void(const std::string&)> say = nullptr;
 };
 
 class SimPlatform;

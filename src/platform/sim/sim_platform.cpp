@@ -15,9 +15,10 @@
 #include <unistd.h>
 #include <vector>
 
-#include "agents/careful_file.h"
+#include "platform/text.h"
 #include "platform/files.h"
 #include "platform/sim/sim_laptop.h"
+#include "platform/sim/sim_wake.h"
 
 namespace vigilo {
 namespace {
@@ -450,6 +451,8 @@ class SimPlatformImpl final : public SimPlatform {
   ~SimPlatformImpl() override { laptop_.setObserver(nullptr); }
 
   std::string name() const override { return "sim"; }
+  WakeScheduler& wakeAlarm() override { return wake_; }
+  std::string problem() const override { return stateFileProblem(); }
   std::string defaultAppFolder() const override {
     if (!options_.appFolder.empty()) return options_.appFolder;
     // The same folder as on the real machine: one app per person, whichever
@@ -621,6 +624,7 @@ class SimPlatformImpl final : public SimPlatform {
   RunLoop& loop_;
   SimPlatformOptions options_;
   SimLaptop laptop_;
+  SimWakeScheduler wake_{options_.say};
   SimRegistry registry_;
   SimPower power_;
   SimDisplays displays_;

@@ -1,4 +1,4 @@
-#include "power/power_watch.h"
+#include "savings/power_watch.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "panel/in_app_change.h"
+#include "commands/in_app_change.h"
 
 #include <algorithm>
 #include <cctype>

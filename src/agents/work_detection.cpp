@@ -1,4 +1,4 @@
-#include "engine/work_detection.h"
+#include "agents/work_detection.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "panel/in_app_change.h"
+#include "commands/in_app_change.h"
 
 namespace vigilo {
 namespace {

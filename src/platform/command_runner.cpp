@@ -1,4 +1,4 @@
-#include "safety/command_runner.h"
+#include "platform/command_runner.h"
 
 #include <cerrno>
 #include <fcntl.h>

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace vigilo {
+
+// The commands that work on the machine itself, without the app: they
+// compose the platform, the setup and the desktop, so they live beside the
+// app. `has` tells whether a switch ("--yes") was given.
+using SwitchTest = std::function<bool(const std::string&)>;
+
+int runDoctor(const std::string& folder);
+int runRescue(const std::string& folder);
+// Run by the watchdog script when the heartbeat went stale.
+int runWatchdog(const std::string& folder);
+int runSetup(const std::string& folder, const SwitchTest& has);
+
+}  // namespace vigilo
