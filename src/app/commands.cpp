@@ -17,7 +17,7 @@ int vigiloMain(int argc, char** argv) {
   if (!args.empty() && args[0] == "cli") args.erase(args.begin());
   // Pairing is a person's act at the terminal, so it stays out of the help.
   if (!args.empty() && args[0] == "pair") {
-    return runPair(std::vector<std::string>(args.begin() + 1, args.end()), toolAppFolder());
+    return runPair(std::vector<std::string>(args.begin() + 1, args.end()), toolAppFolder(), host::words().machine);
   }
   // The panel window, started by the app for `open` and `snapshot`.
   if (!args.empty() && args[0] == "panel") {

@@ -146,6 +146,327 @@ std::optional<AppOptions> parseAppOptions(const std::vector<std::string>& args) 
   return o;
 }
 
+// Refuses an app folder that someone else could change (their records would
+// steer what this app deletes or runs) and a second app on the same folder.
+// The exit status when the app can't start here.
+std::optional<int> takeFolder(const std::string& folder, const StateFiles& files, std::optional<FolderLock>& lock) {
+  if (Result usable = checkAppFolder(folder); !usable) {
+    std::fprintf(stderr, "vigilo: %s\n", usable.message().c_str());
+    return 1;
+  }
+  lock.emplace(files);
+  if (!lock->opened()) {
+    std::fprintf(stderr, "vigilo: couldn't create the app folder %s or its lock file; check that it is yours and writable\n",
+                 folder.c_str());
+    return 1;
+  }
+  if (!lock->held()) {
+    std::fprintf(stderr, "vigilo: another Vigilo app is already running for %s\n", folder.c_str());
+    return 1;
+  }
+  return std::nullopt;
+}
+
+// The folder's records belong to one machine: putting back another
+// machine's changes here would leave them changed there for good. Then the
+// temporary files of writes a crash cut short go: in the app folder and its
+// own folders, beside the agents' settings files Vigilo edits, and beside
+// the simulated laptop's file.
+std::optional<int> claimMachine(const std::string& folder, const std::string& simulate, const Engine& engine) {
+  std::string simulateFile;
+  if (!simulate.empty()) {
+    std::error_code ec;
+    simulateFile = std::filesystem::absolute(simulate, ec).lexically_normal().string();
+    if (ec) simulateFile = simulate;
+  }
+  auto recorded = recordedMachine(folder);
+  if (recorded && *recorded != simulateFile && !engine.outstandingChanges().empty()) {
+    std::fprintf(stderr,
+                 "vigilo: %s has changes on %s that aren't put back yet. Start the app there (%s) or run "
+                 "\"vigilo rescue\" first.\n",
+                 folder.c_str(), machineName(*recorded).c_str(),
+                 recorded->empty() ? "vigilo app" : ("vigilo app --simulate " + *recorded).c_str());
+    return 1;
+  }
+  if (!recordMachine(folder, simulateFile)) say("warning: couldn't record which machine " + folder + " belongs to");
+  const AgentPlaces places = AgentPlaces::fromEnvironment();
+  int leftovers = removeLeftoverTemps(folder, 2);
+  std::vector<std::string> beside = {places.claudeSettings(), places.codexConfig()};
+  if (!simulateFile.empty()) beside.push_back(simulateFile);
+  for (const std::string& edited : beside) {
+    const std::filesystem::path p(edited);
+    leftovers += removeLeftoverTemps(p.parent_path().string(), 0, p.filename().string() + ".");
+  }
+  if (leftovers > 0) say("Removed " + std::to_string(leftovers) + " temporary file(s) left by an earlier crash");
+  return std::nullopt;
+}
+
+// Says a line once each time it changes to something not empty.
+class ChangeReporter {
+ public:
+  void operator()(const std::string& line, const std::string& prefix = "warning: ") {
+    if (line != last_ && !line.empty()) say(prefix + line);
+    last_ = line;
+  }
+
+ private:
+  std::string last_;
+};
+
+// The running app: the engine and everything composed around it, in the
+// order they depend on each other. Lives on the main thread's loop.
+class App {
+ public:
+  App(const AppOptions& options, Clock& clock, RunLoop& loop, Platform& platform, Engine& engine)
+      : options_(options),
+        clock_(clock),
+        loop_(loop),
+        platform_(platform),
+        engine_(engine),
+        folder_(engine.files().dir()),
+        files_(folder_),
+        desktop_(host::makeDesktop()),
+        // The desktop's notifications and chime, also for the simulated
+        // laptop: the person watching it sits at a real desktop.
+        notifier_(engine, desktop_->alerts(), [this] { return RemoteSettings::load(files_).relay; }, nullptr),
+        alerts_(&notifier_),
+        work_(platform, folder_, homeFolder(), &alerts_),
+        power_(folder_, &work_),
+        approve_(folder_, AgentPlaces::fromEnvironment(), clock),
+        approveJobs_(approve_, &work_, [](const std::string& line) { say(line); }),
+        setup_(host::makeSetup(currentSetupContext(folder_), setupRunner_)),
+        watchdog_(*setup_),
+        wakes_(platform.wakeAlarm(), say),
+        closedLid_(engine, [this] { return protection(); }),
+        savings_(engine, closedLid_, &power_),
+        center_(engine, [this] { loop_.post([this] { quit(); }); }),
+        panel_(loop, folder_, [this] { return engine_.statusLine(); }, say, !options.simulate.empty()) {}
+
+  int run() {
+    wireEngine();
+    loop_.onSignal(SIGINT, [this] { quit(); });
+    loop_.onSignal(SIGTERM, [this] { quit(); });
+    // A closed terminal must not kill the app before it puts things back.
+    loop_.onSignal(SIGHUP, [this] { quit(); });
+    say(std::string("Vigilo ") + (options_.preview ? "(preview only: nothing is switched) " : "") +
+        (options_.simulate.empty() ? "on this " + platform_.words().machine
+                                   : "on the simulated laptop " + options_.simulate) +
+        ", app folder " + folder_);
+    engine_.launch();
+    // What this machine lacks, once.
+    for (const Capability& c : engine_.capabilities()) {
+      if (!c.available) say("warning: " + c.detail);
+    }
+    for (const std::string& m : notifier_.missing()) say("warning: " + m);
+    report();
+    wireRequests();
+    if (!options_.preview) listen();
+    followHotkey();
+    engine_.setChangeHandler([this] {
+      redraw();
+      followHotkey();
+    });
+    // Paired phones, through the relay.
+    if (!options_.preview) {
+      remote_ = std::make_unique<RemoteControl>(
+          loop_, clock_, files_,
+          [this](const std::string& cmd, const nlohmann::json& args) { return runPhoneRequest(center_, cmd, args); },
+          say);
+      remote_->start();
+    }
+    loop_.run();
+    // Each calls into the command center, which goes before them.
+    remote_.reset();
+    hotkey_.reset();
+    tray_.reset();
+    if (notifications_) notifications_->stopObserving();
+    return 0;
+  }
+
+ private:
+  // What the agents use is never slowed or paused while the lid is shut.
+  AgentProtection protection() {
+    AgentProtection p;
+    p.pids = work_.watcher().protectedPids();
+    p.bundles = work_.watcher().protectedBundles();
+    const Time now = engine_.now();
+    for (const AgentSession& s : work_.sessions()) {
+      if (WorkDetection::busy(s, now)) {
+        p.activeAgent = s.kind.name;
+        break;
+      }
+    }
+    return p;
+  }
+
+  void wireEngine() {
+    engine_.setWorkSource(&work_);
+    engine_.setPowerMeter(&power_);
+    if (!options_.preview) {
+      if (auto dropped = approve_.dropUnapplied()) say(*dropped);
+    }
+    engine_.addSlowJobs(&approveJobs_);
+    // The safety net: the watchdog script is rewritten at launch and checked
+    // every 5 minutes.
+    engine_.addSlowJobs(&watchdog_);
+    // Scheduled wakes and phone check-ins, with the machine's wake alarm.
+    engine_.addSlowJobs(&wakes_);
+    // The energy rows and the lid-closed estimate follow what the session does.
+    power_.setPlan([this] { return closedLid_.plan(); });
+    // What the savings are worth: counted per session into "stats.json", and
+    // measured by the power test and the quick estimate.
+    engine_.setClosedLidSavings(&savings_);
+    engine_.setSleepHandler([this] { savings_.willSleep(engine_.lastEndReason()); });
+    engine_.setChangeHandler([this] { redraw(); });
+    // Alerts always reach the desktop; the short announcements only when the
+    // person asked for them (`notch_island`).
+    engine_.setNoticeHandler([this](const Notice& n) {
+      if (n.kind == Notice::Kind::Alert) {
+        say(n.title + ": " + n.text);
+        notifier_.note(n.title, n.text);
+      } else {
+        say("» " + n.text);
+        if (engine_.config().notchIsland) notifier_.note(kIslandTitle, n.text);
+      }
+    });
+    closedLid_.setNoticeHandler([this](const Notice& n) {
+      say(n.title + ": " + n.text);
+      notifier_.note(n.title, n.text);
+    });
+  }
+
+  void report() {
+    const std::string status = engine_.statusLine();
+    if (status != lastStatus_) say(status);
+    lastStatus_ = status;
+    warning_(engine_.warning().value_or(closedLid_.warning().value_or("")));
+    setupError_(engine_.setupError().value_or(""));
+    watchdogWarning_(watchdog_.warning().value_or(""));
+    machineProblem_(platform_.problem());
+  }
+
+  // The tray item, when a desktop session bus is there to show it.
+  void redraw() {
+    report();
+    if (!tray_) return;
+    tray_->refresh();
+    const std::string problem = tray_->problem();
+    if (problem != lastTrayProblem_) say(problem.empty() ? std::string("The tray icon is shown") : "warning: " + problem);
+    lastTrayProblem_ = problem;
+  }
+
+  void quit() {
+    if (quitting_) return;
+    quitting_ = true;
+    say("Quitting: putting everything back");
+    engine_.shutdown();
+    // "Approve everything" still on with nobody left to end it: the heartbeat
+    // stays and goes stale, and the watchdog puts the agents' files back.
+    if (!options_.preview && !Watchdog::systemChanges(engine_).empty()) files_.touch(kAliveFile);
+    loop_.stop();
+  }
+
+  // Requests from the command-line tool, the MCP server and hooks.
+  void wireRequests() {
+    center_.setAgents(&work_, &power_);
+    center_.setApprove(&approve_);
+    center_.addHandler("wake", [this](const nlohmann::json& args) { return wakes_.wake(engine_, args); });
+    center_.addHandler("wake_at", [this](const nlohmann::json& args) { return wakes_.wakeAt(engine_, args); });
+    center_.setClosedLid(&closedLid_);
+    center_.setSavings(&savings_);
+    // The panel window runs in a process of its own; the loop never waits on it.
+    center_.addHandler("open", [this](const nlohmann::json& args) { return panel_.open(args); });
+    center_.addDeferredHandler("snapshot", [this](const nlohmann::json& args,
+                                                  std::function<void(const nlohmann::json&)> reply) {
+      panel_.snapshot(args, std::move(reply));
+    });
+    center_.setInAppCheck([this](const nlohmann::json& args) { return panel_.fromPanel(args); });
+    center_.addHandler("island", [this](const nlohmann::json& args) { return islandRequest(engine_, notifier_, args); });
+    center_.addUnavailable("hotkey", [this]() -> std::optional<std::string> {
+      if (!hotkey_) return std::nullopt;
+      return hotkey_->problem();
+    });
+  }
+
+  // The request address, the hooks' events and the tray.
+  void listen() {
+    notifications_ = makeSocketNotifications(folder_, &loop_, [](const std::string& problem) {
+      say(problem.empty() ? std::string("Listening for requests") : "warning: commands can't reach this app: " + problem);
+    });
+    Result listening = notifications_->observe(kRequestNotification,
+                                               [this](std::string payload) { center_.receive(payload); });
+    if (!listening) say("warning: commands can't reach this app: " + listening.message());
+    // A hook wrote an event: fold it in and decide at once.
+    Result events = notifications_->observe(kAgentEventNotification, [this](std::string) {
+      work_.eventsChanged();
+      work_.sample(engine_);
+      engine_.evaluate();
+    });
+    if (!events) say("warning: agent hooks can't reach this app: " + events.message());
+    // The tray's clicks go through the command center like any request.
+    tray_ = desktop_->tray(
+        loop_, [this] { return trayView(engine_); },
+        [this](const TrayAction& action) {
+          if (action.cmd == "quit") {
+            quit();
+            return;
+          }
+          nlohmann::json reply = center_.handle(action.cmd, action.args);
+          if (!reply.value("ok", false)) say("warning: " + reply.value("error", std::string("the menu's request failed")));
+        });
+    redraw();
+  }
+
+  // The hotkey, while the setting asks for it; a change of the setting
+  // binds or drops it at the next redraw.
+  void followHotkey() {
+    if (options_.preview) return;
+    if (engine_.config().hotkey != static_cast<bool>(hotkey_)) {
+      hotkey_ = engine_.config().hotkey ? desktop_->hotkey(loop_, [this] { hotkeyPressed(); }) : nullptr;
+    }
+    const std::string problem = hotkey_ ? hotkey_->problem().value_or("") : "";
+    if (problem != lastHotkeyProblem_ && !problem.empty()) say("warning: " + problem);
+    lastHotkeyProblem_ = problem;
+  }
+
+  void hotkeyPressed() {
+    const char* next = modeRequestText(nextMode(engine_.config().mode));
+    nlohmann::json reply = center_.handle("mode", {{"mode", next}});
+    say(std::string("hotkey: mode ") + next);
+    if (!reply.value("ok", false)) say("warning: " + reply.value("error", std::string("the hotkey's mode change failed")));
+  }
+
+  const AppOptions& options_;
+  Clock& clock_;
+  RunLoop& loop_;
+  Platform& platform_;
+  Engine& engine_;
+  const std::string folder_;
+  StateFiles files_;
+  std::unique_ptr<Desktop> desktop_;
+  Notifier notifier_;
+  PrintedAlerts alerts_;
+  AgentWork work_;
+  PowerWatch power_;
+  AutoApprove approve_;
+  ApproveJobs approveJobs_;
+  ProcessRunner setupRunner_;
+  std::unique_ptr<Setup> setup_;
+  Watchdog watchdog_;
+  ScheduledWakes wakes_;
+  ClosedLid closedLid_;
+  Savings savings_;
+  CommandCenter center_;
+  PanelLauncher panel_;
+  std::unique_ptr<Notifications> notifications_;
+  std::unique_ptr<Tray> tray_;
+  std::unique_ptr<Hotkey> hotkey_;
+  std::unique_ptr<RemoteControl> remote_;
+  std::string lastStatus_, lastTrayProblem_, lastHotkeyProblem_;
+  ChangeReporter warning_, setupError_, watchdogWarning_, machineProblem_;
+  bool quitting_ = false;
+};
+
 }  // namespace
 
 int runApp(const std::vector<std::string>& args) {
@@ -155,7 +476,6 @@ int runApp(const std::vector<std::string>& args) {
     // The tool starts the app this way for a simulated laptop.
     if (const char* env = std::getenv("VIGILO_SIMULATE"); env != nullptr && *env != '\0') options->simulate = env;
   }
-
   SystemClock systemClock;
   // A simulated laptop may run its clock fast, so minutes pass in seconds.
   ScaledClock clock(systemClock, host::clockSpeed(options->simulate));
@@ -167,274 +487,19 @@ int runApp(const std::vector<std::string>& args) {
     return 1;
   }
   // Without --simulate, the real machine.
-  std::unique_ptr<Platform> machine = host::makePlatform(clock, *loop, options->simulate, {}, say);
-  Platform* platform = machine.get();
-  const bool sim = !options->simulate.empty();
+  std::unique_ptr<Platform> platform = host::makePlatform(clock, *loop, options->simulate, {}, say);
   const std::string folder = appFolderFor(*platform);
   StateFiles files(folder);
   std::optional<FolderLock> lock;
   if (!options->preview) {
-    // Records in a folder someone else can change would let them steer what
-    // this app deletes or runs.
-    if (Result usable = checkAppFolder(folder); !usable) {
-      std::fprintf(stderr, "vigilo: %s\n", usable.message().c_str());
-      return 1;
-    }
-    lock.emplace(files);
-    if (!lock->opened()) {
-      std::fprintf(stderr, "vigilo: couldn't create the app folder %s or its lock file; check that it is yours and writable\n",
-                   folder.c_str());
-      return 1;
-    }
-    if (!lock->held()) {
-      std::fprintf(stderr, "vigilo: another Vigilo app is already running for %s\n", folder.c_str());
-      return 1;
-    }
+    if (auto refused = takeFolder(folder, files, lock)) return *refused;
   }
-
   Engine engine(*platform, folder, EngineOptions{options->preview, false});
   if (!options->preview) {
-    // The folder's records belong to one machine: putting back another
-    // machine's changes here would leave them changed there for good.
-    std::string simulateFile;
-    if (sim) {
-      std::error_code ec;
-      simulateFile = std::filesystem::absolute(options->simulate, ec).lexically_normal().string();
-      if (ec) simulateFile = options->simulate;
-    }
-    auto recorded = recordedMachine(folder);
-    if (recorded && *recorded != simulateFile && !engine.outstandingChanges().empty()) {
-      std::fprintf(stderr,
-                   "vigilo: %s has changes on %s that aren't put back yet. Start the app there (%s) or run "
-                   "\"vigilo rescue\" first.\n",
-                   folder.c_str(), machineName(*recorded).c_str(),
-                   recorded->empty() ? "vigilo app" : ("vigilo app --simulate " + *recorded).c_str());
-      return 1;
-    }
-    if (!recordMachine(folder, simulateFile)) say("warning: couldn't record which machine " + folder + " belongs to");
-    // Temporary files of writes a crash cut short: in the app folder and its
-    // own folders, beside the agents' settings files Vigilo edits, and beside
-    // the simulated laptop's file.
-    const AgentPlaces places = AgentPlaces::fromEnvironment();
-    int leftovers = removeLeftoverTemps(folder, 2);
-    for (const std::string& edited : {places.claudeSettings(), places.codexConfig()}) {
-      const std::filesystem::path p(edited);
-      leftovers += removeLeftoverTemps(p.parent_path().string(), 0, p.filename().string() + ".");
-    }
-    if (!simulateFile.empty()) {
-      const std::filesystem::path p(simulateFile);
-      leftovers += removeLeftoverTemps(p.parent_path().string(), 0, p.filename().string() + ".");
-    }
-    if (leftovers > 0) say("Removed " + std::to_string(leftovers) + " temporary file(s) left by an earlier crash");
+    if (auto refused = claimMachine(folder, options->simulate, engine)) return *refused;
   }
-  // The desktop's notifications and chime, also for the simulated laptop:
-  // the person watching it sits at a real desktop.
-  auto desktop = host::makeDesktop();
-  Notifier notifier(engine, desktop->alerts(),
-                    [&files] { return RemoteSettings::load(files).relay; }, nullptr);
-  PrintedAlerts alerts(&notifier);
-  AgentWork work(*platform, folder, homeFolder(), &alerts);
-  PowerWatch power(folder, &work);
-  engine.setWorkSource(&work);
-  engine.setPowerMeter(&power);
-  AutoApprove approve(folder, AgentPlaces::fromEnvironment(), clock);
-  if (!options->preview) {
-    if (auto dropped = approve.dropUnapplied()) say(*dropped);
-  }
-  ApproveJobs approveJobs(approve, &work, [](const std::string& line) { say(line); });
-  engine.addSlowJobs(&approveJobs);
-  // The safety net: the watchdog script is rewritten at launch and checked
-  // every 5 minutes.
-  ProcessRunner setupRunner;
-  auto setup = host::makeSetup(currentSetupContext(folder), setupRunner);
-  Watchdog watchdog(*setup);
-  engine.addSlowJobs(&watchdog);
-  // Scheduled wakes and phone check-ins, with the machine's wake alarm.
-  ScheduledWakes wakes(platform->wakeAlarm(), say);
-  engine.addSlowJobs(&wakes);
-  // What the agents use is never slowed or paused while the lid is shut.
-  ClosedLid closedLid(engine, [&work, &engine] {
-    AgentProtection p;
-    p.pids = work.watcher().protectedPids();
-    p.bundles = work.watcher().protectedBundles();
-    const Time now = engine.now();
-    for (const AgentSession& s : work.sessions()) {
-      if (WorkDetection::busy(s, now)) {
-        p.activeAgent = s.kind.name;
-        break;
-      }
-    }
-    return p;
-  });
-  // The energy rows and the lid-closed estimate follow what the session does.
-  power.setPlan([&closedLid] { return closedLid.plan(); });
-  // What the savings are worth: counted per session into "stats.json", and
-  // measured by the power test and the quick estimate.
-  Savings savings(engine, closedLid, &power);
-  engine.setClosedLidSavings(&savings);
-  engine.setSleepHandler([&savings, &engine] { savings.willSleep(engine.lastEndReason()); });
-  std::string lastStatus, lastWarning, lastSetupError, lastSimProblem, lastWatchdogWarning;
-  auto report = [&] {
-    std::string status = engine.statusLine();
-    if (status != lastStatus) say(status);
-    lastStatus = status;
-    std::string warning = engine.warning().value_or(closedLid.warning().value_or(""));
-    if (warning != lastWarning && !warning.empty()) say("warning: " + warning);
-    lastWarning = warning;
-    std::string setupError = engine.setupError().value_or("");
-    if (setupError != lastSetupError && !setupError.empty()) say("warning: " + setupError);
-    lastSetupError = setupError;
-    std::string watchdogWarning = watchdog.warning().value_or("");
-    if (watchdogWarning != lastWatchdogWarning && !watchdogWarning.empty()) say("warning: " + watchdogWarning);
-    lastWatchdogWarning = watchdogWarning;
-    std::string simProblem = platform->problem();
-    if (simProblem != lastSimProblem && !simProblem.empty()) say("warning: " + simProblem);
-    lastSimProblem = simProblem;
-  };
-  // Alerts always reach the desktop; the short announcements only when the
-  // person asked for them (`notch_island`).
-  engine.setNoticeHandler([&engine, &notifier](const Notice& n) {
-    if (n.kind == Notice::Kind::Alert) {
-      say(n.title + ": " + n.text);
-      notifier.note(n.title, n.text);
-    } else {
-      say("» " + n.text);
-      if (engine.config().notchIsland) notifier.note(kIslandTitle, n.text);
-    }
-  });
-  closedLid.setNoticeHandler([&notifier](const Notice& n) {
-    say(n.title + ": " + n.text);
-    notifier.note(n.title, n.text);
-  });
-  // The tray item, when a desktop session bus is there to show it.
-  std::unique_ptr<Tray> tray;
-  std::string lastTrayProblem;
-  auto redraw = [&] {
-    report();
-    if (!tray) return;
-    tray->refresh();
-    std::string problem = tray->problem();
-    if (problem != lastTrayProblem) say(problem.empty() ? std::string("The tray icon is shown") : "warning: " + problem);
-    lastTrayProblem = problem;
-  };
-  engine.setChangeHandler(redraw);
-
-  bool quitting = false;
-  auto quit = [&] {
-    if (quitting) return;
-    quitting = true;
-    say("Quitting: putting everything back");
-    engine.shutdown();
-    // "Approve everything" still on with nobody left to end it: the heartbeat
-    // stays and goes stale, and the watchdog puts the agents' files back.
-    if (!options->preview && !Watchdog::systemChanges(engine).empty()) files.touch(kAliveFile);
-    loop->stop();
-  };
-  loop->onSignal(SIGINT, quit);
-  loop->onSignal(SIGTERM, quit);
-  // A closed terminal must not kill the app before it puts things back.
-  loop->onSignal(SIGHUP, quit);
-
-  say(std::string("Vigilo ") + (options->preview ? "(preview only: nothing is switched) " : "") +
-      (sim ? "on the simulated laptop " + options->simulate : "on this " + platform->words().machine) + ", app folder " +
-      folder);
-  engine.launch();
-  // What this machine lacks, once.
-  for (const Capability& c : engine.capabilities()) {
-    if (!c.available) say("warning: " + c.detail);
-  }
-  for (const std::string& m : notifier.missing()) say("warning: " + m);
-  report();
-
-  // Requests from the command-line tool, the MCP server and hooks.
-  CommandCenter center(engine, [&] { loop->post(quit); });
-  center.setAgents(&work, &power);
-  center.setApprove(&approve);
-  center.addHandler("wake", [&](const nlohmann::json& args) { return wakes.wake(engine, args); });
-  center.addHandler("wake_at", [&](const nlohmann::json& args) { return wakes.wakeAt(engine, args); });
-  center.setClosedLid(&closedLid);
-  center.setSavings(&savings);
-  // The panel window runs in a process of its own; the loop never waits on it.
-  PanelLauncher panel(*loop, folder, [&engine] { return engine.statusLine(); }, say, sim);
-  center.addHandler("open", [&](const nlohmann::json& args) { return panel.open(args); });
-  center.addDeferredHandler("snapshot", [&](const nlohmann::json& args,
-                                            std::function<void(const nlohmann::json&)> reply) {
-    panel.snapshot(args, std::move(reply));
-  });
-  center.setInAppCheck([&panel](const nlohmann::json& args) { return panel.fromPanel(args); });
-  center.addHandler("island", [&](const nlohmann::json& args) { return islandRequest(engine, notifier, args); });
-  std::unique_ptr<Notifications> notifications;
-  if (!options->preview) {
-    notifications = makeSocketNotifications(folder, loop.get(), [](const std::string& problem) {
-      say(problem.empty() ? std::string("Listening for requests") : "warning: commands can't reach this app: " + problem);
-    });
-    Result listening = notifications->observe(kRequestNotification,
-                                              [&center](std::string payload) { center.receive(payload); });
-    if (!listening) say("warning: commands can't reach this app: " + listening.message());
-    // A hook wrote an event: fold it in and decide at once.
-    Result events = notifications->observe(kAgentEventNotification, [&](std::string) {
-      work.eventsChanged();
-      work.sample(engine);
-      engine.evaluate();
-    });
-    if (!events) say("warning: agent hooks can't reach this app: " + events.message());
-    // The tray's clicks go through the command center like any request.
-    tray = desktop->tray(
-        *loop, [&engine] { return trayView(engine); },
-        [&](const TrayAction& action) {
-          if (action.cmd == "quit") {
-            quit();
-            return;
-          }
-          nlohmann::json reply = center.handle(action.cmd, action.args);
-          if (!reply.value("ok", false)) say("warning: " + reply.value("error", std::string("the menu's request failed")));
-        });
-    redraw();
-  }
-  // The hotkey, while the setting asks for it; a change of the setting
-  // binds or drops it at the next redraw.
-  std::unique_ptr<Hotkey> hotkey;
-  std::string lastHotkeyProblem;
-  auto followHotkey = [&] {
-    if (options->preview) return;
-    if (engine.config().hotkey != static_cast<bool>(hotkey)) {
-      hotkey = engine.config().hotkey ? desktop->hotkey(*loop, [&] {
-        const char* next = modeRequestText(nextMode(engine.config().mode));
-        nlohmann::json reply = center.handle("mode", {{"mode", next}});
-        say(std::string("hotkey: mode ") + next);
-        if (!reply.value("ok", false)) say("warning: " + reply.value("error", std::string("the hotkey's mode change failed")));
-      })
-                                      : nullptr;
-    }
-    std::string problem = hotkey ? hotkey->problem().value_or("") : "";
-    if (problem != lastHotkeyProblem && !problem.empty()) say("warning: " + problem);
-    lastHotkeyProblem = problem;
-  };
-  center.addUnavailable("hotkey", [&]() -> std::optional<std::string> {
-    if (!hotkey) return std::nullopt;
-    return hotkey->problem();
-  });
-  followHotkey();
-  engine.setChangeHandler([&] {
-    redraw();
-    followHotkey();
-  });
-  // Paired phones, through the relay.
-  std::unique_ptr<RemoteControl> remote;
-  if (!options->preview) {
-    remote = std::make_unique<RemoteControl>(
-        *loop, clock, files, [&center](const std::string& cmd, const nlohmann::json& args) {
-          return runPhoneRequest(center, cmd, args);
-        }, say);
-    remote->start();
-  }
-  loop->run();
-  // Both call into the command center, which goes before them.
-  remote.reset();
-  hotkey.reset();
-  tray.reset();
-  if (notifications) notifications->stopObserving();
-  return 0;
+  App app(*options, clock, *loop, *platform, engine);
+  return app.run();
 }
 
 }  // namespace vigilo

@@ -411,9 +411,7 @@ void ClosedLid::dimForClosedLid() {
     // An existing marker holds the first, real value of an earlier dimming.
     auto level = d.brightness();
     if (!level) return;
-    char buf[32];
-    std::snprintf(buf, sizeof buf, "%.4f", *level);
-    if (!f.writeDurably(kBrightnessRestoreFile, buf)) return;
+    if (!f.writeDurably(kBrightnessRestoreFile, brightnessRecordText(*level))) return;
   }
   if (Result r = d.setBrightness(0.0); !r) logLine("Vigilo: dimming the screen failed: " + r.message());
 }
@@ -422,16 +420,12 @@ bool ClosedLid::restoreBrightness() {
   const StateFiles& f = engine_.files();
   auto text = f.read(kBrightnessRestoreFile);
   if (!text) return true;
-  char* end = nullptr;
-  double level = std::strtod(text->c_str(), &end);
-  if (end == text->c_str() || !std::isfinite(level)) {
+  const auto level = brightnessRecord(*text);
+  if (!level) {
     f.remove(kBrightnessRestoreFile);
     return true;
   }
-  // A session that began on a dark screen must not leave a black one.
-  if (level <= 0.02) level = 0.5;
-  level = std::clamp(level, 0.0, 1.0);
-  if (Result r = engine_.platform().displays().setBrightness(level); !r) {
+  if (Result r = engine_.platform().displays().setBrightness(*level); !r) {
     logLine("Vigilo: putting the brightness back failed: " + r.message());
     return false;
   }
@@ -494,7 +488,7 @@ void ClosedLid::setLowPower() {
   // Low Power Mode the person set is theirs: nothing is recorded, nothing
   // will be put back.
   if (!setting || setting->value == 1) return;
-  if (!f.writeDurably(kPowerModeRestoreFile, setting->key + " " + std::to_string(setting->value) + "\n")) return;
+  if (!f.writeDurably(kPowerModeRestoreFile, powerModeRecordText(setting->key, setting->value))) return;
   if (Result r = power.setPowerMode(setting->key, 1); !r) {
     logLine("Vigilo: pmset -b " + setting->key + " 1 failed (" + std::to_string(r.code()) + "): " + r.message());
     f.remove(kPowerModeRestoreFile);

@@ -61,6 +61,72 @@ std::string modeText(Mode m) {
   return "auto";
 }
 
+// "battery" of the status: the reading, or null without a battery.
+json batteryDictionary(const Engine& e) {
+  if (!e.battery()) return nullptr;
+  const BatteryReading& b = *e.battery();
+  json battery = {{"percent", b.percent}, {"watts", b.watts}, {"on_power", b.onPower()}, {"charging", b.charging}};
+  battery["minutes_left"] = b.minutesLeft ? json(*b.minutesLeft) : json(nullptr);
+  return battery;
+}
+
+json receiptDictionary(const Receipt& r) {
+  return {{"closed_at", r.closedAt},
+          {"opened_at", timeOrNull(r.openedAt)},
+          {"start_percent", r.startPercent ? json(*r.startPercent) : json(nullptr)},
+          {"end_percent", r.endPercent ? json(*r.endPercent) : json(nullptr)},
+          {"agent", r.agentName ? json(*r.agentName) : json(nullptr)},
+          {"offline_seconds", r.offlineSeconds},
+          {"line", receiptLine(r)}};
+}
+
+// "unrestored", "targeted" and "receipt": what the lid-closed session did.
+void addClosedLidKeys(ClosedLid& closedLid, json& reply) {
+  json unrestored = json::array();
+  json targeted = json::array();
+  for (const auto& name : closedLid.unrestored()) unrestored.push_back(name);
+  for (const auto& [pid, t] : closedLid.targeted()) {
+    targeted.push_back({{"pid", pid},
+                        {"name", t.name},
+                        {"bundle_id", t.bundleId ? json(*t.bundleId) : json(nullptr)},
+                        {"rule", std::string(toText(t.rule))}});
+  }
+  reply["unrestored"] = unrestored;
+  reply["targeted"] = targeted;
+  reply["receipt"] = closedLid.receipt() ? receiptDictionary(*closedLid.receipt()) : json(nullptr);
+}
+
+// "watching" (one line per agent) and "sessions" (the detail of each).
+void addAgentKeys(const AgentWork& work, const Engine& e, json& reply) {
+  const Time now = e.now();
+  json watching = json::array();
+  json sessions = json::array();
+  for (const AgentSession& s : work.sessions()) {
+    const bool busy = WorkDetection::busy(s, now);
+    json pid = s.pids.empty() ? json(nullptr) : json(s.pids.front());
+    const auto since = work.detection().workingSince(s);
+    watching.push_back({{"name", s.kind.name}, {"kind", s.kind.id}, {"pid", pid}, {"working", busy},
+                        {"since", since ? json(*since) : timeOrNull(s.lastActive)},
+                        {"project", s.project ? json(*s.project) : json(nullptr)},
+                        {"description", WorkDetection::describe(s, now)},
+                        {"keeps_awake", !WorkDetection::trackedOnly(s, e.config())}});
+    sessions.push_back({{"id", s.id},
+                        {"name", s.kind.name},
+                        {"state", s.state ? json(std::string(toText(*s.state))) : json(nullptr)},
+                        {"state_since", timeOrNull(s.stateSince)},
+                        {"last_active", timeOrNull(s.lastActive)},
+                        {"working", busy},
+                        {"tool_running", s.toolRunning},
+                        {"watts", s.watts},
+                        {"instances", s.instances},
+                        {"project", s.project ? json(*s.project) : json(nullptr)},
+                        {"detail", s.detail},
+                        {"description", WorkDetection::describe(s, now)}});
+  }
+  reply["watching"] = watching;
+  reply["sessions"] = sessions;
+}
+
 }  // namespace
 
 std::optional<std::string> textArg(const json& args, const char* key) {
@@ -232,39 +298,11 @@ json CommandCenter::statusDictionary() {
   for (const auto& w : c.watchedApps) watchList.push_back(w.name);
   json rules = json::object();
   for (const auto& [app, rule] : c.appRules) rules[app] = std::string(toText(rule));
-  json battery = nullptr;
-  if (e.battery()) {
-    const BatteryReading& b = *e.battery();
-    battery = {{"percent", b.percent}, {"watts", b.watts}, {"on_power", b.onPower()}, {"charging", b.charging}};
-    battery["minutes_left"] = b.minutesLeft ? json(*b.minutesLeft) : json(nullptr);
-  }
   std::optional<std::string> warning = e.warning();
   if (!warning) warning = e.setupError();
+  if (!warning && closedLid_) warning = closedLid_->warning();
   json notPutBack = json::array();
   for (const auto& f : e.outstandingChanges()) notPutBack.push_back(f);
-  json unrestored = json::array();
-  json targeted = json::array();
-  if (closedLid_) {
-    for (const auto& name : closedLid_->unrestored()) unrestored.push_back(name);
-    for (const auto& [pid, t] : closedLid_->targeted()) {
-      targeted.push_back({{"pid", pid},
-                          {"name", t.name},
-                          {"bundle_id", t.bundleId ? json(*t.bundleId) : json(nullptr)},
-                          {"rule", std::string(toText(t.rule))}});
-    }
-    if (!warning) warning = closedLid_->warning();
-  }
-  json receipt = nullptr;
-  if (closedLid_ && closedLid_->receipt()) {
-    const Receipt& r = *closedLid_->receipt();
-    receipt = {{"closed_at", r.closedAt},
-               {"opened_at", timeOrNull(r.openedAt)},
-               {"start_percent", r.startPercent ? json(*r.startPercent) : json(nullptr)},
-               {"end_percent", r.endPercent ? json(*r.endPercent) : json(nullptr)},
-               {"agent", r.agentName ? json(*r.agentName) : json(nullptr)},
-               {"offline_seconds", r.offlineSeconds},
-               {"line", receiptLine(r)}};
-  }
   json unavailable = json::array();
   for (const Capability& cap : engine_.capabilities()) {
     if (!cap.available) unavailable.push_back({{"name", cap.name}, {"detail", cap.detail}});
@@ -273,42 +311,6 @@ json CommandCenter::statusDictionary() {
     if (auto detail = why()) unavailable.push_back({{"name", name}, {"detail", *detail}});
   }
   auto watts = e.systemWatts();
-  json watching = json::array();
-  json sessions = json::array();
-  if (work_) {
-    const Time now = e.now();
-    for (const AgentSession& s : work_->sessions()) {
-      const bool busy = WorkDetection::busy(s, now);
-      json pid = s.pids.empty() ? json(nullptr) : json(s.pids.front());
-      const auto since = work_->detection().workingSince(s);
-      json w = {{"name", s.kind.name}, {"kind", s.kind.id}, {"pid", pid}, {"working", busy},
-                {"since", since ? json(*since) : timeOrNull(s.lastActive)},
-                {"project", s.project ? json(*s.project) : json(nullptr)},
-                {"description", WorkDetection::describe(s, now)},
-                {"keeps_awake", !WorkDetection::trackedOnly(s, c)}};
-      watching.push_back(w);
-      json d = {{"id", s.id},
-                {"name", s.kind.name},
-                {"state", s.state ? json(std::string(toText(*s.state))) : json(nullptr)},
-                {"state_since", timeOrNull(s.stateSince)},
-                {"last_active", timeOrNull(s.lastActive)},
-                {"working", busy},
-                {"tool_running", s.toolRunning},
-                {"watts", s.watts},
-                {"instances", s.instances},
-                {"project", s.project ? json(*s.project) : json(nullptr)},
-                {"detail", s.detail},
-                {"description", WorkDetection::describe(s, now)}};
-      sessions.push_back(d);
-    }
-  }
-  json extra = json::object();
-  if (power_) {
-    auto hours = power_->hoursLeftClosed(e);
-    extra["hours_left_closed"] = hours ? json(*hours) : json(nullptr);
-    extra["closed_estimate_watts"] = power_->closedEstimate(e);
-    extra["apps_using_energy"] = appsUsingEnergy(5);
-  }
   json reply = ok({
       {"mode", modeText(c.mode)},
       {"keeping_awake", e.holding()},
@@ -320,9 +322,9 @@ json CommandCenter::statusDictionary() {
       {"holds", holds},
       {"watch_list", watchList},
       {"app_rules", rules},
-      {"watching", watching},
-      {"battery", battery},
-      {"sessions", sessions},
+      {"watching", json::array()},
+      {"battery", batteryDictionary(e)},
+      {"sessions", json::array()},
       {"blocked_by", e.blockedReason() ? json(*e.blockedReason()) : json(nullptr)},
       {"warning", warning ? json(*warning) : json(nullptr)},
       {"reason", e.holding() || e.wantsHold() ? json(e.holdReason()) : json(nullptr)},
@@ -332,13 +334,20 @@ json CommandCenter::statusDictionary() {
       {"menu_bar_title", e.menuBarTitle()},
       {"pending_release", e.pendingRelease()},
       {"not_put_back_yet", notPutBack},
-      {"unrestored", unrestored},
-      {"targeted", targeted},
-      {"receipt", receipt},
+      {"unrestored", json::array()},
+      {"targeted", json::array()},
+      {"receipt", nullptr},
       {"unavailable", unavailable},
       {"platform", engine_.platform().name()},
   });
-  for (auto& [k, v] : extra.items()) reply[k] = v;
+  if (closedLid_) addClosedLidKeys(*closedLid_, reply);
+  if (work_) addAgentKeys(*work_, e, reply);
+  if (power_) {
+    auto hours = power_->hoursLeftClosed(e);
+    reply["hours_left_closed"] = hours ? json(*hours) : json(nullptr);
+    reply["closed_estimate_watts"] = power_->closedEstimate(e);
+    reply["apps_using_energy"] = appsUsingEnergy(5);
+  }
   if (savings_) {
     const json keys = savings_->statusKeys();
     for (auto& [k, v] : keys.items()) reply[k] = v;

@@ -8,16 +8,15 @@
 #include <langinfo.h>
 #include <locale.h>
 
+#include "engine/beats.h"
 #include "engine/log.h"
 #include "engine/records.h"
 
 namespace vigilo {
 namespace {
 
-constexpr double kTickSeconds = 2.0;
 constexpr double kTickTolerance = 1.0;
 constexpr double kRefusalBackoff = 30.0;
-constexpr double kAdoptGrace = 30.0;
 constexpr double kHeatLimit = 300.0;
 constexpr int kSerious = 2;
 constexpr int kCritical = 3;
@@ -26,92 +25,7 @@ constexpr const char* kPendingWarning = "Couldn't switch sleep back on yet; Vigi
 constexpr const char* kFolderError = "Vigilo couldn't write to its folder, so it won't switch sleep off";
 constexpr const char* kSetupRepair = "Setup needs repair";
 
-// Whole minutes in `seconds`, rounded up so that a time left never reads a
-// minute short (2h set a moment ago is "2h", not "1h 59m"), and at least
-// `least`. A hair of floating-point noise does not add a minute.
-long long wholeMinutesUp(double seconds, long long least) {
-  // Far beyond any real end time, but still safe to convert.
-  constexpr double kCap = 1e12;
-  if (!std::isfinite(seconds)) return least;
-  return std::max(least, static_cast<long long>(std::ceil(std::min(seconds / 60.0, kCap) - 1e-9)));
-}
-
 }  // namespace
-
-std::string formatMinutes(long long minutes) {
-  if (minutes < 0) minutes = 0;
-  long long h = minutes / 60;
-  long long m = minutes % 60;
-  if (h == 0) return std::to_string(m) + "m";
-  if (m == 0) return std::to_string(h) + "h";
-  return std::to_string(h) + "h " + std::to_string(m) + "m";
-}
-
-std::string shortTimeFormat(std::string_view localeTimeFormat) {
-  // A 12-hour locale writes its time with %I or %l (hours 1-12) or %r (the
-  // whole 12-hour time); everything else keeps a 24-hour clock.
-  for (std::size_t i = 0; i + 1 < localeTimeFormat.size(); ++i) {
-    if (localeTimeFormat[i] != '%') continue;
-    const char c = localeTimeFormat[++i];
-    if (c == 'I' || c == 'l' || c == 'r') return "%l:%M %p";
-  }
-  return "%H:%M";
-}
-
-namespace {
-
-// The time locale of the environment (LC_ALL, LC_TIME, LANG), made again
-// only when those change; the C locale where it can't be had.
-class TimeLocale {
- public:
-  ~TimeLocale() { drop(); }
-  locale_t get() {
-    std::string key;
-    for (const char* name : {"LC_ALL", "LC_TIME", "LANG"}) {
-      const char* v = std::getenv(name);
-      key += v != nullptr ? v : "";
-      key += '\n';
-    }
-    if (!made_ || key != key_) {
-      drop();
-      loc_ = ::newlocale(LC_TIME_MASK, "", static_cast<locale_t>(nullptr));
-      if (loc_ == static_cast<locale_t>(nullptr)) loc_ = ::newlocale(LC_TIME_MASK, "C", static_cast<locale_t>(nullptr));
-      key_ = std::move(key);
-      made_ = true;
-    }
-    return loc_;
-  }
-
- private:
-  void drop() {
-    if (loc_ != static_cast<locale_t>(nullptr)) ::freelocale(loc_);
-    loc_ = static_cast<locale_t>(nullptr);
-  }
-  locale_t loc_ = static_cast<locale_t>(nullptr);
-  std::string key_;
-  bool made_ = false;
-};
-
-}  // namespace
-
-std::string formatShortTime(Time t) {
-  static thread_local TimeLocale locale;
-  const std::time_t secs = static_cast<std::time_t>(std::floor(t));
-  std::tm tm{};
-  localtime_r(&secs, &tm);
-  char buf[64];
-  const locale_t loc = locale.get();
-  if (loc == static_cast<locale_t>(nullptr)) {
-    std::strftime(buf, sizeof buf, "%H:%M", &tm);
-    return buf;
-  }
-  const std::string format = shortTimeFormat(::nl_langinfo_l(T_FMT, loc));
-  if (::strftime_l(buf, sizeof buf, format.c_str(), &tm, loc) == 0) return {};
-  std::string out = buf;
-  // %l pads a one-digit hour with a space: "2:30 PM", not " 2:30 PM".
-  if (!out.empty() && out.front() == ' ') out.erase(0, 1);
-  return out;
-}
 
 Engine::Engine(Platform& platform, std::string appFolder, EngineOptions options)
     : platform_(platform),
@@ -127,7 +41,25 @@ Engine::~Engine() {
   platform_.events().subscribe(nullptr);
 }
 
-Time Engine::now() const { return platform_.clock().now(); }
+Time Engine::now() const { return frozenNow_ ? *frozenNow_ : platform_.clock().now(); }
+
+// Holds one "now" while a tick or an evaluation runs; the outermost one
+// sets it, so an evaluation inside a tick keeps the tick's time.
+class Engine::Moment {
+ public:
+  explicit Moment(Engine& engine) : engine_(engine), outer_(!engine.frozenNow_) {
+    if (outer_) engine_.frozenNow_ = engine_.platform_.clock().now();
+  }
+  ~Moment() {
+    if (outer_) engine_.frozenNow_.reset();
+  }
+  Moment(const Moment&) = delete;
+  Moment& operator=(const Moment&) = delete;
+
+ private:
+  Engine& engine_;
+  bool outer_;
+};
 
 std::optional<bool> Engine::readLid() {
   auto lid = platform_.registry().lidClosed();
@@ -223,99 +155,6 @@ void Engine::launch() {
   });
 }
 
-void Engine::loadConfigAtLaunch() {
-  std::optional<std::string> brokenCopy;
-  if (!options_.preview) brokenCopy = setAsideIfBroken(files_, now());
-  auto bytes = files_.read(kConfigFile);
-  std::optional<Config> read = bytes ? Config::decode(*bytes) : std::nullopt;
-  config_ = read.value_or(Config{});
-  if (bytes && !read) {
-    // The defaults stand in for a file the person never meant to loosen:
-    // they take the safety values last set in the app, so that no alert
-    // blames an edit that was never made.
-    if (auto baseline = Safety::load(files_)) {
-      config_.heatGuard = baseline->heatGuard;
-      config_.batteryFloor = baseline->batteryFloor;
-      config_.onlyOnPower = baseline->onlyOnPower;
-    }
-  }
-  if (brokenCopy) {
-    tell("Settings file couldn't be read", "Vigilo is using its defaults. Your file was kept as " + *brokenCopy);
-    writeConfig();
-  } else if (bytes && !read && !options_.preview) {
-    // Unreadable and not copied aside (too large to copy, say): the file
-    // stays as it is and the defaults are used without overwriting it.
-    tell("Settings file couldn't be read", "Vigilo is using its defaults and left your file as it is.");
-  }
-  configMTime_ = files_.modified(kConfigFile);
-}
-
-void Engine::writeConfig() {
-  if (options_.preview) return;
-  // A failed write is ignored: the record in memory stays valid and the next
-  // change writes again.
-  if (files_.writeDurably(kConfigFile, config_.encoded())) {
-    configMTime_ = files_.modified(kConfigFile);
-    configStamp_ = configMTime_;
-  }
-}
-
-// ---------------------------------------------------------------- settings
-
-void Engine::apply(const Config& config, bool save) {
-  const Config before = config_;
-  config_ = config;
-  if (save) writeConfig();
-  if (!options_.preview) Safety::of(config_).save(files_);
-  settingsChanged(before);
-}
-
-void Engine::settingsChanged(const Config& before) {
-  // A mode chosen again, however it was set, is the person back at the
-  // controls: a snooze ends.
-  if (config_.mode != before.mode) snoozed_ = false;
-  const bool wasHolding = holding_;
-  evaluate();
-  // A session that goes on takes a new preset or rule at once; one that
-  // just began or ended has done its own work.
-  if (config_ != before && wasHolding && holding_ && lidClosed_ && closedLid_) closedLid_->reapply(*this, false);
-}
-
-void Engine::reloadConfigFromDisk(bool whole) {
-  auto bytes = files_.read(kConfigFile);
-  if (!bytes) return;
-  auto j = nlohmann::json::parse(*bytes, nullptr, false);
-  if (!j.is_object()) return;
-  const Config before = config_;
-  config_ = config_.mergedWith(j, whole);
-  enforceSafety();
-  settingsChanged(before);
-}
-
-void Engine::reloadConfigIfEdited() {
-  auto mtime = files_.modified(kConfigFile);
-  if (!mtime) return;
-  if (configMTime_ && *mtime <= *configMTime_) return;
-  reloadConfigFromDisk();
-  configMTime_ = mtime;
-}
-
-void Engine::enforceSafety() {
-  if (options_.preview) return;
-  auto baseline = Safety::load(files_);
-  if (!baseline) {
-    Safety::of(config_).save(files_);
-    return;
-  }
-  SafetyVerdict verdict = checkSafety(config_, *baseline);
-  if (!verdict.phrases.empty()) {
-    config_ = verdict.config;
-    writeConfig();
-    tell("Settings file change ignored", verdict.message());
-  }
-  if (verdict.baselineChanged) verdict.baseline.save(files_);
-}
-
 // ---------------------------------------------------------------- the tick
 
 void Engine::writeHeartbeat() {
@@ -324,6 +163,7 @@ void Engine::writeHeartbeat() {
 }
 
 void Engine::tick() {
+  const Moment moment(*this);
   platform_.refresh();
   writeHeartbeat();
   ++ticks_;
@@ -340,15 +180,15 @@ void Engine::tick() {
 
   keepMarkerInStep();
 
-  if (ticks_ % 150 == 3) {
+  if (beats::kWatchdog.on(ticks_)) {
     for (SlowJobs* jobs : slow_) jobs->checkWatchdog(*this);
   }
-  if (ticks_ % 5 == 0) {
+  if (beats::kSlow.on(ticks_)) {
     reloadConfigIfEdited();
     for (SlowJobs* jobs : slow_) jobs->checkScheduledWake(*this);
     // What the machine offers asks the system's services (round trips on
     // Linux): once a minute, or when the setup's state moved.
-    refreshSetup(ticks_ % 30 == 0);
+    refreshSetup(beats::kMinute.on(ticks_));
     retryPendingRelease();
     reassertSleep();
     for (SlowJobs* jobs : slow_) jobs->checkApprove(*this);
@@ -371,7 +211,7 @@ void Engine::keepMarkerInStep() {
     } else if (disabled) {
       notKeptWarning_.reset();
     }
-  } else if (!pendingRelease_ && !adoptedHoldUntil_ && (!holdMarkerGone_ || ticks_ % 5 == 0)) {
+  } else if (!pendingRelease_ && !adoptedHoldUntil_ && (!holdMarkerGone_ || beats::kSlow.on(ticks_))) {
     holdMarkerGone_ = files_.remove(kHoldMarker);
   }
 }
@@ -458,6 +298,7 @@ std::optional<std::string> Engine::guardReason() {
 }
 
 void Engine::evaluate() {
+  const Moment moment(*this);
   // 2. Prune holds that ended or whose process is gone.
   const Time t = now();
   const std::size_t before = holds_.size();
@@ -845,122 +686,6 @@ void Engine::restoreRuntime() {
   }
 }
 
-std::vector<std::string> Engine::putBackRecords() {
-  std::vector<std::string> failed;
-  // The app tells the person; rescue and the watchdog have only the log.
-  const auto tellDamaged = [this](const std::string& message) {
-    if (!notice_) logLine("Vigilo: " + message);
-    tell("A record of Vigilo's was damaged", message);
-  };
-  journal_.undoLegacyFiles();
-  const auto record = readRecord(files_, kTouchedFile);
-  bool damaged = record.damaged;
-  if (record.bytes) damaged = !nlohmann::json::parse(*record.bytes, nullptr, false).is_array();
-  if (damaged) {
-    // The list the watchdog reads still names the paused apps.
-    const auto left = undoResumePids(files_, platform_.processes());
-    for (const auto& line : left) failed.push_back("paused process " + line.substr(0, line.find('\t')));
-    tellDamaged(setAsideDamaged(files_, kTouchedFile, "Vigilo's list of the apps it paused or slowed",
-                                       left.empty() ? "any paused app still named in resume-pids was continued"
-                                                    : "some paused apps couldn't be continued yet",
-                                       now()));
-    touched_.clear();
-    if (left.empty()) files_.remove(kResumePidsFile);
-  } else {
-    touched_ = journal_.undo(journal_.load());
-    journal_.save(touched_);
-  }
-  for (const Touched& t : touched_) {
-    failed.push_back(std::string(t.paused ? "paused" : "slowed") + " process " + std::to_string(t.pid) + " (" +
-                     t.path + ")");
-  }
-
-  PowerControl& power = platform_.power();
-  if (const auto record = readRecord(files_, kPowerModeRestoreFile, 1024); record.bytes || record.damaged) {
-    if (auto mode = record.bytes ? powerModeRecord(*record.bytes) : std::nullopt) {
-      if (Result r = power.restorePowerMode(mode->first, mode->second)) {
-        files_.remove(kPowerModeRestoreFile);
-      } else {
-        failed.push_back("the battery power mode (" + r.message() + ")");
-      }
-    } else {
-      tellDamaged(setAsideDamaged(files_, kPowerModeRestoreFile, "Vigilo's record of the power mode to put back",
-                                         "the power mode stays as it is now", now()));
-    }
-  }
-  if (files_.exists(kTimeMachineRestoreFile)) {
-    if (Result r = power.setAutomaticBackups(true)) {
-      files_.remove(kTimeMachineRestoreFile);
-    } else {
-      failed.push_back("automatic backups (" + r.message() + ")");
-    }
-  }
-  if (files_.exists(kDisplayOffFile)) {
-    if (Result r = platform_.displays().setBuiltInEnabled(true)) {
-      files_.remove(kDisplayOffFile);
-    } else {
-      failed.push_back("the built-in screen (" + r.message() + ")");
-    }
-  }
-  if (const auto record = readRecord(files_, kBrightnessRestoreFile, 1024); record.bytes || record.damaged) {
-    const std::string text = record.bytes.value_or("");
-    char* end = nullptr;
-    double level = std::strtod(text.c_str(), &end);
-    if (record.bytes && end != text.c_str() && std::isfinite(level)) {
-      // A session that began on a dark screen must not leave a black one.
-      if (level <= 0.02) level = 0.5;
-      if (Result r = platform_.displays().setBrightness(std::clamp(level, 0.0, 1.0))) {
-        files_.remove(kBrightnessRestoreFile);
-      } else {
-        failed.push_back("the screen brightness (" + r.message() + ")");
-      }
-    } else {
-      tellDamaged(setAsideDamaged(files_, kBrightnessRestoreFile, "Vigilo's record of the screen brightness to put back",
-                                         "the brightness stays as it is now", now()));
-    }
-  }
-  return failed;
-}
-
-void Engine::recoverFromCrash() {
-  if (options_.preview) return;
-  putBackRecords();
-
-  // A "sleep-off-before" whose sleep someone has since switched back on
-  // records nothing any more.
-  if (platform_.registry().sleepDisabled() == std::optional<bool>(false)) files_.remove(kSleepOffBeforeMarker);
-  noteOwner();
-  auto disabled = platform_.registry().sleepDisabled();
-  if (disabled && *disabled && files_.exists(kHoldMarker)) {
-    // A previous run switched sleep off and did not switch it back on. Keep
-    // it off for a short grace, so agents still working with the lid shut
-    // are not put to sleep in the gap.
-    adoptedHoldUntil_ = now() + kAdoptGrace;
-    return;
-  }
-  files_.remove(kHoldMarker);
-}
-
-std::vector<std::string> Engine::outstandingChanges() const {
-  std::vector<std::string> out;
-  auto disabled = platform_.registry().sleepDisabled();
-  if (files_.exists(kHoldMarker) && disabled.value_or(true) && !sleepNotOurs()) out.emplace_back(kHoldMarker);
-  for (std::string_view f : {kTouchedFile, kResumePidsFile, kPowerModeRestoreFile, kTimeMachineRestoreFile,
-                             kBrightnessRestoreFile, kDisplayOffFile}) {
-    if (files_.exists(f)) out.emplace_back(f);
-  }
-  return out;
-}
-
-std::vector<std::string> Engine::rescue() {
-  std::vector<std::string> failed = putBackRecords();
-  // Sleep that was off before Vigilo switched it stays the person's;
-  // releasing the switch knows that from "sleep-off-before".
-  if (files_.exists(kHoldMarker) && !releaseSleepSwitch()) failed.push_back("sleep is still switched off");
-  if (outstandingChanges().empty()) files_.remove(kAliveFile);
-  return failed;
-}
-
 void Engine::shutdown() {
   if (timer_) {
     platform_.loop().cancel(*timer_);
@@ -989,68 +714,6 @@ void Engine::shutdown() {
   if (closedLid_) closedLid_->shutdown(*this);
   for (SlowJobs* jobs : slow_) jobs->endApproveIfUnwatched(*this);
   if (outstandingChanges().empty()) files_.remove(kAliveFile);
-}
-
-// ---------------------------------------------------------------- texts
-
-std::string Engine::statusLine() const {
-  if (!setupReady_) return "Needs a one-time setup";
-  if (blockedReason_) return *blockedReason_ + ", sleeps when closed";
-  switch (config_.mode) {
-    case Mode::On:
-      if (config_.alwaysUntil) {
-        const long long left = wholeMinutesUp(*config_.alwaysUntil - now(), 0);
-        return "Awake until " + formatShortTime(*config_.alwaysUntil) + " · " + formatMinutes(left) + " left";
-      }
-      return "Awake until you turn it off";
-    case Mode::Auto:
-      if (holding_ && !holdReason_.empty()) return holdReason_ + " · stays awake closed";
-      if (snoozed_) return "Sleeping until the lid opens";
-      return "Nothing running · sleeps when closed";
-    case Mode::Off:
-      if (holding_ && !holdReason_.empty()) return holdReason_ + " · stays awake closed";
-      return "Sleeps normally";
-  }
-  return {};
-}
-
-std::string Engine::menuBarTitle() const {
-  char buf[32];
-  switch (config_.menuBarText) {
-    case MenuBarText::None:
-      return {};
-    case MenuBarText::Battery:
-      return battery_ ? std::to_string(battery_->percent) + "%" : std::string();
-    case MenuBarText::Timer: {
-      auto until = onUntil();
-      if (!until) return {};
-      const long long mins = wholeMinutesUp(*until - now(), 0);
-      std::snprintf(buf, sizeof buf, "%lld:%02lld", mins / 60, mins % 60);
-      return buf;
-    }
-    case MenuBarText::TimeLeft: {
-      // Worked out from the charge and the draw to expect (the lid-closed
-      // estimate while shut), not the controller's own figure, which only
-      // knows the draw of the moment.
-      if (!battery_ || battery_->onPower() || !power_) return {};
-      auto hours = power_->hoursLeft(*this);
-      if (!hours) return {};
-      const double minutes = *hours * 60.0;
-      if (minutes >= 60) {
-        std::snprintf(buf, sizeof buf, "%.0fh", minutes / 60.0);
-      } else {
-        std::snprintf(buf, sizeof buf, "%.0fm", minutes);
-      }
-      return buf;
-    }
-    case MenuBarText::Watts: {
-      auto w = systemWatts();
-      if (!w) return {};
-      std::snprintf(buf, sizeof buf, "%.1fW", *w);
-      return buf;
-    }
-  }
-  return {};
 }
 
 }  // namespace vigilo

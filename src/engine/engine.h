@@ -152,6 +152,9 @@ class Engine {
   std::optional<double> systemWatts() const;
   const std::vector<Touched>& touched() const { return touched_; }
   bool preview() const { return options_.preview; }
+  // The time of the tick or event being handled: every rule in one tick
+  // sees the same "now", however long its reads take. Between ticks, the
+  // clock's.
   Time now() const;
 
   Platform& platform() { return platform_; }
@@ -221,6 +224,9 @@ class Engine {
   std::optional<Time> hotSince_;
   bool heatForced_ = false;
   std::int64_t ticks_ = 0;
+  // Set for the length of a tick or an evaluation (see now()).
+  std::optional<Time> frozenNow_;
+  class Moment;
   std::optional<BatteryReading> battery_;
   bool lastOnAC_ = false;
   int thermal_ = 0;
@@ -248,6 +254,11 @@ class Engine {
   // engine do nothing.
   std::shared_ptr<bool> alive_;
 };
+
+// Whole minutes in `seconds`, rounded up so that a time left never reads a
+// minute short (2h set a moment ago is "2h", not "1h 59m"), and at least
+// `least`. A hair of floating-point noise does not add a minute.
+long long wholeMinutesUp(double seconds, long long least);
 
 // "1h 30m", "45m", "2h": a duration in whole minutes.
 std::string formatMinutes(long long minutes);

@@ -1,5 +1,9 @@
 #include "engine/records.h"
 
+#include <cmath>
+
+#include <algorithm>
+
 #include <cstdio>
 #include <cstdlib>
 #include <sys/stat.h>
@@ -54,6 +58,25 @@ std::optional<std::pair<std::string, int>> powerModeRecord(std::string_view text
     if (text == line) return std::make_pair(std::string(line.substr(0, line.find(' '))), line.back() - '0');
   }
   return std::nullopt;
+}
+
+std::string powerModeRecordText(const std::string& key, int value) {
+  return key + " " + std::to_string(value) + "\n";
+}
+
+std::string brightnessRecordText(double level) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.4f", level);
+  return buf;
+}
+
+std::optional<double> brightnessRecord(std::string_view text) {
+  const std::string copy(text);
+  char* end = nullptr;
+  const double level = std::strtod(copy.c_str(), &end);
+  if (end == copy.c_str() || !std::isfinite(level)) return std::nullopt;
+  if (level <= 0.02) return 0.5;
+  return std::clamp(level, 0.0, 1.0);
 }
 
 std::vector<std::string> undoResumePids(const StateFiles& files, Processes& processes) {

@@ -37,6 +37,15 @@ std::string setAsideDamaged(const StateFiles& files, std::string_view name, std:
 // The setting a "powermode-restore" record names ("<key> <value>" and a
 // line end), or nothing when it holds anything Vigilo never writes.
 std::optional<std::pair<std::string, int>> powerModeRecord(std::string_view text);
+// The "powermode-restore" record of a setting, as powerModeRecord reads it.
+std::string powerModeRecordText(const std::string& key, int value);
+
+// The "brightness-restore" record of a level (0 to 1), and the level to put
+// back that a record names: nothing when it names none; a level that was
+// dark (a session that began on a dark screen) puts back a half-bright
+// screen, never a black one.
+std::string brightnessRecordText(double level);
+std::optional<double> brightnessRecord(std::string_view text);
 
 // Continues the paused processes that "resume-pids" names and that still
 // run the recorded program (without a start time, the program's name is all

@@ -40,8 +40,6 @@ struct MachineWords {
   std::string sleepNotKept = "macOS didn't keep sleep switched off";
   // What the person can do by hand when sleep may still be switched off.
   std::string sleepByHand = "sudo pmset -a disablesleep 0 switches sleep back on";
-  // How the person repairs the one-time setup.
-  std::string setupFix = "Run Set Up again in Settings › General.";
   // The hotkey's keys as the person presses them.
   std::string hotkeyKeys = "⌃⌥⌘A";
 };

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "engine/beats.h"
 #include "platform/clock.h"
 #include "platform/processes.h"
 
@@ -61,10 +62,9 @@ BundleMeta readBundleMeta(const std::string& bundlePath);
 bool isSystemLocation(std::string_view path);
 
 // The energy ranking reads the counters of every process, so the engine
-// takes it on every fifth tick (10 seconds), one tick after its other slow
-// jobs so that the two don't add up; the agents' trees are read every tick.
-inline constexpr std::int64_t kEnergySampleEvery = 5;
-inline bool isEnergyTick(std::int64_t tick) { return tick % kEnergySampleEvery == 1; }
+// takes it on its energy beat; the agents' trees are read every tick.
+inline constexpr std::int64_t kEnergySampleEvery = beats::kEnergy.every;
+inline bool isEnergyTick(std::int64_t tick) { return beats::kEnergy.on(tick); }
 
 // The top users of power, from the kernel's per-process energy and CPU-time
 // counters. One per engine, on the main thread.

@@ -63,123 +63,131 @@ std::string terminalQrCode(const std::string& text) {
   return out;
 }
 
-int runPair(const std::vector<std::string>& args, const std::string& appFolder) {
-  StateFiles files(appFolder);
-  RemoteSettings settings = RemoteSettings::load(files);
-  std::optional<std::string> relay, page;
+namespace {
+
+// `vigilo pair`'s switches; nothing when they don't make one request.
+struct PairArgs {
+  std::optional<std::string> relay, page, revoke;
   bool noQr = false, list = false, json = false, all = false, off = false, on = false;
-  std::optional<std::string> revoke;
+};
+
+std::optional<PairArgs> parsePairArgs(const std::vector<std::string>& args) {
+  PairArgs p;
+  const std::pair<const char*, std::optional<std::string>*> valued[] = {
+      {"--relay", &p.relay}, {"--page", &p.page}, {"--revoke", &p.revoke}};
+  const std::pair<const char*, bool*> switches[] = {{"--no-qr", &p.noQr}, {"--list", &p.list}, {"--json", &p.json},
+                                                    {"--all", &p.all},    {"--off", &p.off},   {"--on", &p.on}};
   for (std::size_t i = 0; i < args.size(); ++i) {
-    const std::string& a = args[i];
-    auto value = [&](std::optional<std::string>& into) {
-      if (i + 1 >= args.size()) return false;
-      into = args[++i];
-      return true;
-    };
-    if (a == "--relay") {
-      if (!value(relay)) return usage();
-    } else if (a == "--page") {
-      if (!value(page)) return usage();
-    } else if (a == "--revoke") {
-      if (!value(revoke)) return usage();
-    } else if (a == "--no-qr") {
-      noQr = true;
-    } else if (a == "--list") {
-      list = true;
-    } else if (a == "--json") {
-      json = true;
-    } else if (a == "--all") {
-      all = true;
-    } else if (a == "--off") {
-      off = true;
-    } else if (a == "--on") {
-      on = true;
-    } else {
-      return usage();
+    bool known = false;
+    for (const auto& [flag, into] : valued) {
+      if (args[i] != flag) continue;
+      if (i + 1 >= args.size()) return std::nullopt;
+      *into = args[++i];
+      known = true;
     }
+    for (const auto& [flag, into] : switches) {
+      if (args[i] == flag) *into = known = true;
+    }
+    if (!known) return std::nullopt;
   }
   // "--revoke --all" reads as it sounds.
-  if (revoke && *revoke == "--all") {
-    revoke.reset();
-    all = true;
+  if (p.revoke && *p.revoke == "--all") {
+    p.revoke.reset();
+    p.all = true;
   }
-  const int actions = (list ? 1 : 0) + (revoke ? 1 : 0) + (all ? 1 : 0) + (off ? 1 : 0) + (on ? 1 : 0);
-  if (actions > 1 || (actions == 1 && (relay || page || noQr)) || (json && !list)) return usage();
+  const int actions = (p.list ? 1 : 0) + (p.revoke ? 1 : 0) + (p.all ? 1 : 0) + (p.off ? 1 : 0) + (p.on ? 1 : 0);
+  if (actions > 1 || (actions == 1 && (p.relay || p.page || p.noQr)) || (p.json && !p.list)) return std::nullopt;
+  return p;
+}
 
-  if (list) {
-    if (json) {
-      nlohmann::json out = {{"enabled", settings.enabled}, {"relay", settings.relay}, {"page", settings.pageBase}};
-      nlohmann::json phones = nlohmann::json::array();
-      for (const PairedPhone& p : settings.phones) {
-        phones.push_back({{"id", p.id},
-                          {"name", p.name},
-                          {"added", p.added},
-                          {"last_seen", p.lastSeen ? nlohmann::json(*p.lastSeen) : nlohmann::json(nullptr)}});
-      }
-      out["phones"] = std::move(phones);
-      std::printf("%s\n", dumpJson(out, 2).c_str());
-      return 0;
-    }
-    if (settings.phones.empty()) std::printf("No phone is paired. Run \"vigilo pair\" to pair one.\n");
+int listPhones(const RemoteSettings& settings, bool asJson) {
+  if (asJson) {
+    nlohmann::json out = {{"enabled", settings.enabled}, {"relay", settings.relay}, {"page", settings.pageBase}};
+    nlohmann::json phones = nlohmann::json::array();
     for (const PairedPhone& p : settings.phones) {
-      // The name is the phone's own word: it reaches the terminal defused.
-      std::printf("%s  %s, paired %s%s\n", terminalSafe(p.id).c_str(), terminalSafe(p.name).c_str(),
-                  dateText(p.added).c_str(),
-                  p.lastSeen ? (", last seen " + dateText(*p.lastSeen)).c_str() : "");
+      phones.push_back({{"id", p.id},
+                        {"name", p.name},
+                        {"added", p.added},
+                        {"last_seen", p.lastSeen ? nlohmann::json(*p.lastSeen) : nlohmann::json(nullptr)}});
     }
-    if (!settings.enabled) std::printf("Phone control is off (vigilo pair --on turns it back on).\n");
+    out["phones"] = std::move(phones);
+    std::printf("%s\n", dumpJson(out, 2).c_str());
     return 0;
   }
-  if (revoke || all) {
-    bool found = true;
-    auto saved = RemoteSettings::update(files, [&](RemoteSettings& s) {
-      if (all) s.revokeAll();
-      if (revoke) found = s.revoke(*revoke);
-      return found;
-    });
-    if (!found) return fail("no paired phone has the id " + *revoke + " (see vigilo pair --list)");
-    if (!saved) return fail("Couldn't save the phone settings");
-    std::printf("%s, and any copy of its QR code, stops working at once.\n", all ? "Every paired phone" : "This phone");
-    return 0;
+  if (settings.phones.empty()) std::printf("No phone is paired. Run \"vigilo pair\" to pair one.\n");
+  for (const PairedPhone& p : settings.phones) {
+    // The name is the phone's own word: it reaches the terminal defused.
+    std::printf("%s  %s, paired %s%s\n", terminalSafe(p.id).c_str(), terminalSafe(p.name).c_str(),
+                dateText(p.added).c_str(), p.lastSeen ? (", last seen " + dateText(*p.lastSeen)).c_str() : "");
   }
-  if (off || on) {
-    auto saved = RemoteSettings::update(files, [&](RemoteSettings& s) {
-      s.enabled = on;
-      return true;
-    });
-    if (!saved) return fail("Couldn't save the phone settings");
-    std::printf("%s\n",
-                on ? "Phone control is on." : "Phone control is off: no phone command is read until vigilo pair --on.");
-    return 0;
-  }
+  if (!settings.enabled) std::printf("Phone control is off (vigilo pair --on turns it back on).\n");
+  return 0;
+}
 
-  for (const auto& address : {relay, page}) {
+int revokePhones(const StateFiles& files, const PairArgs& a) {
+  bool found = true;
+  auto saved = RemoteSettings::update(files, [&](RemoteSettings& s) {
+    if (a.all) s.revokeAll();
+    if (a.revoke) found = s.revoke(*a.revoke);
+    return found;
+  });
+  if (!found) return fail("no paired phone has the id " + *a.revoke + " (see vigilo pair --list)");
+  if (!saved) return fail("Couldn't save the phone settings");
+  std::printf("%s, and any copy of its QR code, stops working at once.\n", a.all ? "Every paired phone" : "This phone");
+  return 0;
+}
+
+int switchPhoneControl(const StateFiles& files, bool on) {
+  auto saved = RemoteSettings::update(files, [&](RemoteSettings& s) {
+    s.enabled = on;
+    return true;
+  });
+  if (!saved) return fail("Couldn't save the phone settings");
+  std::printf("%s\n", on ? "Phone control is on." : "Phone control is off: no phone command is read until vigilo pair --on.");
+  return 0;
+}
+
+int pairNewPhone(const StateFiles& files, RemoteSettings settings, const PairArgs& a, const std::string& machine) {
+  for (const auto& address : {a.relay, a.page}) {
     if (!address) continue;
     if (auto problem = relayAddressProblem(*address)) return fail(*problem);
   }
   RemoteSettings::Added added;
   // pairNewPhone saves by itself, under the lock.
   RemoteSettings::update(files, [&](RemoteSettings& s) {
-    if (relay) s.relay = *relay;
-    if (page) s.pageBase = *page;
+    if (a.relay) s.relay = *a.relay;
+    if (a.page) s.pageBase = *a.page;
     added = s.pairNewPhone(files, static_cast<double>(std::time(nullptr)));
     settings = s;
     return false;
   });
   if (!added.phone) return fail(added.error);
   const std::string link = settings.pairingLink(*added.phone);
-  if (!noQr) {
+  if (!a.noQr) {
     const std::string qr = terminalQrCode(link);
     if (!qr.empty()) std::printf("%s\n", qr.c_str());
   }
   std::printf("Scan with the Vigilo app or your phone's camera.\n");
-  std::printf("Anyone with this code can control this Mac.\n\n");
+  std::printf("Anyone with this code can control this %s.\n\n", machine.c_str());
   std::printf("%s\n\n", link.c_str());
   std::printf(
       "Paired as %s. Commands are end-to-end encrypted. A phone can't loosen the battery limit or the heat guard.\n",
       added.phone->id.c_str());
   std::printf("Undo with: vigilo pair --revoke %s\n", added.phone->id.c_str());
   return 0;
+}
+
+}  // namespace
+
+int runPair(const std::vector<std::string>& args, const std::string& appFolder, const std::string& machine) {
+  const auto a = parsePairArgs(args);
+  if (!a) return usage();
+  StateFiles files(appFolder);
+  RemoteSettings settings = RemoteSettings::load(files);
+  if (a->list) return listPhones(settings, a->json);
+  if (a->revoke || a->all) return revokePhones(files, *a);
+  if (a->off || a->on) return switchPhoneControl(files, a->on);
+  return pairNewPhone(files, std::move(settings), *a, machine);
 }
 
 }  // namespace vigilo

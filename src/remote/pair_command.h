@@ -14,6 +14,6 @@ std::string terminalQrCode(const std::string& text);
 // [--json]`, `vigilo pair --revoke <id>|--all`, `vigilo pair --off|--on`:
 // pairs a phone and prints its link, or changes the paired phones. Works on
 // "remote.json" in the app folder; a running app follows the file.
-int runPair(const std::vector<std::string>& args, const std::string& appFolder);
+int runPair(const std::vector<std::string>& args, const std::string& appFolder, const std::string& machine = "Mac");
 
 }  // namespace vigilo

@@ -34,6 +34,8 @@ class Setup {
   const SetupContext& context() const { return c_; }
   std::string scriptPath() const { return c_.appFolder + "/watchdog.sh"; }
 
+  // How the person repairs this setup, as a sentence.
+  virtual std::string repairHint() const = 0;
   // The watchdog script's text for this executable and folder.
   virtual std::string watchdogScript() const = 0;
   // Rewrites the script (mode 0755), so it always names the running
@@ -85,6 +87,7 @@ inline constexpr const char* kRemovePrompt =
 // runner, so it is checked on any machine.
 class MacSetup final : public Setup {
  public:
+  std::string repairHint() const override { return "Run Set Up again in Settings › General."; }
   using Setup::Setup;
 
   // The commands the rule allows, in order.
@@ -134,6 +137,7 @@ inline constexpr const char* kPolkitRulesFolder = "/etc/polkit-1/rules.d";
 // active local session.
 class LinuxSetup final : public Setup {
  public:
+  std::string repairHint() const override { return "Run: vigilo setup"; }
   using Setup::Setup;
 
   std::string unitFolder() const;

@@ -45,7 +45,7 @@ void Watchdog::checkWatchdog(Engine& engine) {
       return;
     }
   }
-  warning_ = kWatchdogDown + engine.platform().words().setupFix;
+  warning_ = kWatchdogDown + setup_.repairHint();
 }
 
 std::vector<std::string> Watchdog::systemChanges(const Engine& engine) {

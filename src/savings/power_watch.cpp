@@ -1,5 +1,7 @@
 #include "savings/power_watch.h"
 
+#include "engine/beats.h"
+
 #include <algorithm>
 #include <cmath>
 
@@ -9,9 +11,6 @@
 
 namespace vigilo {
 namespace {
-
-// The learned values go to disk every this many ticks (a minute).
-constexpr std::int64_t kSaveEvery = 30;
 
 // Whether the learned values differ enough from what the file holds to be
 // worth a durable write: one appeared or went, or one moved by more than 1 %.
@@ -39,7 +38,7 @@ void PowerWatch::sample(Engine& engine) {
     apps_ = work_ ? energy_.sample(work_->processes(), now, &processes)
                   : energy_.sample(processes.listing(ProcessDetail::Counters), now, &processes);
   }
-  if (!engine.preview() && engine.ticks() > 0 && engine.ticks() % kSaveEvery == 0 &&
+  if (!engine.preview() && engine.ticks() > 0 && beats::kMinute.on(engine.ticks()) &&
       movedEnough(saved_, whole_.learned()) && store_.save(whole_.learned())) {
     saved_ = whole_.learned();
   }

@@ -1,4 +1,5 @@
 #include "engine_fixture.h"
+#include "platform/platform_wrapper.h"
 
 #include <fcntl.h>
 #include <functional>
@@ -637,6 +638,40 @@ TEST_F(EngineTest, RecoveryPutsBackPausedProcessesAndScreenRecords) {
   EXPECT_DOUBLE_EQ(laptop().brightness(), 0.6);
   EXPECT_TRUE(laptop().builtInDisplayOn());
   EXPECT_TRUE(engine().outstandingChanges().empty());
+}
+
+// A put-back the machine refuses keeps its record, is said, and goes through
+// once the machine takes it; the words of a refusal are the machine's own.
+TEST_F(EngineTest, ARefusedPutBackKeepsItsRecordAndWarningsUseTheMachinesWords) {
+  struct FlakyScreen final : DisplaysWrapper {
+    using DisplaysWrapper::DisplaysWrapper;
+    Result setBrightness(double level) override {
+      return broken ? Result::fail("the backlight is busy") : DisplaysWrapper::setBrightness(level);
+    }
+    bool broken = true;
+  };
+  struct Machine final : PlatformWrapper {
+    explicit Machine(Platform& p) : PlatformWrapper(p), screen(p.displays()) { words_.sleepRefusedLead = "No: "; }
+    Displays& displays() override { return screen; }
+    const MachineWords& words() const override { return words_; }
+    FlakyScreen screen;
+    MachineWords words_;
+  } machine(*sim_);
+  std::filesystem::create_directories(folder_);
+  writeFile(folder_ + "/brightness-restore", "0.6\n");
+  laptop().setRefusals(true, false);
+  Engine engine(machine, folder_, EngineOptions{});
+  engine.launch();
+  EXPECT_TRUE(files().exists("brightness-restore"));
+  engine.stayAwakeFor(std::nullopt);
+  ASSERT_TRUE(engine.warning());
+  EXPECT_EQ(engine.warning()->rfind("No: ", 0), 0u) << *engine.warning();
+  EXPECT_THAT(engine.rescue(), testing::Contains("the screen brightness (the backlight is busy)"));
+  EXPECT_TRUE(files().exists("brightness-restore"));
+  machine.screen.broken = false;
+  EXPECT_THAT(engine.rescue(), testing::Not(testing::Contains(testing::HasSubstr("brightness"))));
+  EXPECT_FALSE(files().exists("brightness-restore"));
+  EXPECT_DOUBLE_EQ(laptop().brightness(), 0.6);
 }
 
 TEST_F(EngineTest, CleanQuitRemovesHeartbeatOnlyWhenNothingIsOutstanding) {

@@ -1336,10 +1336,9 @@ std::string joined(const std::vector<std::string>& names) {
 const MachineWords& linuxMachineWords() {
   static const MachineWords words = [] {
     MachineWords w;
-    w.machine = "computer";
+    w.machine = "Linux machine";
     w.sleepRefusedLead = "The system refused to keep this laptop awake, so closing the lid would sleep it: ";
     w.sleepNotKept = "Sleep didn't stay switched off";
-    w.setupFix = "Run: vigilo setup";
     w.sleepByHand = "the lock that keeps sleep off ends with the app; systemd-inhibit --list shows any left";
     w.hotkeyKeys = "Ctrl+Alt+Super+A";
     return w;
