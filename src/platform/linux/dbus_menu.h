@@ -14,8 +14,8 @@ namespace vigilo {
 
 // The tray's quick menu as com.canonical.dbusmenu shows it to a tray host:
 // the items' numbers, their properties and layout, and the replies and
-// signals that carry them. Every function here only reads a message or
-// builds one; the caller owns the bus.
+// signals that carry them. Replies go out on the call's own bus, signals
+// on the bus given; nothing here keeps a bus or a message.
 
 inline constexpr const char* kMenuPath = "/MenuBar";
 inline constexpr const char* kMenuInterface = "com.canonical.dbusmenu";
