@@ -20,10 +20,20 @@ void* library() {
   return handle;
 }
 
+// The function `name` of `soname` as type F; null without the library or
+// the function.
 template <const char* const* Soname, typename F>
 F symbol(const char* name) {
   void* h = library<Soname>();
   return h != nullptr ? reinterpret_cast<F>(::dlsym(h, name)) : nullptr;
+}
+
+// The variable `name` of `soname` (data, which no forwarder can stand in
+// for); null without the library or the variable.
+template <const char* const* Soname, typename T>
+T* data(const char* name) {
+  void* h = library<Soname>();
+  return h != nullptr ? static_cast<T*>(::dlsym(h, name)) : nullptr;
 }
 
 }  // namespace vigilo::lazy

@@ -13,13 +13,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "platform/result.h"
 #include "platform/desktop.h"
+#include "platform/linux/dbus_menu.h"
 #include "platform/linux/linux_desktop.h"
 #include "platform/linux/session_bus.h"
 
@@ -31,8 +31,6 @@ namespace {
 
 constexpr const char* kItemPath = "/StatusNotifierItem";
 constexpr const char* kItemInterface = "org.kde.StatusNotifierItem";
-constexpr const char* kMenuPath = "/MenuBar";
-constexpr const char* kMenuInterface = "com.canonical.dbusmenu";
 constexpr const char* kWatcher = "org.kde.StatusNotifierWatcher";
 constexpr const char* kWatcherPath = "/StatusNotifierWatcher";
 constexpr std::uint64_t kCallTimeoutMicros = 2'000'000;
@@ -42,7 +40,6 @@ constexpr double kReconnectSeconds = 30.0;
 const std::string kNoWatcher =
     "the tray icon isn't shown: nothing on the session bus shows tray items (no StatusNotifierWatcher; "
     "GNOME needs the AppIndicator extension)";
-
 
 // The start entry names the library's format marker, which only exists once
 // libsystemd is loaded, so it is filled in at run time.
@@ -71,39 +68,6 @@ std::uint64_t monotonicMicros() {
   timespec ts{};
   ::clock_gettime(CLOCK_MONOTONIC, &ts);
   return static_cast<std::uint64_t>(ts.tv_sec) * 1'000'000u + static_cast<std::uint64_t>(ts.tv_nsec) / 1000u;
-}
-
-// DBusMenu reads "_" as the mark of an access key.
-std::string menuLabel(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    out += c;
-    if (c == '_') out += '_';
-  }
-  return out;
-}
-
-// What a host sees of one item; compared to tell a property change from a
-// change of the menu's shape.
-struct ItemState {
-  bool separator = false;
-  std::string label;
-  bool enabled = true;
-  bool radio = false;
-  bool checked = false;
-  bool submenu = false;
-  bool operator==(const ItemState&) const = default;
-};
-
-ItemState stateOf(const TrayMenuItem& i) {
-  ItemState s;
-  s.separator = i.kind == TrayMenuItem::Kind::Separator;
-  s.label = menuLabel(i.label);
-  s.enabled = i.enabled;
-  s.radio = i.toggle == TrayMenuItem::Toggle::Radio;
-  s.checked = i.checked;
-  s.submenu = !i.children.empty();
-  return s;
 }
 
 class SessionTray final : public Tray {
@@ -390,14 +354,6 @@ class SessionTray final : public Tray {
   // is no panel to open yet, so they are acknowledged and do nothing.
   static int ignoreCall(sd_bus_message* m, void*, sd_bus_error*) { return replyEmpty(m); }
 
-  static int replyEmpty(sd_bus_message* m) {
-    sd_bus_message* raw = nullptr;
-    int r = sd_bus_message_new_method_return(m, &raw);
-    if (r < 0) return r;
-    Message reply(raw);
-    return sd_bus_send(nullptr, reply.get(), nullptr);
-  }
-
   static const sd_bus_vtable* itemVtable() {
     static sd_bus_vtable table[] = {
         {},  // the start entry, filled in by withStart
@@ -435,211 +391,42 @@ class SessionTray final : public Tray {
 
   // --- The menu.
 
-  // Gives each item a number that stays its own while its key lives, and
-  // tells the host what changed: the whole layout when the shape changed,
+  // Tells the host what changed: the whole layout when the shape changed,
   // else only the items whose properties did.
   void updateMenu(bool first) {
-    std::map<int, const TrayMenuItem*> items;
-    std::map<int, ItemState> states;
-    std::string shape;
-    number(view_now_.menu, items, states, shape);
-    const bool reshaped = !first && shape != shape_;
-    std::vector<int> changed;
-    if (!first && !reshaped) {
-      for (const auto& [id, s] : states) {
-        auto old = states_.find(id);
-        if (old == states_.end() || !(old->second == s)) changed.push_back(id);
-      }
-    }
-    items_ = std::move(items);
-    states_ = std::move(states);
-    shape_ = std::move(shape);
-    // Numbers are never reused, so a gone item's number can be forgotten.
-    for (auto it = ids_.begin(); it != ids_.end();) {
-      it = items_.count(it->second) == 0 ? ids_.erase(it) : std::next(it);
-    }
-    if (reshaped) {
-      ++revision_;
-      emitLayoutUpdated();
-    } else if (!changed.empty()) {
-      emitPropertiesUpdated(changed);
+    const DBusMenuModel::Change change = menu_.update(view_now_.menu, first);
+    if (change.reshaped) {
+      sendLayoutUpdated(bus_.get(), menu_.revision());
+    } else if (!change.changed.empty()) {
+      sendItemsPropertiesUpdated(bus_.get(), menu_, change.changed);
     }
   }
 
-  void number(const std::vector<TrayMenuItem>& menu, std::map<int, const TrayMenuItem*>& items,
-              std::map<int, ItemState>& states, std::string& shape) {
-    shape += '(';
-    for (const TrayMenuItem& i : menu) {
-      auto [it, fresh] = ids_.try_emplace(i.key, nextId_);
-      if (fresh) ++nextId_;
-      items[it->second] = &i;
-      states[it->second] = stateOf(i);
-      shape += std::to_string(it->second) + ',';
-      if (!i.children.empty()) number(i.children, items, states, shape);
-    }
-    shape += ')';
-  }
-
-  const std::vector<TrayMenuItem>* childrenOf(int id) const {
-    if (id == 0) return &view_now_.menu;
-    auto it = items_.find(id);
-    return it == items_.end() ? nullptr : &it->second->children;
-  }
-
-  static bool wanted(const std::vector<std::string>& names, const char* name) {
-    if (names.empty()) return true;
-    for (const auto& n : names) {
-      if (n == name) return true;
-    }
-    return false;
-  }
-
-  // a{sv} of one item, the root (null) included.
-  static int appendProperties(sd_bus_message* m, const TrayMenuItem* item, const std::vector<std::string>& names) {
-    int r = sd_bus_message_open_container(m, 'a', "{sv}");
-    auto add = [&](const char* key, const char* type, auto value) {
-      if (r < 0 || !wanted(names, key)) return;
-      r = sd_bus_message_append(m, "{sv}", key, type, value);
-    };
-    if (item == nullptr) {
-      add("children-display", "s", "submenu");
-    } else if (item->kind == TrayMenuItem::Kind::Separator) {
-      add("type", "s", "separator");
-    } else {
-      const std::string text = menuLabel(item->label);
-      add("label", "s", text.c_str());
-      add("enabled", "b", static_cast<int>(item->enabled));
-      add("visible", "b", 1);
-      if (item->toggle == TrayMenuItem::Toggle::Radio) {
-        add("toggle-type", "s", "radio");
-        add("toggle-state", "i", item->checked ? 1 : 0);
-      }
-      if (!item->children.empty()) add("children-display", "s", "submenu");
-    }
-    if (r < 0) return r;
-    return sd_bus_message_close_container(m);
-  }
-
-  // (ia{sv}av) of one item and, `depth` levels down (-1: all), its children.
-  int appendLayout(sd_bus_message* m, int id, const TrayMenuItem* item, int depth,
-                   const std::vector<std::string>& names) {
-    int r = sd_bus_message_open_container(m, 'r', "ia{sv}av");
-    if (r >= 0) r = sd_bus_message_append(m, "i", id);
-    if (r >= 0) r = appendProperties(m, item, names);
-    if (r >= 0) r = sd_bus_message_open_container(m, 'a', "v");
-    const std::vector<TrayMenuItem>* children = item == nullptr ? &view_now_.menu : &item->children;
-    if (depth != 0) {
-      for (const TrayMenuItem& child : *children) {
-        if (r < 0) break;
-        r = sd_bus_message_open_container(m, 'v', "(ia{sv}av)");
-        if (r >= 0) r = appendLayout(m, ids_.at(child.key), &child, depth < 0 ? -1 : depth - 1, names);
-        if (r >= 0) r = sd_bus_message_close_container(m);
-      }
-    }
-    if (r >= 0) r = sd_bus_message_close_container(m);
-    if (r >= 0) r = sd_bus_message_close_container(m);
-    return r;
-  }
-
-  static int readStrings(sd_bus_message* m, std::vector<std::string>& out) {
-    int r = sd_bus_message_enter_container(m, 'a', "s");
-    if (r < 0) return r;
-    const char* s = nullptr;
-    while ((r = sd_bus_message_read(m, "s", &s)) > 0) out.emplace_back(s);
-    if (r < 0) return r;
-    return sd_bus_message_exit_container(m);
+  // The tray as a method's userdata, its view made once the host asks.
+  static SessionTray& shownTray(void* userdata) {
+    auto* self = static_cast<SessionTray*>(userdata);
+    if (!self->shown_) self->refresh();
+    return *self;
   }
 
   static int getLayout(sd_bus_message* m, void* userdata, sd_bus_error* error) {
-    auto* self = static_cast<SessionTray*>(userdata);
-    if (!self->shown_) self->refresh();
-    std::int32_t parent = 0, depth = -1;
-    int r = sd_bus_message_read(m, "ii", &parent, &depth);
-    std::vector<std::string> names;
-    if (r >= 0) r = readStrings(m, names);
-    if (r < 0) return r;
-    const TrayMenuItem* item = nullptr;
-    if (parent != 0) {
-      auto it = self->items_.find(parent);
-      if (it == self->items_.end()) return sd_bus_error_set(error, SD_BUS_ERROR_INVALID_ARGS, "No such menu item");
-      item = it->second;
-    }
-    sd_bus_message* raw = nullptr;
-    if ((r = sd_bus_message_new_method_return(m, &raw)) < 0) return r;
-    Message reply(raw);
-    r = sd_bus_message_append(reply.get(), "u", self->revision_);
-    if (r >= 0) r = self->appendLayout(reply.get(), parent, item, depth, names);
-    if (r < 0) return r;
-    return sd_bus_send(nullptr, reply.get(), nullptr);
+    return replyLayout(m, shownTray(userdata).menu_, error);
   }
 
   static int getGroupProperties(sd_bus_message* m, void* userdata, sd_bus_error*) {
-    auto* self = static_cast<SessionTray*>(userdata);
-    if (!self->shown_) self->refresh();
-    std::vector<std::int32_t> ids;
-    int r = sd_bus_message_enter_container(m, 'a', "i");
-    std::int32_t id = 0;
-    while (r >= 0 && (r = sd_bus_message_read(m, "i", &id)) > 0) ids.push_back(id);
-    if (r >= 0) r = sd_bus_message_exit_container(m);
-    std::vector<std::string> names;
-    if (r >= 0) r = readStrings(m, names);
-    if (r < 0) return r;
-    sd_bus_message* raw = nullptr;
-    if ((r = sd_bus_message_new_method_return(m, &raw)) < 0) return r;
-    Message reply(raw);
-    r = sd_bus_message_open_container(reply.get(), 'a', "(ia{sv})");
-    for (std::int32_t want : ids) {
-      if (r < 0) break;
-      const TrayMenuItem* item = nullptr;
-      if (want != 0) {
-        auto it = self->items_.find(want);
-        if (it == self->items_.end()) continue;
-        item = it->second;
-      }
-      r = sd_bus_message_open_container(reply.get(), 'r', "ia{sv}");
-      if (r >= 0) r = sd_bus_message_append(reply.get(), "i", want);
-      if (r >= 0) r = appendProperties(reply.get(), item, names);
-      if (r >= 0) r = sd_bus_message_close_container(reply.get());
-    }
-    if (r >= 0) r = sd_bus_message_close_container(reply.get());
-    if (r < 0) return r;
-    return sd_bus_send(nullptr, reply.get(), nullptr);
+    return replyGroupProperties(m, shownTray(userdata).menu_);
   }
 
   static int getProperty(sd_bus_message* m, void* userdata, sd_bus_error* error) {
-    auto* self = static_cast<SessionTray*>(userdata);
-    std::int32_t id = 0;
-    const char* name = nullptr;
-    int r = sd_bus_message_read(m, "is", &id, &name);
-    if (r < 0) return r;
-    auto it = self->items_.find(id);
-    if (id != 0 && it == self->items_.end()) {
-      return sd_bus_error_set(error, SD_BUS_ERROR_INVALID_ARGS, "No such menu item");
-    }
-    const TrayMenuItem* item = id == 0 ? nullptr : it->second;
-    const std::string n = name;
-    sd_bus_message* raw = nullptr;
-    if ((r = sd_bus_message_new_method_return(m, &raw)) < 0) return r;
-    Message reply(raw);
-    if (n == "label" && item != nullptr) {
-      r = sd_bus_message_append(reply.get(), "v", "s", menuLabel(item->label).c_str());
-    } else if (n == "enabled" && item != nullptr) {
-      r = sd_bus_message_append(reply.get(), "v", "b", static_cast<int>(item->enabled));
-    } else if (n == "toggle-state" && item != nullptr && item->toggle == TrayMenuItem::Toggle::Radio) {
-      r = sd_bus_message_append(reply.get(), "v", "i", item->checked ? 1 : 0);
-    } else {
-      return sd_bus_error_set(error, SD_BUS_ERROR_INVALID_ARGS, "No such property");
-    }
-    if (r < 0) return r;
-    return sd_bus_send(nullptr, reply.get(), nullptr);
+    return replyProperty(m, static_cast<SessionTray*>(userdata)->menu_, error);
   }
 
   // Runs a click later, from the loop: the engine then changes outside any
   // bus callback, and the signals it causes go out at once.
   void clicked(std::int32_t id) {
-    auto it = items_.find(id);
-    if (it == items_.end() || !it->second->enabled || !it->second->action) return;
-    TrayAction action = *it->second->action;
+    const TrayMenuItem* item = menu_.item(id);
+    if (item == nullptr || !item->enabled || !item->action) return;
+    TrayAction action = *item->action;
     std::weak_ptr<bool> alive = alive_;
     loop_.post([this, alive, action] {
       if (auto a = alive.lock(); a && *a) act_(action);
@@ -648,105 +435,20 @@ class SessionTray final : public Tray {
 
   static int event(sd_bus_message* m, void* userdata, sd_bus_error*) {
     auto* self = static_cast<SessionTray*>(userdata);
-    std::int32_t id = 0;
-    const char* kind = nullptr;
-    int r = sd_bus_message_read(m, "is", &id, &kind);
-    if (r < 0) return r;
-    if (kind != nullptr && std::string(kind) == "clicked") self->clicked(id);
-    return replyEmpty(m);
+    return replyEvent(m, [self](int id) { self->clicked(id); });
   }
 
   static int eventGroup(sd_bus_message* m, void* userdata, sd_bus_error*) {
     auto* self = static_cast<SessionTray*>(userdata);
-    int r = sd_bus_message_enter_container(m, 'a', "(isvu)");
-    std::vector<std::int32_t> unknown;
-    while (r >= 0 && (r = sd_bus_message_enter_container(m, 'r', "isvu")) > 0) {
-      std::int32_t id = 0;
-      const char* kind = nullptr;
-      if ((r = sd_bus_message_read(m, "is", &id, &kind)) < 0) break;
-      if ((r = sd_bus_message_skip(m, "vu")) < 0) break;
-      if ((r = sd_bus_message_exit_container(m)) < 0) break;
-      if (self->items_.count(id) == 0) {
-        unknown.push_back(id);
-      } else if (std::string(kind) == "clicked") {
-        self->clicked(id);
-      }
-    }
-    if (r < 0) return r;
-    sd_bus_message* raw = nullptr;
-    if ((r = sd_bus_message_new_method_return(m, &raw)) < 0) return r;
-    Message reply(raw);
-    r = sd_bus_message_open_container(reply.get(), 'a', "i");
-    for (std::int32_t id : unknown) {
-      if (r >= 0) r = sd_bus_message_append(reply.get(), "i", id);
-    }
-    if (r >= 0) r = sd_bus_message_close_container(reply.get());
-    if (r < 0) return r;
-    return sd_bus_send(nullptr, reply.get(), nullptr);
+    return replyEventGroup(m, self->menu_, [self](int id) { self->clicked(id); });
   }
 
-  // The menu is kept current as the engine changes, so a host about to show
-  // it never needs to fetch it again.
-  static int aboutToShow(sd_bus_message* m, void*, sd_bus_error*) {
-    sd_bus_message* raw = nullptr;
-    int r = sd_bus_message_new_method_return(m, &raw);
-    if (r < 0) return r;
-    Message reply(raw);
-    if ((r = sd_bus_message_append(reply.get(), "b", 0)) < 0) return r;
-    return sd_bus_send(nullptr, reply.get(), nullptr);
-  }
-
-  static int aboutToShowGroup(sd_bus_message* m, void*, sd_bus_error*) {
-    sd_bus_message* raw = nullptr;
-    int r = sd_bus_message_new_method_return(m, &raw);
-    if (r < 0) return r;
-    Message reply(raw);
-    for (int i = 0; i < 2 && r >= 0; ++i) {
-      r = sd_bus_message_open_container(reply.get(), 'a', "i");
-      if (r >= 0) r = sd_bus_message_close_container(reply.get());
-    }
-    if (r < 0) return r;
-    return sd_bus_send(nullptr, reply.get(), nullptr);
-  }
+  static int aboutToShow(sd_bus_message* m, void*, sd_bus_error*) { return replyAboutToShow(m); }
+  static int aboutToShowGroup(sd_bus_message* m, void*, sd_bus_error*) { return replyAboutToShowGroup(m); }
 
   static int menuProperty(sd_bus*, const char*, const char*, const char* property, sd_bus_message* reply,
                           void* userdata, sd_bus_error*) {
-    auto* self = static_cast<SessionTray*>(userdata);
-    const std::string p = property;
-    if (p == "Version") return sd_bus_message_append(reply, "u", 3u);
-    if (p == "TextDirection") return sd_bus_message_append(reply, "s", "ltr");
-    if (p == "Status") return sd_bus_message_append(reply, "s", "normal");
-    if (p == "IconThemePath") {
-      int r = sd_bus_message_open_container(reply, 'a', "s");
-      if (r >= 0 && !self->iconThemePath_.empty()) r = sd_bus_message_append(reply, "s", self->iconThemePath_.c_str());
-      return r < 0 ? r : sd_bus_message_close_container(reply);
-    }
-    return -ENOENT;
-  }
-
-  void emitLayoutUpdated() {
-    sd_bus_message* raw = nullptr;
-    if (sd_bus_message_new_signal(bus_.get(), &raw, kMenuPath, kMenuInterface, "LayoutUpdated") < 0) return;
-    Message m(raw);
-    if (sd_bus_message_append(m.get(), "ui", revision_, 0) >= 0) sd_bus_send(bus_.get(), m.get(), nullptr);
-  }
-
-  void emitPropertiesUpdated(const std::vector<int>& ids) {
-    sd_bus_message* raw = nullptr;
-    if (sd_bus_message_new_signal(bus_.get(), &raw, kMenuPath, kMenuInterface, "ItemsPropertiesUpdated") < 0) return;
-    Message m(raw);
-    int r = sd_bus_message_open_container(m.get(), 'a', "(ia{sv})");
-    for (int id : ids) {
-      if (r >= 0) r = sd_bus_message_open_container(m.get(), 'r', "ia{sv}");
-      if (r >= 0) r = sd_bus_message_append(m.get(), "i", id);
-      if (r >= 0) r = appendProperties(m.get(), items_.at(id), {});
-      if (r >= 0) r = sd_bus_message_close_container(m.get());
-    }
-    if (r >= 0) r = sd_bus_message_close_container(m.get());
-    // Nothing is ever removed from an item's properties.
-    if (r >= 0) r = sd_bus_message_open_container(m.get(), 'a', "(ias)");
-    if (r >= 0) r = sd_bus_message_close_container(m.get());
-    if (r >= 0) sd_bus_send(bus_.get(), m.get(), nullptr);
+    return appendMenuObjectProperty(reply, property, static_cast<SessionTray*>(userdata)->iconThemePath_);
   }
 
   static const sd_bus_vtable* menuVtable() {
@@ -788,12 +490,7 @@ class SessionTray final : public Tray {
 
   bool shown_ = false;
   TrayView view_now_;
-  std::map<std::string, int> ids_;
-  int nextId_ = 1;
-  std::map<int, const TrayMenuItem*> items_;
-  std::map<int, ItemState> states_;
-  std::string shape_;
-  std::uint32_t revision_ = 1;
+  DBusMenuModel menu_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
