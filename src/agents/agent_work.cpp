@@ -6,6 +6,7 @@
 #include "agents/agent_events.h"
 #include "agents/catalogue.h"
 #include "engine/engine.h"
+#include "power/energy_sampler.h"
 
 namespace vigilo {
 namespace {

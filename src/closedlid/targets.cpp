@@ -4,7 +4,7 @@
 #include <array>
 
 #include "agents/catalogue.h"
-#include "power/energy_sampler.h"
+#include "platform/bundles.h"
 
 namespace vigilo {
 namespace {
