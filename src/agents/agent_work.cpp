@@ -6,6 +6,7 @@
 #include "agents/agent_events.h"
 #include "agents/catalogue.h"
 #include "engine/engine.h"
+#include "power/energy_sampler.h"
 
 namespace vigilo {
 namespace {
@@ -53,6 +54,29 @@ void AgentWork::sample(Engine& engine) {
   detection_.update(sessions_, config, now, engine.preview() ? nullptr : alerts_);
 }
 
+// What binding events to sessions shares: the process table by pid, which
+// sessions an event claimed and which session ids are placed.
+struct AgentWork::Binding {
+  struct Proc {
+    std::int32_t ppid = 0;
+    std::uint64_t start = 0;
+  };
+  std::map<std::int32_t, Proc> procs;
+  std::set<std::string> placed;
+  std::vector<bool> keyed;  // per session
+
+  std::optional<std::uint64_t> startOf(std::int32_t pid) const {
+    auto it = procs.find(pid);
+    if (it == procs.end()) return std::nullopt;
+    return it->second.start;
+  }
+  void bind(std::vector<AgentSession>& sessions, std::size_t i, const std::string& session) {
+    sessions[i].id = session;
+    keyed[i] = true;
+    placed.insert(session);
+  }
+};
+
 void AgentWork::applyEvents(Time now) {
   sessions_ = watcher_.sessions();
   if (sessions_.empty()) {
@@ -61,90 +85,86 @@ void AgentWork::applyEvents(Time now) {
     watcher_.setSessionIds({});
     return;
   }
-  struct Proc {
-    std::int32_t ppid = 0;
-    std::uint64_t start = 0;
-  };
-  std::map<std::int32_t, Proc> procs;
-  for (const ProcessInfo& p : processes_) procs[p.pid] = Proc{p.ppid, p.startMicros};
-  auto startOf = [&](std::int32_t pid) -> std::optional<std::uint64_t> {
-    auto it = procs.find(pid);
-    if (it == procs.end()) return std::nullopt;
-    return it->second.start;
-  };
+  Binding b;
+  for (const ProcessInfo& p : processes_) b.procs[p.pid] = Binding::Proc{p.ppid, p.startMicros};
+  b.keyed.assign(sessions_.size(), false);
+  bindToProcesses(b);
+  bindLoose(b);
+  foldStates(b, now);
+  keepIds(b);
+}
 
+void AgentWork::bindToProcesses(Binding& b) {
   // An event binds to the process that sent it (pid and start time): the
   // session whose root is that process or one of its ancestors. An event
   // whose process is gone binds to nothing, so a new agent process never
   // inherits a dead session's state. Where several sessions' events name one
   // process, the newest wins: the others are sessions it has left (resumed
   // elsewhere without a SessionEnd).
-  std::set<std::string> placed;
-  std::vector<bool> keyed(sessions_.size(), false);
-  auto bind = [&](std::size_t i, const std::string& session) {
-    sessions_[i].id = session;
-    keyed[i] = true;
-    placed.insert(session);
-  };
   std::vector<const AgentEvent*> newestFirst;
   for (const AgentEvent& e : events_) newestFirst.push_back(&e);
   std::stable_sort(newestFirst.begin(), newestFirst.end(),
-                   [](const AgentEvent* a, const AgentEvent* b) { return a->at > b->at; });
+                   [](const AgentEvent* x, const AgentEvent* y) { return x->at > y->at; });
   for (const AgentEvent* event : newestFirst) {
     const AgentEvent& e = *event;
-    if (!e.pid || placed.count(e.session)) continue;
-    auto live = procs.find(*e.pid);
-    if (live == procs.end() || (e.pidStart && live->second.start != *e.pidStart)) continue;
+    if (!e.pid || b.placed.count(e.session)) continue;
+    auto live = b.procs.find(*e.pid);
+    if (live == b.procs.end() || (e.pidStart && live->second.start != *e.pidStart)) continue;
     std::int32_t pid = *e.pid;
-    for (int steps = 0; steps < 64 && pid > 1 && !placed.count(e.session); ++steps) {
+    for (int steps = 0; steps < 64 && pid > 1 && !b.placed.count(e.session); ++steps) {
       for (std::size_t i = 0; i < sessions_.size(); ++i) {
         const auto& pids = sessions_[i].pids;
-        if (!keyed[i] && sessions_[i].kind.id == e.agent && std::find(pids.begin(), pids.end(), pid) != pids.end()) {
-          bind(i, e.session);
+        if (!b.keyed[i] && sessions_[i].kind.id == e.agent && std::find(pids.begin(), pids.end(), pid) != pids.end()) {
+          b.bind(sessions_, i, e.session);
           break;
         }
       }
-      auto up = procs.find(pid);
-      if (up == procs.end()) break;
+      auto up = b.procs.find(pid);
+      if (up == b.procs.end()) break;
       pid = up->second.ppid;
     }
   }
+}
+
+void AgentWork::bindLoose(Binding& b) {
   // An event that names no process (the hook couldn't find it) goes to a
   // session of the same agent that no event claimed and whose process is
   // older than the event, newest event first.
   std::vector<const AgentEvent*> loose;
   for (const AgentEvent& e : events_) {
-    if (!e.pid && !placed.count(e.session)) loose.push_back(&e);
+    if (!e.pid && !b.placed.count(e.session)) loose.push_back(&e);
   }
-  std::sort(loose.begin(), loose.end(), [](const AgentEvent* a, const AgentEvent* b) { return a->at > b->at; });
+  std::sort(loose.begin(), loose.end(), [](const AgentEvent* x, const AgentEvent* y) { return x->at > y->at; });
   // The process a session was bound to last time keeps it.
   std::map<std::string, std::pair<std::int32_t, std::uint64_t>> boundBefore;
   for (const auto& [key, sticky] : stickyIds_) boundBefore[sticky.id] = key;
   auto fits = [&](std::size_t i, const AgentEvent& e) {
     const AgentSession& s = sessions_[i];
-    if (keyed[i] || s.kind.id != e.agent || s.pids.empty()) return false;
-    auto start = startOf(s.pids.front());
+    if (b.keyed[i] || s.kind.id != e.agent || s.pids.empty()) return false;
+    auto start = b.startOf(s.pids.front());
     return start && static_cast<double>(*start) / 1e6 <= e.at;
   };
   for (const AgentEvent* e : loose) {
-    if (placed.count(e->session)) continue;
+    if (b.placed.count(e->session)) continue;
     auto before = boundBefore.find(e->session);
-    for (std::size_t i = 0; i < sessions_.size() && before != boundBefore.end() && !placed.count(e->session); ++i) {
+    for (std::size_t i = 0; i < sessions_.size() && before != boundBefore.end() && !b.placed.count(e->session); ++i) {
       if (fits(i, *e) && sessions_[i].pids.front() == before->second.first &&
-          startOf(sessions_[i].pids.front()) == before->second.second) {
-        bind(i, e->session);
+          b.startOf(sessions_[i].pids.front()) == before->second.second) {
+        b.bind(sessions_, i, e->session);
       }
     }
   }
   for (const AgentEvent* e : loose) {
-    for (std::size_t i = 0; i < sessions_.size() && !placed.count(e->session); ++i) {
-      if (fits(i, *e)) bind(i, e->session);
+    for (std::size_t i = 0; i < sessions_.size() && !b.placed.count(e->session); ++i) {
+      if (fits(i, *e)) b.bind(sessions_, i, e->session);
     }
   }
+}
 
+void AgentWork::foldStates(const Binding& b, Time now) {
   for (std::size_t i = 0; i < sessions_.size(); ++i) {
     AgentSession& s = sessions_[i];
-    if (!keyed[i]) continue;
+    if (!b.keyed[i]) continue;
     auto folded = AgentEvents::state(s.id, events_, s.lastActive, now);
     if (!folded) continue;
     s.state = folded->state;
@@ -157,7 +177,9 @@ void AgentWork::applyEvents(Time now) {
     }
     s.stateInferred = folded->state == AgentState::Working && !reportedWorking;
   }
+}
 
+void AgentWork::keepIds(const Binding& b) {
   // Sessions whose events are gone (SessionEnd while the process lives on)
   // keep the id their process had, and the last state it reported other
   // than working, so the quiet minutes run on without a break.
@@ -165,11 +187,11 @@ void AgentWork::applyEvents(Time now) {
   for (std::size_t i = 0; i < sessions_.size(); ++i) {
     AgentSession& s = sessions_[i];
     if (s.pids.empty()) continue;
-    auto start = startOf(s.pids.front());
+    auto start = b.startOf(s.pids.front());
     if (!start) continue;
     const auto key = std::make_pair(s.pids.front(), *start);
     auto old = stickyIds_.find(key);
-    if (!keyed[i] && old != stickyIds_.end() && !placed.count(old->second.id)) {
+    if (!b.keyed[i] && old != stickyIds_.end() && !b.placed.count(old->second.id)) {
       s.id = old->second.id;
       s.state = old->second.state;
       s.stateSince = old->second.since;

@@ -43,7 +43,14 @@ class AgentWork final : public WorkSource {
   const std::vector<ProcessInfo>& processes() const { return processes_; }
 
  private:
+  // Binds the events to the sessions and folds in their states; the steps
+  // share a Binding.
   void applyEvents(Time now);
+  struct Binding;
+  void bindToProcesses(Binding& b);
+  void bindLoose(Binding& b);
+  void foldStates(const Binding& b, Time now);
+  void keepIds(const Binding& b);
 
   Platform& platform_;
   std::string appFolder_;

@@ -14,6 +14,7 @@ namespace vigilo {
 const std::vector<AgentKind>& builtInAgents();
 // The Claude desktop app, matched by its bundle id when countClaudeApp is on.
 const AgentKind& claudeAppKind();
+// Its bundle id; the lid-closed savings never touch it either.
 inline constexpr std::string_view kClaudeAppBundle = "com.anthropic.claudefordesktop";
 
 // "node", "bun", "deno", "python", "python3", "Python", or any name that

@@ -3,19 +3,13 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
-#include <memory>
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unordered_map>
 
 #include "agents/catalogue.h"
+#include "power/energy_sampler.h"
 
 namespace vigilo {
 namespace {
-
-// How many of the newest transcripts are looked at again between searches.
-constexpr std::size_t kRecentTranscripts = 8;
 
 std::string_view lastComponent(std::string_view path) {
   const auto slash = path.rfind('/');
@@ -47,18 +41,6 @@ Time toSeconds(std::uint64_t micros) { return static_cast<double>(micros) / 1e6;
 
 std::string rootKey(const ProcessInfo& p) { return std::to_string(p.pid) + ":" + std::to_string(p.startMicros); }
 
-Time mtimeOf(const struct stat& st) {
-  return static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) / 1e9;
-}
-
-// Keeps the few newest files, newest first.
-void noteRecent(std::vector<std::pair<Time, std::string>>& recent, Time t, const std::string& path) {
-  if (recent.size() == kRecentTranscripts && t <= recent.back().first) return;
-  auto at = std::find_if(recent.begin(), recent.end(), [t](const auto& r) { return t > r.first; });
-  recent.emplace(at, t, path);
-  if (recent.size() > kRecentTranscripts) recent.pop_back();
-}
-
 // A hash of what an exec changes: the executable and the arguments.
 std::size_t programOf(const ProcessInfo& p) {
   const std::hash<std::string_view> hash;
@@ -67,81 +49,50 @@ std::size_t programOf(const ProcessInfo& p) {
   return h;
 }
 
-// Closes a directory stream on every path out.
-struct DirCloser {
-  void operator()(DIR* d) const {
-    if (d != nullptr) ::closedir(d);
-  }
-};
-
-// The entry names of a folder, at most `limit`.
-std::vector<std::string> folderNames(const std::string& path, int limit) {
-  std::vector<std::string> names;
-  std::unique_ptr<DIR, DirCloser> d(::opendir(path.c_str()));
-  if (!d) return names;
-  while (static_cast<int>(names.size()) < limit) {
-    const dirent* e = ::readdir(d.get());
-    if (e == nullptr) break;
-    const std::string_view name = e->d_name;
-    if (name == "." || name == "..") continue;
-    // Links are not followed, so a link loop cannot trap the search.
-    if (e->d_type != DT_REG && e->d_type != DT_DIR && e->d_type != DT_UNKNOWN) continue;
-    names.emplace_back(name);
-  }
-  return names;
-}
-
-// The one agent whose transcript folders name the working folder.
-constexpr std::string_view kClaudeCode = "claude-code";
-
-// Whether one of the `changed` transcripts belongs to a Claude Code session
-// whose own id is `id` (may be empty) working in `cwd`. A transcript is named
-// after its session: one named after a live session's id is that session's.
-// Otherwise `projectFolders`, the transcript folders of all live sessions,
-// decide: a transcript in one of them belongs to the sessions working there,
-// one elsewhere to every session. Other kinds' transcripts belong to all of
-// their sessions.
-bool transcriptIsOurs(const AgentKind& kind, const std::vector<std::string>& changed, const std::string& cwd,
-                      const std::string& id, const std::set<std::string>& liveIds,
-                      const std::set<std::string>& projectFolders) {
-  if (kind.id != kClaudeCode) return true;
-  const std::string ours = cwd.empty() ? std::string() : claudeProjectFolder(cwd);
-  for (const std::string& path : changed) {
-    std::string_view name = lastComponent(path);
-    if (const auto dot = name.rfind('.'); dot != std::string_view::npos) name = name.substr(0, dot);
-    if (liveIds.count(std::string(name))) {
-      if (name == id) return true;
-      continue;
-    }
-    std::string_view folder = path;
-    const auto slash = folder.rfind('/');
-    folder = slash == std::string_view::npos ? std::string_view() : lastComponent(folder.substr(0, slash));
-    if (folder == ours || !projectFolders.count(std::string(folder))) return true;
-  }
-  return false;
-}
-
 }  // namespace
 
-std::string claudeProjectFolder(std::string_view cwd) {
-  std::string out;
-  out.reserve(cwd.size());
-  for (std::size_t i = 0; i < cwd.size(); ++i) {
-    const auto c = static_cast<unsigned char>(cwd[i]);
-    if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) {
-      out += static_cast<char>(c);
-    } else if (c < 0x80 || (c & 0xC0) == 0xC0) {
-      // One "-" per character, as the agent (JavaScript) counts them: a
-      // UTF-8 sequence is one character, and one beyond U+FFFF two.
-      out += (c & 0xF8) == 0xF0 ? "--" : "-";
-    }
-  }
-  return out;
-}
+// What the steps of one sample share: the list and its table, and what the
+// pass has found so far.
+struct AgentWatcher::Pass {
+  Pass(const std::vector<ProcessInfo>& list, const Table& table, Time now) : list(list), table(table), now(now) {}
+
+  const std::vector<ProcessInfo>& list;
+  const Table& table;
+  Time now;
+  double monotonic = 0;
+  // The previous sample's time: a process started since did all its work
+  // within the interval.
+  double previousMicros = 0;
+  std::vector<std::string> firstCwd;  // per group, of its first root
+  // The folders in which Claude Code keeps the transcripts of its live
+  // sessions, and those sessions' own ids.
+  std::set<std::string> projectFolders;
+  std::set<std::string> liveIds;
+  std::vector<std::optional<std::vector<std::string>>> transcripts;  // per kind, read once
+  std::vector<Energy> energy;
+  std::map<std::string, RootState> roots;
+  std::vector<AgentSession> sessions;
+  std::vector<std::int32_t> protectedPids;
+  std::vector<int> seenIn;       // the group that last visited a process
+  std::vector<char> belowShell;  // within the current tree
+  std::vector<int> tree;         // the current group's, parents before children
+};
+
+// What one tree used since the previous sample.
+struct AgentWatcher::TreeUse {
+  int instances = 0;  // processes of the group's kind
+  std::uint64_t nanojoules = 0;
+  std::uint64_t cpuMicros = 0;
+  std::optional<std::uint64_t> toolStart;  // the earliest running tool
+};
 
 AgentWatcher::AgentWatcher(Processes& processes, Registry& registry, std::string home, const Clock& clock,
                            BundleLookup bundles)
-    : processes_(processes), registry_(registry), home_(std::move(home)), clock_(clock), bundles_(std::move(bundles)) {
+    : processes_(processes),
+      registry_(registry),
+      clock_(clock),
+      bundles_(std::move(bundles)),
+      transcripts_(std::move(home)) {
   setKinds({}, {});
 }
 
@@ -233,22 +184,19 @@ void AgentWatcher::sample(const std::vector<WatchedApp>& watchedApps, bool reque
 
 AgentWatcher::Table AgentWatcher::tableOf(const std::vector<ProcessInfo>& list,
                                           const std::vector<Identity>& identities) {
-  const int n = static_cast<int>(list.size());
   Table t;
   t.of = identities;
-  // Index by pid, kinds (cached per process), parents and children.
-  std::vector<std::pair<std::int32_t, int>> indexOf;  // by pid
-  indexOf.reserve(list.size());
-  for (int i = 0; i < n; ++i) indexOf.emplace_back(list[i].pid, i);
-  if (!std::is_sorted(indexOf.begin(), indexOf.end())) std::sort(indexOf.begin(), indexOf.end());
-  auto find = [&indexOf](std::int32_t pid) {
-    auto it = std::lower_bound(indexOf.begin(), indexOf.end(), std::pair(pid, -1));
-    return it != indexOf.end() && it->first == pid ? it->second : -1;
-  };
-  std::vector<int>& kindOf = t.kindOf;
+  classifyAll(list, identities, t.kindOf);
+  linkFamilies(list, t);
+  findGroups(list, t);
+  return t;
+}
+
+void AgentWatcher::classifyAll(const std::vector<ProcessInfo>& list, const std::vector<Identity>& identities,
+                               std::vector<int>& kindOf) {
   kindOf.assign(list.size(), -1);
   ++generation_;
-  for (int i = 0; i < n; ++i) {
+  for (std::size_t i = 0; i < list.size(); ++i) {
     const ProcessInfo& p = list[i];
     Classified& c = classified_[p.pid];
     // exec() keeps pid and start but changes the path or the arguments (an
@@ -262,7 +210,18 @@ AgentWatcher::Table AgentWatcher::tableOf(const std::vector<ProcessInfo>& list,
     kindOf[i] = c.kind;
   }
   std::erase_if(classified_, [this](const auto& entry) { return entry.second.generation != generation_; });
+}
 
+void AgentWatcher::linkFamilies(const std::vector<ProcessInfo>& list, Table& t) {
+  const int n = static_cast<int>(list.size());
+  std::vector<std::pair<std::int32_t, int>> indexOf;  // by pid
+  indexOf.reserve(list.size());
+  for (int i = 0; i < n; ++i) indexOf.emplace_back(list[i].pid, i);
+  if (!std::is_sorted(indexOf.begin(), indexOf.end())) std::sort(indexOf.begin(), indexOf.end());
+  auto find = [&indexOf](std::int32_t pid) {
+    auto it = std::lower_bound(indexOf.begin(), indexOf.end(), std::pair(pid, -1));
+    return it != indexOf.end() && it->first == pid ? it->second : -1;
+  };
   std::vector<int>& parent = t.parent;
   std::vector<int>& childAt = t.childAt;
   parent.assign(list.size(), -1);
@@ -276,17 +235,20 @@ AgentWatcher::Table AgentWatcher::tableOf(const std::vector<ProcessInfo>& list,
   }
   for (int i = 0; i < n; ++i) childAt[i + 1] += childAt[i];
   t.children.assign(static_cast<std::size_t>(childAt[n]), 0);
-  {
-    std::vector<int> fill(childAt.begin(), childAt.end() - 1);
-    for (int i = 0; i < n; ++i)
-      if (parent[i] >= 0) t.children[fill[parent[i]]++] = i;
-  }
+  std::vector<int> fill(childAt.begin(), childAt.end() - 1);
+  for (int i = 0; i < n; ++i)
+    if (parent[i] >= 0) t.children[fill[parent[i]]++] = i;
+}
 
+void AgentWatcher::findGroups(const std::vector<ProcessInfo>& list, Table& t) const {
   // Roots: processes of a kind with no ancestor of the same kind, or whose
   // nearest such ancestor is above a command shell: an agent started from
   // another's shell tool ("claude -p" from Claude Code's Bash) is a session
   // of its own, while helpers an agent starts itself belong to it. The walk
   // is bounded so that a damaged parent chain cannot loop.
+  const int n = static_cast<int>(list.size());
+  const std::vector<int>& kindOf = t.kindOf;
+  const std::vector<int>& parent = t.parent;
   std::vector<Group>& groups = t.groups;
   t.root.assign(list.size(), 0);
   std::vector<int> appGroup(kinds_.size(), -1);
@@ -306,7 +268,7 @@ AgentWatcher::Table AgentWatcher::tableOf(const std::vector<ProcessInfo>& list,
     }
     if (!root) continue;
     t.root[i] = 1;
-    if (static_cast<std::size_t>(k) < agentKinds_) {
+    if (agent) {
       groups.push_back(Group{k, {i}});
     } else if (appGroup[k] < 0) {
       appGroup[k] = static_cast<int>(groups.size());
@@ -322,7 +284,6 @@ AgentWatcher::Table AgentWatcher::tableOf(const std::vector<ProcessInfo>& list,
   std::stable_sort(groups.begin(), groups.end(), [&](const Group& a, const Group& b) {
     return a.kind != b.kind ? a.kind < b.kind : earlier(a.roots.front(), b.roots.front());
   });
-  return t;
 }
 
 void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vector<WatchedApp>& watchedApps,
@@ -332,156 +293,173 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
   identities.reserve(list.size());
   for (const ProcessInfo& p : list) identities.push_back(Identity{p.pid, p.ppid, p.startMicros, programOf(p)});
   if (!table_ || table_->of != identities) table_ = tableOf(list, identities);
-  const Table& table = *table_;
-  const std::vector<int>& kindOf = table.kindOf;
-  const std::vector<int>& parent = table.parent;
-  const std::vector<int>& childAt = table.childAt;
-  const std::vector<int>& children = table.children;
-  const std::vector<Group>& groups = table.groups;
 
-  // The working folder of each session's first root. A listing of
-  // identities leaves it out: it is read for these processes alone.
-  std::vector<std::string> firstCwd(groups.size());
+  Pass pass(list, *table_, now);
+  readWorkingFolders(pass);
+  pass.monotonic = clock_.monotonic();
+  pass.previousMicros = lastSample_ ? *lastSample_ * 1e6 : 0.0;
+  pass.transcripts.resize(kinds_.size());
+  pass.seenIn.assign(list.size(), -1);
+  pass.belowShell.assign(list.size(), 0);
+  for (std::size_t g = 0; g < pass.table.groups.size(); ++g) {
+    collectTree(pass, g);
+    addSession(pass, g, measureTree(pass, pass.table.groups[g]));
+  }
+  addRequests(pass, requestsCount);
+  keep(pass);
+}
+
+void AgentWatcher::readWorkingFolders(Pass& pass) {
+  // A listing of identities leaves the working folder out: it is read for
+  // the first roots alone.
+  const std::vector<Group>& groups = pass.table.groups;
+  pass.firstCwd.resize(groups.size());
   for (std::size_t g = 0; g < groups.size(); ++g) {
-    const ProcessInfo& first = list[groups[g].roots.front()];
-    firstCwd[g] = first.cwd;
-    if (firstCwd[g].empty()) {
-      if (auto info = processes_.info(first.pid); info && info->startMicros == first.startMicros) firstCwd[g] = info->cwd;
+    const ProcessInfo& first = pass.list[groups[g].roots.front()];
+    std::string& cwd = pass.firstCwd[g];
+    cwd = first.cwd;
+    if (cwd.empty()) {
+      if (auto info = processes_.info(first.pid); info && info->startMicros == first.startMicros) cwd = info->cwd;
     }
   }
-
-  // Transcripts once per kind that has a session, and the folders in which
-  // Claude Code keeps the transcripts of its live sessions.
-  std::vector<std::optional<std::vector<std::string>>> transcripts(kinds_.size());
-  std::set<std::string> projectFolders;
-  std::set<std::string> liveIds;
   for (std::size_t g = 0; g < groups.size(); ++g) {
-    const Group& group = groups[g];
-    const ProcessInfo& first = list[group.roots.front()];
-    if (kinds_[static_cast<std::size_t>(group.kind)].id != kClaudeCode) continue;
-    if (!firstCwd[g].empty()) projectFolders.insert(claudeProjectFolder(firstCwd[g]));
-    if (auto id = sessionIds_.find({first.pid, first.startMicros}); id != sessionIds_.end()) liveIds.insert(id->second);
+    if (kinds_[static_cast<std::size_t>(groups[g].kind)].id != kClaudeCodeKind) continue;
+    const ProcessInfo& first = pass.list[groups[g].roots.front()];
+    if (!pass.firstCwd[g].empty()) pass.projectFolders.insert(claudeProjectFolder(pass.firstCwd[g]));
+    if (auto id = sessionIds_.find({first.pid, first.startMicros}); id != sessionIds_.end()) {
+      pass.liveIds.insert(id->second);
+    }
   }
-  const double monotonic = clock_.monotonic();
+}
 
-  std::vector<Energy> energy;
-  std::map<std::string, RootState> roots;
-  std::vector<AgentSession> sessions;
-  std::vector<std::int32_t> protectedPids;
-  std::vector<int> seenIn(list.size(), -1);     // the group that last visited a process
-  std::vector<char> belowShell(list.size(), 0);  // within the current tree
-  std::vector<int> tree;
-  const double previousMicros = lastSample_ ? *lastSample_ * 1e6 : 0.0;
-
-  for (std::size_t g = 0; g < groups.size(); ++g) {
-    const Group& group = groups[g];
-    const AgentKind& kind = kinds_[static_cast<std::size_t>(group.kind)];
-    const bool isAgent = static_cast<std::size_t>(group.kind) < agentKinds_;
-
-    // The tree, parents before children.
-    tree.clear();
-    for (int r : group.roots) {
-      if (seenIn[r] == static_cast<int>(g)) continue;
-      seenIn[r] = static_cast<int>(g);
-      belowShell[r] = 0;
-      tree.push_back(r);
-    }
-    for (std::size_t t = 0; t < tree.size(); ++t) {
-      const int p = tree[t];
-      for (int c = childAt[p]; c < childAt[p + 1]; ++c) {
-        const int child = children[c];
-        if (seenIn[child] == static_cast<int>(g)) continue;
-        // A nested agent of the kind is a session of its own, with its tree.
-        if (table.root[child] && kindOf[child] == group.kind) continue;
-        seenIn[child] = static_cast<int>(g);
-        belowShell[child] = belowShell[p] || isShell(executableName(list[child]));
-        tree.push_back(child);
-      }
-    }
-
-    AgentSession s;
-    s.kind = kind;
-    int instances = 0;
-    std::uint64_t nanojoules = 0;
-    std::uint64_t cpuMicros = 0;
-    std::optional<std::uint64_t> toolStart;
-    for (int p : tree) {
-      const ProcessInfo& info = list[p];
-      if (kindOf[p] == group.kind) ++instances;
-      protectedPids.push_back(info.pid);
-
-      // Energy and CPU time since the previous sample. A listing of
-      // identities carries no counters: they are read for the sessions'
-      // trees alone. Where they can't be read (the process ended since, or
-      // the list came from elsewhere) the list's own stand.
-      {
-        const auto counters = processes_.counters(info.pid, info.startMicros);
-        const std::uint64_t used = counters ? counters->energyNanojoules : info.energyNanojoules;
-        const std::uint64_t cpu = counters ? counters->cpuMicros : info.cpuMicros;
-        const auto last = std::lower_bound(lastEnergy_.begin(), lastEnergy_.end(), info.pid,
-                                           [](const Energy& e, std::int32_t pid) { return e.pid < pid; });
-        if (last != lastEnergy_.end() && last->pid == info.pid && last->start == info.startMicros) {
-          if (used > last->nanojoules) nanojoules += used - last->nanojoules;
-          if (cpu > last->cpuMicros) cpuMicros += cpu - last->cpuMicros;
-        } else if (lastSample_ && static_cast<double>(info.startMicros) >= previousMicros) {
-          nanojoules += used;
-          cpuMicros += cpu;
-        }
-        energy.push_back(Energy{info.pid, info.startMicros, used, cpu});
-      }
-
-      // A running tool.
-      if (!isAgent || std::find(group.roots.begin(), group.roots.end(), p) != group.roots.end()) continue;
-      bool tool = belowShell[p] != 0;
-      if (!tool && kindOf[p] < 0 && parent[p] >= 0 && kindOf[parent[p]] == group.kind) {
-        const std::string_view name = executableName(info);
-        const double after = toSeconds(info.startMicros) - toSeconds(list[parent[p]].startMicros);
-        tool = !isInterpreter(name) && after > kHelperStartWindow;
-      }
-      if (tool && (!toolStart || info.startMicros < *toolStart)) toolStart = info.startMicros;
-    }
-
-    const ProcessInfo& first = list[group.roots.front()];
-    const std::string key = isAgent ? rootKey(first) : kind.id;
-    RootState state;
-    if (auto it = roots_.find(key); it != roots_.end()) state = it->second;
-    std::optional<double> watts;
-    bool busyCpu = false;
-    if (state.readAt && now > *state.readAt) {
-      const double seconds = now - *state.readAt;
-      const double cores = static_cast<double>(cpuMicros) / 1e6 / seconds;
-      busyCpu = cores * kWattsPerBusyCore >= kind.idleWatts && cpuMicros > 0;
-      watts = nanojoules > 0 ? static_cast<double>(nanojoules) / 1e9 / seconds : cores * kWattsPerBusyCore;
-    }
-    state.readAt = now;
-
-    auto& changed = transcripts[static_cast<std::size_t>(group.kind)];
-    if (!changed) changed = changedTranscripts(kind, monotonic);
-    const auto id = sessionIds_.find({first.pid, first.startMicros});
-    const bool wroteTranscript =
-        !changed->empty() && transcriptIsOurs(kind, *changed, firstCwd[g], id != sessionIds_.end() ? id->second : "",
-                                              liveIds, projectFolders);
-    if ((watts && *watts >= kind.idleWatts) || busyCpu || wroteTranscript) state.lastActive = now;
-    roots[key] = state;
-
-    const bool firstOfKind = sessions.empty() || sessions.back().kind.id != kind.id;
-    s.id = isAgent && !firstOfKind ? kind.id + "#" + std::to_string(first.pid) : kind.id;
-    for (int r : group.roots) s.pids.push_back(list[r].pid);
-    s.rootStart = first.startMicros;
-    if (!firstCwd[g].empty()) {
-      std::string_view cwd = firstCwd[g];
-      while (cwd.size() > 1 && cwd.back() == '/') cwd.remove_suffix(1);
-      if (cwd != "/") s.project = std::string(lastComponent(cwd));
-    }
-    s.lastActive = state.lastActive;
-    s.watts = watts.value_or(0.0);
-    s.instances = instances;
-    s.toolRunning = toolStart.has_value();
-    if (toolStart) s.toolSince = toSeconds(*toolStart);
-    sessions.push_back(std::move(s));
+void AgentWatcher::collectTree(Pass& pass, std::size_t g) const {
+  const Table& table = pass.table;
+  const Group& group = table.groups[g];
+  const int mark = static_cast<int>(g);
+  std::vector<int>& tree = pass.tree;
+  tree.clear();
+  for (int r : group.roots) {
+    if (pass.seenIn[r] == mark) continue;
+    pass.seenIn[r] = mark;
+    pass.belowShell[r] = 0;
+    tree.push_back(r);
   }
+  for (std::size_t t = 0; t < tree.size(); ++t) {
+    const int p = tree[t];
+    for (int c = table.childAt[p]; c < table.childAt[p + 1]; ++c) {
+      const int child = table.children[c];
+      if (pass.seenIn[child] == mark) continue;
+      // A nested agent of the kind is a session of its own, with its tree.
+      if (table.root[child] && table.kindOf[child] == group.kind) continue;
+      pass.seenIn[child] = mark;
+      pass.belowShell[child] = pass.belowShell[p] || isShell(executableName(pass.list[child]));
+      tree.push_back(child);
+    }
+  }
+}
 
-  // Sleep requests: noted whenever they are held, sessions when they count.
+AgentWatcher::TreeUse AgentWatcher::measureTree(Pass& pass, const Group& group) {
+  const bool isAgent = static_cast<std::size_t>(group.kind) < agentKinds_;
+  TreeUse use;
+  for (int p : pass.tree) {
+    const ProcessInfo& info = pass.list[p];
+    if (pass.table.kindOf[p] == group.kind) ++use.instances;
+    pass.protectedPids.push_back(info.pid);
+    countEnergy(pass, info, use);
+    if (!isAgent || std::find(group.roots.begin(), group.roots.end(), p) != group.roots.end()) continue;
+    if (runsTool(pass, group, p) && (!use.toolStart || info.startMicros < *use.toolStart)) {
+      use.toolStart = info.startMicros;
+    }
+  }
+  return use;
+}
+
+void AgentWatcher::countEnergy(Pass& pass, const ProcessInfo& info, TreeUse& use) {
+  // A listing of identities carries no counters: they are read for the
+  // sessions' trees alone. Where they can't be read (the process ended
+  // since, or the list came from elsewhere) the list's own stand.
+  const auto counters = processes_.counters(info.pid, info.startMicros);
+  const std::uint64_t used = counters ? counters->energyNanojoules : info.energyNanojoules;
+  const std::uint64_t cpu = counters ? counters->cpuMicros : info.cpuMicros;
+  const auto last = std::lower_bound(lastEnergy_.begin(), lastEnergy_.end(), info.pid,
+                                     [](const Energy& e, std::int32_t pid) { return e.pid < pid; });
+  if (last != lastEnergy_.end() && last->pid == info.pid && last->start == info.startMicros) {
+    if (used > last->nanojoules) use.nanojoules += used - last->nanojoules;
+    if (cpu > last->cpuMicros) use.cpuMicros += cpu - last->cpuMicros;
+  } else if (lastSample_ && static_cast<double>(info.startMicros) >= pass.previousMicros) {
+    use.nanojoules += used;
+    use.cpuMicros += cpu;
+  }
+  pass.energy.push_back(Energy{info.pid, info.startMicros, used, cpu});
+}
+
+bool AgentWatcher::runsTool(const Pass& pass, const Group& group, int p) const {
+  if (pass.belowShell[p] != 0) return true;
+  const std::vector<int>& kindOf = pass.table.kindOf;
+  const int parent = pass.table.parent[p];
+  if (kindOf[p] >= 0 || parent < 0 || kindOf[parent] != group.kind) return false;
+  const ProcessInfo& info = pass.list[p];
+  const double after = toSeconds(info.startMicros) - toSeconds(pass.list[parent].startMicros);
+  return !isInterpreter(executableName(info)) && after > kHelperStartWindow;
+}
+
+bool AgentWatcher::wroteTranscript(Pass& pass, std::size_t g) {
+  const Group& group = pass.table.groups[g];
+  const AgentKind& kind = kinds_[static_cast<std::size_t>(group.kind)];
+  auto& changed = pass.transcripts[static_cast<std::size_t>(group.kind)];
+  if (!changed) changed = transcripts_.changed(kind, pass.monotonic);
+  if (changed->empty()) return false;
+  const ProcessInfo& first = pass.list[group.roots.front()];
+  const auto id = sessionIds_.find({first.pid, first.startMicros});
+  return transcriptIsOurs(kind, *changed, pass.firstCwd[g], id != sessionIds_.end() ? id->second : "", pass.liveIds,
+                          pass.projectFolders);
+}
+
+void AgentWatcher::addSession(Pass& pass, std::size_t g, const TreeUse& use) {
+  const Group& group = pass.table.groups[g];
+  const AgentKind& kind = kinds_[static_cast<std::size_t>(group.kind)];
+  const bool isAgent = static_cast<std::size_t>(group.kind) < agentKinds_;
+  const ProcessInfo& first = pass.list[group.roots.front()];
+  const std::string key = isAgent ? rootKey(first) : kind.id;
+  RootState state;
+  if (auto it = roots_.find(key); it != roots_.end()) state = it->second;
+  std::optional<double> watts;
+  bool busyCpu = false;
+  if (state.readAt && pass.now > *state.readAt) {
+    const double seconds = pass.now - *state.readAt;
+    const double cores = static_cast<double>(use.cpuMicros) / 1e6 / seconds;
+    busyCpu = cores * kWattsPerBusyCore >= kind.idleWatts && use.cpuMicros > 0;
+    watts = use.nanojoules > 0 ? static_cast<double>(use.nanojoules) / 1e9 / seconds : cores * kWattsPerBusyCore;
+  }
+  state.readAt = pass.now;
+  // Looked at whatever the draw says, so that the transcripts' newest time
+  // moves on with every sample.
+  const bool wrote = wroteTranscript(pass, g);
+  if ((watts && *watts >= kind.idleWatts) || busyCpu || wrote) state.lastActive = pass.now;
+  pass.roots[key] = state;
+
+  AgentSession s;
+  s.kind = kind;
+  const bool firstOfKind = pass.sessions.empty() || pass.sessions.back().kind.id != kind.id;
+  s.id = isAgent && !firstOfKind ? kind.id + "#" + std::to_string(first.pid) : kind.id;
+  for (int r : group.roots) s.pids.push_back(pass.list[r].pid);
+  s.rootStart = first.startMicros;
+  if (!pass.firstCwd[g].empty()) {
+    std::string_view cwd = pass.firstCwd[g];
+    while (cwd.size() > 1 && cwd.back() == '/') cwd.remove_suffix(1);
+    if (cwd != "/") s.project = std::string(lastComponent(cwd));
+  }
+  s.lastActive = state.lastActive;
+  s.watts = watts.value_or(0.0);
+  s.instances = use.instances;
+  s.toolRunning = use.toolStart.has_value();
+  if (use.toolStart) s.toolSince = toSeconds(*use.toolStart);
+  pass.sessions.push_back(std::move(s));
+}
+
+void AgentWatcher::addRequests(Pass& pass, bool requestsCount) {
+  // Noted whenever they are held, sessions when they count.
+  const Time now = pass.now;
   std::vector<std::pair<SleepBlocker, std::string>> requests = requestsHeld();
   std::map<std::string, Time> firstSeen;
   for (const auto& [blocker, what] : requests) {
@@ -491,33 +469,36 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
   requestFirstSeen_ = std::move(firstSeen);
   blockers_.clear();
   for (const auto& [blocker, what] : requests) blockers_.push_back(blocker);
-  if (requestsCount) {
-    for (const auto& [blocker, what] : requests) {
-      if (now - requestFirstSeen_[blocker.name] > kRequestLimitSeconds) continue;
-      const std::string id = "request:" + blocker.name;
-      auto same = std::find_if(sessions.begin(), sessions.end(), [&](const AgentSession& s) { return s.id == id; });
-      if (same == sessions.end()) {
-        AgentSession s;
-        s.id = id;
-        s.kind.id = id;
-        s.kind.name = blocker.name;
-        s.kind.idleWatts = 0;
-        s.detail = what;
-        s.lastActive = now;
-        sessions.push_back(std::move(s));
-        same = sessions.end() - 1;
-      }
-      same->pids.push_back(blocker.pid);
-      ++same->instances;
-      protectedPids.push_back(blocker.pid);
+  if (!requestsCount) return;
+  std::vector<AgentSession>& sessions = pass.sessions;
+  for (const auto& [blocker, what] : requests) {
+    if (now - requestFirstSeen_[blocker.name] > kRequestLimitSeconds) continue;
+    const std::string id = "request:" + blocker.name;
+    auto same = std::find_if(sessions.begin(), sessions.end(), [&](const AgentSession& s) { return s.id == id; });
+    if (same == sessions.end()) {
+      AgentSession s;
+      s.id = id;
+      s.kind.id = id;
+      s.kind.name = blocker.name;
+      s.kind.idleWatts = 0;
+      s.detail = what;
+      s.lastActive = now;
+      sessions.push_back(std::move(s));
+      same = sessions.end() - 1;
     }
+    same->pids.push_back(blocker.pid);
+    ++same->instances;
+    pass.protectedPids.push_back(blocker.pid);
   }
+}
 
+void AgentWatcher::keep(Pass& pass) {
+  std::vector<std::int32_t>& protectedPids = pass.protectedPids;
   std::sort(protectedPids.begin(), protectedPids.end());
   protectedPids.erase(std::unique(protectedPids.begin(), protectedPids.end()), protectedPids.end());
-  std::sort(energy.begin(), energy.end(), [](const Energy& a, const Energy& b) { return a.pid < b.pid; });
+  std::sort(pass.energy.begin(), pass.energy.end(), [](const Energy& a, const Energy& b) { return a.pid < b.pid; });
   std::set<std::string> bundles;
-  for (const ProcessInfo& p : list) {
+  for (const ProcessInfo& p : pass.list) {
     if (!std::binary_search(protectedPids.begin(), protectedPids.end(), p.pid)) continue;
     if (auto bundle = outermostBundle(p.path)) {
       bundles.emplace(*bundle);
@@ -525,12 +506,12 @@ void AgentWatcher::sample(const std::vector<ProcessInfo>& list, const std::vecto
     }
   }
 
-  lastEnergy_ = std::move(energy);
-  roots_ = std::move(roots);
-  sessions_ = std::move(sessions);
+  lastEnergy_ = std::move(pass.energy);
+  roots_ = std::move(pass.roots);
+  sessions_ = std::move(pass.sessions);
   protectedPids_ = std::set<std::int32_t>(protectedPids.begin(), protectedPids.end());
   protectedBundles_ = std::move(bundles);
-  lastSample_ = now;
+  lastSample_ = pass.now;
 }
 
 std::vector<std::pair<SleepBlocker, std::string>> AgentWatcher::requestsHeld() {
@@ -598,98 +579,7 @@ bool AgentWatcher::isUserFacing(std::int32_t pid, const std::string& name) {
 bool AgentWatcher::transcriptsChanged(const AgentKind& kind) { return !changedTranscripts(kind).empty(); }
 
 std::vector<std::string> AgentWatcher::changedTranscripts(const AgentKind& kind) {
-  return changedTranscripts(kind, clock_.monotonic());
-}
-
-std::vector<std::string> AgentWatcher::changedTranscripts(const AgentKind& kind, double monotonic) {
-  if (kind.transcriptDirs.empty() || home_.empty()) return {};
-  TranscriptState& t = transcripts_[kind.id];
-  std::optional<Time> seen;
-  auto see = [&seen](Time time) {
-    if (!seen || time > *seen) seen = time;
-  };
-  // The files looked at with their times, to tell which are newer.
-  std::vector<std::pair<Time, std::string>> looked;
-
-  for (auto& [time, path] : t.recent) {
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
-    time = mtimeOf(st);
-    see(time);
-    looked.emplace_back(time, path);
-  }
-
-  if (!t.search && (!t.searchedAt || monotonic - *t.searchedAt >= kTranscriptSearchInterval ||
-                    monotonic < *t.searchedAt)) {
-    // From a value: clang 14 takes the nested aggregate for not default
-    // constructible here.
-    t.search.emplace(TranscriptSearch{});
-    for (auto dir = kind.transcriptDirs.rbegin(); dir != kind.transcriptDirs.rend(); ++dir) {
-      TranscriptFolder top;
-      top.path = home_ + "/" + *dir;
-      t.search->stack.push_back(std::move(top));
-    }
-  }
-  if (t.search) {
-    TranscriptSearch& search = *t.search;
-    int look = 0;
-    while (!search.stack.empty() && look < kTranscriptEntriesPerLook && search.entries < kTranscriptEntryBudget) {
-      TranscriptFolder& folder = search.stack.back();
-      if (!folder.listed) {
-        folder.names = folderNames(folder.path, kTranscriptEntryBudget - search.entries);
-        folder.listed = true;
-        ++look;  // reading a folder costs about as much as looking at an entry
-      }
-      if (folder.next < folder.names.size()) {
-        const std::string path = folder.path + "/" + folder.names[folder.next++];
-        ++look;
-        ++search.entries;
-        struct stat st {};
-        if (::lstat(path.c_str(), &st) != 0) continue;
-        if (S_ISREG(st.st_mode)) {
-          const Time time = mtimeOf(st);
-          if (!search.newest || time > *search.newest) search.newest = time;
-          noteRecent(search.recent, time, path);
-        } else if (S_ISDIR(st.st_mode) && folder.depth < kTranscriptDepth) {
-          folder.subfolders.emplace_back(mtimeOf(st), path);
-        }
-        continue;
-      }
-      // The folder is done: its subfolders next, the one changed last first.
-      TranscriptFolder done = std::move(folder);
-      search.stack.pop_back();
-      std::sort(done.subfolders.begin(), done.subfolders.end(),
-                [](const auto& a, const auto& b) { return a.first < b.first; });
-      for (auto& [time, path] : done.subfolders) {
-        TranscriptFolder sub;
-        sub.path = std::move(path);
-        sub.depth = done.depth + 1;
-        search.stack.push_back(std::move(sub));
-      }
-    }
-    if (search.newest) see(*search.newest);
-    looked.insert(looked.end(), search.recent.begin(), search.recent.end());
-    if (search.stack.empty() || search.entries >= kTranscriptEntryBudget) {
-      t.recent = std::move(search.recent);
-      t.search.reset();
-      t.searchedAt = monotonic;
-      if (!t.looked) {
-        // The first search takes note of what is there.
-        t.looked = true;
-        t.newest = seen;
-        return {};
-      }
-    }
-  }
-  if (!t.looked || !seen || (t.newest && *seen <= *t.newest)) return {};
-  std::vector<std::string> changed;
-  for (const auto& [time, path] : looked) {
-    if ((!t.newest || time > *t.newest) && std::find(changed.begin(), changed.end(), path) == changed.end()) {
-      changed.push_back(path);
-    }
-  }
-  t.newest = seen;
-  return changed;
+  return transcripts_.changed(kind, clock_.monotonic());
 }
 
 }  // namespace vigilo

@@ -10,11 +10,12 @@
 #include <vector>
 
 #include "agents/agent_types.h"
+#include "agents/transcripts.h"
 #include "engine/config.h"
+#include "platform/bundles.h"
 #include "platform/clock.h"
 #include "platform/processes.h"
 #include "platform/registry.h"
-#include "power/energy_sampler.h"
 
 namespace vigilo {
 
@@ -22,20 +23,6 @@ namespace vigilo {
 // seen, so that a forgotten assertion does not keep the machine awake for
 // ever.
 inline constexpr double kRequestLimitSeconds = 21600.0;
-
-// The search for the newest transcript of a kind: at most this many folder
-// levels below a transcript folder and this many entries per search,
-// subfolders changed last first (a folder's time moves when a file is added
-// to it), so the budget goes where work happens. A search looks at no more
-// than kTranscriptEntriesPerLook entries per call and goes on at the next,
-// so that no tick pays for a whole search; a new search starts
-// kTranscriptSearchInterval seconds after the last one ended. On every call
-// the few newest transcripts found are looked at again: the file an agent is
-// writing is almost always among them.
-inline constexpr int kTranscriptDepth = 5;
-inline constexpr int kTranscriptEntryBudget = 2000;
-inline constexpr int kTranscriptEntriesPerLook = 250;
-inline constexpr double kTranscriptSearchInterval = 10.0;
 
 // A direct child of an agent that is not a shell counts as a tool only when
 // it started this long after the agent: the helpers an agent starts with it
@@ -47,11 +34,6 @@ inline constexpr double kHelperStartWindow = 10.0;
 // half a percent of a core), so that work is seen also where the machine
 // measures no draw (a Linux laptop on its adapter). Where nothing is
 // measured, the tree's watts are its CPU use at that rate: an estimate.
-
-// The folder name under which Claude Code keeps the transcripts of a working
-// folder: every character that is not an ASCII letter or digit becomes "-"
-// ("/home/me/my_app" gives "-home-me-my-app").
-std::string claudeProjectFolder(std::string_view cwd);
 
 // Watches the process table for agents, watched apps and sleep requests.
 // One per engine, on the main thread.
@@ -142,30 +124,6 @@ class AgentWatcher {
     std::optional<Time> lastActive;
     std::optional<Time> readAt;  // when the tree's energy was last read
   };
-  // A folder being searched: its entry names, read at once, are looked at
-  // one by one, possibly over several calls.
-  struct TranscriptFolder {
-    std::string path;
-    int depth = 0;
-    bool listed = false;
-    std::vector<std::string> names;
-    std::size_t next = 0;
-    std::vector<std::pair<Time, std::string>> subfolders;
-  };
-  struct TranscriptSearch {
-    std::vector<TranscriptFolder> stack;  // the folder on top is searched first
-    int entries = 0;
-    std::optional<Time> newest;
-    std::vector<std::pair<Time, std::string>> recent;  // newest first
-  };
-  struct TranscriptState {
-    bool looked = false;  // a first search has ended
-    std::optional<Time> newest;
-    std::optional<double> searchedAt;  // monotonic time the last search ended
-    std::optional<TranscriptSearch> search;
-    std::vector<std::pair<Time, std::string>> recent;  // the newest files of the last search
-  };
-
   // The shape of one process list: each process's kind, parent and
   // children (as one flat array, children of process i at
   // children[childAt[i] .. childAt[i + 1])), and the groups of roots that
@@ -193,6 +151,27 @@ class AgentWatcher {
     std::vector<char> root;  // the process is the root of a group
   };
   Table tableOf(const std::vector<ProcessInfo>& list, const std::vector<Identity>& identities);
+  // The steps of tableOf: each process's kind, its parent and children, and
+  // the groups of roots.
+  void classifyAll(const std::vector<ProcessInfo>& list, const std::vector<Identity>& identities,
+                   std::vector<int>& kindOf);
+  static void linkFamilies(const std::vector<ProcessInfo>& list, Table& t);
+  void findGroups(const std::vector<ProcessInfo>& list, Table& t) const;
+
+  // The steps of one sample, in order: the working folders of the first
+  // roots; per group its tree, what the tree used and ran, and its session;
+  // the sleep requests; then what the next sample and the engine keep.
+  struct Pass;
+  struct TreeUse;
+  void readWorkingFolders(Pass& pass);
+  void collectTree(Pass& pass, std::size_t g) const;
+  TreeUse measureTree(Pass& pass, const Group& group);
+  void countEnergy(Pass& pass, const ProcessInfo& info, TreeUse& use);
+  bool runsTool(const Pass& pass, const Group& group, int p) const;
+  bool wroteTranscript(Pass& pass, std::size_t g);
+  void addSession(Pass& pass, std::size_t g, const TreeUse& use);
+  void addRequests(Pass& pass, bool requestsCount);
+  void keep(Pass& pass);
 
   int classify(const ProcessInfo& p);
   // The requesting processes with the name of their first assertion.
@@ -201,11 +180,9 @@ class AgentWatcher {
                          const BundleMeta& meta) const;
   const BundleMeta& bundleMeta(std::string_view bundle);
   void setKinds(const std::vector<WatchedApp>& watchedApps, const std::vector<AgentKind>& extraKinds);
-  std::vector<std::string> changedTranscripts(const AgentKind& kind, double monotonic);
 
   Processes& processes_;
   Registry& registry_;
-  std::string home_;
   const Clock& clock_;
   BundleLookup bundles_;
 
@@ -243,7 +220,7 @@ class AgentWatcher {
   std::vector<Energy> lastEnergy_;  // by pid
   // Per session key (root pid and start, or an app's kind id).
   std::map<std::string, RootState> roots_;
-  std::map<std::string, TranscriptState> transcripts_;
+  TranscriptWatch transcripts_;
   std::map<std::string, Time> requestFirstSeen_;
   std::map<std::pair<std::int32_t, std::uint64_t>, std::string> sessionIds_;
 

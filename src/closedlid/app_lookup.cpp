@@ -4,7 +4,7 @@
 #include <cctype>
 #include <set>
 
-#include "power/energy_sampler.h"
+#include "platform/bundles.h"
 
 namespace vigilo {
 namespace {

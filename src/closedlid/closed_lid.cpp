@@ -8,7 +8,7 @@
 
 #include "engine/records.h"
 #include "engine/log.h"
-#include "power/energy_sampler.h"
+#include "platform/bundles.h"
 
 namespace vigilo {
 namespace {

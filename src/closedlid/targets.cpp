@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <array>
 
-#include "power/energy_sampler.h"
+#include "agents/catalogue.h"
+#include "platform/bundles.h"
 
 namespace vigilo {
 namespace {
@@ -214,7 +215,7 @@ std::map<std::int32_t, ClosedTarget> closedTargets(const TargetInputs& in, const
       const AppBundle& app = b->second;
       if (AppClasses::isSystemApp(app.path) || AppClasses::isSystemApp(p.path)) continue;
       if (keptBundles.count(app.path) || (app.bundleId && keptBundles.count(*app.bundleId))) continue;
-      if (app.bundleId == kClaudeAppBundle) continue;
+      if (app.bundleId == kClaudeAppBundle) continue;  // the Claude app is never a target
       AppRule rule = ruleFor(app.bundleId, in.preset, in.rules);
       if (rule == AppRule::Leave) continue;
       if (rule == AppRule::Pause && AppClasses::isAgentService(nameOf(p))) rule = AppRule::Slow;

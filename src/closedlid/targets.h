@@ -33,9 +33,6 @@ bool isBuildTool(std::string_view name);
 bool isSystemApp(std::string_view path);
 }  // namespace AppClasses
 
-// The Claude app, which is never made a target.
-inline constexpr std::string_view kClaudeAppBundle = "com.anthropic.claudefordesktop";
-
 // One process to change while the lid is shut.
 struct ClosedTarget {
   std::int32_t pid = 0;

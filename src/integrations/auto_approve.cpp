@@ -176,6 +176,18 @@ std::string AutoApprove::fail(ordered_json j, const std::string& message, bool* 
   return message + kStillOn;
 }
 
+// What turning on changes: the two files as read, and what each will hold.
+struct AutoApprove::Edit {
+  std::string claudePath, codexPath, claudeShown, codexShown;
+  std::optional<CarefulFile> claude, codex;
+  ordered_json settings;  // Claude Code's, as read
+  // An agent whose folder isn't there isn't used here: no settings are
+  // made up for it.
+  bool claudeHere = false, codexHere = false;
+  bool claudeTouched = false, codexTouched = false;
+  std::string claudeBytes, codexText;  // what the files will hold
+};
+
 std::string AutoApprove::turnOn(Ends ends, std::optional<double> hours, bool* ok) {
   if (ok) *ok = false;
   const Time now = clock_.now();
@@ -183,106 +195,125 @@ std::string AutoApprove::turnOn(Ends ends, std::optional<double> hours, bool* ok
   std::optional<double> endsAt;
   if (ends == Ends::Time) endsAt = now + h * 3600;
   if (ends == Ends::Work) endsAt = now + kDay;
-
-  if (isOn()) {
-    // Already on: only how it ends changes.
-    bool damaged = false;
-    auto j = journal(&damaged);
-    if (!j) return "Vigilo's record of Approve everything is damaged; turn it off first.";
-    (*j)["ends"] = endsText(ends);
-    if (endsAt) {
-      (*j)["endsAt"] = *endsAt;
-    } else {
-      j->erase("endsAt");
-    }
-    if (!saveJournal(*j)) return "Couldn't save Vigilo's record of your settings, so nothing was changed.";
-    if (ok) *ok = true;
-    return kOnMessage;
-  }
+  if (isOn()) return changeEnds(ends, endsAt, ok);
 
   if (places_.home.empty() || places_.home[0] != '/') {
     return "Vigilo can't tell your home folder (HOME isn't set), so nothing was changed.";
   }
-  const std::string claudePath = places_.claudeSettings();
-  const std::string codexPath = places_.codexConfig();
-  const std::string claudeShown = places_.shown(claudePath);
-  const std::string codexShown = places_.shown(codexPath);
-
-  auto claude = CarefulFile::read(claudePath);
-  std::optional<ordered_json> settings = claude ? parseJsonObject(claude->bytes()) : std::nullopt;
-  if (!settings) return "Couldn't read " + claudeShown + " (it isn't plain JSON), so nothing was changed.";
-  auto codex = CarefulFile::read(codexPath);
-  if (!codex) return "Couldn't read " + codexShown + ", so nothing was changed.";
-  if (auto problem = TOMLTop::check(codex->bytes(), {kApproval, kSandbox})) {
-    if (problem->twice) return codexShown + " sets " + problem->key + " twice, so Vigilo left it alone.";
-    return "Couldn't edit " + problem->key + " in " + codexShown + " safely, so it was left alone.";
-  }
-
-  ordered_json newSettings;
-  try {
-    newSettings = claudeOn(*settings);
-  } catch (const std::exception& e) {
-    return "Couldn't change " + claudeShown + " (" + e.what() + "), so nothing was changed.";
-  }
-  // An agent whose folder isn't there isn't used here: no settings are
-  // made up for it.
-  const bool claudeHere = claude->existed() || isFolder(parentOf(claudePath));
-  const bool codexHere = codex->existed() || isFolder(parentOf(codexPath));
-  if (!claudeHere && !codexHere) {
-    return "Neither Claude Code nor Codex is set up here (no " + parentOf(claudeShown) + " or " +
-           parentOf(codexShown) + " folder), so nothing was changed.";
-  }
-  const bool claudeTouched = claudeHere && newSettings != *settings;
-  const std::string claudeBytes = jsonEdited(claude->bytes(), newSettings);
-  const std::string codexText = codexOn(codex->bytes());
-  const bool codexTouched = codexHere && codexText != codex->bytes();
+  Edit edit;
+  if (auto problem = planEdit(edit)) return *problem;
 
   ordered_json j = ordered_json::object();
-  if (const ordered_json* mode = defaultMode(*settings)) j["claudeMode"] = *mode;
-  if (auto skip = settings->find(kSkip); skip != settings->end()) j["claudeSkip"] = *skip;
-  j["claudeTouched"] = claudeTouched;
-  if (auto line = TOMLTop::line(codex->bytes(), kApproval)) j["codexApproval"] = *line;
-  if (auto line = TOMLTop::line(codex->bytes(), kSandbox)) j["codexSandbox"] = *line;
-  j["codexTouched"] = codexTouched;
+  if (const ordered_json* mode = defaultMode(edit.settings)) j["claudeMode"] = *mode;
+  if (auto skip = edit.settings.find(kSkip); skip != edit.settings.end()) j["claudeSkip"] = *skip;
+  j["claudeTouched"] = edit.claudeTouched;
+  if (auto line = TOMLTop::line(edit.codex->bytes(), kApproval)) j["codexApproval"] = *line;
+  if (auto line = TOMLTop::line(edit.codex->bytes(), kSandbox)) j["codexSandbox"] = *line;
+  j["codexTouched"] = edit.codexTouched;
   j["ends"] = endsText(ends);
   if (endsAt) j["endsAt"] = *endsAt;
   j["sawWork"] = false;
   j["since"] = now;
 
-  auto abandon = [&](const std::string& message) {
-    files_.remove(kAutoApproveFile);
-    std::error_code ec;
-    std::filesystem::remove_all(files_.path(kApproveRestoreFolder), ec);
-    return message;
-  };
   if (!saveJournal(j)) return abandon("Couldn't save Vigilo's record of your settings, so nothing was changed.");
   // What the watchdog needs is in place before the files change, so a crash
   // at any later point leaves it able to put them back.
-  if ((claudeTouched &&
-       !writeRestore("claude", resolved(claudePath), claude->existed() ? claude->bytes() : "{}\n", claudeBytes)) ||
-      (codexTouched && !writeRestore("codex", resolved(codexPath), codex->bytes(), codexText))) {
+  if ((edit.claudeTouched && !writeRestore("claude", resolved(edit.claudePath),
+                                           edit.claude->existed() ? edit.claude->bytes() : "{}\n", edit.claudeBytes)) ||
+      (edit.codexTouched && !writeRestore("codex", resolved(edit.codexPath), edit.codex->bytes(), edit.codexText))) {
     return abandon("Couldn't save Vigilo's record of your settings, so nothing was changed.");
   }
+  if (auto problem = applyEdit(edit, j)) return *problem;
 
-  if (claudeTouched) {
-    claude->backUp();
-    const auto written = claude->replace(claudeBytes, beforeWrite);
+  if (!editStuck(edit)) {
+    bool off = false;
+    const std::string undo = turnOff(&off);
+    const std::string message = "The settings didn't stick (another app may have rewritten them), so it was turned off again.";
+    return off ? message : message + " " + undo;
+  }
+  if (ok) *ok = true;
+  return kOnMessage;
+}
+
+std::string AutoApprove::changeEnds(Ends ends, std::optional<double> endsAt, bool* ok) {
+  // Already on: only how it ends changes.
+  bool damaged = false;
+  auto j = journal(&damaged);
+  if (!j) return "Vigilo's record of Approve everything is damaged; turn it off first.";
+  (*j)["ends"] = endsText(ends);
+  if (endsAt) {
+    (*j)["endsAt"] = *endsAt;
+  } else {
+    j->erase("endsAt");
+  }
+  if (!saveJournal(*j)) return "Couldn't save Vigilo's record of your settings, so nothing was changed.";
+  if (ok) *ok = true;
+  return kOnMessage;
+}
+
+std::optional<std::string> AutoApprove::planEdit(Edit& e) const {
+  e.claudePath = places_.claudeSettings();
+  e.codexPath = places_.codexConfig();
+  e.claudeShown = places_.shown(e.claudePath);
+  e.codexShown = places_.shown(e.codexPath);
+
+  e.claude = CarefulFile::read(e.claudePath);
+  std::optional<ordered_json> settings = e.claude ? parseJsonObject(e.claude->bytes()) : std::nullopt;
+  if (!settings) return "Couldn't read " + e.claudeShown + " (it isn't plain JSON), so nothing was changed.";
+  e.settings = std::move(*settings);
+  e.codex = CarefulFile::read(e.codexPath);
+  if (!e.codex) return "Couldn't read " + e.codexShown + ", so nothing was changed.";
+  if (auto problem = TOMLTop::check(e.codex->bytes(), {kApproval, kSandbox})) {
+    if (problem->twice) return e.codexShown + " sets " + problem->key + " twice, so Vigilo left it alone.";
+    return "Couldn't edit " + problem->key + " in " + e.codexShown + " safely, so it was left alone.";
+  }
+
+  ordered_json newSettings;
+  try {
+    newSettings = claudeOn(e.settings);
+  } catch (const std::exception& ex) {
+    return "Couldn't change " + e.claudeShown + " (" + ex.what() + "), so nothing was changed.";
+  }
+  e.claudeHere = e.claude->existed() || isFolder(parentOf(e.claudePath));
+  e.codexHere = e.codex->existed() || isFolder(parentOf(e.codexPath));
+  if (!e.claudeHere && !e.codexHere) {
+    return "Neither Claude Code nor Codex is set up here (no " + parentOf(e.claudeShown) + " or " +
+           parentOf(e.codexShown) + " folder), so nothing was changed.";
+  }
+  e.claudeTouched = e.claudeHere && newSettings != e.settings;
+  e.claudeBytes = jsonEdited(e.claude->bytes(), newSettings);
+  e.codexText = codexOn(e.codex->bytes());
+  e.codexTouched = e.codexHere && e.codexText != e.codex->bytes();
+  return std::nullopt;
+}
+
+std::string AutoApprove::abandon(const std::string& message) const {
+  files_.remove(kAutoApproveFile);
+  std::error_code ec;
+  std::filesystem::remove_all(files_.path(kApproveRestoreFolder), ec);
+  return message;
+}
+
+std::optional<std::string> AutoApprove::applyEdit(Edit& e, ordered_json& j) {
+  if (e.claudeTouched) {
+    e.claude->backUp();
+    const auto written = e.claude->replace(e.claudeBytes, beforeWrite);
     if (written.outcome == CarefulFile::Outcome::Changed) {
-      return abandon(claudeShown + " changed while Vigilo was editing it; try again.");
+      return abandon(e.claudeShown + " changed while Vigilo was editing it; try again.");
     }
     if (written.outcome == CarefulFile::Outcome::Failed) {
-      return abandon("Couldn't write " + claudeShown + " (" + written.message + "), so nothing was changed.");
+      return abandon("Couldn't write " + e.claudeShown + " (" + written.message + "), so nothing was changed.");
     }
   }
   // Codex's target appears only now that the Claude file is written, for a
   // resolved path of a file that was missing until this moment.
-  if (codexTouched) {
-    codex->backUp();
-    const auto written = codex->replace(codexText, beforeWrite);
+  if (e.codexTouched) {
+    e.codex->backUp();
+    const auto written = e.codex->replace(e.codexText, beforeWrite);
     if (written.outcome != CarefulFile::Outcome::Written) {
       const std::string message = written.outcome == CarefulFile::Outcome::Changed
-                                      ? codexShown + " changed while Vigilo was editing it; try again."
-                                      : "Couldn't write " + codexShown + " (" + written.message + ").";
+                                      ? e.codexShown + " changed while Vigilo was editing it; try again."
+                                      : "Couldn't write " + e.codexShown + " (" + written.message + ").";
       j["codexTouched"] = false;
       removeRestore("codex");
       saveJournal(j);
@@ -291,22 +322,17 @@ std::string AutoApprove::turnOn(Ends ends, std::optional<double> hours, bool* ok
       return off ? message : message + " " + undo;
     }
   }
+  return std::nullopt;
+}
 
+bool AutoApprove::editStuck(const Edit& e) {
   // Read back: another program may rewrite its settings at once.
-  auto claudeNow = CarefulFile::read(claudePath);
+  auto claudeNow = CarefulFile::read(e.claudePath);
   auto claudeParsed = claudeNow ? parseJsonObject(claudeNow->bytes()) : std::nullopt;
-  auto codexNow = CarefulFile::read(codexPath);
-  const bool stuck = (!claudeHere || (claudeParsed && claudeIsOn(*claudeParsed))) &&
-                     (!codexHere || (codexNow && TOMLTop::value(codexNow->bytes(), kApproval) == kNever &&
-                                     TOMLTop::value(codexNow->bytes(), kSandbox) == kFullAccess));
-  if (!stuck) {
-    bool off = false;
-    const std::string undo = turnOff(&off);
-    const std::string message = "The settings didn't stick (another app may have rewritten them), so it was turned off again.";
-    return off ? message : message + " " + undo;
-  }
-  if (ok) *ok = true;
-  return kOnMessage;
+  auto codexNow = CarefulFile::read(e.codexPath);
+  return (!e.claudeHere || (claudeParsed && claudeIsOn(*claudeParsed))) &&
+         (!e.codexHere || (codexNow && TOMLTop::value(codexNow->bytes(), kApproval) == kNever &&
+                           TOMLTop::value(codexNow->bytes(), kSandbox) == kFullAccess));
 }
 
 std::string AutoApprove::turnOff(bool* ok) {
@@ -322,96 +348,17 @@ std::string AutoApprove::turnOff(bool* ok) {
            ") is damaged, so it can't tell what to put back; check " + places_.shown(places_.claudeSettings()) +
            " and " + places_.shown(places_.codexConfig()) + " by hand, then delete the record." + kStillOn;
   }
-  const std::string claudePath = places_.claudeSettings();
-  const std::string codexPath = places_.codexConfig();
-  const std::string claudeShown = places_.shown(claudePath);
-  const std::string codexShown = places_.shown(codexPath);
 
   // Each agent is put back on its own: one that fails keeps its flag (and
   // its restore files) for the next try, and never keeps the other
   // unrestricted.
   std::string problems;
-  auto failed = [&](const std::string& message) {
-    problems += (problems.empty() ? "" : " ") + message;
-  };
-  auto putBackClaude = [&]() -> std::optional<std::string> {
-    auto file = CarefulFile::read(claudePath);
-    auto settings = file ? parseJsonObject(file->bytes()) : std::nullopt;
-    if (!settings) return "Couldn't read " + claudeShown + " to put it back (it isn't plain JSON or can't be opened).";
-    if (!file->existed()) return std::nullopt;
-    // Only Vigilo's own values go back; whatever the person changed since,
-    // these two keys included, stays as they have it now. A "permissions"
-    // object the file had before stays, even empty.
-    const auto restored = readWholeFile(files_.path(kApproveRestoreFolder) + "/claude.restored");
-    const auto original = restored ? parseJsonObject(*restored) : std::nullopt;
-    const bool hadPermissions = original && original->contains("permissions");
-    ordered_json back = *settings;
-    const ordered_json* mode = defaultMode(back);
-    if (mode && *mode == kBypass) {
-      ordered_json& perms = back["permissions"];
-      if (j->contains("claudeMode")) {
-        perms["defaultMode"] = (*j)["claudeMode"];
-      } else {
-        perms.erase("defaultMode");
-        if (perms.empty() && !hadPermissions) back.erase("permissions");
-      }
-    }
-    if (auto skip = back.find(kSkip); skip != back.end() && *skip == true) {
-      if (j->contains("claudeSkip")) {
-        back[kSkip] = (*j)["claudeSkip"];
-      } else {
-        back.erase(kSkip);
-      }
-    }
-    if (back == *settings) return std::nullopt;
-    const auto written = file->replace(jsonEdited(file->bytes(), back), beforeWrite);
-    if (written.outcome == CarefulFile::Outcome::Changed) {
-      return claudeShown + " changed while Vigilo was editing it; try again.";
-    }
-    if (written.outcome == CarefulFile::Outcome::Failed) {
-      return "Couldn't write " + claudeShown + " (" + written.message + ").";
-    }
-    auto again = CarefulFile::read(claudePath);
-    auto check = again ? parseJsonObject(again->bytes()) : std::nullopt;
-    const ordered_json* nowMode = check ? defaultMode(*check) : nullptr;
-    if (!check || (nowMode && *nowMode == kBypass && (*j).value("claudeMode", ordered_json()) != kBypass)) {
-      return claudeShown + " still says bypassPermissions.";
-    }
-    return std::nullopt;
-  };
-  auto putBackCodex = [&]() -> std::optional<std::string> {
-    auto file = CarefulFile::read(codexPath);
-    if (!file) return "Couldn't read " + codexShown + " to put it back.";
-    std::string back = file->bytes();
-    auto recorded = [&](const char* key) -> std::optional<std::string> {
-      const std::string line = text(*j, key);
-      if (line.empty()) return std::nullopt;
-      return line;
-    };
-    if (TOMLTop::value(back, kApproval) == kNever) back = TOMLTop::set(back, kApproval, recorded("codexApproval"));
-    if (TOMLTop::value(back, kSandbox) == kFullAccess) back = TOMLTop::set(back, kSandbox, recorded("codexSandbox"));
-    if (!file->existed() || back == file->bytes()) return std::nullopt;
-    const auto written = file->replace(back, beforeWrite);
-    if (written.outcome == CarefulFile::Outcome::Changed) {
-      return codexShown + " changed while Vigilo was editing it; try again.";
-    }
-    if (written.outcome == CarefulFile::Outcome::Failed) {
-      return "Couldn't write " + codexShown + " (" + written.message + ").";
-    }
-    auto again = readWholeFile(codexPath);
-    if (!again) return "Couldn't read " + codexShown + " back to check it.";
-    const auto before = recorded("codexApproval");
-    const bool wasNever = before && TOMLTop::value(*before, kApproval) == kNever;
-    if (TOMLTop::value(*again, kApproval) == kNever && !wasNever) return codexShown + " still says never ask.";
-    return std::nullopt;
-  };
   for (const auto& [name, touched, putBack] :
-       {std::tuple<const char*, const char*, std::function<std::optional<std::string>()>>{"claude", "claudeTouched",
-                                                                                         putBackClaude},
-        {"codex", "codexTouched", putBackCodex}}) {
+       {std::tuple{"claude", "claudeTouched", &AutoApprove::putBackClaude},
+        std::tuple{"codex", "codexTouched", &AutoApprove::putBackCodex}}) {
     if (!flag(*j, touched)) continue;
-    if (auto problem = putBack()) {
-      failed(*problem);
+    if (auto problem = (this->*putBack)(*j)) {
+      problems += (problems.empty() ? "" : " ") + *problem;
       continue;
     }
     (*j)[touched] = false;
@@ -427,6 +374,83 @@ std::string AutoApprove::turnOff(bool* ok) {
   }
   if (ok) *ok = true;
   return kOffMessage;
+}
+
+std::optional<std::string> AutoApprove::putBackClaude(const ordered_json& j) const {
+  const std::string claudePath = places_.claudeSettings();
+  const std::string claudeShown = places_.shown(claudePath);
+  auto file = CarefulFile::read(claudePath);
+  auto settings = file ? parseJsonObject(file->bytes()) : std::nullopt;
+  if (!settings) return "Couldn't read " + claudeShown + " to put it back (it isn't plain JSON or can't be opened).";
+  if (!file->existed()) return std::nullopt;
+  // Only Vigilo's own values go back; whatever the person changed since,
+  // these two keys included, stays as they have it now. A "permissions"
+  // object the file had before stays, even empty.
+  const auto restored = readWholeFile(files_.path(kApproveRestoreFolder) + "/claude.restored");
+  const auto original = restored ? parseJsonObject(*restored) : std::nullopt;
+  const bool hadPermissions = original && original->contains("permissions");
+  ordered_json back = *settings;
+  const ordered_json* mode = defaultMode(back);
+  if (mode && *mode == kBypass) {
+    ordered_json& perms = back["permissions"];
+    if (j.contains("claudeMode")) {
+      perms["defaultMode"] = j.at("claudeMode");
+    } else {
+      perms.erase("defaultMode");
+      if (perms.empty() && !hadPermissions) back.erase("permissions");
+    }
+  }
+  if (auto skip = back.find(kSkip); skip != back.end() && *skip == true) {
+    if (j.contains("claudeSkip")) {
+      back[kSkip] = j.at("claudeSkip");
+    } else {
+      back.erase(kSkip);
+    }
+  }
+  if (back == *settings) return std::nullopt;
+  const auto written = file->replace(jsonEdited(file->bytes(), back), beforeWrite);
+  if (written.outcome == CarefulFile::Outcome::Changed) {
+    return claudeShown + " changed while Vigilo was editing it; try again.";
+  }
+  if (written.outcome == CarefulFile::Outcome::Failed) {
+    return "Couldn't write " + claudeShown + " (" + written.message + ").";
+  }
+  auto again = CarefulFile::read(claudePath);
+  auto check = again ? parseJsonObject(again->bytes()) : std::nullopt;
+  const ordered_json* nowMode = check ? defaultMode(*check) : nullptr;
+  if (!check || (nowMode && *nowMode == kBypass && j.value("claudeMode", ordered_json()) != kBypass)) {
+    return claudeShown + " still says bypassPermissions.";
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> AutoApprove::putBackCodex(const ordered_json& j) const {
+  const std::string codexPath = places_.codexConfig();
+  const std::string codexShown = places_.shown(codexPath);
+  auto file = CarefulFile::read(codexPath);
+  if (!file) return "Couldn't read " + codexShown + " to put it back.";
+  std::string back = file->bytes();
+  auto recorded = [&](const char* key) -> std::optional<std::string> {
+    const std::string line = text(j, key);
+    if (line.empty()) return std::nullopt;
+    return line;
+  };
+  if (TOMLTop::value(back, kApproval) == kNever) back = TOMLTop::set(back, kApproval, recorded("codexApproval"));
+  if (TOMLTop::value(back, kSandbox) == kFullAccess) back = TOMLTop::set(back, kSandbox, recorded("codexSandbox"));
+  if (!file->existed() || back == file->bytes()) return std::nullopt;
+  const auto written = file->replace(back, beforeWrite);
+  if (written.outcome == CarefulFile::Outcome::Changed) {
+    return codexShown + " changed while Vigilo was editing it; try again.";
+  }
+  if (written.outcome == CarefulFile::Outcome::Failed) {
+    return "Couldn't write " + codexShown + " (" + written.message + ").";
+  }
+  auto again = readWholeFile(codexPath);
+  if (!again) return "Couldn't read " + codexShown + " back to check it.";
+  const auto before = recorded("codexApproval");
+  const bool wasNever = before && TOMLTop::value(*before, kApproval) == kNever;
+  if (TOMLTop::value(*again, kApproval) == kNever && !wasNever) return codexShown + " still says never ask.";
+  return std::nullopt;
 }
 
 std::optional<std::string> AutoApprove::dropUnapplied() const {

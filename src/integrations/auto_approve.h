@@ -83,6 +83,21 @@ class AutoApprove {
                     const std::string& left) const;
   void removeRestore(const std::string& name) const;
 
+  // The steps of turnOn: what the files will hold, the edit itself, and
+  // whether it stuck.
+  struct Edit;
+  std::string changeEnds(Ends ends, std::optional<double> endsAt, bool* ok);
+  std::optional<std::string> planEdit(Edit& e) const;
+  std::optional<std::string> applyEdit(Edit& e, nlohmann::ordered_json& j);
+  static bool editStuck(const Edit& e);
+  // Removes the record and the restore copies of an edit that never
+  // happened, and gives `message`.
+  std::string abandon(const std::string& message) const;
+  // The steps of turnOff: puts one agent's file back as the record `j`
+  // says; what went wrong, or nothing.
+  std::optional<std::string> putBackClaude(const nlohmann::ordered_json& j) const;
+  std::optional<std::string> putBackCodex(const nlohmann::ordered_json& j) const;
+
   StateFiles files_;
   AgentPlaces places_;
   const Clock& clock_;

@@ -460,14 +460,24 @@ TEST_F(WatcherTest, TranscriptsShowActivityOfAnIdleAgent) {
   EXPECT_FALSE(watcher_->transcriptsChanged(claude));
 
   // Given an idle Codex whose transcripts move: it is active.
-  start("/usr/local/bin/codex", {"codex"});
-  touchAt(home() + "/.codex/sessions/2026/01/02/rollout-1.jsonl", 1000);
+  const std::int32_t codex = start("/usr/local/bin/codex", {"codex"});
+  const std::string rollout = home() + "/.codex/sessions/2026/01/02/rollout-1.jsonl";
+  touchAt(rollout, 1000);
   sampleAfter(2);
   sampleAfter(2);
   EXPECT_FALSE(session("codex")->lastActive) << "a first look only takes note";
-  touchAt(home() + "/.codex/sessions/2026/01/02/rollout-1.jsonl", 1100);
+  touchAt(rollout, 1100);
   sampleAfter(2);
   EXPECT_EQ(session("codex")->lastActive, clock_.now());
+  // A transcript written while the tree draws power is taken in then: once
+  // the agent goes quiet it marks nothing more, so its quiet time starts.
+  laptop().setProcessWatts(codex, 5.0);
+  touchAt(rollout, 1200);
+  sampleAfter(2);
+  const Time busyAt = clock_.now();
+  laptop().setProcessWatts(codex, 0.0);
+  sampleAfter(2);
+  EXPECT_EQ(session("codex")->lastActive, busyAt);
 }
 
 TEST_F(WatcherTest, AClaudeTranscriptMarksOnlyTheSessionsOfItsWorkingFolder) {

@@ -9,6 +9,7 @@
 
 #include "commands/command_center.h"
 #include "engine/engine.h"
+#include "platform/bundles.h"
 #include "platform/manual_run_loop.h"
 #include "platform/sim/sim_laptop.h"
 #include "power/energy_sampler.h"
