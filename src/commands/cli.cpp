@@ -12,8 +12,6 @@
 #include <istream>
 #include <ostream>
 #include <map>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -32,8 +30,7 @@
 #include "platform/text.h"
 #include "platform/fd_stream.h"
 #include "platform/files.h"
-
-extern char** environ;
+#include "platform/spawn.h"
 
 namespace vigilo {
 namespace {
@@ -480,36 +477,17 @@ class Cli {
   // Runs the command through /usr/bin/env as a child in our terminal; while
   // it runs, Ctrl-C is the child's to handle, so we stay to end the hold.
   static int spawnAndWait(const std::vector<std::string>& command) {
-    std::vector<std::string> argv{"/usr/bin/env"};
-    argv.insert(argv.end(), command.begin(), command.end());
-    std::vector<char*> cargs;
-    for (auto& a : argv) cargs.push_back(const_cast<char*>(a.c_str()));
-    cargs.push_back(nullptr);
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    sigset_t none, defaults;
-    sigemptyset(&none);
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGINT);
-    sigaddset(&defaults, SIGQUIT);
-    posix_spawnattr_setsigmask(&attr, &none);
-    posix_spawnattr_setsigdefault(&attr, &defaults);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    SpawnOptions options;
+    options.argv = {"/usr/bin/env"};
+    options.argv.insert(options.argv.end(), command.begin(), command.end());
+    options.clearSignalMask = true;
+    options.defaultSignals = {SIGINT, SIGQUIT};
     struct sigaction ignore {}, oldInt {}, oldQuit {};
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGINT, &ignore, &oldInt);
     sigaction(SIGQUIT, &ignore, &oldQuit);
-    pid_t pid = 0;
-    int rc = posix_spawn(&pid, "/usr/bin/env", nullptr, &attr, cargs.data(), environ);
-    posix_spawnattr_destroy(&attr);
-    int result = -1;
-    if (rc == 0) {
-      int status = 0;
-      while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-      }
-      if (WIFEXITED(status)) result = WEXITSTATUS(status);
-      if (WIFSIGNALED(status)) result = 128 + WTERMSIG(status);
-    }
+    const Spawned child = spawnProcess(options);
+    const int result = child ? waitForExit(child.pid).code : -1;
     sigaction(SIGINT, &oldInt, nullptr);
     sigaction(SIGQUIT, &oldQuit, nullptr);
     return result;
