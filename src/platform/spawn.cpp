@@ -40,6 +40,26 @@ ExitStatus decode(int status) {
   return {};
 }
 
+// The session and signal choices of `o` in `attr`.
+void setAttributes(posix_spawnattr_t& attr, const SpawnOptions& o) {
+  short flags = 0;
+  if (o.clearSignalMask) {
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attr, &none);
+    flags |= POSIX_SPAWN_SETSIGMASK;
+  }
+  if (!o.defaultSignals.empty()) {
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    for (int s : o.defaultSignals) sigaddset(&defaults, s);
+    posix_spawnattr_setsigdefault(&attr, &defaults);
+    flags |= POSIX_SPAWN_SETSIGDEF;
+  }
+  if (o.newSession) flags |= POSIX_SPAWN_SETSID;
+  posix_spawnattr_setflags(&attr, flags);
+}
+
 }  // namespace
 
 Spawned spawnProcess(const SpawnOptions& o) {
@@ -101,22 +121,7 @@ Spawned spawnProcess(const SpawnOptions& o) {
     if (int rc = posix_spawn_file_actions_adddup2(&parts.actions, copy, theirs); rc != 0) return fail(rc);
   }
 
-  short flags = 0;
-  if (o.clearSignalMask) {
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_setsigmask(&parts.attr, &none);
-    flags |= POSIX_SPAWN_SETSIGMASK;
-  }
-  if (!o.defaultSignals.empty()) {
-    sigset_t defaults;
-    sigemptyset(&defaults);
-    for (int s : o.defaultSignals) sigaddset(&defaults, s);
-    posix_spawnattr_setsigdefault(&parts.attr, &defaults);
-    flags |= POSIX_SPAWN_SETSIGDEF;
-  }
-  if (o.newSession) flags |= POSIX_SPAWN_SETSID;
-  posix_spawnattr_setflags(&parts.attr, flags);
+  setAttributes(parts.attr, o);
 
   std::vector<char*> argv;
   for (const auto& a : o.argv) argv.push_back(const_cast<char*>(a.c_str()));
