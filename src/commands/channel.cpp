@@ -11,9 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <sys/stat.h>
-#include <spawn.h>
 #include <sys/file.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -26,8 +24,7 @@
 #include "platform/files.h"
 #include "platform/private_folder.h"
 #include "platform/socket_listener.h"
-
-extern char** environ;
+#include "platform/spawn.h"
 
 namespace vigilo {
 namespace {
@@ -38,33 +35,20 @@ std::string repliesFolder(const std::string& appFolder) { return appFolder + "/"
 
 std::string selfExecutable() { return ownExecutable().value_or("vigilo"); }
 
-// Runs argv detached from us (a new session, our blocked signals cleared) and
-// waits only for the starter itself when `wait` is set.
+// Runs argv detached from us (a new session, our blocked signals cleared),
+// its output in a new file of its own, and waits only for the starter itself
+// when `wait` is set.
 bool spawn(const std::vector<std::string>& argv, const std::string& output, bool wait) {
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600);
-  posix_spawn_file_actions_adddup2(&actions, 1, 2);
-  posix_spawnattr_t attr;
-  posix_spawnattr_init(&attr);
-  sigset_t none;
-  sigemptyset(&none);
-  posix_spawnattr_setsigmask(&attr, &none);
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSID);
-  std::vector<char*> args;
-  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  pid_t pid = 0;
-  int rc = posix_spawn(&pid, args[0], &actions, &attr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attr);
-  if (rc != 0) return false;
-  if (!wait) return true;
-  int status = 0;
-  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  SpawnOptions options;
+  options.argv = argv;
+  options.in = SpawnStream::null();
+  options.out = SpawnStream::file(output);
+  options.err = SpawnStream::output();
+  options.newSession = true;
+  options.clearSignalMask = true;
+  const Spawned child = spawnProcess(options);
+  if (!child) return false;
+  return !wait || waitForExit(child.pid).ok();
 }
 
 double wallNow() {

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "commands/cli_args.h"  // parseDuration
 #include "platform/platform.h"
 
 namespace vigilo {
@@ -35,11 +36,6 @@ struct ToolMachine {
 // one request to the running app; the local ones work without it.
 // Gives the process's exit status.
 int runCli(const std::vector<std::string>& args, ToolMachine machine);
-
-// A duration for --for in minutes: a bare number is minutes; otherwise
-// numbers (a decimal point allowed) each followed by h or m, in either case,
-// summed ("90m", "2h", "1h30m"). Cut to 10080. Nothing when malformed.
-std::optional<double> parseDuration(const std::string& text);
 
 // The app folder the tool talks to: VIGILO_HOME, else
 // ${XDG_DATA_HOME:-~/.local/share}/vigilo.

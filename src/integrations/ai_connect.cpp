@@ -2,15 +2,10 @@
 
 #include "platform/own_program.h"
 
-#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <fcntl.h>
 #include <filesystem>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 #include "agents/careful_file.h"
@@ -18,8 +13,7 @@
 #include "integrations/toml_check.h"
 #include "integrations/toml_top.h"
 #include "platform/files.h"
-
-extern char** environ;
+#include "platform/spawn.h"
 
 namespace vigilo {
 namespace {
@@ -29,7 +23,7 @@ using ordered_json = nlohmann::ordered_json;
 constexpr const char* kCodexTable = "mcp_servers.vigilo";
 // The claude tool may stop to ask something on a first run; it gets this
 // long before the file is edited instead.
-constexpr auto kToolTimeout = std::chrono::seconds(30);
+constexpr std::chrono::milliseconds kToolTimeout = std::chrono::seconds(30);
 
 bool isRunnableFile(const std::string& path) {
   struct stat st {};
@@ -147,35 +141,21 @@ std::string notToml(const std::string& shown, const std::string& problem) {
 }  // namespace
 
 int runTool(const std::string& program, const std::vector<std::string>& args) {
-  std::vector<std::string> argv{program};
-  argv.insert(argv.end(), args.begin(), args.end());
-  std::vector<char*> cargs;
-  for (auto& a : argv) cargs.push_back(a.data());
-  cargs.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  pid_t pid = 0;
-  const int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, cargs.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) return -1;
-  const auto deadline = std::chrono::steady_clock::now() + kToolTimeout;
-  int status = 0;
-  for (;;) {
-    const pid_t done = ::waitpid(pid, &status, WNOHANG);
-    if (done == pid) break;
-    if (done < 0 && errno != EINTR) return -1;
-    if (std::chrono::steady_clock::now() > deadline) {
-      ::kill(pid, SIGKILL);
-      while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-      }
-      return -1;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  SpawnOptions options;
+  options.argv = {program};
+  options.argv.insert(options.argv.end(), args.begin(), args.end());
+  options.in = SpawnStream::null();
+  options.out = SpawnStream::null();
+  options.err = SpawnStream::null();
+  const Spawned tool = spawnProcess(options);
+  if (!tool) return -1;
+  const auto ended = waitForExit(tool.pid, kToolTimeout);
+  if (!ended) {
+    ::kill(tool.pid, SIGKILL);
+    waitForExit(tool.pid);
+    return -1;
   }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return ended->signalled ? -1 : ended->code;
 }
 
 AIConnect::AIConnect(AgentPlaces places, ToolRunner runner) : places_(std::move(places)), runner_(std::move(runner)) {}

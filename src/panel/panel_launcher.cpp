@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <memory>
 #include <filesystem>
-#include <spawn.h>
 #include <string_view>
 #include <sys/random.h>
 #include <sys/socket.h>
@@ -17,6 +16,7 @@
 #include <unistd.h>
 
 #include "panel/panel_command.h"
+#include "platform/spawn.h"
 
 extern char** environ;
 
@@ -124,59 +124,40 @@ bool PanelLauncher::start(Child& child, const std::vector<std::string>& extra, b
     if (withControl) ::close(control[0]), ::close(control[1]);
     return false;
   }
-  const std::string& exe = *self;
-  std::vector<std::string> words{exe, "panel"};
-  for (const auto& w : extra) words.push_back(w);
-  if (withControl) words.insert(words.end(), {"--control-fd", std::to_string(kControlFd)});
-  std::vector<char*> argv;
-  for (auto& w : words) argv.push_back(w.data());
-  argv.push_back(nullptr);
+  SpawnOptions options;
+  options.argv = {*self, "panel"};
+  for (const auto& w : extra) options.argv.push_back(w);
+  if (withControl) options.argv.insert(options.argv.end(), {"--control-fd", std::to_string(kControlFd)});
   // The same app folder whatever the caller's environment said.
-  std::vector<std::string> envText{"VIGILO_HOME=" + appFolder_};
+  std::vector<std::string> env{"VIGILO_HOME=" + appFolder_};
   for (char** e = environ; *e != nullptr; ++e) {
     const std::string_view entry(*e);
     if (entry.rfind("VIGILO_HOME=", 0) == 0) continue;
     // The test driver clicks and confirms by itself: never on a real
     // machine, where only a person may loosen a safety setting.
     if (!simulated_ && entry.rfind("VIGILO_PANEL_SCRIPT=", 0) == 0) continue;
-    envText.emplace_back(entry);
+    env.emplace_back(entry);
   }
-  std::vector<char*> envp;
-  for (auto& e : envText) envp.push_back(e.data());
-  envp.push_back(nullptr);
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  if (withControl) posix_spawn_file_actions_adddup2(&actions, control[1], kControlFd);
+  options.environment = std::move(env);
+  if (withControl) options.handOver.emplace_back(control[1], kControlFd);
   if (captureOutput) {
-    posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, output[1], STDERR_FILENO);
+    options.out = SpawnStream::of(output[1]);
+    options.err = SpawnStream::of(output[1]);
   }
-  posix_spawnattr_t attr;
-  posix_spawnattr_init(&attr);
   // The loop blocks the signals it reads from a signalfd; the panel needs
   // them back (Ctrl-C, the app's SIGTERM).
-  sigset_t none, all;
-  sigemptyset(&none);
-  sigfillset(&all);
-  posix_spawnattr_setsigmask(&attr, &none);
-  sigset_t defaults;
-  sigemptyset(&defaults);
-  for (int s : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGCHLD}) sigaddset(&defaults, s);
-  posix_spawnattr_setsigdefault(&attr, &defaults);
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  pid_t pid = -1;
-  const int rc = ::posix_spawn(&pid, exe.c_str(), &actions, &attr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attr);
+  options.clearSignalMask = true;
+  options.defaultSignals = {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGCHLD};
+  const Spawned panel = spawnProcess(options);
   if (withControl) ::close(control[1]);
   if (captureOutput) ::close(output[1]);
-  if (rc != 0) {
-    error = std::string("couldn't start the panel: ") + std::strerror(rc);
+  if (!panel) {
+    error = "couldn't start the panel: " + std::string(std::strerror(panel.code));
     if (withControl) ::close(control[0]);
     if (captureOutput) ::close(output[0]);
     return false;
   }
+  const pid_t pid = panel.pid;
   child.pid = pid;
   child.control = withControl ? control[0] : -1;
   child.output = captureOutput ? output[0] : -1;

@@ -2,11 +2,9 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-extern char** environ;
+#include "platform/spawn.h"
 
 namespace vigilo {
 
@@ -27,19 +25,14 @@ CommandOutput ProcessRunner::run(const std::vector<std::string>& argv) {
     result.output = "couldn't make a pipe";
     return result;
   }
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 2);
-  std::vector<char*> args;
-  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  pid_t pid = -1;
-  const int err = ::posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
+  SpawnOptions options;
+  options.argv = argv;
+  options.in = SpawnStream::null();
+  options.out = SpawnStream::of(pipeFds[1]);
+  options.err = SpawnStream::of(pipeFds[1]);
+  const Spawned child = spawnProcess(options);
   ::close(pipeFds[1]);
-  if (err != 0) {
+  if (!child) {
     ::close(pipeFds[0]);
     result.status = 127;
     result.output = "couldn't start " + argv[0];
@@ -53,14 +46,7 @@ CommandOutput ProcessRunner::run(const std::vector<std::string>& argv) {
     if (result.output.size() < (1u << 20)) result.output.append(buf, static_cast<std::size_t>(n));
   }
   ::close(pipeFds[0]);
-  int status = 0;
-  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  if (WIFEXITED(status)) {
-    result.status = WEXITSTATUS(status);
-  } else if (WIFSIGNALED(status)) {
-    result.status = 128 + WTERMSIG(status);
-  }
+  result.status = waitForExit(child.pid).code;
   return result;
 }
 

@@ -1,19 +1,14 @@
 #include "platform/linux/desktop_alerts.h"
 
 #include "platform/linux/session_bus.h"
+#include "platform/spawn.h"
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <cctype>
-#include <cerrno>
 #include <cstdlib>
 #include <vector>
-
-extern char** environ;
 
 namespace vigilo {
 namespace {
@@ -105,29 +100,14 @@ class DesktopAlerts final : public AlertOutlets {
 
   // Runs a player to its end, silently; its output goes nowhere.
   static bool run(std::vector<std::string> argv) {
-    std::vector<char*> args;
-    for (auto& a : argv) args.push_back(a.data());
-    args.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
+    SpawnOptions options;
+    options.argv = std::move(argv);
+    options.out = SpawnStream::null();
+    options.err = SpawnStream::null();
     // The app blocks signals for its loop; the player starts with none blocked.
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_setsigmask(&attr, &none);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
-    pid_t pid = -1;
-    const int rc = posix_spawn(&pid, args[0], &actions, &attr, args.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attr);
-    if (rc != 0) return false;
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    options.clearSignalMask = true;
+    const Spawned player = spawnProcess(options);
+    return player && waitForExit(player.pid).ok();
   }
 
   DesktopAlertOptions o_;
