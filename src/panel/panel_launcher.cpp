@@ -106,6 +106,21 @@ void PanelLauncher::forget(Child& child) {
   child = Child{};
 }
 
+// The panel's environment: ours, with the same app folder whatever the
+// caller's environment said.
+std::vector<std::string> PanelLauncher::panelEnvironment() const {
+  std::vector<std::string> env{"VIGILO_HOME=" + appFolder_};
+  for (char** e = environ; *e != nullptr; ++e) {
+    const std::string_view entry(*e);
+    if (entry.rfind("VIGILO_HOME=", 0) == 0) continue;
+    // The test driver clicks and confirms by itself: never on a real
+    // machine, where only a person may loosen a safety setting.
+    if (!simulated_ && entry.rfind("VIGILO_PANEL_SCRIPT=", 0) == 0) continue;
+    env.emplace_back(entry);
+  }
+  return env;
+}
+
 bool PanelLauncher::start(Child& child, const std::vector<std::string>& extra, bool withControl, bool captureOutput,
                           std::function<void(pid_t, int)> exited, std::string& error) {
   const std::optional<std::string> self = ownExecutable();
@@ -128,17 +143,7 @@ bool PanelLauncher::start(Child& child, const std::vector<std::string>& extra, b
   options.argv = {*self, "panel"};
   for (const auto& w : extra) options.argv.push_back(w);
   if (withControl) options.argv.insert(options.argv.end(), {"--control-fd", std::to_string(kControlFd)});
-  // The same app folder whatever the caller's environment said.
-  std::vector<std::string> env{"VIGILO_HOME=" + appFolder_};
-  for (char** e = environ; *e != nullptr; ++e) {
-    const std::string_view entry(*e);
-    if (entry.rfind("VIGILO_HOME=", 0) == 0) continue;
-    // The test driver clicks and confirms by itself: never on a real
-    // machine, where only a person may loosen a safety setting.
-    if (!simulated_ && entry.rfind("VIGILO_PANEL_SCRIPT=", 0) == 0) continue;
-    env.emplace_back(entry);
-  }
-  options.environment = std::move(env);
+  options.environment = panelEnvironment();
   if (withControl) options.handOver.emplace_back(control[1], kControlFd);
   if (captureOutput) {
     options.out = SpawnStream::of(output[1]);

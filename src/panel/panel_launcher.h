@@ -59,6 +59,7 @@ class PanelLauncher {
     std::shared_ptr<std::string> said = std::make_shared<std::string>();
   };
   // Starts `vigilo panel extra...`; false with `error` set on failure.
+  std::vector<std::string> panelEnvironment() const;
   bool start(Child& child, const std::vector<std::string>& extra, bool withControl, bool captureOutput,
              std::function<void(pid_t pid, int status)> exited, std::string& error);
   void forget(Child& child);
