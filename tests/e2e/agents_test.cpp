@@ -1,10 +1,13 @@
 #include <csignal>
 #include <filesystem>
+#include <regex>
 
 #include <gtest/gtest.h>
 
+#include "agents/agent_events.h"
 #include "commands/channel.h"
 #include "e2e/sim_app.h"
+#include "platform/notifications.h"
 #include "platform/sim/sim_laptop.h"
 #include "test_support.h"
 
@@ -14,22 +17,39 @@ namespace {
 using namespace std::chrono_literals;
 using json = nlohmann::json;
 
-// Given the app in mode auto on a simulated laptop where a "claude" process
-// runs, and Claude Code's hooks piped into the real `vigilo event`.
+// Given the app in mode auto on a simulated laptop whose clock runs five
+// times fast, where a "claude" process runs, and Claude Code's hooks piped
+// into the real `vigilo event`.
 class AgentsTest : public SimAppTest {
  protected:
+  static constexpr double kSpeed = 5;
+
   void SetUp() override {
     writeFile(home_ + "/config.json", R"({"mode": "auto", "quietMinutes": 1})");
-    writeFile(state_, R"({"processes": [{"path": "/usr/local/bin/claude", "args": ["claude"],
+    writeFile(state_, R"({"clockSpeed": 5, "processes": [{"path": "/usr/local/bin/claude", "args": ["claude"],
                                          "cwd": "/home/me/vigilo", "watts": 0}]})");
     startApp();
+    upAt_ = SystemClock().now();
   }
+  // The app's clock started before it first answered, so counting from then
+  // gives a time never ahead of it (and behind by at most the start-up).
+  Time appNow() const { return upAt_ + (SystemClock().now() - upAt_) * kSpeed; }
+  // The hook stamps its event with the tool's own clock, which the fast
+  // laptop has left behind; the event is stamped again with the app's time,
+  // and the app told, as the hook does.
   void hook(const std::string& event, const std::string& extra = "", const std::string& session = "abc123") {
     const std::string input = R"({"session_id":")" + session +
                               R"(","transcript_path":"/tmp/t.jsonl","cwd":"/home/me/vigilo",)"
                               R"("hook_event_name":")" + event + "\"" + extra + "}";
     ToolRun r = runToolWithInput({"event", "claude-code"}, home_, input);
     ASSERT_EQ(r.status, 0) << r.err;
+    const std::string file = home_ + "/agent-events/" + session + ".json";
+    if (!fileExists(file)) return;
+    json e = json::parse(readFile(file));
+    e["at"] = appNow();
+    writeFile(file + ".new", e.dump());
+    std::filesystem::rename(file + ".new", file);
+    ASSERT_TRUE(makeSocketNotifications(home_, nullptr)->post(kAgentEventNotification, "{}"));
   }
   std::string reason() {
     ToolRun r = vigilo({"status", "--json"});
@@ -40,6 +60,7 @@ class AgentsTest : public SimAppTest {
   bool reasonBecomes(const std::string& expected) {
     return waitFor([&] { return reason() == expected; }, 10s);
   }
+  Time upAt_ = 0;
 };
 
 TEST_F(AgentsTest, ClaudeCodeHooksHoldWithTheRightReasonAndSleepTheQuietMinuteAfterTheStop) {
@@ -60,34 +81,43 @@ TEST_F(AgentsTest, ClaudeCodeHooksHoldWithTheRightReasonAndSleepTheQuietMinuteAf
     l.setProcessWatts(pid, 2.0);
   }));
   const json prompt = {{"agent", "claude-code"}, {"session", "abc123"}, {"state", "working"},
-                       {"at", SystemClock().now() - 120}, {"pid", pid}, {"pidStart", start}};
+                       {"at", appNow() - 120}, {"pid", pid}, {"pidStart", start}};
   writeFile(home_ + "/agent-events/abc123.json", prompt.dump());
   hook("SessionEnd", "", "another");
   EXPECT_TRUE(reasonBecomes("Claude Code is working in vigilo")) << reason() << app_->output();
   EXPECT_TRUE(sleepDisabled()) << app_->output() << readFile(state_);
 
+  // Idle while it asks; the quiet minute runs from the last of its work.
+  const Time idleFrom = appNow();
+  ASSERT_TRUE(editSimStateFile(state_, SystemClock(), [&](SimLaptop& l) { l.setProcessWatts(pid, 0.0); }));
   hook("Notification", R"(,"message":"Claude needs your permission to use Bash","title":"Permission needed",)"
                        R"("notification_type":"permission_prompt","some_new_field":[1,2])");
   EXPECT_TRUE(reasonBecomes("Claude Code is waiting for you")) << reason() << app_->output();
   EXPECT_TRUE(sleepDisabled());
 
-  // Idle, then the Stop: a minute later, not sooner, it sleeps.
-  ASSERT_TRUE(editSimStateFile(state_, SystemClock(), [&](SimLaptop& l) { l.setProcessWatts(pid, 0.0); }));
+  // Then the Stop and the session's end: not asleep yet.
   hook("Stop", R"(,"stop_hook_active":false,"last_assistant_message":"Done.")");
-  const auto stopped = std::chrono::steady_clock::now();
   EXPECT_TRUE(reasonBecomes("Claude Code stopped · sleeps in 1 min")) << reason() << app_->output();
   hook("SessionEnd", R"(,"reason":"prompt_input_exit")");
+  EXPECT_FALSE(fileExists(home_ + "/agent-events/abc123.json"));
   EXPECT_TRUE(sleepDisabled());
 
-  ASSERT_TRUE(waitFor([&] { return outputHas("» Claude Code finished"); }, 75s)) << app_->output();
-  const double after = std::chrono::duration<double>(std::chrono::steady_clock::now() - stopped).count();
-  EXPECT_GE(after, 58.0);
-  EXPECT_LE(after, 66.0);
-  EXPECT_NE(app_->output().find("alert: Claude Code finished after 2 min of work"), std::string::npos)
+  // A minute later on the laptop's clock, not sooner, it sleeps. The app
+  // stamps the laptop's file with its clock as it switches sleep back on
+  // (at most a tick late).
+  ASSERT_TRUE(waitFor([&] { return outputHas("» Claude Code finished"); }, 30s)) << app_->output();
+  json laptop;
+  ASSERT_TRUE(waitFor(
+      [&] {
+        laptop = json::parse(readFile(state_), nullptr, false);
+        return !laptop.value("sleepDisabled", true);
+      },
+      5s));
+  EXPECT_GE(laptop.value("updated", 0.0) - idleFrom, 58.0);
+  EXPECT_NE(app_->output().find("alert: Claude Code needs you"), std::string::npos) << app_->output();
+  // Two minutes of work and the few seconds the test took, times five.
+  EXPECT_TRUE(std::regex_search(app_->output(), std::regex("alert: Claude Code finished after [23] min of work")))
       << app_->output();
-  EXPECT_NE(app_->output().find("alert: Claude Code needs you"), std::string::npos);
-  EXPECT_TRUE(waitFor([&] { return !sleepDisabled(); }, 5s));
-  EXPECT_FALSE(fileExists(home_ + "/agent-events/abc123.json"));
 }
 
 }  // namespace

@@ -18,6 +18,9 @@ using namespace std::chrono_literals;
 using WakeCommandsTest = SimAppTest;
 
 TEST_F(WakeCommandsTest, WakeAtAndCheckInDoWhatTheHelpSays) {
+  // Wakes are looked at every tenth second of the laptop's clock: at five
+  // times the speed, every two seconds.
+  writeFile(state_, R"({"clockSpeed": 5})");
   startApp();
   auto config = [&] {
     return Config::fromJson(nlohmann::json::parse(readFile(home_ + "/config.json"), nullptr, false));
