@@ -24,6 +24,7 @@
 #include "platform/leftovers.h"
 #include "integrations/auto_approve.h"
 #include "app/host.h"
+#include "commands/reply_values.h"
 #include "ui/hotkey.h"
 #include "ui/island.h"
 #include "ui/tray_model.h"
@@ -430,7 +431,7 @@ class App {
   }
 
   void hotkeyPressed() {
-    const char* next = modeRequestText(nextMode(engine_.config().mode));
+    const std::string next = modeText(nextMode(engine_.config().mode));
     nlohmann::json reply = center_.handle("mode", {{"mode", next}});
     say(std::string("hotkey: mode ") + next);
     if (!reply.value("ok", false)) say("warning: " + reply.value("error", std::string("the hotkey's mode change failed")));

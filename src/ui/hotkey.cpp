@@ -14,16 +14,4 @@ Mode nextMode(Mode mode) {
   return Mode::Auto;
 }
 
-const char* modeRequestText(Mode mode) {
-  switch (mode) {
-    case Mode::Off:
-      return "off";
-    case Mode::Auto:
-      return "auto";
-    case Mode::On:
-      return "always";
-  }
-  return "auto";
-}
-
 }  // namespace vigilo

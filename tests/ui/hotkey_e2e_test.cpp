@@ -15,6 +15,7 @@
 #include "e2e/sim_app.h"
 #include "platform/linux/bus_children.h"
 #include "test_support.h"
+#include "commands/reply_values.h"
 #include "ui/hotkey.h"
 
 namespace vigilo::test {
@@ -26,7 +27,7 @@ using json = nlohmann::json;
 TEST(HotkeyModeTest, EachPressMovesToTheNextModeAndComesRound) {
   Mode m = Mode::Off;
   std::vector<std::string> seen;
-  for (int i = 0; i < 4; ++i) seen.push_back(modeRequestText(m = nextMode(m)));
+  for (int i = 0; i < 4; ++i) seen.push_back(modeText(m = nextMode(m)));
   EXPECT_EQ(seen, (std::vector<std::string>{"auto", "always", "off", "auto"}));
 }
 
