@@ -20,6 +20,7 @@
 #include <mutex>
 #include <cstddef>
 #include <cstring>
+#include <nlohmann/json.hpp>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>

@@ -5,6 +5,7 @@
 // directly.
 #include <array>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 
 #include "agents/claude_hooks.h"
 #include "agents/careful_file.h"

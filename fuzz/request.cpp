@@ -2,6 +2,7 @@
 // command center against an engine on a simulated laptop, reply file and
 // all.
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "commands/command_center.h"
 #include "engine/engine.h"

@@ -2,6 +2,8 @@
 // at start and on every tick, written back after a change, and edited
 // under its lock by tools.
 #include "fuzz_target.h"
+
+#include <nlohmann/json.hpp>
 #include "platform/manual_run_loop.h"
 #include "platform/sim/sim_laptop.h"
 

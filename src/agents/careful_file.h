@@ -6,7 +6,7 @@
 #include <string_view>
 #include <sys/types.h>
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include "platform/result.h"
 #include "platform/text.h"

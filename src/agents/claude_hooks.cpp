@@ -3,6 +3,7 @@
 #include "platform/own_program.h"
 
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <cstring>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <sys/file.h>
 #include <thread>

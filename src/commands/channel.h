@@ -4,7 +4,7 @@
 #include <string>
 #include <sys/types.h>
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include "platform/notifications.h"
 

@@ -1,6 +1,7 @@
 #include "commands/cli_print.h"
 
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 #include "engine/engine.h"
 #include "platform/text.h"

@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 // How the command-line tool prints the app's replies for a person; `--json`
 // prints them whole instead.

@@ -88,6 +88,8 @@ std::optional<bool> truthArg(const json& args, const char* key) {
 
 CommandCenter::CommandCenter(Engine& engine, std::function<void()> quit) : engine_(engine), quit_(std::move(quit)) {}
 
+json CommandCenter::ok() { return ok(json::object()); }
+
 json CommandCenter::ok(json fields) {
   json reply = {{"ok", true}, {"status", engine_.statusLine()}};
   for (auto& [k, v] : fields.items()) reply[k] = v;

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include "engine/engine.h"
 
@@ -84,7 +84,8 @@ class CommandCenter {
   nlohmann::json statusDictionary();
 
  private:
-  nlohmann::json ok(nlohmann::json fields = nlohmann::json::object());
+  nlohmann::json ok();
+  nlohmann::json ok(nlohmann::json fields);
   nlohmann::json fail(const std::string& error);
   // A refusal when a text argument is too long to be meant, else null.
   nlohmann::json tooLong(const nlohmann::json& args);

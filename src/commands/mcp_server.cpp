@@ -4,6 +4,7 @@
 #include <cmath>
 #include <exception>
 #include <istream>
+#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 #include <vector>

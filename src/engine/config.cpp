@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <functional>
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "platform/text.h"

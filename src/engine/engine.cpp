@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <langinfo.h>
 #include <locale.h>
+#include <nlohmann/json.hpp>
 
 #include "engine/beats.h"
 #include "engine/log.h"

@@ -1,5 +1,7 @@
 #include "engine/engine.h"
 
+#include <nlohmann/json.hpp>
+
 #include "engine/log.h"
 #include "engine/records.h"
 

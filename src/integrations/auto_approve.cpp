@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <tuple>
 
 #include "agents/agent_work.h"

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <string_view>
 #include <sys/random.h>
 #include <sys/socket.h>

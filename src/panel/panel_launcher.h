@@ -8,7 +8,7 @@
 #include <string>
 #include <sys/types.h>
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include "platform/run_loop.h"
 

@@ -1,6 +1,7 @@
 #include "remote/wake.h"
 
 #include <fcntl.h>
+#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include <cctype>

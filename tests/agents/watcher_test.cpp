@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <sys/stat.h>

@@ -1,4 +1,6 @@
 #include "closedlid/closed_lid.h"
+
+#include <nlohmann/json.hpp>
 #include "commands/command_center.h"
 #include "engine/engine_fixture.h"
 

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 
 #include "agents/agent_work.h"

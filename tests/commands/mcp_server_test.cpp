@@ -1,5 +1,6 @@
 #include "commands/mcp_server.h"
 
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
 

@@ -1,6 +1,7 @@
 #include "engine/config.h"
 
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <tuple>
 

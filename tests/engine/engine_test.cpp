@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <functional>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 
 namespace vigilo::test {

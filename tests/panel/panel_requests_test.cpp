@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "commands/command_center.h"
 #include "engine/engine_fixture.h"

@@ -1,5 +1,6 @@
 #include <cstdlib>
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <tuple>

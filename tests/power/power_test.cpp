@@ -1,4 +1,5 @@
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <tuple>

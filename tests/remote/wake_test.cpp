@@ -3,6 +3,7 @@
 #include "platform/sim/sim_wake.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "engine/engine_fixture.h"
 

@@ -1,5 +1,6 @@
 #include <functional>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <tuple>
 #include <utility>

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <chrono>
 #include <fcntl.h>
+#include <nlohmann/json.hpp>
 #include <thread>
 #include <filesystem>
 #include <functional>
