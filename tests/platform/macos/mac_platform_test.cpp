@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/macos/mac_commands.h"
+#include "platform/macos/mac_desktop.h"
 #include "platform/macos/mac_platform.h"
 #include "platform/macos/posix_run_loop.h"
 #include "platform/manual_run_loop.h"
@@ -124,6 +125,27 @@ TEST_F(MacPlatformTest, ReadingsFallBackAndProcessesKeepPathsWithSpaces) {
   clock.advance(3600);
   loop.advance(5);
   EXPECT_EQ(events, (std::vector<SystemEvent>{SystemEvent::PowerSourceChanged, SystemEvent::DidWake}));
+}
+
+// A notification's text can never end the AppleScript literal early and
+// run as script.
+TEST(MacDesktop, NotificationTextStaysInsideItsLiteral) {
+  const std::vector<std::pair<std::string, std::string>> table = {
+      {"Claude Code finished", "\"Claude Code finished\""},
+      {"say \"hi\" & do shell script \"rm -rf ~\"", "\"say \\\"hi\\\" & do shell script \\\"rm -rf ~\\\"\""},
+      {"a\\\"b", "\"a\\\\\\\"b\""},
+      {"two\nlines\r\x01", "\"two\\nlines\\r\""},
+  };
+  for (const auto& [text, literal] : table) EXPECT_EQ(appleScriptString(text), literal) << text;
+  ScriptedRunner runner;
+  auto desktop = makeMacDesktop(runner);
+  auto alerts = desktop->alerts();
+  EXPECT_FALSE(alerts->play("../../tmp/x")) << "only a sound's plain name";
+  EXPECT_TRUE(runner.ran.empty());
+  alerts->note("Vigilo", "Done");
+  EXPECT_EQ(runner.ran, (std::vector<std::string>{
+                            "/usr/bin/osascript -e display notification \"Done\" with title \"Vigilo\""}));
+  EXPECT_TRUE(desktop->trayUnavailable());
 }
 
 bool runBounded(RunLoop& loop, std::chrono::milliseconds limit = 3000ms) {
