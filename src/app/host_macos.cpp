@@ -7,6 +7,7 @@
 #include "platform/macos/mac_desktop.h"
 #include "platform/macos/mac_platform.h"
 #include "platform/macos/native/mac_native.h"
+#include "platform/macos/path_sockets.h"
 #include "platform/macos/posix_run_loop.h"
 #include "platform/sim/sim_laptop.h"
 
@@ -15,6 +16,20 @@ namespace vigilo {
 // The Mac has no eventfd, signalfd or inotify: its main loop is the POSIX
 // one, whose file watches compare modification times.
 std::unique_ptr<RunLoop> makePollRunLoop(const Clock& clock) { return makePosixRunLoop(clock); }
+
+// Nor abstract socket names: the request channel's sockets are files in a
+// folder of the user's own.
+std::unique_ptr<Notifications> makeSocketNotifications(const std::string& appFolder, RunLoop* loop) {
+  return makePathSocketNotifications(appFolder, loop);
+}
+std::unique_ptr<Notifications> makeSocketNotifications(const std::string& appFolder, RunLoop* loop,
+                                                       std::function<void(const std::string& problem)> onProblem) {
+  return makePathSocketNotifications(appFolder, loop, std::move(onProblem));
+}
+std::string socketNameFor(const std::string& appFolder) { return pathSocketFor(appFolder, ""); }
+std::optional<SocketPeer> listenerOf(const std::string& appFolder, const std::string& name) {
+  return pathSocketListener(appFolder, name);
+}
 
 namespace host {
 namespace {

@@ -2,9 +2,13 @@
 // runs on where Linux's eventfd, signalfd and inotify don't exist.
 
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <condition_variable>
 #include <fstream>
 #include <map>
@@ -17,6 +21,7 @@
 #include "platform/macos/mac_commands.h"
 #include "platform/macos/mac_desktop.h"
 #include "platform/macos/mac_platform.h"
+#include "platform/macos/path_sockets.h"
 #include "platform/macos/posix_run_loop.h"
 #include "platform/manual_run_loop.h"
 #include "test_support.h"
@@ -210,6 +215,57 @@ TEST(PosixRunLoop, TimersPostsFileChangesAndSignals) {
   EXPECT_THROW(loop->onSignal(SIGKILL, [] {}), std::invalid_argument);
   loop.reset();
   signal(SIGUSR1, SIG_DFL);
+}
+
+// The request channel without abstract names: a socket file per name in a
+// private folder, reached by the app of the same folder only, and taken
+// over when a crash left it behind.
+TEST(PathSockets, RequestsReachTheAppOfTheirFolderAndACrashLeavesNothingInTheWay) {
+  SystemClock clock;
+  TempDir dir;
+  auto loop = makePosixRunLoop(clock);
+  auto tool = makePathSocketNotifications(dir.file("a"), nullptr);
+  EXPECT_EQ(tool->post("request", "{}").message(), "Vigilo isn't running.");
+
+  std::vector<std::string> got;
+  auto observe = [&](Notifications& n) {
+    return n.observe("request", [&](std::string payload) {
+      got.push_back(std::move(payload));
+      loop->stop();
+    });
+  };
+  auto app = makePathSocketNotifications(dir.file("a"), loop.get());
+  ASSERT_TRUE(observe(*app));
+  EXPECT_FALSE(makePathSocketNotifications(dir.file("b"), nullptr)->post("request", "{}")) << "another folder's app";
+  const std::string big(200000, 'r');
+  ASSERT_TRUE(tool->post("request", big));
+  ASSERT_TRUE(runBounded(*loop));
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(got[0], big);
+
+  auto second = makePathSocketNotifications(dir.file("a"), loop.get());
+  Result taken = observe(*second);
+  EXPECT_EQ(taken.code(), EADDRINUSE);
+  EXPECT_NE(taken.message().find("process " + std::to_string(::getpid())), std::string::npos) << taken.message();
+  second.reset();
+  ASSERT_EQ(pathSocketListener(dir.file("a"), "request")->pid, ::getpid());
+
+  // A crash: the listener is gone, its file stays.
+  app.reset();
+  const std::string path = pathSocketFor(dir.file("a"), "request");
+  int crashed = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+  ASSERT_EQ(::bind(crashed, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  ::close(crashed);
+  auto next = makePathSocketNotifications(dir.file("a"), loop.get());
+  ASSERT_TRUE(observe(*next));
+  ASSERT_TRUE(tool->post("request", "after"));
+  ASSERT_TRUE(runBounded(*loop));
+  EXPECT_EQ(got.back(), "after");
+  next.reset();
+  EXPECT_FALSE(fileExists(path)) << "the app takes its socket file away when it stops";
 }
 
 }  // namespace
