@@ -72,7 +72,8 @@ TEST_F(MacPlatformTest, PrivilegedLinesTheirFailuresAndWhatIsNeverRun) {
   Result off = platform->power().setSleepDisabled(true);
   EXPECT_FALSE(off);
   EXPECT_EQ(off.message(), "Couldn't switch sleep off: sudo: a password is required");
-  EXPECT_EQ(logged, (std::vector<std::string>{"Vigilo: pmset -a disablesleep 1 failed (1): sudo: a password is required"}));
+  EXPECT_EQ(logged,
+            (std::vector<std::string>{"Vigilo: pmset -a disablesleep 1 failed (1): sudo: a password is required"}));
 
   // A wake never longer than asked, except below the shortest step.
   for (int s : mac::allowedWakeSteps()) runner.answer(*mac::relativeWake(s), {0, ""});

@@ -65,7 +65,8 @@ std::optional<CGDirectDisplayID> builtInDisplay() {
 }
 
 std::optional<double> brightness() {
-  auto get = reinterpret_cast<GetBrightness>(displayServices() ? ::dlsym(displayServices(), "DisplayServicesGetBrightness") : nullptr);
+  void* lib = displayServices();
+  auto get = reinterpret_cast<GetBrightness>(lib != nullptr ? ::dlsym(lib, "DisplayServicesGetBrightness") : nullptr);
   auto id = builtInDisplay();
   float level = 0;
   if (get == nullptr || !id || get(*id, &level) != 0) return std::nullopt;
@@ -73,7 +74,8 @@ std::optional<double> brightness() {
 }
 
 Result setBrightness(double level) {
-  auto set = reinterpret_cast<SetBrightness>(displayServices() ? ::dlsym(displayServices(), "DisplayServicesSetBrightness") : nullptr);
+  void* lib = displayServices();
+  auto set = reinterpret_cast<SetBrightness>(lib != nullptr ? ::dlsym(lib, "DisplayServicesSetBrightness") : nullptr);
   auto id = builtInDisplay();
   if (set == nullptr || !id) return Result::fail("This Mac's built-in screen brightness can't be set.");
   if (set(*id, static_cast<float>(level < 0 ? 0 : level > 1 ? 1 : level)) != 0) {
