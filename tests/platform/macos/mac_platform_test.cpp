@@ -91,6 +91,22 @@ TEST_F(MacPlatformTest, PrivilegedLinesTheirFailuresAndWhatIsNeverRun) {
   EXPECT_FALSE(platform->processes().slow(812)) << "no background priority without the native piece";
   EXPECT_FALSE(platform->processes().stop(1)) << "launchd is never paused";
   EXPECT_FALSE(platform->displays().setBrightness(0.1));
+
+  // Doctor lists what isn't available: native pieces count until verified.
+  MacPlatformOptions withNative;
+  withNative.runner = &runner;
+  withNative.native.pieces = {"energy per app (proc_pid_rusage)", "brightness (DisplayServices)"};
+  auto native = makeMacPlatform(clock, loop, std::move(withNative));
+  bool listed = false;
+  for (const Capability& c : native->capabilities()) {
+    if (c.name != "native pieces") continue;
+    listed = true;
+    EXPECT_FALSE(c.available);
+    EXPECT_EQ(c.detail, "Unverified native pieces: energy per app (proc_pid_rusage) and brightness (DisplayServices) "
+                        "are built in, but none has been tested on a Mac until the macOS workflow "
+                        "(.github/workflows/macos.yml) passes.");
+  }
+  EXPECT_TRUE(listed);
 }
 
 TEST_F(MacPlatformTest, ReadingsFallBackAndProcessesKeepPathsWithSpaces) {
