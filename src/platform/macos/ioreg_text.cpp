@@ -18,8 +18,26 @@ struct PlistFree {
 };
 using PlistPtr = std::unique_ptr<void, PlistFree>;
 
+// The registry nests a few levels deep; libplist parses nesting by
+// recursion, and a million levels overflow its stack.
+constexpr int kMaxNesting = 64;
+
+// Whether no array or dictionary in `xml` opens deeper than kMaxNesting.
+bool shallow(std::string_view xml) {
+  int depth = 0;
+  for (std::size_t at = xml.find('<'); at != std::string_view::npos; at = xml.find('<', at + 1)) {
+    const std::string_view tag = xml.substr(at + 1, 7);
+    if (tag.starts_with("array>") || tag.starts_with("dict>")) {
+      if (++depth > kMaxNesting) return false;
+    } else if (tag.starts_with("/array>") || tag.starts_with("/dict>")) {
+      --depth;
+    }
+  }
+  return true;
+}
+
 PlistPtr parse(std::string_view xml) {
-  if (xml.empty() || xml.size() > kMaxPlist) return nullptr;
+  if (xml.empty() || xml.size() > kMaxPlist || !shallow(xml)) return nullptr;
   plist_t root = nullptr;
   plist_from_xml(xml.data(), static_cast<uint32_t>(xml.size()), &root);
   return PlistPtr(root);

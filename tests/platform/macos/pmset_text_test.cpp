@@ -348,13 +348,17 @@ TEST(IoregText, SmartBatteryForms) {
   EXPECT_EQ(full->accumulatedSystemLoad, 912345);
   EXPECT_EQ(full->accumulatorCount, 161);
 
-  // A desktop's empty answer, other services, and what isn't a plist.
+  // A desktop's empty answer, other services, what isn't a plist, and
+  // nesting deep enough to overflow libplist's recursion.
+  std::string deep = "<plist version=\"1.0\">";
+  for (int i = 0; i < 200000; ++i) deep += "<array><dict>";
+  deep += "</plist>";
   for (const std::string& junk :
        {std::string(), std::string("<plist version=\"1.0\">\n<array/>\n</plist>\n"),
         batteryPlist(key("IOClass", "<string>AppleSmartBattery</string>")),
         batteryPlist(key("Amperage", "<string>-5</string>") + key("Voltage", "<real>1.5</real>")),
         std::string("<plist><array><dict><key>Amperage</key>"), std::string("\0\xff<plist>", 9),
-        "<plist>" + std::string(20000, '[') + "</plist>", std::string(100000, '<')}) {
+        "<plist>" + std::string(20000, '[') + "</plist>", std::string(100000, '<'), deep}) {
     EXPECT_FALSE(parseSmartBattery(junk));
   }
   const std::string whole = sample("smartbattery-t2-cut-short.plist") + "\t\t</dict>\n\t</dict>\n</array>\n</plist>\n";
