@@ -64,4 +64,26 @@ std::vector<std::string> readAssertions() { return pmsetGet("assertions"); }
 std::vector<std::string> readLiveSettings() { return pmsetGet(""); }
 std::vector<std::string> readCustomSettings() { return pmsetGet("custom"); }
 
+std::vector<std::string> readSmartBattery() { return {"/usr/sbin/ioreg", "-r", "-c", "AppleSmartBattery", "-a"}; }
+std::vector<std::string> readClamshell() { return {"/usr/sbin/ioreg", "-r", "-k", "AppleClamshellState", "-d", "1"}; }
+std::vector<std::string> readConsoleSessions() { return {"/usr/sbin/ioreg", "-n", "Root", "-d1", "-a"}; }
+
+namespace {
+std::vector<std::string> ps(std::optional<int> pid, const char* columns) {
+  std::vector<std::string> argv{"/usr/bin/env", "LC_ALL=C", "/bin/ps"};
+  if (pid) {
+    argv.insert(argv.end(), {"-ww", "-p", std::to_string(*pid)});
+  } else {
+    argv.emplace_back("-axww");
+  }
+  argv.insert(argv.end(), {"-o", columns});
+  return argv;
+}
+}  // namespace
+
+std::vector<std::string> listProcesses(std::optional<int> pid) {
+  return ps(pid, "pid=,ppid=,lstart=,time=,stat=,command=");
+}
+std::vector<std::string> listProcessPaths(std::optional<int> pid) { return ps(pid, "pid=,comm="); }
+
 }  // namespace vigilo::mac

@@ -53,4 +53,19 @@ std::vector<std::string> readAssertions();    // pmset -g assertions
 std::vector<std::string> readLiveSettings();  // pmset -g
 std::vector<std::string> readCustomSettings();  // pmset -g custom
 
+// ---------------------------------------------------------------- readings (ioreg_text.h, ps_text.h read them)
+
+// "/usr/sbin/ioreg -r -c AppleSmartBattery -a": the battery as a plist.
+std::vector<std::string> readSmartBattery();
+// "/usr/sbin/ioreg -r -k AppleClamshellState -d 1": the root domain's lid flag.
+std::vector<std::string> readClamshell();
+// "/usr/sbin/ioreg -n Root -d1 -a": the console sessions and their lock flag.
+std::vector<std::string> readConsoleSessions();
+// "/usr/bin/env LC_ALL=C /bin/ps -axww -o pid=,ppid=,lstart=,time=,stat=,command=":
+// every process; the C locale keeps lstart in the form the reader takes. With
+// a pid, only that process ("-p <pid>" in place of "-ax").
+std::vector<std::string> listProcesses(std::optional<int> pid = std::nullopt);
+// The same ps for "pid=,comm=": every process's executable path.
+std::vector<std::string> listProcessPaths(std::optional<int> pid = std::nullopt);
+
 }  // namespace vigilo::mac

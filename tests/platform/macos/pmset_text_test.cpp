@@ -1,5 +1,5 @@
-// The Mac's command lines and the readers of pmset's output, on text
-// captured on real Macs (tests/platform/macos/data/README.md says where each
+// The Mac's command lines and the readers of pmset's, ioreg's and ps's
+// output, on text captured on real Macs (tests/platform/macos/data/README.md says where each
 // sample comes from).
 
 #include <algorithm>
@@ -13,7 +13,9 @@
 #include "engine/battery.h"
 #include "platform/command_runner.h"
 #include "platform/macos/mac_commands.h"
+#include "platform/macos/ioreg_text.h"
 #include "platform/macos/pmset_text.h"
+#include "platform/macos/ps_text.h"
 #include "safety/setup.h"
 
 namespace vigilo::test {
@@ -173,6 +175,12 @@ TEST(MacCommands, ExactArgvWithinTheSudoersRule) {
       {mac::readAssertions(), "/usr/bin/pmset -g assertions"},
       {mac::readLiveSettings(), "/usr/bin/pmset -g"},
       {mac::readCustomSettings(), "/usr/bin/pmset -g custom"},
+      {mac::readSmartBattery(), "/usr/sbin/ioreg -r -c AppleSmartBattery -a"},
+      {mac::readClamshell(), "/usr/sbin/ioreg -r -k AppleClamshellState -d 1"},
+      {mac::readConsoleSessions(), "/usr/sbin/ioreg -n Root -d1 -a"},
+      {mac::listProcesses(), "/usr/bin/env LC_ALL=C /bin/ps -axww -o pid=,ppid=,lstart=,time=,stat=,command="},
+      {mac::listProcesses(42), "/usr/bin/env LC_ALL=C /bin/ps -ww -p 42 -o pid=,ppid=,lstart=,time=,stat=,command="},
+      {mac::listProcessPaths(), "/usr/bin/env LC_ALL=C /bin/ps -axww -o pid=,comm="},
   };
   for (const auto& [argv, line] : table) EXPECT_EQ(joinArgs(argv), line);
 
@@ -245,6 +253,180 @@ TEST(PmsetText, HostileText) {
                                       "9999:59:59 PreventSystemSleep named: \"n\"\n");
   ASSERT_EQ(longAgo.size(), 1u);
   EXPECT_EQ(longAgo[0].since, 1762111257.0 - (9999.0 * 3600 + 59 * 60 + 59));
+}
+
+}  // namespace
+}  // namespace vigilo::test
+
+namespace vigilo::test {
+namespace {
+
+// What closes a cut-short copy: the test adds it, the file stays as posted.
+struct PlistSample {
+  std::string file, closing;
+  std::optional<std::int64_t> current, max, amperage, voltage;
+  std::optional<int> percent;  // what the engine makes of it
+};
+
+TEST(IoregText, SmartBatterySamples) {
+  ASSERT_TRUE(plistReaderAvailable());
+  const std::vector<PlistSample> cases = {
+      // Intel with T2: the raw mAh pair stands in for the percent pair the
+      // copy lost; "Voltage" was cut off.
+      {"smartbattery-t2-cut-short.plist", "\t\t</dict>\n\t</dict>\n</array>\n</plist>\n", 6974, 8747, -1889,
+       std::nullopt, 79},
+      // Mojave: "Voltage" only inside "BatteryData" is the pack's, not read.
+      {"smartbattery-mojave-cut-short.plist", "\t</dict>\n</array>\n</plist>\n", 3637, 3688, 0, std::nullopt, 98},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.file);
+    const std::string text = sample(c.file);
+    EXPECT_FALSE(parseSmartBattery(text)) << "a cut-short plist is not read";
+    auto p = parseSmartBattery(text + c.closing);
+    ASSERT_TRUE(p);
+    EXPECT_EQ(p->currentCapacity, c.current);
+    EXPECT_EQ(p->maxCapacity, c.max);
+    EXPECT_EQ(p->amperage, c.amperage);
+    EXPECT_EQ(p->voltage, c.voltage);
+    EXPECT_FALSE(p->externalConnected);
+    auto reading = readingFrom(p);
+    ASSERT_TRUE(reading);
+    EXPECT_EQ(reading->percent, c.percent);
+  }
+}
+
+std::string batteryPlist(const std::string& body) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<array>\n<dict>\n" + body +
+         "</dict>\n</array>\n</plist>\n";
+}
+std::string key(const std::string& k, const std::string& value) { return "<key>" + k + "</key>" + value + "\n"; }
+std::string integer(long long v) { return "<integer>" + std::to_string(v) + "</integer>"; }
+
+// The forms the registry takes across Macs and releases, each as the one
+// property that differs.
+TEST(IoregText, SmartBatteryForms) {
+  struct Case {
+    std::string what, body;
+    std::optional<std::int64_t> current, max, amperage, instant;
+  };
+  const std::vector<Case> cases = {
+      {"Apple Silicon: percent pair first", key("CurrentCapacity", integer(84)) + key("MaxCapacity", integer(100)) +
+       key("AppleRawCurrentCapacity", integer(6776)) + key("AppleRawMaxCapacity", integer(8000)), 84, 100,
+       std::nullopt, std::nullopt},
+      {"a pair is never mixed", key("CurrentCapacity", integer(84)) + key("AppleRawCurrentCapacity", integer(6776)) +
+       key("AppleRawMaxCapacity", integer(8000)), 6776, 8000, std::nullopt, std::nullopt},
+      {"macOS 27: only inside BatteryData", key("BatteryData", "<dict>" + key("RemainingCapacity", integer(2994)) +
+       key("FullChargeCapacity", integer(5793)) + "</dict>"), 2994, 5793, std::nullopt, std::nullopt},
+      {"signed as unsigned", key("Amperage", "<integer>18446744073709551133</integer>"), std::nullopt, std::nullopt,
+       -483, std::nullopt},
+      {"16-bit instant amperage", key("InstantAmperage", integer(65000)), std::nullopt, std::nullopt, std::nullopt,
+       -536},
+      {"zero full charge is no pair", key("CurrentCapacity", integer(5)) + key("MaxCapacity", integer(0)) +
+       key("Amperage", integer(-5)), std::nullopt, std::nullopt, -5, std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    auto p = parseSmartBattery(batteryPlist(c.body));
+    ASSERT_TRUE(p);
+    EXPECT_EQ(p->currentCapacity, c.current);
+    EXPECT_EQ(p->maxCapacity, c.max);
+    EXPECT_EQ(p->amperage, c.amperage);
+    EXPECT_EQ(p->instantAmperage, c.instant);
+  }
+  auto full = parseSmartBattery(batteryPlist(
+      key("ExternalConnected", "<true/>") + key("IsCharging", "<false/>") + key("TimeRemaining", integer(65535)) +
+      key("Voltage", integer(12093)) +
+      key("PowerTelemetryData", "<dict>" + key("SystemLoad", integer(5674)) +
+                                    key("AccumulatedSystemLoad", integer(912345)) +
+                                    key("SystemLoadAccumulatorCount", integer(161)) + "</dict>")));
+  ASSERT_TRUE(full);
+  EXPECT_EQ(full->externalConnected, true);
+  EXPECT_EQ(full->isCharging, false);
+  EXPECT_EQ(full->timeRemaining, 65535);
+  EXPECT_EQ(full->voltage, 12093);
+  EXPECT_EQ(full->systemLoad, 5674);
+  EXPECT_EQ(full->accumulatedSystemLoad, 912345);
+  EXPECT_EQ(full->accumulatorCount, 161);
+
+  // A desktop's empty answer, other services, what isn't a plist, and
+  // nesting deep enough to overflow libplist's recursion.
+  std::string deep = "<plist version=\"1.0\">";
+  for (int i = 0; i < 1000000; ++i) deep += "<array>";
+  deep += "</plist>";
+  for (const std::string& junk :
+       {std::string(), std::string("<plist version=\"1.0\">\n<array/>\n</plist>\n"),
+        batteryPlist(key("IOClass", "<string>AppleSmartBattery</string>")),
+        batteryPlist(key("Amperage", "<string>-5</string>") + key("Voltage", "<real>1.5</real>")),
+        std::string("<plist><array><dict><key>Amperage</key>"), std::string("\0\xff<plist>", 9),
+        "<plist>" + std::string(20000, '[') + "</plist>", std::string(100000, '<'), deep}) {
+    EXPECT_FALSE(parseSmartBattery(junk));
+  }
+  const std::string whole = sample("smartbattery-t2-cut-short.plist") + "\t\t</dict>\n\t</dict>\n</array>\n</plist>\n";
+  for (std::size_t n = 0; n < whole.size(); n += 7) (void)parseSmartBattery(std::string_view(whole.data(), n));
+}
+
+TEST(IoregText, LidAndLock) {
+  EXPECT_EQ(clamshellFromIoreg(sample("clamshell-open-grepped.txt")), false);
+  EXPECT_EQ(clamshellFromIoreg(sample("clamshell-cut-short.txt")), std::nullopt) << "the value was cut off";
+  EXPECT_EQ(clamshellFromIoreg(sample("clamshell-cut-short.txt") + " = Yes\n"), true);
+  for (const char* text : {"\"AppleClamshellState\" = Yesterday\n", "\"AppleClamshellStateX\" = Yes\n",
+                           "AppleClamshellState = Yes\n", "\"AppleClamshellState\" =", ""}) {
+    EXPECT_EQ(clamshellFromIoreg(text), std::nullopt) << text;
+  }
+
+  auto root = [](const std::string& sessions) {
+    return "<plist version=\"1.0\">\n<dict>\n" + key("IOConsoleUsers", "<array>" + sessions + "</array>") +
+           "</dict>\n</plist>\n";
+  };
+  auto session = [](long uid, const std::string& extra) {
+    return "<dict>" + key("kCGSSessionUserIDKey", integer(uid)) + extra + "</dict>";
+  };
+  const std::string locked = key("CGSSessionScreenIsLocked", "<true/>");
+  EXPECT_EQ(screenLockedFromIoreg(root(session(501, "") + session(502, locked)), 502), true);
+  EXPECT_EQ(screenLockedFromIoreg(root(session(501, "") + session(502, locked)), 501), false);
+  EXPECT_EQ(screenLockedFromIoreg(root(session(501, locked)), 503), std::nullopt);
+  EXPECT_EQ(screenLockedFromIoreg("<plist><dict></dict></plist>", 501), std::nullopt);
+  EXPECT_EQ(screenLockedFromIoreg("not a plist", 501), std::nullopt);
+}
+
+TEST(PsText, ListingPathsAndArguments) {
+  const std::string listing =
+      "    1     0 Mon Jun 16 14:23:09 2025  12:03.41 Ss   /sbin/launchd\n"
+      "  812     1 Tue Nov 25 09:05:00 2025   0:01.50 T    /Applications/Google Chrome.app/Contents/MacOS/Google "
+      "Chrome --type=gpu  --x\n"
+      "40123   812 Wed Nov 26 00:00:59 2025 1-02:03:04 R+   node /usr/local/bin/claude --resume\n"
+      "  bad line\n"
+      "  900     1 Wed Nov 26 00:00:59 2025 1:2:3:4 S    too many fields in time\n"
+      "  901     1 Wed Foo 26 00:00:59 2025 0:00.00 S    a month that isn't\n"
+      "  902     1 Wed Nov 26 25:00:59 2025 0:00.00 S    an hour that isn't\n"
+      "  903     1 Wed Nov 26 00:00:59 2025 0:00.00\n";
+  const auto rows = parsePsListing(listing);
+  ASSERT_EQ(rows.size(), 3u);
+  EXPECT_EQ(rows[0].pid, 1);
+  EXPECT_EQ(rows[0].cpuMicros, 723'410'000u);
+  EXPECT_FALSE(rows[0].stopped);
+  EXPECT_EQ(rows[1].ppid, 1);
+  EXPECT_TRUE(rows[1].stopped);
+  EXPECT_EQ(rows[1].started.month, 11);
+  EXPECT_EQ(rows[1].started.hour, 9);
+  EXPECT_EQ(rows[2].cpuMicros, (86400ull + 2 * 3600 + 3 * 60 + 4) * 1'000'000);
+  EXPECT_EQ(rows[2].command, "node /usr/local/bin/claude --resume");
+
+  const auto paths = parsePsPaths("    1 /sbin/launchd\n  812 /Applications/Google Chrome.app/Contents/MacOS/Google "
+                                  "Chrome\n    0 (kernel_task)\n  77 <defunct>\n x /bin/sh\n");
+  EXPECT_EQ(paths.size(), 2u);
+  const std::string chrome = paths.at(812);
+  EXPECT_EQ(splitPsCommand(rows[1].command, chrome),
+            (std::vector<std::string>{chrome, "--type=gpu", "--x"}));
+  EXPECT_EQ(splitPsCommand(rows[2].command, "/usr/local/bin/node"),
+            (std::vector<std::string>{"node", "/usr/local/bin/claude", "--resume"}));
+  EXPECT_EQ(splitPsCommand("/bin/shx -c", "/bin/sh"), (std::vector<std::string>{"/bin/shx", "-c"}));
+
+  for (const char* t : {"0:00.01", "59:59.99", "2:03:04", "3-00:00:00.50"}) EXPECT_TRUE(parsePsCpuTime(t)) << t;
+  for (const char* t : {"", "12", ":", "1:2:3:4", "1:00.1", "x-1:00", "99999999999999999999:00", "1:-1"}) {
+    EXPECT_FALSE(parsePsCpuTime(t)) << t;
+  }
+  for (std::size_t n = 0; n <= listing.size(); ++n) (void)parsePsListing(std::string_view(listing.data(), n));
 }
 
 }  // namespace

@@ -1,0 +1,150 @@
+// The real `vigilo app` on the macOS backend, end to end on Linux: the Mac's
+// command lines run against stand-in tools (fake-bin/, POSIX sh) that keep a
+// simulated Mac in a state file and log every argv they are given.
+
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <utime.h>
+
+#include <ctime>
+#include <filesystem>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "e2e/app_process.h"
+#include "platform/command_runner.h"
+#include "test_support.h"
+
+namespace vigilo::test {
+namespace {
+
+using namespace std::chrono_literals;
+using json = nlohmann::json;
+
+class MacCliTest : public ::testing::Test {
+ protected:
+  MacCliTest() {
+    std::filesystem::create_directories(appFolder_);
+    std::filesystem::create_directories(userHome_);
+    // The simulated laptop's default file, in the layout Vigilo writes.
+    json mac = {{"lid", "open"},
+                {"sleepDisabled", false},
+                {"automaticBackups", true},
+                {"locked", false},
+                {"thermal", 0},
+                {"powerModes", {{"lowpowermode", 0}, {"powermode", 0}}},
+                {"battery", {{"present", true}, {"percent", 80.0}, {"adapter", false}, {"charging", false},
+                             {"voltage", 11400}}},
+                {"setup", {{"ready", true}, {"reason", ""}}}};
+    writeFile(state_, mac.dump(2) + "\n");
+    for (const std::string& kv : env_) {
+      const std::string name = kv.substr(0, kv.find('='));
+      const char* value = getenv(name.c_str());
+      saved_.emplace_back(name, value != nullptr ? std::optional<std::string>(value) : std::nullopt);
+    }
+  }
+  ~MacCliTest() override {
+    if (app_) {
+      app_->signal(SIGKILL);
+      app_->wait(5s);
+    }
+    for (const auto& [name, value] : saved_) {
+      if (value) setenv(name.c_str(), value->c_str(), 1);
+      else unsetenv(name.c_str());
+    }
+  }
+
+  json mac() const { return json::parse(readFile(state_), nullptr, false); }
+  void setLid(const std::string& lid) {
+    json m = mac();
+    m["lid"] = lid;
+    writeFile(state_, m.dump(2) + "\n");
+  }
+  bool inApp(const std::string& name) const { return fileExists(appFolder_ + "/" + name); }
+  // What changed the Mac, in order: the privileged lines, not sudo's "-l"
+  // questions nor the readings.
+  std::vector<std::string> changes() const {
+    std::vector<std::string> out;
+    std::istringstream in(fileExists(log_) ? readFile(log_) : "");
+    for (std::string line; std::getline(in, line);) {
+      if (line.rfind("/usr/bin/sudo -n ", 0) == 0 && line.rfind("/usr/bin/sudo -n -l", 0) != 0) out.push_back(line);
+    }
+    return out;
+  }
+  // Runs the Mac watchdog script with dash, as launchd would, in this
+  // test's environment.
+  CommandOutput runWatchdog() {
+    for (const std::string& kv : env_) putenv(const_cast<char*>(kv.c_str()));
+    ProcessRunner runner;
+    return runner.run({"/usr/bin/timeout", "60", "/bin/dash", appFolder_ + "/watchdog.sh"});
+  }
+
+  TempDir dir_;
+  std::string appFolder_ = dir_.file("app");
+  std::string userHome_ = dir_.file("user");
+  std::string state_ = dir_.file("mac.json");
+  std::string log_ = dir_.file("mac.log");
+  std::vector<std::string> env_ = {"VIGILO_PLATFORM=macos-cli", "VIGILO_MAC_ROOT=" + sourceDir(__FILE__) + "/fake-bin",
+                                   "VIGILO_MAC_STATE=" + state_, "VIGILO_MAC_LOG=" + log_, "HOME=" + userHome_,
+                                   "VIGILO_HOME=" + appFolder_};
+  std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
+  std::unique_ptr<AppProcess> app_;
+};
+
+TEST_F(MacCliTest, HoldLidShutSavingsCrashAndTheWatchdogPutsItAllBack) {
+  writeFile(appFolder_ + "/config.json",
+            R"({"mode": "on", "preset": "max_battery", "pauseTimeMachine": true, "lowPowerWhileClosed": true})");
+  app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app"}, appFolder_, dir_.file("app.txt"), env_);
+  ASSERT_TRUE(waitFor([&] { return mac()["sleepDisabled"] == true; }, 15s)) << app_->output();
+  EXPECT_TRUE(inApp("hold"));
+
+  setLid("closed");
+  ASSERT_TRUE(waitFor([&] {
+    const json m = mac();
+    return m["powerModes"]["lowpowermode"] == 1 && m["automaticBackups"] == false;
+  }, 15s)) << app_->output();
+  EXPECT_EQ(changes(), (std::vector<std::string>{
+                           "/usr/bin/sudo -n /usr/bin/pmset -a disablesleep 1",
+                           "/usr/bin/sudo -n /usr/bin/pmset -b lowpowermode 1",
+                           "/usr/bin/sudo -n /usr/bin/tmutil disable",
+                       }))
+      << readFile(log_);
+
+  // The crash: every change has its record, and the heartbeat goes stale.
+  app_->signal(SIGKILL);
+  ASSERT_EQ(app_->wait(5s), 128 + SIGKILL);
+  app_.reset();
+  for (const char* record : {"hold", "powermode-restore", "timemachine-restore", "alive", "watchdog.sh"}) {
+    EXPECT_TRUE(inApp(record)) << record;
+  }
+  const std::time_t old = std::time(nullptr) - 120;
+  const utimbuf stale{old, old};
+  ASSERT_EQ(utime((appFolder_ + "/alive").c_str(), &stale), 0);
+
+  const CommandOutput watchdog = runWatchdog();
+  EXPECT_EQ(watchdog.status, 0) << watchdog.output;
+  const json m = mac();
+  EXPECT_EQ(m["sleepDisabled"], false);
+  EXPECT_EQ(m["powerModes"]["lowpowermode"], 0);
+  EXPECT_EQ(m["automaticBackups"], true);
+  for (const char* record : {"hold", "powermode-restore", "timemachine-restore"}) {
+    EXPECT_FALSE(inApp(record)) << record;
+  }
+  const auto all = changes();
+  const std::vector<std::string> putBack(all.begin() + std::min<std::size_t>(3, all.size()), all.end());
+  EXPECT_EQ(putBack, (std::vector<std::string>{
+                         "/usr/bin/sudo -n /usr/bin/pmset -b lowpowermode 0",
+                         "/usr/bin/sudo -n /usr/bin/tmutil enable",
+                         "/usr/bin/sudo -n /usr/bin/pmset -a disablesleep 0",
+                     }))
+      << readFile(log_);
+}
+
+}  // namespace
+}  // namespace vigilo::test
