@@ -3,6 +3,7 @@
 #include "platform/own_program.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -75,7 +76,7 @@ std::optional<std::string> writeBack(const CarefulFile& file, const ordered_json
 }  // namespace
 
 const HookFormat& HookFormat::claudeCode() {
-  static const HookFormat format{"claude-code", "~/.claude/settings.json",
+  static const HookFormat format{"claude-code", "Claude Code", "~/.claude/settings.json",
                                  {ClaudeHooks::kEvents.begin(), ClaudeHooks::kEvents.end()}, ClaudeHooks::kTimeout,
                                  false};
   return format;
@@ -84,13 +85,13 @@ const HookFormat& HookFormat::claudeCode() {
 HookFormat HookFormat::codex(std::string_view shown) {
   // PostToolUse tells that a permission asked for was granted and the agent
   // went on; Codex has no notification of its own for an idle prompt.
-  return HookFormat{"codex", shown, {"SessionStart", "UserPromptSubmit", "PermissionRequest", "PostToolUse", "Stop"},
+  return HookFormat{"codex", "Codex", shown, {"SessionStart", "UserPromptSubmit", "PermissionRequest", "PostToolUse", "Stop"},
                     10, false};
 }
 
 const HookFormat& HookFormat::gemini() {
   static const HookFormat format{
-      "gemini", "~/.gemini/settings.json",
+      "gemini", "Gemini CLI", "~/.gemini/settings.json",
       {"SessionStart", "BeforeAgent", "Notification", "AfterTool", "AfterAgent", "SessionEnd"}, kGeminiTimeoutMs, true};
   return format;
 }
@@ -225,8 +226,8 @@ std::optional<std::string> AgentHooks::install(const std::string& path, const st
     if (!settings) return notJson(shown);
     auto updated = with(*settings, command, format);
     if (!updated) {
-      return "Couldn't add Vigilo's hooks: \"hooks\" in " + shown +
-             " isn't in the form the agent uses, so nothing was changed.";
+      return "Couldn't add Vigilo's hooks: \"hooks\" in " + shown + " isn't in the form " + std::string(format.name) +
+             " uses, so nothing was changed.";
     }
     // Already in place: the person's formatting is left alone.
     if (file->existed() && *updated == *settings) return std::nullopt;
@@ -248,10 +249,18 @@ std::optional<std::string> AgentHooks::uninstall(const std::string& path, const 
     if (!settings) return notJson(shown);
     auto [updated, removed] = without(std::move(*settings), format);
     if (!removed) return std::nullopt;
-    // Without a backup the file is one Vigilo made: it goes when nothing
-    // else is in it.
-    if (updated.empty() && ::access(file->backupPath().c_str(), F_OK) != 0 &&
-        file->remove().outcome == CarefulFile::Outcome::Written) {
+    // Without a backup, or with one that held only Vigilo's hooks (saved
+    // when it installed them again), the file is one Vigilo made: it goes,
+    // with that backup, when nothing else is in it.
+    const auto backup = readWholeFile(file->backupPath());
+    const auto before = backup ? parseJsonObject(*backup) : std::nullopt;
+    const bool ours = !backup || (before && [&] {
+                        auto [rest, had] = without(*before, format);
+                        return had && rest.empty();
+                      }());
+    if (updated.empty() && ours && file->remove().outcome == CarefulFile::Outcome::Written) {
+      std::error_code ec;
+      if (backup) std::filesystem::remove(file->backupPath(), ec);
       return std::nullopt;
     }
     return writeBack(*file, updated, shown, beforeWrite);

@@ -18,6 +18,7 @@ namespace vigilo {
 // differ in the events, the timeout's unit and a handler's name.
 struct HookFormat {
   std::string_view agent;  // the name `vigilo event` is given
+  std::string_view name;   // the agent as the person knows it
   std::string_view shown;  // the file as the person knows it, for messages
   std::vector<std::string_view> events;  // hooked, in the order installed
   int timeout = 10;                      // in the agent's own unit

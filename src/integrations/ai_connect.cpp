@@ -421,16 +421,23 @@ void AIConnect::disconnectGemini(std::vector<std::string>& lines) {
   // own and goes when nothing else is left in it.
   const auto backup = readWholeFile(file->backupPath());
   const auto before = backup ? parseJsonObject(*backup) : std::nullopt;
-  const bool keepEmpty = before && before->contains("mcpServers");
-  auto strip = [&](ordered_json& s) {
-    const bool server = removeServer(s, keepEmpty);
+  auto stripKeeping = [](ordered_json& s, bool keep) {
+    const bool server = removeServer(s, keep);
     auto [rest, hooks] = AgentHooks::without(std::move(s), HookFormat::gemini());
     s = std::move(rest);
     return server || hooks;
   };
-  if (!backup) {
+  // A backup that held only Vigilo's entries was saved when it connected
+  // again: the file is still Vigilo's own.
+  ordered_json beforeRest = before.value_or(ordered_json::object());
+  const bool ours = !backup || (before && stripKeeping(beforeRest, false) && beforeRest.empty());
+  const bool keepEmpty = !ours && before && before->contains("mcpServers");
+  auto strip = [&](ordered_json& s) { return stripKeeping(s, keepEmpty); };
+  if (ours) {
     ordered_json rest = *settings;
     if (strip(rest) && rest.empty() && file->remove().outcome == CarefulFile::Outcome::Written) {
+      std::error_code ec;
+      if (backup) std::filesystem::remove(file->backupPath(), ec);
       lines.push_back(done);
       return;
     }
