@@ -56,6 +56,12 @@ class Cli {
     }
     const std::string name = args[0];
     inv_ = parse(std::vector<std::string>(args.begin() + 1, args.end()));
+    // An agent's hook passes its words as they come (Codex's notify appends
+    // a JSON argument): nothing in them is an option, and nothing refuses.
+    if (name == "event") {
+      inv_ = {};
+      inv_.words.assign(args.begin() + 1, args.end());
+    }
     if (!inv_.error.empty()) {
       err(inv_.error);
       return kUsage;

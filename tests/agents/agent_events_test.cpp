@@ -390,6 +390,9 @@ TEST_F(EventCommandTest, ExitsAtOnceWritingOnlyWhatIsValid) {
   event(hook("UserPromptSubmit", json::object(), "from-input"), {"event", "codex", turnDone});
   EXPECT_EQ(files(), (std::vector<std::string>{"abc123.json", "t-42.json"}));
   EXPECT_EQ(AgentEvents::decode(readFile(home_ + "/agent-events/t-42.json"))->state, S::Finished);
+  // Whatever the words, the hook neither fails nor prints.
+  event("", {"event", "codex", "--json"});
+  EXPECT_EQ(files().size(), 2u);
 }
 
 }  // namespace
