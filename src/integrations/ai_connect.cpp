@@ -368,7 +368,9 @@ std::string AIConnect::connectGemini(const ServerCommand& server, const std::str
       [&](const ordered_json& now) { return hasGeminiVigilo(now) && exists(path + ".vigilo-backup"); });
   if (!ok) return message;
   message += hooksOutcome(std::nullopt);
-  if (hooksOff) message += " Gemini CLI's hooks are turned off there (hooksConfig.enabled is false); Vigilo left that to you.";
+  if (hooksOff) {
+    message += " Gemini CLI's hooks are turned off there (hooksConfig.enabled is false); Vigilo left that to you.";
+  }
   return message;
 }
 
