@@ -1,6 +1,7 @@
-// Wall time of one `vigilo event claude-code` run, as an agent's hook pays
-// it on every prompt, beside the cheapest process there is (/bin/true).
-// Both are started the same way, with the same hook input on standard input.
+// Wall time of one `vigilo event <agent>` run, as an agent's hook pays it on
+// every prompt, beside the cheapest process there is (/bin/true), for each
+// agent with hooks. Both are started the same way, with the same hook input
+// on standard input.
 //
 //   vigilo_bench_event_latency [runs]
 
@@ -21,17 +22,34 @@ extern char** environ;
 
 namespace {
 
-constexpr const char* kInput =
-    R"({"session_id":"0b6f9a3e-1c2d-4e5f-8a9b-0c1d2e3f4a5b","transcript_path":"/home/ana/.claude/projects/)"
-    R"(-home-ana-shop/0b6f9a3e-1c2d-4e5f-8a9b-0c1d2e3f4a5b.jsonl","cwd":"/home/ana/shop",)"
-    R"("hook_event_name":"UserPromptSubmit","permission_mode":"default","prompt":"make the tests pass"})";
+constexpr const char* kSession = "0b6f9a3e-1c2d-4e5f-8a9b-0c1d2e3f4a5b";
+
+// Each agent's prompt hook, as it sends it.
+struct Agent {
+  const char* name;
+  const char* input;
+};
+constexpr Agent kAgents[] = {
+    {"claude-code",
+     R"({"session_id":"0b6f9a3e-1c2d-4e5f-8a9b-0c1d2e3f4a5b","transcript_path":"/home/ana/.claude/projects/)"
+     R"(-home-ana-shop/0b6f9a3e-1c2d-4e5f-8a9b-0c1d2e3f4a5b.jsonl","cwd":"/home/ana/shop",)"
+     R"("hook_event_name":"UserPromptSubmit","permission_mode":"default","prompt":"make the tests pass"})"},
+    {"codex",
+     R"({"session_id":"0b6f9a3e-1c2d-4e5f-8a9b-0c1d2e3f4a5b","turn_id":"1","transcript_path":null,)"
+     R"("cwd":"/home/ana/shop","hook_event_name":"UserPromptSubmit","model":"gpt-5-codex",)"
+     R"("permission_mode":"default","prompt":"make the tests pass"})"},
+    {"gemini",
+     R"({"session_id":"0b6f9a3e-1c2d-4e5f-8a9b-0c1d2e3f4a5b","transcript_path":"/home/ana/.gemini/tmp/4f1c/)"
+     R"(chats/session.json","cwd":"/home/ana/shop","hook_event_name":"BeforeAgent",)"
+     R"("timestamp":"2026-11-26T00:10:00.000Z","prompt":"make the tests pass"})"},
+};
 
 struct Timing {
   double wallMs = -1;  // from starting the process to its end; negative when it failed
   double cpuMs = 0;    // user and system time it used (unaffected by other load)
 };
 
-Timing runOnce(const std::vector<std::string>& argv, char** env) {
+Timing runOnce(const std::vector<std::string>& argv, char** env, const char* kInput) {
   int fds[2];
   if (::pipe(fds) != 0) return {};
   // The input fits the pipe, so it is all there before the process starts,
@@ -87,45 +105,48 @@ int main(int argc, char** argv) {
   for (auto& e : envText) env.push_back(e.data());
   env.push_back(nullptr);
 
-  const std::vector<std::string> hook{VIGILO_BINARY, "event", "claude-code"};
   const std::vector<std::string> baseline{"/bin/true"};
-  // A few unmeasured runs bring both into the page cache.
-  for (int i = 0; i < 5; ++i) {
-    runOnce(hook, env.data());
-    runOnce(baseline, env.data());
-  }
-  // Interleaved, so that a burst of load elsewhere hits both alike.
-  std::vector<double> hookTimes, baseTimes, hookCpu, baseCpu;
-  for (int i = 0; i < runs; ++i) {
-    const Timing h = runOnce(hook, env.data());
-    const Timing b = runOnce(baseline, env.data());
-    if (h.wallMs < 0 || b.wallMs < 0) {
-      std::fprintf(stderr, "a run failed\n");
+  std::printf("runs: %d each\n", runs);
+  for (const Agent& agent : kAgents) {
+    const std::vector<std::string> hook{VIGILO_BINARY, "event", agent.name};
+    // A few unmeasured runs bring both into the page cache.
+    for (int i = 0; i < 5; ++i) {
+      runOnce(hook, env.data(), agent.input);
+      runOnce(baseline, env.data(), agent.input);
+    }
+    // Interleaved, so that a burst of load elsewhere hits both alike.
+    std::vector<double> hookTimes, baseTimes, hookCpu, baseCpu;
+    for (int i = 0; i < runs; ++i) {
+      const Timing h = runOnce(hook, env.data(), agent.input);
+      const Timing b = runOnce(baseline, env.data(), agent.input);
+      if (h.wallMs < 0 || b.wallMs < 0) {
+        std::fprintf(stderr, "a run failed\n");
+        return 1;
+      }
+      hookTimes.push_back(h.wallMs);
+      baseTimes.push_back(b.wallMs);
+      hookCpu.push_back(h.cpuMs);
+      baseCpu.push_back(b.cpuMs);
+    }
+    const std::string written = home + "/agent-events/" + kSession + ".json";
+    if (!std::filesystem::exists(written)) {
+      std::fprintf(stderr, "the %s hook wrote no event file\n", agent.name);
       return 1;
     }
-    hookTimes.push_back(h.wallMs);
-    baseTimes.push_back(b.wallMs);
-    hookCpu.push_back(h.cpuMs);
-    baseCpu.push_back(b.cpuMs);
+    std::filesystem::remove(written);
+
+    const double h = median(hookTimes);
+    const double b = median(baseTimes);
+    std::printf("vigilo event %s: %.3f ms median (fastest %.3f ms)\n", agent.name, h,
+                *std::min_element(hookTimes.begin(), hookTimes.end()));
+    std::printf("  /bin/true: %.3f ms median (fastest %.3f ms)\n", b,
+                *std::min_element(baseTimes.begin(), baseTimes.end()));
+    std::printf("  ratio: %.2fx (target: within 2x)\n", h / b);
+    // Wall time swells with whatever else the machine runs; CPU time doesn't.
+    std::printf("  CPU time: %.3f ms median beside %.3f ms, ratio %.2fx\n", median(hookCpu), median(baseCpu),
+                median(hookCpu) / median(baseCpu));
   }
-  const bool written = std::filesystem::exists(home + "/agent-events/0b6f9a3e-1c2d-4e5f-8a9b-0c1d2e3f4a5b.json");
   std::error_code ec;
   std::filesystem::remove_all(home, ec);
-  if (!written) {
-    std::fprintf(stderr, "the hook wrote no event file\n");
-    return 1;
-  }
-
-  const double h = median(hookTimes);
-  const double b = median(baseTimes);
-  std::printf("runs: %d each\n", runs);
-  std::printf("vigilo event claude-code: %.3f ms median (fastest %.3f ms)\n", h,
-              *std::min_element(hookTimes.begin(), hookTimes.end()));
-  std::printf("/bin/true:                %.3f ms median (fastest %.3f ms)\n", b,
-              *std::min_element(baseTimes.begin(), baseTimes.end()));
-  std::printf("ratio: %.2fx (target: within 2x)\n", h / b);
-  // Wall time swells with whatever else the machine runs; CPU time doesn't.
-  std::printf("CPU time: %.3f ms median beside %.3f ms, ratio %.2fx\n", median(hookCpu), median(baseCpu),
-              median(hookCpu) / median(baseCpu));
   return 0;
 }

@@ -108,38 +108,130 @@ struct Change {
   std::optional<std::string> detail;
 };
 
-Change changeFor(const json& input, const std::optional<AgentEvent>& previous, Time now) {
+// What an agent's lifecycle event means for its session.
+enum class Meaning {
+  Start,         // a session begins (idle); a compaction inside one changes nothing
+  Working,       // the person submitted a prompt, or a tool ran
+  Finished,      // the turn is done
+  End,           // the session is over: its file goes
+  AskedToAllow,  // the agent waits for the person's permission
+  ClaudeNotice,  // Claude Code's notification, read by its type and message
+  GeminiNotice,  // Gemini CLI's notification: only a permission prompt counts
+};
+
+struct HookMapping {
+  std::string_view agent;  // empty: any agent without a table of its own
+  std::string_view event;
+  Meaning meaning;
+};
+
+// Every agent's events in its own words. Claude Code's vocabulary is also
+// what an agent without a table of its own is read in. Codex's legacy
+// `notify` payload names its event in "type".
+constexpr HookMapping kHookMappings[] = {
+    {"", "SessionStart", Meaning::Start},
+    {"", "UserPromptSubmit", Meaning::Working},
+    {"", "Stop", Meaning::Finished},
+    {"", "SessionEnd", Meaning::End},
+    {"", "Notification", Meaning::ClaudeNotice},
+    {"codex", "SessionStart", Meaning::Start},
+    {"codex", "UserPromptSubmit", Meaning::Working},
+    {"codex", "PreToolUse", Meaning::Working},
+    {"codex", "PostToolUse", Meaning::Working},
+    {"codex", "PermissionRequest", Meaning::AskedToAllow},
+    {"codex", "Stop", Meaning::Finished},
+    {"codex", "SessionEnd", Meaning::End},
+    {"codex", "agent-turn-complete", Meaning::Finished},
+    {"gemini", "SessionStart", Meaning::Start},
+    {"gemini", "BeforeAgent", Meaning::Working},
+    {"gemini", "AfterTool", Meaning::Working},
+    {"gemini", "AfterAgent", Meaning::Finished},
+    {"gemini", "SessionEnd", Meaning::End},
+    {"gemini", "Notification", Meaning::GeminiNotice},
+};
+
+bool hasOwnTable(std::string_view agent) {
+  return std::any_of(std::begin(kHookMappings), std::end(kHookMappings),
+                     [&](const HookMapping& m) { return m.agent == agent; });
+}
+
+std::optional<Meaning> meaningOf(std::string_view agent, std::string_view event) {
+  const std::string_view table = hasOwnTable(agent) ? agent : std::string_view();
+  for (const HookMapping& m : kHookMappings) {
+    if (m.agent == table && m.event == event) return m.meaning;
+  }
+  return std::nullopt;
+}
+
+// The event's name: hooks give it in "hook_event_name", Codex's notify in "type".
+std::string eventName(const json& input) {
+  if (auto name = stringField(input, "hook_event_name")) return *name;
+  return stringField(input, "type").value_or("");
+}
+
+// What the person is asked to allow, from a permission request's tool.
+std::string permissionDetail(const json& input) {
+  auto tool = input.find("tool_input");
+  if (tool != input.end() && tool->is_object()) {
+    for (const char* key : {"description", "command"}) {
+      if (auto text = stringField(*tool, key); text && !text->empty()) return lowered(*text);
+    }
+  }
+  if (auto name = stringField(input, "tool_name"); name && !name->empty()) return "permission to use " + *name;
+  return "permission_request";
+}
+
+Change changeFor(std::string_view agent, const json& input, const std::optional<AgentEvent>& previous, Time now) {
   Change c;
-  const std::string hook = stringField(input, "hook_event_name").value_or("");
   auto write = [&](AgentState state, Time at) {
     c.kind = Change::Kind::Write;
     c.state = state;
     c.at = at;
   };
-  if (hook == "UserPromptSubmit") {
-    write(AgentState::Working, now);
-  } else if (hook == "Stop") {
-    write(AgentState::Finished, now);
-  } else if (hook == "SessionStart") {
-    // A compaction happens inside a running session; its state stands.
-    if (stringField(input, "source") != "compact") write(AgentState::Idle, now);
-  } else if (hook == "SessionEnd") {
-    c.kind = Change::Kind::Remove;
-  } else if (hook == "Notification") {
-    auto type = stringField(input, "notification_type");
-    if (!type) type = stringField(input, "matcher");
-    const std::string kind = type.value_or("");
-    const std::string message = lowered(stringField(input, "message").value_or(""));
-    const bool needsYou = kind == "permission_prompt" || kind == "elicitation_dialog" ||
-                          kind == "agent_needs_input" ||
-                          (kind.empty() && (contains(message, "permission") || contains(message, "approve")));
-    const bool idle = kind == "idle_prompt" || (kind.empty() && contains(message, "waiting for your input"));
-    if (needsYou) {
+  const auto meaning = meaningOf(agent, eventName(input));
+  if (!meaning) return c;
+  switch (*meaning) {
+    case Meaning::Working:
+      write(AgentState::Working, now);
+      break;
+    case Meaning::Finished:
+      write(AgentState::Finished, now);
+      break;
+    case Meaning::Start:
+      // A compaction happens inside a running session; its state stands.
+      if (stringField(input, "source") != "compact") write(AgentState::Idle, now);
+      break;
+    case Meaning::End:
+      c.kind = Change::Kind::Remove;
+      break;
+    case Meaning::AskedToAllow:
       write(AgentState::Waiting, now);
-      c.detail = message.empty() ? kind : message;
-    } else if (idle) {
-      const bool alreadyFinished = previous && previous->state == AgentState::Finished;
-      write(AgentState::Finished, alreadyFinished ? previous->at : now - kIdleReportDelay);
+      c.detail = permissionDetail(input);
+      break;
+    case Meaning::GeminiNotice: {
+      if (stringField(input, "notification_type") != "ToolPermission") break;
+      const std::string message = lowered(stringField(input, "message").value_or(""));
+      write(AgentState::Waiting, now);
+      c.detail = message.empty() ? std::string("ToolPermission") : message;
+      break;
+    }
+    case Meaning::ClaudeNotice: {
+      auto type = stringField(input, "notification_type");
+      if (!type) type = stringField(input, "matcher");
+      const std::string kind = type.value_or("");
+      const std::string message = lowered(stringField(input, "message").value_or(""));
+      const bool needsYou = kind == "permission_prompt" || kind == "elicitation_dialog" ||
+                            kind == "agent_needs_input" ||
+                            (kind.empty() && (contains(message, "permission") || contains(message, "approve")));
+      const bool idle = kind == "idle_prompt" || (kind.empty() && contains(message, "waiting for your input"));
+      if (needsYou) {
+        write(AgentState::Waiting, now);
+        c.detail = message.empty() ? kind : message;
+      } else if (idle) {
+        const bool alreadyFinished = previous && previous->state == AgentState::Finished;
+        write(AgentState::Finished, alreadyFinished ? previous->at : now - kIdleReportDelay);
+      }
+      break;
     }
   }
   return c;
@@ -207,7 +299,10 @@ void recordOrThrow(const std::string& appFolder, std::string_view agent, std::st
   const json j = parseObject(input);
   if (j.is_discarded()) return;
 
-  const std::string session = AgentEvents::sanitiseSessionId(stringField(j, "session_id").value_or("unknown"));
+  // Codex's notify names the session "thread-id".
+  auto rawSession = stringField(j, "session_id");
+  if (!rawSession) rawSession = stringField(j, "thread-id");
+  const std::string session = AgentEvents::sanitiseSessionId(rawSession.value_or("unknown"));
   if (session.empty()) return;
   const std::string folder = folderOf(appFolder);
   const std::string name = session + ".json";
@@ -218,7 +313,7 @@ void recordOrThrow(const std::string& appFolder, std::string_view agent, std::st
   if (dir < 0) return;
   // A damaged previous file counts as none; this event replaces it.
   const std::optional<AgentEvent> previous = readEvent(dir, name);
-  const Change change = changeFor(j, previous, now);
+  const Change change = changeFor(agent, j, previous, now);
   if (change.kind == Change::Kind::Remove) ::unlinkat(dir, name.c_str(), 0);
   ::close(dir);
   if (change.kind == Change::Kind::Nothing) return;

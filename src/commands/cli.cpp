@@ -56,6 +56,12 @@ class Cli {
     }
     const std::string name = args[0];
     inv_ = parse(std::vector<std::string>(args.begin() + 1, args.end()));
+    // An agent's hook passes its words as they come (Codex's notify appends
+    // a JSON argument): nothing in them is an option, and nothing refuses.
+    if (name == "event") {
+      inv_ = {};
+      inv_.words.assign(args.begin() + 1, args.end());
+    }
     if (!inv_.error.empty()) {
       err(inv_.error);
       return kUsage;
@@ -464,12 +470,18 @@ class Cli {
     return 0;
   }
 
-  // `vigilo event <agent>`, run by an agent's hook on every prompt: it never
+  // `vigilo event <agent> [json]`, run by an agent's hook on every prompt: it never
   // fails, never prints and never waits for the app, so the agent is never
   // held up by it.
   int event() {
     if (inv_.words.empty()) return 0;
-    auto input = AgentEvents::readHookInput(STDIN_FILENO);
+    // Codex's notify passes its JSON as the last argument, with no input.
+    std::optional<std::string> input;
+    if (inv_.words.size() > 1) {
+      input = inv_.words.back();
+    } else {
+      input = AgentEvents::readHookInput(STDIN_FILENO);
+    }
     if (!input) return 0;
     std::unique_ptr<Processes> procs;
     try {

@@ -21,7 +21,7 @@ const char* const kHelpText = R"HELP(vigilo: keep your Mac awake with the lid cl
   vigilo settings [--json]            every setting, its value, allowed values and what it does
   vigilo power [--json]               whole-Mac watts and what to switch off to save more
   vigilo power test [--detailed]      lid closed: measure what Vigilo saves on this Mac (~4 min; --detailed ~12 min)
-  vigilo connect [claude|codex|claude-app]   add Vigilo's MCP server to your agents
+  vigilo connect [claude|codex|gemini|claude-app]   add Vigilo's MCP server and status hooks to your agents
   vigilo prompt                       the prompt that has your agent set Vigilo up with you
   vigilo anyway off                   stop going below the battery limit (allowing it is done in Vigilo)
   vigilo measure                      estimate what slowing apps saves, in ~7 s
@@ -31,7 +31,7 @@ const char* const kHelpText = R"HELP(vigilo: keep your Mac awake with the lid cl
   vigilo config                       settings (also editable at the printed path)
   vigilo open                         drop the panel down from the menu bar
   vigilo mcp                          run as an MCP server for Claude
-  vigilo event claude-code            used by Claude Code's hooks (reads the hook's JSON on stdin)
+  vigilo event claude-code|codex|gemini   used by the agents' hooks (reads the hook's JSON on stdin)
 
 Connect your agents: vigilo connect     Then paste: vigilo prompt
 )HELP";

@@ -50,6 +50,10 @@ std::string AgentPlaces::codexConfig() const {
   return (codexHome.empty() ? home + "/.codex" : codexHome) + "/config.toml";
 }
 
+std::string AgentPlaces::codexHooks() const {
+  return (codexHome.empty() ? home + "/.codex" : codexHome) + "/hooks.json";
+}
+
 std::vector<std::string> AgentPlaces::claudeAppConfigs() const {
   const std::string config = !configHome.empty() && configHome[0] == '/' ? configHome : home + "/.config";
   return {home + "/Library/Application Support/Claude/claude_desktop_config.json",

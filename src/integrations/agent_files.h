@@ -29,6 +29,9 @@ struct AgentPlaces {
   std::string claudeJson() const { return home + "/.claude.json"; }
   std::string claudeSettings() const { return home + "/.claude/settings.json"; }
   std::string codexConfig() const;
+  // Codex's user hooks, beside its config.toml.
+  std::string codexHooks() const;
+  std::string geminiSettings() const { return home + "/.gemini/settings.json"; }
   // The Claude app's configuration: macOS's place when that folder exists,
   // else the Linux one ($XDG_CONFIG_HOME or ~/.config, then "Claude").
   std::string claudeAppConfig() const;

@@ -139,6 +139,29 @@ std::string notToml(const std::string& shown, const std::string& problem) {
   return shown + " isn't valid TOML (" + problem + "), so I left it alone. Fix it or run: codex mcp list";
 }
 
+
+// The line that tells the person what the hooks give, or why they couldn't
+// be added.
+std::string hooksOutcome(const std::optional<std::string>& problem) {
+  if (problem) return " Couldn't add its status hooks: " + *problem;
+  return " It now tells Vigilo when it's working, waiting for you, or done (new sessions).";
+}
+
+// Whether Gemini CLI's settings hold anything of Vigilo's.
+bool hasGeminiVigilo(const ordered_json& settings) {
+  auto servers = settings.find("mcpServers");
+  if (servers != settings.end() && servers->is_object() && servers->contains("vigilo")) return true;
+  return AgentHooks::without(settings, HookFormat::gemini()).second;
+}
+
+// Whether Gemini CLI's settings switch all hooks off.
+bool geminiHooksOff(const ordered_json& settings) {
+  auto config = settings.find("hooksConfig");
+  if (config == settings.end() || !config->is_object()) return false;
+  auto enabled = config->find("enabled");
+  return enabled != config->end() && enabled->is_boolean() && !enabled->get<bool>();
+}
+
 }  // namespace
 
 int runTool(const std::string& program, const std::vector<std::string>& args) {
@@ -203,6 +226,10 @@ bool AIConnect::codexConnected() const {
   auto text = readWholeFile(places_.codexConfig());
   return text && (!codexVigiloRanges(*text).empty() || codexInlineVigilo(*text));
 }
+bool AIConnect::geminiInstalled() const {
+  return onPath(places_.searchPath, "gemini").has_value() || exists(places_.home + "/.gemini");
+}
+bool AIConnect::geminiConnected() const { return hasServer(places_.geminiSettings()); }
 bool AIConnect::claudeAppInstalled() const {
   return exists(std::filesystem::path(places_.claudeAppConfig()).parent_path().string());
 }
@@ -230,12 +257,21 @@ std::string AIConnect::connectClaudeCode(const ServerCommand& server, const std:
                        [&](ordered_json& s) { return setServer(s, entry); }, nullptr, {},
                        [&](const ordered_json& now) { return backupBeforeEntry(path, now); });
   }
-  if (auto problem = ClaudeHooks::install(places_.claudeSettings(), hookCommand)) {
-    message += " Couldn't add its status hooks: " + *problem;
-  } else {
-    message += " It now tells Vigilo when it's working, waiting for you, or done (new sessions).";
+  return message + hooksOutcome(ClaudeHooks::install(places_.claudeSettings(), hookCommand));
+}
+
+bool AIConnect::codexHooksOff(const std::string& text) {
+  for (const auto& s : TOMLTop::scan(text).statements) {
+    if (s.header) continue;
+    const std::string full = s.table.empty() ? s.name : s.table + "." + s.name;
+    if (full != "features.hooks" && full != "features.codex_hooks") continue;
+    const std::string line = text.substr(s.begin, s.end - s.begin);
+    const auto eq = TOMLTop::keyEnd(line);
+    if (!eq) continue;
+    const std::size_t value = line.find_first_not_of(" \t=", *eq);
+    if (value != std::string::npos && line.compare(value, 5, "false") == 0) return true;
   }
-  return message;
+  return false;
 }
 
 bool AIConnect::codexInlineVigilo(const std::string& text) {
@@ -295,7 +331,51 @@ std::string AIConnect::withoutCodexTable(const std::string& text) {
   return out;
 }
 
-std::string AIConnect::connectCodex(const ServerCommand& server) {
+std::string AIConnect::connectCodex(const ServerCommand& server, const std::string& hookCommand) {
+  std::string message = connectCodexServer(server);
+  if (hookCommand.empty()) return message;
+  const std::string hooks = places_.codexHooks();
+  const auto problem = AgentHooks::install(hooks, hookCommand, HookFormat::codex(places_.shown(hooks)));
+  message += hooksOutcome(problem);
+  if (problem) return message;
+  // Turning Codex's hooks on, or trusting ours, is the person's call.
+  const auto config = readWholeFile(places_.codexConfig());
+  if (config && codexHooksOff(*config)) {
+    return message + " Codex's hooks are turned off in " + places_.shown(places_.codexConfig()) +
+           " ([features] hooks = false); Vigilo left that to you.";
+  }
+  return message + " Codex runs new hooks only once you trust them: type /hooks in Codex and trust Vigilo's.";
+}
+
+std::string AIConnect::connectGemini(const ServerCommand& server, const std::string& hookCommand) {
+  const std::string path = places_.geminiSettings();
+  const std::string shown = places_.shown(path);
+  const ordered_json entry = serverEntry(server, false);
+  bool hooksOff = false;
+  bool ok = false;
+  std::string message = editJSON(
+      path, shown, "Added to Gemini CLI (" + shown + ").",
+      [&](ordered_json& s) {
+        const ordered_json before = s;
+        setServer(s, entry);
+        auto hooked = AgentHooks::with(s, hookCommand, HookFormat::gemini());
+        if (!hooked) throw std::runtime_error("its \"hooks\" aren't in the form Gemini CLI uses");
+        s = std::move(*hooked);
+        hooksOff = geminiHooksOff(s);
+        return s != before;
+      },
+      &ok, {},
+      // Connecting again keeps the copy from before Vigilo's first change.
+      [&](const ordered_json& now) { return hasGeminiVigilo(now) && exists(path + ".vigilo-backup"); });
+  if (!ok) return message;
+  message += hooksOutcome(std::nullopt);
+  if (hooksOff) {
+    message += " Gemini CLI's hooks are turned off there (hooksConfig.enabled is false); Vigilo left that to you.";
+  }
+  return message;
+}
+
+std::string AIConnect::connectCodexServer(const ServerCommand& server) {
   const std::string path = places_.codexConfig();
   const std::string shown = places_.shown(path);
   auto file = CarefulFile::read(path);
@@ -330,6 +410,42 @@ std::string AIConnect::connectClaudeApp(const ServerCommand& server) {
   return editJSON(path, places_.shown(path), "Added to the Claude app. Restart it to pick Vigilo up.",
                   [&](ordered_json& s) { return setServer(s, entry); }, nullptr, {},
                   [&](const ordered_json& now) { return backupBeforeEntry(path, now); });
+}
+
+void AIConnect::disconnectGemini(std::vector<std::string>& lines) {
+  const std::string path = places_.geminiSettings();
+  const std::string shown = places_.shown(path);
+  auto file = CarefulFile::read(path);
+  auto settings = file ? parseJsonObject(file->bytes()) : std::nullopt;
+  if (!settings || !hasGeminiVigilo(*settings)) return;
+  const std::string done = "Removed from Gemini CLI (" + shown + ").";
+  // The backup holds the file from before Vigilo's first change: an
+  // "mcpServers" it had stays, even empty. Without one the file is Vigilo's
+  // own and goes when nothing else is left in it.
+  const auto backup = readWholeFile(file->backupPath());
+  const auto before = backup ? parseJsonObject(*backup) : std::nullopt;
+  auto stripKeeping = [](ordered_json& s, bool keep) {
+    const bool server = removeServer(s, keep);
+    auto [rest, hooks] = AgentHooks::without(std::move(s), HookFormat::gemini());
+    s = std::move(rest);
+    return server || hooks;
+  };
+  // A backup that held only Vigilo's entries was saved when it connected
+  // again: the file is still Vigilo's own.
+  ordered_json beforeRest = before.value_or(ordered_json::object());
+  const bool ours = !backup || (before && stripKeeping(beforeRest, false) && beforeRest.empty());
+  const bool keepEmpty = !ours && before && before->contains("mcpServers");
+  auto strip = [&](ordered_json& s) { return stripKeeping(s, keepEmpty); };
+  if (ours) {
+    ordered_json rest = *settings;
+    if (strip(rest) && rest.empty() && file->remove().outcome == CarefulFile::Outcome::Written) {
+      std::error_code ec;
+      if (backup) std::filesystem::remove(file->backupPath(), ec);
+      lines.push_back(done);
+      return;
+    }
+  }
+  lines.push_back(editJSON(path, shown, done, strip));
 }
 
 std::vector<std::string> AIConnect::disconnectAll() {
@@ -404,6 +520,11 @@ std::vector<std::string> AIConnect::disconnectAll() {
   if (auto problem = ClaudeHooks::uninstall(places_.claudeSettings())) {
     lines.push_back("Couldn't remove Claude Code's status hooks: " + *problem);
   }
+  const std::string codexHooks = places_.codexHooks();
+  if (auto problem = AgentHooks::uninstall(codexHooks, HookFormat::codex(places_.shown(codexHooks)))) {
+    lines.push_back("Couldn't remove Codex's status hooks: " + *problem);
+  }
+  disconnectGemini(lines);
   return lines;
 }
 

@@ -23,7 +23,8 @@ struct ServerCommand {
 using ToolRunner = std::function<int(const std::string& program, const std::vector<std::string>& args)>;
 int runTool(const std::string& program, const std::vector<std::string>& args);
 
-// Registers Vigilo's MCP server with Claude Code, Codex and the Claude app,
+// Registers Vigilo's MCP server with Claude Code, Codex, Gemini CLI and the
+// Claude app, and the agents' status hooks where they have them,
 // one entry per agent in its own configuration file, leaving everything
 // else in the file as it was and keeping a backup beside it.
 class AIConnect {
@@ -36,7 +37,10 @@ class AIConnect {
 
   // Each gives the message for the person.
   std::string connectClaudeCode(const ServerCommand& server, const std::string& hookCommand);
-  std::string connectCodex(const ServerCommand& server);
+  // Codex's MCP table and, when `hookCommand` isn't empty, its hooks.
+  std::string connectCodex(const ServerCommand& server, const std::string& hookCommand = {});
+  // Gemini CLI's MCP entry and hooks, in one edit of its settings.
+  std::string connectGemini(const ServerCommand& server, const std::string& hookCommand);
   std::string connectClaudeApp(const ServerCommand& server);
   // Removes every entry and Claude Code's hooks again; one line per file
   // changed or failed.
@@ -47,6 +51,8 @@ class AIConnect {
   bool claudeCodeConnected() const;
   bool codexInstalled() const;
   bool codexConnected() const;
+  bool geminiInstalled() const;
+  bool geminiConnected() const;
   bool claudeAppInstalled() const;
   bool claudeAppConnected() const;
 
@@ -57,10 +63,16 @@ class AIConnect {
   // Whether a top-level line (or one in [mcp_servers]) sets Vigilo's entry
   // as an inline table or dotted keys.
   static bool codexInlineVigilo(const std::string& text);
+  // Whether Codex's config turns its hooks off ([features] hooks = false,
+  // or the older codex_hooks).
+  static bool codexHooksOff(const std::string& text);
 
   const AgentPlaces& places() const { return places_; }
 
  private:
+  std::string connectCodexServer(const ServerCommand& server);
+  void disconnectGemini(std::vector<std::string>& lines);
+
   AgentPlaces places_;
   ToolRunner runner_;
 };

@@ -17,9 +17,9 @@ void print(const std::string& line) { std::printf("%s\n", line.c_str()); }
 }  // namespace
 
 int connectCommand(const std::vector<std::string>& words, AIConnect& connect) {
-  constexpr const char* kUsage = "No agent found. Use: vigilo connect claude | codex | claude-app";
+  constexpr const char* kUsage = "No agent found. Use: vigilo connect claude | codex | gemini | claude-app";
   if (words.size() > 1) {
-    std::fprintf(stderr, "vigilo: usage: vigilo connect [claude|codex|claude-app]\n");
+    std::fprintf(stderr, "vigilo: usage: vigilo connect [claude|codex|gemini|claude-app]\n");
     return 2;
   }
   if (connect.places().home.empty() || connect.places().home[0] != '/') {
@@ -31,6 +31,7 @@ int connectCommand(const std::vector<std::string>& words, AIConnect& connect) {
   if (words.empty()) {
     if (connect.claudeCodeInstalled()) agents.emplace_back("claude");
     if (connect.codexInstalled()) agents.emplace_back("codex");
+    if (connect.geminiInstalled()) agents.emplace_back("gemini");
     if (connect.claudeAppInstalled()) agents.emplace_back("claude-app");
     if (agents.empty()) {
       print(kUsage);
@@ -38,8 +39,8 @@ int connectCommand(const std::vector<std::string>& words, AIConnect& connect) {
     }
   } else {
     const std::string& name = words[0];
-    if (name != "claude" && name != "codex" && name != "claude-app") {
-      std::fprintf(stderr, "vigilo: usage: vigilo connect [claude|codex|claude-app]\n");
+    if (name != "claude" && name != "codex" && name != "gemini" && name != "claude-app") {
+      std::fprintf(stderr, "vigilo: usage: vigilo connect [claude|codex|gemini|claude-app]\n");
       return 2;
     }
     agents.push_back(name);
@@ -50,7 +51,9 @@ int connectCommand(const std::vector<std::string>& words, AIConnect& connect) {
     if (agent == "claude") {
       message = connect.connectClaudeCode(server, ClaudeHooks::currentCommand(connect.places().vigiloHome));
     } else if (agent == "codex") {
-      message = connect.connectCodex(server);
+      message = connect.connectCodex(server, AgentHooks::currentCommand("codex", connect.places().vigiloHome));
+    } else if (agent == "gemini") {
+      message = connect.connectGemini(server, AgentHooks::currentCommand("gemini", connect.places().vigiloHome));
     } else {
       message = connect.connectClaudeApp(server);
     }

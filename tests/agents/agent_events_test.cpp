@@ -108,6 +108,65 @@ TEST_F(AgentEventsTest, MapsEveryHookEvent) {
   }
 }
 
+TEST_F(AgentEventsTest, MapsCodexAndGeminiInTheirOwnWords) {
+  // Payloads as their documentation shows them (Codex's hooks and its
+  // legacy notify; Gemini CLI's hooks, with "timestamp"); each agent's own
+  // events only, never another's vocabulary.
+  const json codex = {{"cwd", "/home/ana/shop"}, {"model", "gpt-5-codex"}, {"permission_mode", "default"},
+                      {"transcript_path", nullptr}, {"turn_id", "019a2b"}};
+  const json gemini = {{"cwd", "/home/ana/shop"}, {"timestamp", "2026-11-26T00:10:00.000Z"},
+                       {"transcript_path", "/home/ana/.gemini/tmp/4f1c/chats/session.json"}};
+  auto with = [](json base, const json& fields) { return base.update(fields), base; };
+  const std::tuple<const char*, const char*, std::string, std::optional<S>, std::optional<std::string>> rows[] = {
+      {"codex", "start", hook("SessionStart", with(codex, {{"source", "startup"}})), S::Idle, {}},
+      {"codex", "prompt", hook("UserPromptSubmit", with(codex, {{"prompt", "fix the tests"}})), S::Working, {}},
+      {"codex", "asks to run a command",
+       hook("PermissionRequest", with(codex, {{"tool_name", "Bash"},
+                                              {"tool_input", {{"command", "npm ci"}, {"description", "Install Deps"}}}})),
+       S::Waiting, "install deps"},
+      {"codex", "asks without a reason", hook("PermissionRequest", with(codex, {{"tool_input", {{"command", "rm x"}}}})),
+       S::Waiting, "rm x"},
+      {"codex", "asks with only a tool", hook("PermissionRequest", with(codex, {{"tool_name", "apply_patch"}})),
+       S::Waiting, "permission to use apply_patch"},
+      {"codex", "tool ran", hook("PostToolUse", with(codex, {{"tool_name", "Bash"}, {"tool_response", "ok"}})),
+       S::Working, {}},
+      {"codex", "stop", hook("Stop", with(codex, {{"stop_hook_active", false}, {"last_assistant_message", "Done."}})),
+       S::Finished, {}},
+      {"codex", "notify",
+       json{{"type", "agent-turn-complete"}, {"thread-id", "abc123"}, {"turn-id", "12345"}, {"cwd", "/home/ana"},
+            {"client", "codex-tui"}, {"input-messages", {"Rename foo"}}, {"last-assistant-message", nullptr}}
+           .dump(),
+       S::Finished, {}},
+      {"codex", "compaction", hook("PreCompact", with(codex, {{"trigger", "auto"}})), {}, {}},
+      {"codex", "Claude's words", notification("permission_prompt", "Needs your permission"), {}, {}},
+      {"gemini", "start", hook("SessionStart", with(gemini, {{"source", "startup"}})), S::Idle, {}},
+      {"gemini", "prompt", hook("BeforeAgent", with(gemini, {{"prompt", "fix the tests"}})), S::Working, {}},
+      {"gemini", "tool permission",
+       hook("Notification", with(gemini, {{"notification_type", "ToolPermission"},
+                                          {"message", "Allow run_shell_command: npm test?"},
+                                          {"details", {{"tool_name", "run_shell_command"}}}})),
+       S::Waiting, "allow run_shell_command: npm test?"},
+      {"gemini", "tool ran", hook("AfterTool", with(gemini, {{"tool_name", "run_shell_command"}})), S::Working, {}},
+      {"gemini", "turn done", hook("AfterAgent", with(gemini, {{"prompt_response", "Done."}})), S::Finished, {}},
+      {"gemini", "other notification", hook("Notification", with(gemini, {{"notification_type", "Update"}})), {}, {}},
+      {"gemini", "model chunk", hook("AfterModel", gemini), {}, {}},
+      {"gemini", "Claude's stop", hook("Stop", gemini), {}, {}},
+      {"claude-code", "Codex's words", hook("PermissionRequest", {{"tool_name", "Bash"}}), {}, {}},
+  };
+  for (const auto& [agent, what, input, state, detail] : rows) {
+    SCOPED_TRACE(std::string(agent) + ": " + what);
+    reset();
+    record(input, 0, agent);
+    const AgentEvent expected{agent, "abc123", state.value_or(S::Idle), clock_.now(), {}, {}, detail};
+    EXPECT_EQ(stored(), state ? std::optional(expected) : std::nullopt);
+  }
+  // Each ends its session the same way.
+  for (const char* agent : {"codex", "gemini"}) {
+    record(hook("SessionEnd", {{"reason", "exit"}}), 0, agent);
+    EXPECT_TRUE(files().empty()) << agent;
+  }
+}
+
 TEST_F(AgentEventsTest, IdleAfterStopCompactionAndEnd) {
   // An idle report 90 s after a Stop keeps the Stop's time.
   const Time stopped = clock_.now();
@@ -324,6 +383,16 @@ TEST_F(EventCommandTest, ExitsAtOnceWritingOnlyWhatIsValid) {
   hookRun.join();
   EXPECT_EQ(heard, 1);
   EXPECT_EQ(files(), std::vector<std::string>{"abc123.json"});
+
+  // Codex's notify gives its JSON as the last argument: that is the event,
+  // and standard input is not read.
+  const std::string turnDone = R"({"type":"agent-turn-complete","thread-id":"t-42","turn-id":"7","cwd":"/tmp"})";
+  event(hook("UserPromptSubmit", json::object(), "from-input"), {"event", "codex", turnDone});
+  EXPECT_EQ(files(), (std::vector<std::string>{"abc123.json", "t-42.json"}));
+  EXPECT_EQ(AgentEvents::decode(readFile(home_ + "/agent-events/t-42.json"))->state, S::Finished);
+  // Whatever the words, the hook neither fails nor prints.
+  event("", {"event", "codex", "--json"});
+  EXPECT_EQ(files().size(), 2u);
 }
 
 }  // namespace

@@ -169,6 +169,22 @@ TEST(ClaudeHooksEdit, WithoutRemovesOnlyVigilosEntries) {
     SCOPED_TRACE(what);
     EXPECT_EQ(ClaudeHooks::without(before), std::pair(after.value_or(before), after.has_value()));
   }
+
+  // Each agent's entries are its own: Codex's removal leaves Claude Code's
+  // and Gemini CLI's (whose name begins like a longer agent's would) alone.
+  const ordered_json codex = {{"type", "command"}, {"command", AgentHooks::commandFor("/opt/vigilo", "codex")}};
+  const ordered_json gemini = {{"type", "command"}, {"command", "'/opt/vigilo' event gemini-next; exit 0"}};
+  const auto shared = stop({{{"hooks", {entry, codex, gemini}}}});
+  EXPECT_EQ(ClaudeHooks::without(shared).first, stop({{{"hooks", {codex, gemini}}}}));
+  EXPECT_EQ(AgentHooks::without(shared, HookFormat::codex("~/.codex/hooks.json")).first,
+            stop({{{"hooks", {entry, gemini}}}}));
+  EXPECT_FALSE(AgentHooks::without(shared, HookFormat::gemini()).second);
+  // Gemini CLI counts a hook's time in milliseconds and lists hooks by name.
+  const auto withGemini = AgentHooks::with(ordered_json::object(), "x event gemini", HookFormat::gemini());
+  ASSERT_TRUE(withGemini);
+  EXPECT_EQ((*withGemini)["hooks"]["AfterAgent"],
+            ordered_json::parse(R"([{"hooks":[{"name":"vigilo","type":"command","command":"x event gemini",)"
+                                R"("timeout":10000}]}])"));
 }
 
 TEST(ClaudeHooksCommand, QuotesForTheShellAndNamesThisBuild) {

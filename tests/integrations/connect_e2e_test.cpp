@@ -56,7 +56,7 @@ TEST_F(ConnectEndToEndTest, WithoutTheToolTheFileIsEditedAndTheServerAnswersTheS
   }
   ToolRun none = connect({"connect"}, "/usr/bin:/bin");
   EXPECT_EQ(none.status, 1);
-  EXPECT_EQ(none.out, "No agent found. Use: vigilo connect claude | codex | claude-app\n");
+  EXPECT_EQ(none.out, "No agent found. Use: vigilo connect claude | codex | gemini | claude-app\n");
 
   ToolRun r = connect({"connect", "claude"}, "/usr/bin:/bin");
   ASSERT_EQ(r.status, 0) << r.out << r.err;

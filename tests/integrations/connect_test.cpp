@@ -319,10 +319,14 @@ class ScratchDir {
 TEST_F(ConnectTest, ConnectThenDisconnectAndApproveOnThenOffGiveBackEveryByte) {
   const ScratchDir scratch;
   places_.home = scratch.file("home");
-  for (const char* folder : {"home/.claude", "home/.codex", "home/.config/Claude"}) {
+  for (const char* folder : {"home/.claude", "home/.codex", "home/.config/Claude", "home/.gemini"}) {
     std::filesystem::create_directories(scratch.file(folder));
   }
-  const std::vector<std::string> jsonFiles = {places_.claudeJson(), places_.claudeSettings(), places_.claudeAppConfig()};
+  // Codex's hooks.json and Gemini CLI's settings come last.
+  const std::vector<std::string> jsonFiles = {places_.claudeJson(), places_.claudeSettings(), places_.claudeAppConfig(),
+                                              places_.codexHooks(), places_.geminiSettings()};
+  const std::string codexHook = AgentHooks::commandFor("/opt/vigilo/vigilo", "codex");
+  const std::string geminiHook = AgentHooks::commandFor("/opt/vigilo/vigilo", "gemini");
   const std::string codex = places_.codexConfig();
   ManualClock clock;
   for (unsigned seed = 1; seed <= 500; ++seed) {
@@ -340,8 +344,8 @@ TEST_F(ConnectTest, ConnectThenDisconnectAndApproveOnThenOffGiveBackEveryByte) {
       ::chmod(path.c_str(), modes[gen.pick(3)]);
     }
     SCOPED_TRACE("seed " + std::to_string(seed) + "\n" + files[1].second.value_or("(none)") + "\n" +
-                 files[3].second.value_or("(none)"));
-    ASSERT_EQ(tomlError(files[3].second.value_or("")), "");
+                 files[5].second.value_or("(none)"));
+    ASSERT_EQ(tomlError(files[5].second.value_or("")), "");
     auto state = [&] {
       std::vector<std::string> now;
       for (const auto& [path, text] : files) {
@@ -356,21 +360,28 @@ TEST_F(ConnectTest, ConnectThenDisconnectAndApproveOnThenOffGiveBackEveryByte) {
 
     AIConnect c = connect(1);
     c.connectClaudeCode(server_, hook_);
-    ASSERT_EQ(c.connectCodex(server_), "Added to Codex (~/.codex/config.toml). New sessions can use Vigilo.");
+    const std::string hooked = " It now tells Vigilo when it's working, waiting for you, or done (new sessions).";
+    ASSERT_EQ(c.connectCodex(server_, codexHook),
+              "Added to Codex (~/.codex/config.toml). New sessions can use Vigilo." + hooked +
+                  " Codex runs new hooks only once you trust them: type /hooks in Codex and trust Vigilo's.");
+    ASSERT_EQ(c.connectGemini(server_, geminiHook), "Added to Gemini CLI (~/.gemini/settings.json)." + hooked);
     ASSERT_EQ(c.connectClaudeApp(server_), "Added to the Claude app. Restart it to pick Vigilo up.");
     if (gen.pick(2)) {
       // Connected again after Vigilo moved.
       ServerCommand moved = server_;
       moved.command = "/moved/vigilo";
       c.connectClaudeCode(moved, hook_);
-      c.connectCodex(moved);
+      c.connectCodex(moved, codexHook);
+      c.connectGemini(moved, geminiHook);
       c.connectClaudeApp(moved);
     }
-    ASSERT_TRUE(c.claudeCodeConnected() && c.codexConnected() && c.claudeAppConnected());
+    ASSERT_TRUE(c.claudeCodeConnected() && c.codexConnected() && c.claudeAppConnected() && c.geminiConnected());
+    ASSERT_TRUE(AgentHooks::installedAt(places_.codexHooks(), codexHook));
+    ASSERT_TRUE(AgentHooks::installedAt(places_.geminiSettings(), geminiHook));
     c.disconnectAll();
     ASSERT_EQ(state(), before);
 
-    if (!files[1].second || !files[3].second) continue;
+    if (!files[1].second || !files[5].second) continue;
     AutoApprove approve(scratch.file("app"), places_, clock);
     bool on = false, off = false;
     approve.turnOn(AutoApprove::Ends::Manual, {}, &on);
@@ -379,6 +390,31 @@ TEST_F(ConnectTest, ConnectThenDisconnectAndApproveOnThenOffGiveBackEveryByte) {
     ASSERT_TRUE(off);
     ASSERT_EQ(state(), before);
   }
+}
+
+TEST_F(ConnectTest, HooksTheAgentHasTurnedOffAreLeftForThePersonToTurnOn) {
+  const std::string codexOff = " Codex's hooks are turned off in ~/.codex/config.toml ([features] hooks = false);"
+                               " Vigilo left that to you.";
+  const std::string codexHook = AgentHooks::commandFor("/opt/vigilo/vigilo", "codex");
+  for (const std::string config : {"[features]\nhooks = false # not yet\n", "features.codex_hooks=false\n"}) {
+    writeFile(places_.codexConfig(), config);
+    const std::string message = connect().connectCodex(server_, codexHook);
+    EXPECT_EQ(message.substr(message.size() - codexOff.size()), codexOff) << message;
+    EXPECT_NE(readFile(places_.codexConfig()).find(config), std::string::npos);
+  }
+  std::filesystem::create_directories(dir_.file(".gemini"));
+  const std::string geminiHook = AgentHooks::commandFor("/opt/vigilo/vigilo", "gemini");
+  writeFile(places_.geminiSettings(), "{\"hooksConfig\": {\"enabled\": false}}");
+  EXPECT_EQ(connect().connectGemini(server_, geminiHook),
+            "Added to Gemini CLI (~/.gemini/settings.json). It now tells Vigilo when it's working, waiting for you, or "
+            "done (new sessions). Gemini CLI's hooks are turned off there (hooksConfig.enabled is false); Vigilo left "
+            "that to you.");
+  EXPECT_EQ(json::parse(readFile(places_.geminiSettings()))["hooksConfig"], json({{"enabled", false}}));
+  // Gemini CLI reads comments in its settings; Vigilo leaves such a file be.
+  const std::string commented = "// mine\n{\"theme\": \"Dracula\"}\n";
+  writeFile(places_.geminiSettings(), commented);
+  EXPECT_EQ(connect().connectGemini(server_, geminiHook), "~/.gemini/settings.json isn't valid JSON, so I left it alone.");
+  EXPECT_EQ(readFile(places_.geminiSettings()), commented);
 }
 
 TEST_F(ConnectTest, CodexEntriesWrittenByHandAndCodexHomeAreRespected) {
