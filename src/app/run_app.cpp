@@ -420,7 +420,10 @@ class App {
       nlohmann::json reply = panel_.open(args);
       // Asked from the tray or the app menu, the person is looking at the
       // screen, not at a terminal: the reason goes where they look.
-      if (!reply.value("ok", false)) notifier_.note("Vigilo can't open its panel", reply.value("error", std::string()));
+      const std::string error = reply.value("error", std::string());
+      if (!reply.value("ok", false) && error.rfind("There is no panel page", 0) != 0) {
+        notifier_.note("Vigilo can't open its panel", error);
+      }
       return reply;
     });
     center_.addDeferredHandler("snapshot", [this](const nlohmann::json& args,
