@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/clock.h"
 #include "platform/command_runner.h"
@@ -32,6 +33,12 @@ std::unique_ptr<Processes> makeProcesses();
 // The desktop around the app: alerts, tray, hotkey. The simulated laptop's
 // person sits at this machine's desktop, so it serves both.
 std::unique_ptr<Desktop> makeDesktop();
+// Fills in this process's environment with what a program on the person's
+// desktop needs and the caller didn't pass on (an agent starts `vigilo mcp`
+// with little more than HOME and PATH): the session bus, the runtime folder
+// and the display, found from the user id. Call before any thread starts;
+// children (the panel) inherit it. The names it set, for the log.
+std::vector<std::string> joinDesktopSession();
 // The one-time setup (the watchdog and the sleep permission) of this kind
 // of machine.
 std::unique_ptr<Setup> makeSetup(SetupContext context, CommandRunner& runner);

@@ -3,11 +3,13 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "platform/linux/desktop_session.h"
 #include "platform/linux/host_processes.h"
 #include "platform/linux/linux_desktop.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/macos/mac_platform.h"
 #include "platform/macos/rooted_runner.h"
+#include "platform/runtime_folder.h"
 #include "platform/sim/sim_laptop.h"
 
 namespace vigilo::host {
@@ -54,6 +56,16 @@ double clockSpeed(const std::string& simulateFile) {
 std::unique_ptr<Processes> makeProcesses() { return makeHostProcesses(); }
 
 std::unique_ptr<Desktop> makeDesktop() { return makeLinuxDesktop(); }
+
+std::vector<std::string> joinDesktopSession() {
+  std::vector<std::string> set;
+  DesktopSessionPlaces places;
+  places.runtimeFolder = userRuntimeFolder();
+  for (const auto& [name, value] : desktopSessionGaps(places, [](const char* n) -> const char* { return std::getenv(n); })) {
+    if (::setenv(name.c_str(), value.c_str(), 0) == 0) set.push_back(name + "=" + value);
+  }
+  return set;
+}
 
 std::unique_ptr<Setup> makeSetup(SetupContext context, CommandRunner& runner) {
   if (simulatedMacTools()) return std::make_unique<MacSetup>(std::move(context), simulatedMacRunner());

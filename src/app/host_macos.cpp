@@ -63,6 +63,10 @@ std::unique_ptr<Processes> makeProcesses() { return makeMacProcesses(commandLine
 
 std::unique_ptr<Desktop> makeDesktop() { return makeMacDesktop(commandLines()); }
 
+// A launch agent runs in the person's login session, which already has
+// everything the desktop needs.
+std::vector<std::string> joinDesktopSession() { return {}; }
+
 std::unique_ptr<Setup> makeSetup(SetupContext context, CommandRunner& runner) {
   return std::make_unique<MacSetup>(std::move(context), runner);
 }

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "agents/agent_events.h"
@@ -38,6 +39,18 @@
 namespace vigilo {
 namespace {
 
+// Under systemd the app's output goes to the journal, which stamps each
+// line itself and reads a "<N>" priority in front of it (sd-daemon.h):
+// systemd names the stream in JOURNAL_STREAM as "<device>:<inode>", which
+// a descriptor handed on to a terminal or a file no longer matches.
+bool toJournal(int fd) {
+  const char* stream = std::getenv("JOURNAL_STREAM");
+  unsigned long long device = 0, inode = 0;
+  if (stream == nullptr || std::sscanf(stream, "%llu:%llu", &device, &inode) != 2) return false;
+  struct stat st {};
+  return ::fstat(fd, &st) == 0 && st.st_dev == device && st.st_ino == inode;
+}
+
 std::string clockStamp() {
   std::time_t t = std::time(nullptr);
   std::tm tm{};
@@ -48,8 +61,19 @@ std::string clockStamp() {
 }
 
 void say(const std::string& line) {
-  std::printf("%s  %s\n", clockStamp().c_str(), line.c_str());
+  static const bool journal = toJournal(STDOUT_FILENO);
+  if (journal) {
+    std::printf("%s%s\n", line.rfind("warning: ", 0) == 0 ? "<4>" : "<6>", line.c_str());
+  } else {
+    std::printf("%s  %s\n", clockStamp().c_str(), line.c_str());
+  }
   std::fflush(stdout);
+}
+
+// Failures the app can't go on from, and the log's: errors to the journal.
+void complain(const std::string& line) {
+  static const bool journal = toJournal(STDERR_FILENO);
+  std::fprintf(stderr, "%s%s\n", journal ? "<3>" : "", line.c_str());
 }
 
 // One app per folder: two engines on the same records would undo each
@@ -132,15 +156,14 @@ std::optional<AppOptions> parseAppOptions(const std::vector<std::string>& args) 
       o.preview = true;
     } else if (a == "--simulate") {
       if (i + 1 >= args.size() || args[i + 1].empty()) {
-        std::fprintf(stderr, "vigilo: --simulate needs the path of the simulated laptop's state file.\n");
+        complain("vigilo: --simulate needs the path of the simulated laptop's state file.");
         return std::nullopt;
       }
       o.simulate = args[++i];
     } else if (a.rfind("--simulate=", 0) == 0 && a.size() > 11) {
       o.simulate = a.substr(11);
     } else {
-      std::fprintf(stderr, "vigilo: app doesn't know \"%s\". Usage: vigilo app [--simulate FILE] [--preview]\n",
-                   a.c_str());
+      complain("vigilo: app doesn't know \"" + a + "\". Usage: vigilo app [--simulate FILE] [--preview]");
       return std::nullopt;
     }
   }
@@ -150,20 +173,38 @@ std::optional<AppOptions> parseAppOptions(const std::vector<std::string>& args) 
 // Refuses an app folder that someone else could change (their records would
 // steer what this app deletes or runs) and a second app on the same folder.
 // The exit status when the app can't start here.
+// The exit status of an app that found another one running on its folder:
+// the user service's unit doesn't restart on it.
+constexpr int kAnotherAppStatus = 3;
+
+// Launched again (from the desktop's app menu, or a terminal) while an app
+// runs: the person wants to see Vigilo, so the running app opens its panel.
+// systemd starting its unit beside an app run by hand shows nothing.
+void showRunningApp(const std::string& folder) {
+  if (const char* unit = std::getenv("INVOCATION_ID"); unit != nullptr && *unit != '\0') return;
+  if (::setenv(kNoAutostartVariable, "1", 1) != 0) return;
+  const nlohmann::json reply = RequestClient(folder).send("open", nlohmann::json::object(), 5);
+  if (reply.value("ok", false)) {
+    std::printf("vigilo: opened the running app's panel\n");
+  } else {
+    complain("vigilo: couldn't open the running app's panel: " + reply.value("error", std::string("no answer")));
+  }
+}
+
 std::optional<int> takeFolder(const std::string& folder, const StateFiles& files, std::optional<FolderLock>& lock) {
   if (Result usable = checkAppFolder(folder); !usable) {
-    std::fprintf(stderr, "vigilo: %s\n", usable.message().c_str());
+    complain("vigilo: " + usable.message());
     return 1;
   }
   lock.emplace(files);
   if (!lock->opened()) {
-    std::fprintf(stderr, "vigilo: couldn't create the app folder %s or its lock file; check that it is yours and writable\n",
-                 folder.c_str());
+    complain("vigilo: couldn't create the app folder " + folder +
+             " or its lock file; check that it is yours and writable");
     return 1;
   }
   if (!lock->held()) {
-    std::fprintf(stderr, "vigilo: another Vigilo app is already running for %s\n", folder.c_str());
-    return 1;
+    complain("vigilo: another Vigilo app is already running for " + folder);
+    return kAnotherAppStatus;
   }
   return std::nullopt;
 }
@@ -182,11 +223,10 @@ std::optional<int> claimMachine(const std::string& folder, const std::string& si
   }
   auto recorded = recordedMachine(folder);
   if (recorded && *recorded != simulateFile && !engine.outstandingChanges().empty()) {
-    std::fprintf(stderr,
-                 "vigilo: %s has changes on %s that aren't put back yet. Start the app there (%s) or run "
-                 "\"vigilo rescue\" first.\n",
-                 folder.c_str(), machineName(*recorded).c_str(),
-                 recorded->empty() ? "vigilo app" : ("vigilo app --simulate " + *recorded).c_str());
+    complain("vigilo: " + folder + " has changes on " + machineName(*recorded) +
+             " that aren't put back yet. Start the app there (" +
+             (recorded->empty() ? std::string("vigilo app") : "vigilo app --simulate " + *recorded) +
+             ") or run \"vigilo rescue\" first.");
     return 1;
   }
   if (!recordMachine(folder, simulateFile)) say("warning: couldn't record which machine " + folder + " belongs to");
@@ -376,7 +416,16 @@ class App {
     center_.setClosedLid(&closedLid_);
     center_.setSavings(&savings_);
     // The panel window runs in a process of its own; the loop never waits on it.
-    center_.addHandler("open", [this](const nlohmann::json& args) { return panel_.open(args); });
+    center_.addHandler("open", [this](const nlohmann::json& args) {
+      nlohmann::json reply = panel_.open(args);
+      // Asked from the tray or the app menu, the person is looking at the
+      // screen, not at a terminal: the reason goes where they look.
+      const std::string error = reply.value("error", std::string());
+      if (!reply.value("ok", false) && error.rfind("There is no panel page", 0) != 0) {
+        notifier_.note("Vigilo can't open its panel", error);
+      }
+      return reply;
+    });
     center_.addDeferredHandler("snapshot", [this](const nlohmann::json& args,
                                                   std::function<void(const nlohmann::json&)> reply) {
       panel_.snapshot(args, std::move(reply));
@@ -477,6 +526,10 @@ int runApp(const std::vector<std::string>& args) {
     // The tool starts the app this way for a simulated laptop.
     if (const char* env = std::getenv("VIGILO_SIMULATE"); env != nullptr && *env != '\0') options->simulate = env;
   }
+  // Before any thread starts: setenv isn't safe beside threads that read
+  // the environment.
+  const std::vector<std::string> joined = host::joinDesktopSession();
+  setLogSink(complain);
   SystemClock systemClock;
   // A simulated laptop may run its clock fast, so minutes pass in seconds.
   ScaledClock clock(systemClock, host::clockSpeed(options->simulate));
@@ -484,7 +537,7 @@ int runApp(const std::vector<std::string>& args) {
   try {
     loop = makePollRunLoop(clock);
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "vigilo: couldn't start the run loop: %s\n", e.what());
+    complain(std::string("vigilo: couldn't start the run loop: ") + e.what());
     return 1;
   }
   // Without --simulate, the real machine.
@@ -493,11 +546,19 @@ int runApp(const std::vector<std::string>& args) {
   StateFiles files(folder);
   std::optional<FolderLock> lock;
   if (!options->preview) {
-    if (auto refused = takeFolder(folder, files, lock)) return *refused;
+    if (auto refused = takeFolder(folder, files, lock)) {
+      if (*refused == kAnotherAppStatus) showRunningApp(folder);
+      return *refused;
+    }
   }
   Engine engine(*platform, folder, EngineOptions{options->preview, false});
   if (!options->preview) {
     if (auto refused = claimMachine(folder, options->simulate, engine)) return *refused;
+  }
+  if (!joined.empty()) {
+    std::string names;
+    for (const std::string& entry : joined) names += (names.empty() ? "" : ", ") + entry;
+    say("Joined the desktop session: " + names);
   }
   App app(*options, clock, *loop, *platform, engine);
   return app.run();

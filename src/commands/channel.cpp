@@ -24,6 +24,7 @@
 #include "engine/records.h"
 #include "platform/files.h"
 #include "platform/private_folder.h"
+#include "platform/runtime_folder.h"
 #include "platform/socket_listener.h"
 #include "platform/spawn.h"
 
@@ -39,9 +40,11 @@ std::string selfExecutable() { return ownExecutable().value_or("vigilo"); }
 // Runs argv detached from us (a new session, our blocked signals cleared),
 // its output in a new file of its own, and waits only for the starter itself
 // when `wait` is set.
-bool spawn(const std::vector<std::string>& argv, const std::string& output, bool wait) {
+bool spawn(const std::vector<std::string>& argv, const std::string& output, bool wait,
+           std::optional<std::vector<std::string>> environment = std::nullopt) {
   SpawnOptions options;
   options.argv = argv;
+  options.environment = std::move(environment);
   options.in = SpawnStream::null();
   options.out = SpawnStream::file(output);
   options.err = SpawnStream::output();
@@ -190,7 +193,14 @@ bool launchApp(const std::string& appFolder) {
   // own (tests) or a simulated laptop starts the app directly.
   const bool plain = (!vigiloHome || !*vigiloHome) && simulate.empty();
   if (plain && std::filesystem::exists(unitDir + "/vigilo.service", ec)) {
-    if (spawn({"/usr/bin/systemctl", "--user", "start", "vigilo.service"}, "/dev/null", true)) return true;
+    // systemctl finds the user manager through XDG_RUNTIME_DIR, which an
+    // agent's stripped environment lacks: it follows from the user id.
+    std::vector<std::string> env;
+    for (char** e = environ; *e != nullptr; ++e) {
+      if (std::string_view(*e).rfind("XDG_RUNTIME_DIR=", 0) != 0) env.emplace_back(*e);
+    }
+    if (const std::string runtime = userRuntimeFolder(); !runtime.empty()) env.push_back("XDG_RUNTIME_DIR=" + runtime);
+    if (spawn({"/usr/bin/systemctl", "--user", "start", "vigilo.service"}, "/dev/null", true, env)) return true;
   }
   std::vector<std::string> argv{selfExecutable(), "app"};
   if (!simulate.empty()) {

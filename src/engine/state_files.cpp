@@ -5,12 +5,44 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <map>
+#include <mutex>
+
+#include "platform/runtime_folder.h"
+
 namespace vigilo {
+namespace {
+
+// The heartbeat "alive" and the "hold" marker are rewritten every tick:
+// where the user has a runtime folder (a tmpfs) they live in the app
+// folder's beat folder there (beatFolderFor), so an idle app never wakes
+// the disk. Each one's meaning is its existence or its time, which a
+// reboot (when the tmpfs goes) makes moot on Linux, where the sleep lock
+// ends with the app anyway.
+bool beatFile(std::string_view name) { return name == "alive" || name == "hold"; }
+
+// The beat folder of `dir`, or "" for none. Asked on every path of a beat
+// file, so kept per folder.
+std::string beatDirOf(const std::string& dir) {
+  static std::mutex mutex;
+  static std::map<std::string, std::string> known;
+  std::lock_guard<std::mutex> lock(mutex);
+  auto it = known.find(dir);
+  if (it == known.end()) it = known.emplace(dir, beatFolderFor(dir)).first;
+  return it->second;
+}
+
+std::string folderOf(const std::string& dir, std::string_view name) {
+  if (!beatFile(name)) return dir;
+  std::string beat = beatDirOf(dir);
+  return beat.empty() ? dir : beat;
+}
+
+}  // namespace
+
 StateFiles::StateFiles(std::string dir) : dir_(std::move(dir)) {}
 
-std::string StateFiles::path(std::string_view name) const {
-  return dir_ + "/" + std::string(name);
-}
+std::string StateFiles::path(std::string_view name) const { return folderOf(dir_, name) + "/" + std::string(name); }
 
 bool StateFiles::ensureDir() const {
   // Hold reasons, agent events and replies name projects and work: only
@@ -18,8 +50,15 @@ bool StateFiles::ensureDir() const {
   return makePrivateFolder(dir_).isOk();
 }
 
+// Makes the folder that holds `name`.
+static bool ensureDirOf(const StateFiles& files, std::string_view name) {
+  if (!files.ensureDir()) return false;
+  const std::string folder = folderOf(files.dir(), name);
+  return folder == files.dir() || makePrivateFolder(folder).isOk();
+}
+
 bool StateFiles::writeDurably(std::string_view name, std::string_view data, std::optional<mode_t> mode) const {
-  if (!ensureDir()) return false;
+  if (!ensureDirOf(*this, name)) return false;
   return writeFileDurably(path(name), data, mode).isOk();
 }
 
@@ -35,7 +74,7 @@ bool StateFiles::touch(std::string_view name) const {
     // watchdog and the next launch look for a plain file. It is replaced.
     if (S_ISDIR(st.st_mode) || ::unlink(p.c_str()) != 0) return false;
   }
-  if (!ensureDir()) return false;
+  if (!ensureDirOf(*this, name)) return false;
   int fd = ::open(p.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kPrivateFileMode);
   if (fd < 0) return false;
   bool ok = ::futimens(fd, nullptr) == 0;
@@ -43,13 +82,20 @@ bool StateFiles::touch(std::string_view name) const {
 }
 
 bool StateFiles::remove(std::string_view name) const {
-  if (::unlink(path(name).c_str()) == 0) return true;
-  return errno == ENOENT || errno == ENOTDIR;
+  const std::string folder = folderOf(dir_, name);
+  // Left in the app folder by a version that kept it there.
+  if (folder != dir_) ::unlink((dir_ + "/" + std::string(name)).c_str());
+  if (::unlink(path(name).c_str()) != 0 && errno != ENOENT && errno != ENOTDIR) return false;
+  // The beat folder goes with its last file; one still in use stays.
+  if (folder != dir_) ::rmdir(folder.c_str());
+  return true;
 }
 
 bool StateFiles::exists(std::string_view name) const {
   struct stat st {};
-  return ::stat(path(name).c_str(), &st) == 0;
+  if (::stat(path(name).c_str(), &st) == 0) return true;
+  // A record an earlier version left in the app folder still counts.
+  return folderOf(dir_, name) != dir_ && ::stat((dir_ + "/" + std::string(name)).c_str(), &st) == 0;
 }
 
 std::optional<std::string> StateFiles::read(std::string_view name, std::size_t limit) const {

@@ -1,5 +1,7 @@
 #include "safety/watchdog_script.h"
 
+#include "platform/runtime_folder.h"
+
 namespace vigilo {
 namespace {
 
@@ -183,6 +185,9 @@ std::string linuxWatchdogScript(const std::string& folder, const std::string& ex
   s += "#!/bin/sh\n";
   s += "# Vigilo watchdog (written by Vigilo; refreshed each launch).\n";
   s += "D=" + shellQuote(folder) + "\n";
+  s += "# The heartbeat and the hold marker, in the runtime folder (a tmpfs) where there is one.\n";
+  const std::string beats = beatFolderFor(folder);
+  s += "R=" + shellQuote(beats.empty() ? folder : beats) + "\n";
   s += "EXE=" + shellQuote(executable) + "\n";
   s += "UNIT=" + std::string(kWatchdogUnit) + "\n";
   s += "LINK=" + shellQuote(linkPath) + "\n";
@@ -214,22 +219,24 @@ restore_all() {
       done <"$D/resume-pids"
       rm -f "$D/resume-pids" "$D/touched.json"
     fi
-    rm -f "$D/powermode-restore" "$D/timemachine-restore" "$D/display-off" "$D/hold"
+    rm -f "$D/powermode-restore" "$D/timemachine-restore" "$D/display-off" "$R/hold" "$D/hold"
   fi
   restore_approve
 }
 
 if [ -e "$EXE" ]; then
   rm -f "$D/gone"
-  if [ -e "$D/alive" ]; then
+  if [ -e "$R/alive" ]; then
 )SH";
-  s += kHeartbeatAge;
+  std::string age = kHeartbeatAge;
+  for (std::size_t at; (at = age.find("$D/alive")) != std::string::npos;) age.replace(at, 2, "$R");
+  s += age;
   s += R"SH(    # The app died or hangs: it undoes everything from the records.
     exec "$EXE" cli watchdog
   fi
   # The app quit cleanly; a hold it could not release is put back by the
   # app's own executable, which knows the machine the folder belongs to.
-  [ -e "$D/hold" ] && exec "$EXE" cli watchdog
+  { [ -e "$R/hold" ] || [ -e "$D/hold" ]; } && exec "$EXE" cli watchdog
   exit 0
 fi
 
@@ -241,7 +248,7 @@ restore_all
   s += kGoneFor;
   s += R"SH(if [ -L "$LINK" ] && [ ! -e "$LINK" ]; then rm -f "$LINK"; fi
 systemctl --user disable --now "$UNIT.timer" >/dev/null 2>&1
-rm -f "$UNITS/$UNIT.timer" "$UNITS/$UNIT.service" "$D/gone" "$D/alive" "$D/watchdog.sh" >/dev/null 2>&1
+rm -f "$UNITS/$UNIT.timer" "$UNITS/$UNIT.service" "$D/gone" "$R/alive" "$D/alive" "$D/watchdog.sh" >/dev/null 2>&1
 systemctl --user daemon-reload >/dev/null 2>&1
 exit 0
 )SH";

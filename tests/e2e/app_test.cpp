@@ -1,8 +1,12 @@
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
+#include <sstream>
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
+#include "e2e/inotify_watch.h"
 #include "e2e/sim_app.h"
 #include "engine/config.h"
 #include "test_support.h"
@@ -145,11 +149,66 @@ TEST_F(AppTest, RefusesBadArgumentsPlainly) {
   // A second app on the same folder is refused while the first runs.
   auto first = launch();
   ASSERT_TRUE(waitFor([&] { return first->output().find("sleeps when closed") != std::string::npos; }, 10s));
+  // It exits with a status of its own, which the user service doesn't
+  // restart on, and asks the running app to show its panel (which needs a
+  // display this test doesn't give it).
   auto second = launch();
-  EXPECT_EQ(second->wait(10s), 1);
+  EXPECT_EQ(second->wait(10s), 3);
   EXPECT_NE(second->output().find("another Vigilo app is already running"), std::string::npos);
+  EXPECT_NE(second->output().find("couldn't open the running app's panel: The panel needs a graphical session"),
+            std::string::npos)
+      << second->output();
   first->signal(SIGTERM);
   EXPECT_EQ(first->wait(10s), 0);
+}
+
+// Given a runtime folder (a tmpfs on a real login), the idle app writes
+// nothing to the app folder's disk: what it rewrites every tick lives
+// there, and the watchdog looks for it there.
+TEST_F(AppTest, AnIdleAppBeatsInTheRuntimeFolderAndLeavesTheAppFolderAlone) {
+  const std::string runtime = dir_.file("run");
+  std::filesystem::create_directory(runtime);
+  std::filesystem::permissions(runtime, std::filesystem::perms::owner_all);
+  writeFile(state_, R"({"clockSpeed": 60})");
+  writeFile(home_ + "/config.json", R"({"mode": "auto"})");
+  // Its output is the journal's stream, as under systemd.
+  writeFile(dir_.file("app.txt"), "");
+  struct stat out {};
+  ASSERT_EQ(::stat(dir_.file("app.txt").c_str(), &out), 0);
+  const std::string journal = std::to_string(out.st_dev) + ":" + std::to_string(out.st_ino);
+  app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", state_}, home_,
+                                      dir_.file("app.txt"),
+                                      std::vector<std::string>{"XDG_RUNTIME_DIR=" + runtime, "JOURNAL_STREAM=" + journal});
+  std::string beats;
+  ASSERT_TRUE(waitFor(
+      [&] {
+        for (const auto& e : std::filesystem::directory_iterator(runtime)) beats = e.path().string();
+        return fileExists(beats + "/alive") && inHome("watchdog.sh");
+      },
+      10s))
+      << app_->output();
+  EXPECT_EQ(std::filesystem::status(beats).permissions(), std::filesystem::perms::owner_all);
+  EXPECT_NE(readFile(home_ + "/watchdog.sh").find("\nR=" + beats + "\n"), std::string::npos);
+  // Past the first minute's writes (what the app learned so far), then 60
+  // heartbeats, two minutes on the laptop's fast clock.
+  InotifyWatch folder(home_), beat(beats);
+  ASSERT_TRUE(folder.ok() && beat.ok());
+  auto beatsSeen = [&] { return std::count(beat.names().begin(), beat.names().end(), "alive"); };
+  ASSERT_TRUE(waitFor([&] { return beatsSeen() >= 40; }, 20s)) << app_->output();
+  folder.clear();
+  ASSERT_TRUE(waitFor([&] { return beatsSeen() >= 100; }, 20s)) << app_->output();
+  EXPECT_EQ(folder.names(), std::vector<std::string>{}) << "written in the app folder while idle";
+  EXPECT_FALSE(inHome("alive"));
+  // The journal gets each line's priority and stamps the time itself.
+  const std::string said = app_->output();
+  EXPECT_EQ(said.rfind("<6>Vigilo on the simulated laptop", 0), 0u) << said;
+  EXPECT_NE(said.find("\n<4>warning: "), std::string::npos) << said;
+  std::istringstream lines(said);
+  for (std::string line; std::getline(lines, line);) EXPECT_EQ(line.rfind('<', 0), 0u) << line;
+
+  // A clean quit takes the heartbeat and its folder away.
+  stopApp();
+  EXPECT_FALSE(std::filesystem::exists(beats));
 }
 
 }  // namespace

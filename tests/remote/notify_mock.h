@@ -8,6 +8,7 @@
 #include <csignal>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -18,7 +19,11 @@ namespace vigilo::test {
 
 class NotifyMock {
  public:
-  explicit NotifyMock(const std::string& errFile) : process_({sourceDir(__FILE__) + "/notify_mock.py"}, {}, errFile) {
+  // With `session`: {runtime folder, NAME=VALUE...}, the bus listens in the
+  // runtime folder and a systemd user manager on it holds the NAME=VALUE
+  // environment (notify_mock.py).
+  explicit NotifyMock(const std::string& errFile, std::vector<std::string> session = {})
+      : process_(withScript(std::move(session)), {}, errFile) {
     address = process_.readLine(std::chrono::seconds(30)).value_or("");
   }
   ~NotifyMock() {
@@ -40,6 +45,11 @@ class NotifyMock {
   std::string address;  // empty when it did not start
 
  private:
+  static std::vector<std::string> withScript(std::vector<std::string> session) {
+    session.insert(session.begin(), sourceDir(__FILE__) + "/notify_mock.py");
+    return session;
+  }
+
   PipedProcess process_;
 };
 

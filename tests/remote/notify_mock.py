@@ -4,8 +4,14 @@
 Prints the bus address as one line, then for every line on stdin prints the
 Notify calls recorded so far as a JSON list of [app, summary, body]. Ends
 with stdin, taking the bus and the mock with it.
+
+With arguments RUNTIME [NAME=VALUE...] it plays a login session: the bus
+listens at RUNTIME/bus, where a program finds it from the user id alone,
+and a systemd user manager on it holds NAME=VALUE... as the environment the
+desktop exported to it.
 """
 import json
+import os
 import signal
 import subprocess
 import sys
@@ -13,11 +19,22 @@ import sys
 import dbus
 import dbusmock
 
-dbusmock.DBusTestCase.start_session_bus()
-address = dbusmock.DBusTestCase.get_dbus(system_bus=False)
+daemon = None
+if len(sys.argv) > 1:
+    daemon = subprocess.Popen(['dbus-daemon', '--session', '--nofork', '--nopidfile', '--print-address=1',
+                               '--address=unix:path=' + sys.argv[1] + '/bus'], stdout=subprocess.PIPE)
+    os.environ['DBUS_SESSION_BUS_ADDRESS'] = daemon.stdout.readline().decode().strip()
+else:
+    dbusmock.DBusTestCase.start_session_bus()
 mock, obj = dbusmock.DBusTestCase.spawn_server_template('notification_daemon', {}, stdout=subprocess.DEVNULL)
-bus_address = __import__('os').environ['DBUS_SESSION_BUS_ADDRESS']
-print(bus_address, flush=True)
+manager = None
+if len(sys.argv) > 1:
+    manager = dbusmock.DBusTestCase.spawn_server('org.freedesktop.systemd1', '/org/freedesktop/systemd1',
+                                                 'org.freedesktop.systemd1.Manager', stdout=subprocess.DEVNULL)
+    systemd = dbusmock.DBusTestCase.get_dbus().get_object('org.freedesktop.systemd1', '/org/freedesktop/systemd1')
+    systemd.AddProperty('org.freedesktop.systemd1.Manager', 'Environment',
+                        dbus.Array(sys.argv[2:], signature='s'), dbus_interface=dbusmock.MOCK_IFACE)
+print(os.environ['DBUS_SESSION_BUS_ADDRESS'], flush=True)
 mock_iface = dbus.Interface(obj, dbusmock.MOCK_IFACE)
 # A terminated helper takes its bus and mock along, as at the end of input.
 signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
@@ -26,6 +43,12 @@ try:
         calls = mock_iface.GetMethodCalls('Notify')
         print(json.dumps([[str(c[1][0]), str(c[1][3]), str(c[1][4])] for c in calls]), flush=True)
 finally:
-    mock.terminate()
-    mock.wait()
-    dbusmock.DBusTestCase.stop_dbus(dbusmock.DBusTestCase.session_bus_pid)
+    for m in (mock, manager):
+        if m:
+            m.terminate()
+            m.wait()
+    if daemon:
+        daemon.terminate()
+        daemon.wait()
+    else:
+        dbusmock.DBusTestCase.stop_dbus(dbusmock.DBusTestCase.session_bus_pid)

@@ -1,14 +1,21 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <memory>
 #include <string>
 
 #include <nlohmann/json.hpp>
 
+#include "commands/channel.h"
+#include "e2e/piped_process.h"
 #include "e2e/sim_app.h"
+#include "platform/linux/bus_children.h"
+#include "platform/linux/desktop_session.h"
+#include "platform/runtime_folder.h"
 #include "remote/notify_mock.h"
 #include "test_support.h"
 
@@ -98,6 +105,127 @@ TEST_F(IslandTest, WithoutASessionBusIslandSaysWhyAndDoctorToo) {
             std::string::npos)
       << doctor.out;
   EXPECT_EQ(doctor.out.find("Notifications: shown"), std::string::npos) << doctor.out;
+}
+
+// Given a login session played by a runtime folder with the session bus in
+// it, a notification daemon and a tray host on that bus, and a user manager
+// that the desktop hasn't handed a display yet: an agent's MCP client
+// starts `vigilo mcp` with nothing but HOME and PATH (and the simulated
+// laptop), and the app it starts still reaches the desktop.
+TEST_F(IslandTest, AnAppStartedByAnAgentWithAStrippedEnvironmentJoinsTheDesktop) {
+  if (!pythonCan("import dbus, gi.repository.GLib")) GTEST_SKIP() << "python3-dbus is not installed (scripts/setup)";
+  mock_.reset();
+  const std::string runtime = dir_.file("run/" + std::to_string(::getuid()));
+  std::filesystem::create_directories(runtime);
+  std::filesystem::permissions(runtime, std::filesystem::perms::owner_all);
+  mock_ = std::make_unique<NotifyMock>(dir_.file("mock-err.txt"),
+                                       std::vector<std::string>{runtime, "LANG=C.UTF-8", "XDG_SESSION_TYPE=tty"});
+  ASSERT_FALSE(mock_->address.empty()) << readFile(dir_.file("mock-err.txt"));
+  const std::string bus = "DBUS_SESSION_BUS_ADDRESS=" + mock_->address;
+  const int log = ::open(dir_.file("watcher.txt").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  pid_t watcher = spawn({"/usr/bin/python3", sourceDir(__FILE__) + "/fake_watcher.py"}, log, log, {bus});
+  ::close(log);
+  const std::string user = dir_.file("user");
+  const std::string folder = user + "/.local/share/vigilo";
+  // Whatever fails below, no tray host and no app is left behind.
+  struct Leftovers {
+    pid_t& watcher;
+    std::string folder;
+    ~Leftovers() {
+      if (auto app = runningApp(folder); app && *app > 0) {
+        ::kill(*app, SIGTERM);
+        waitFor([&] { return !runningApp(folder); }, 15s);
+      }
+      endChild(watcher);
+    }
+  } leftovers{watcher, folder};
+
+  std::filesystem::create_directories(user);
+  auto stripped = [&](std::vector<std::string> args) {
+    std::vector<std::string> argv{"/usr/bin/env", "-i", "HOME=" + user, "PATH=/usr/bin:/bin",
+                                  "VIGILO_SIMULATE=" + state_, std::string(kRunUserVariable) + "=" + dir_.file("run"),
+                                  VIGILO_BINARY};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
+  };
+  {
+    PipedProcess mcp(stripped({"mcp"}), {}, dir_.file("mcp-err.txt"));
+    mcp.write(R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18"}})" "\n");
+    ASSERT_TRUE(mcp.readLine(10s));
+    mcp.write(R"({"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"vigilo_status","arguments":{}}})" "\n");
+    auto reply = mcp.readLine(20s);
+    ASSERT_TRUE(reply) << readFile(dir_.file("mcp-err.txt"));
+    EXPECT_FALSE(json::parse(*reply)["result"].value("isError", false)) << *reply;
+  }
+  const auto app = runningApp(folder);
+  ASSERT_TRUE(app && *app > 0) << readFile(folder + "/app.log");
+  const std::string said = readFile(folder + "/app.log");
+  EXPECT_NE(said.find("Joined the desktop session: XDG_RUNTIME_DIR=" + runtime + ", DBUS_SESSION_BUS_ADDRESS=unix:path=" +
+                      runtime + "/bus"),
+            std::string::npos)
+      << said;
+  // Its tray item registers with the desktop's tray host, and its
+  // notifications reach the daemon: an announcement, and why the panel
+  // can't open without a display.
+  EXPECT_TRUE(waitFor(
+      [&] {
+        return readFile(dir_.file("watcher.txt")).find("registered org.kde.StatusNotifierItem-" + std::to_string(*app)) !=
+               std::string::npos;
+      },
+      20s))
+      << readFile(dir_.file("watcher.txt")) << readFile(folder + "/app.log");
+  auto run = [&](std::vector<std::string> args) {
+    PipedProcess tool(stripped(std::move(args)), {}, dir_.file("tool-err.txt"));
+    tool.closeInput();
+    return tool.wait(20s);
+  };
+  EXPECT_EQ(run({"island", "Build done", "from an agent"}), 0) << readFile(dir_.file("tool-err.txt"));
+  EXPECT_EQ(run({"open"}), 1);
+  json shown;
+  EXPECT_TRUE(waitFor(
+      [&] {
+        shown = mock_->shown();
+        return shown.is_array() && shown.size() == 2;
+      },
+      10s));
+  ASSERT_EQ(shown.size(), 2u) << shown.dump();
+  EXPECT_EQ(shown[0], json::parse(R"(["Vigilo", "Build done", "from an agent"])"));
+  EXPECT_EQ(shown[1][1], "Vigilo can't open its panel");
+  EXPECT_NE(shown[1][2].get<std::string>().find("The panel needs a graphical session"), std::string::npos) << shown;
+
+  ::kill(*app, SIGTERM);
+  EXPECT_TRUE(waitFor([&] { return !runningApp(folder); }, 15s)) << readFile(folder + "/app.log");
+}
+
+// The display the desktop handed the user manager fills what the caller
+// lacks; what the caller has, even empty, stays.
+TEST_F(IslandTest, TheDesktopsVariablesComeFromTheUserManager) {
+  mock_.reset();
+  const std::string runtime = dir_.file("run");
+  std::filesystem::create_directories(runtime);
+  mock_ = std::make_unique<NotifyMock>(dir_.file("mock-err.txt"),
+                                       std::vector<std::string>{runtime, "DISPLAY=:42", "WAYLAND_DISPLAY=wayland-1",
+                                                                "XAUTHORITY=/x/.Xauthority", "PATH=/elsewhere"});
+  ASSERT_FALSE(mock_->address.empty()) << readFile(dir_.file("mock-err.txt"));
+  static const char* waylandOnly = nullptr;
+  auto gaps = desktopSessionGaps({runtime, "unix:path=/nonexistent"}, [](const char* name) -> const char* {
+    return std::string_view(name) == "WAYLAND_DISPLAY" ? waylandOnly : nullptr;
+  });
+  using Gaps = std::vector<EnvironmentEntry>;
+  EXPECT_EQ(gaps, (Gaps{{"XDG_RUNTIME_DIR", runtime},
+                        {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + runtime + "/bus"},
+                        {"DISPLAY", ":42"},
+                        {"WAYLAND_DISPLAY", "wayland-1"},
+                        {"XAUTHORITY", "/x/.Xauthority"}}));
+  // A caller that names its bus and has an empty WAYLAND_DISPLAY.
+  static std::string callerBus;
+  callerBus = mock_->address;
+  waylandOnly = "";
+  gaps = desktopSessionGaps({runtime, "unix:path=/nonexistent"}, [](const char* name) -> const char* {
+    const std::string_view n(name);
+    return n == "WAYLAND_DISPLAY" ? waylandOnly : n == "DBUS_SESSION_BUS_ADDRESS" ? callerBus.c_str() : nullptr;
+  });
+  EXPECT_EQ(gaps, (Gaps{{"XDG_RUNTIME_DIR", runtime}, {"DISPLAY", ":42"}, {"XAUTHORITY", "/x/.Xauthority"}}));
 }
 
 }  // namespace
