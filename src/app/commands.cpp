@@ -25,6 +25,7 @@ int vigiloMain(int argc, char** argv) {
   }
   ToolMachine machine;
   machine.hostProcesses = host::makeProcesses;
+  machine.words = host::words();
   machine.local = {
       {"doctor", [](const std::string& folder, const SwitchTest&) { return runDoctor(folder); }},
       {"rescue", [](const std::string& folder, const SwitchTest&) { return runRescue(folder); }},

@@ -46,12 +46,13 @@ class Cli {
   explicit Cli(ToolMachine machine)
       : hostProcesses_(std::move(machine.hostProcesses)),
         local_(std::move(machine.local)),
+        words_(std::move(machine.words)),
         folder_(toolAppFolder()),
         client_(folder_) {}
 
   int run(const std::vector<std::string>& args) {
     if (args.empty() || args[0] == "help" || args[0] == "-h" || args[0] == "--help") {
-      std::fputs(kHelpText, stdout);
+      std::fputs(helpText(words_).c_str(), stdout);
       return 0;
     }
     const std::string name = args[0];
@@ -138,7 +139,7 @@ class Cli {
     if (inv_.has("--json")) {
       out(dumpJson(r, 2));
     } else {
-      printStatus(r);
+      printStatus(r, words_);
     }
     return 0;
   }
@@ -323,6 +324,8 @@ class Cli {
     } else {
       // The setting's own name and the value it now has, as the app reads them.
       out(r.value("key", inv_.words[0]) + " = " + (r.contains("value") ? valueText(r["value"]) : inv_.words[1]));
+      // Stored, but this machine can't honour it: said, not hidden.
+      if (r.contains("note") && r["note"].is_string()) out(r["note"].get<std::string>());
       out(statusOf(r));
     }
     return 0;
@@ -359,7 +362,7 @@ class Cli {
       out(dumpJson(r, 2));
       return 0;
     }
-    printPower(r);
+    printPower(r, words_);
     return 0;
   }
 
@@ -394,7 +397,7 @@ class Cli {
     if (quiet) {
       out(dumpJson(p, 2));
     } else {
-      printMeasured(p);
+      printMeasured(p, words_);
     }
     return p.value("power_test", std::string()) == "aborted" ? 1 : 0;
   }
@@ -507,7 +510,7 @@ class Cli {
     McpContext context{[this](const std::string& cmd, const json& args, double timeout) {
                          return client_.send(cmd, args, timeout);
                        },
-                       static_cast<std::int64_t>(::getppid()), &errors};
+                       static_cast<std::int64_t>(::getppid()), &errors, words_};
     return runMcpServer(in, out, std::move(context));
   }
 
@@ -569,6 +572,7 @@ class Cli {
 
   ProcessesFactory hostProcesses_;
   std::vector<LocalCommand> local_;
+  MachineWords words_;
   std::string folder_;
   RequestClient client_;
   Invocation inv_;

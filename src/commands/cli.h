@@ -11,8 +11,10 @@
 
 namespace vigilo {
 
-// The help text, exactly as `vigilo help` prints it.
+// The help text, exactly as `vigilo help` prints it on a Mac.
 extern const char* const kHelpText;
+// The help text in this machine's words.
+std::string helpText(const MachineWords& words);
 
 // The real machine's process table, for tools that look at the processes
 // around them (the hook walking up to its agent); null when unreadable.
@@ -30,6 +32,8 @@ struct LocalCommand {
 struct ToolMachine {
   ProcessesFactory hostProcesses;
   std::vector<LocalCommand> local;
+  // How this machine is named in the tool's own texts (help, MCP).
+  MachineWords words;
 };
 
 // `vigilo <command> ...`: the terminal front end. Nearly every command is

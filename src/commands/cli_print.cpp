@@ -68,10 +68,10 @@ std::optional<std::string> approveLine(const json& reply) {
   return line;
 }
 
-void printStatus(const json& r) {
+void printStatus(const json& r, const MachineWords& words) {
   out(statusOf(r));
   if (auto title = r.find("menu_bar_title"); title != r.end() && title->is_string() && !title->get<std::string>().empty()) {
-    out("Menu bar: " + title->get<std::string>());
+    out(MachineWords::capitalised(words.tray) + ": " + title->get<std::string>());
   }
   if (r.contains("holds") && r["holds"].is_array()) {
     for (const auto& h : r["holds"]) {
@@ -147,6 +147,8 @@ void printSettings(const json& r) {
         for (std::size_t i = 0; i < allowed.size(); ++i) line += (i ? ", " : "") + allowed[i];
         line += "]";
       }
+      // The description of a setting this machine lacks says why.
+      if (s.value("available", true) == false) line += "  (not on this machine)";
       out(line);
       out("      " + s.value("description", std::string()));
       if (s.contains("note") && s["note"].is_string()) out("      " + s["note"].get<std::string>());
@@ -174,7 +176,7 @@ void printSettings(const json& r) {
       r.value("path", std::string()));
 }
 
-void printPower(const json& r) {
+void printPower(const json& r, const MachineWords& words) {
   auto number = [&](const char* key) -> std::optional<double> {
     return r.contains(key) && r[key].is_number() ? std::optional<double>(r[key].get<double>()) : std::nullopt;
   };
@@ -198,11 +200,11 @@ void printPower(const json& r) {
     out("External display: connected (it draws power too; a shut lid counts as open while it is)");
   }
   printApps(r);
-  printMeasured(r);
+  printMeasured(r, words);
 }
 
 // The power test's results in a `power` reply.
-void printMeasured(const json& r) {
+void printMeasured(const json& r, const MachineWords& words) {
   const std::string state = r.value("power_test", std::string());
   if (state == "running") {
     out("Power test: running (" + valueText(r.value("power_test_progress", json("starting"))) + ")");
@@ -217,8 +219,8 @@ void printMeasured(const json& r) {
   for (auto& [name, watts] : effects.items()) {
     if (name == "total" || !watts.is_number()) continue;
     char buf[120];
-    std::snprintf(buf, sizeof buf, "  %s: saves %.1f W", name == "low_power" ? "Low Power Mode" : name.c_str(),
-                  watts.get<double>());
+    const std::string title = name == "low_power" ? MachineWords::capitalised(words.lowPower) : name;
+    std::snprintf(buf, sizeof buf, "  %s: saves %.1f W", title.c_str(), watts.get<double>());
     out(buf);
   }
 }

@@ -5,6 +5,8 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include "platform/platform.h"
+
 // How the command-line tool prints the app's replies for a person; `--json`
 // prints them whole instead.
 namespace vigilo::cli {
@@ -26,13 +28,13 @@ std::string statusOf(const json& reply);
 std::optional<std::string> approveLine(const json& reply);
 
 // `vigilo status`.
-void printStatus(const json& r);
+void printStatus(const json& r, const MachineWords& words = {});
 // `vigilo settings`: the schema by topic, then the lists.
 void printSettings(const json& r);
 // `vigilo power`: the whole machine, the lid-closed estimate, apps, test results.
-void printPower(const json& r);
+void printPower(const json& r, const MachineWords& words = {});
 // The power test's results in a `power` reply.
-void printMeasured(const json& r);
+void printMeasured(const json& r, const MachineWords& words = {});
 // The energy list of a `power` or `energy` reply.
 void printApps(const json& r);
 // `vigilo apps`: what the closed-lid session slows or pauses, and what it

@@ -156,7 +156,8 @@ json CommandCenter::handle(const std::string& cmd, const json& args) {
     if (cmd == "agent") return agent(args);
     if (cmd == "set") return set(args);
     if (cmd == "schema") {
-      json d = SettingsSchema::describe(engine_.config(), engine_.files().path(kConfigFile));
+      json d =
+          SettingsSchema::describe(engine_.config(), engine_.files().path(kConfigFile), engine_.platform().words());
       return ok(d);
     }
     if (cmd == "config") {
@@ -229,7 +230,10 @@ json CommandCenter::approve(const json& args) {
 }
 
 json CommandCenter::powerTest(const json& args) {
-  if (!savings_) return fail("This Mac doesn't report whole-system power, so savings can't be measured");
+  if (!savings_) {
+    return fail("This " + engine_.platform().words().machine +
+                " doesn't report whole-system power, so savings can't be measured");
+  }
   PowerTest& test = savings_->test();
   if (truthArg(args, "stop").value_or(false)) {
     if (!test.running()) return fail("No power test is running");
@@ -476,7 +480,14 @@ json CommandCenter::set(const json& args) {
   }
   // The setting's own name, whatever spelling was asked for.
   if (const SettingSpec* spec = SettingsSchema::spec(*key)) {
-    return ok({{"key", spec->key}, {"value", spec->read(engine_.config())}});
+    json fields = {{"key", spec->key}, {"value", spec->read(engine_.config())}};
+    // Stored all the same: the settings file may be shared with a machine
+    // that has it.
+    const MachineWords& words = engine_.platform().words();
+    if (const std::string* why = words.lacks(spec->key)) {
+      fields["note"] = spec->key + " is saved, but this " + words.machine + " can't honour it: " + *why;
+    }
+    return ok(fields);
   }
   return ok({{"key", *key}});
 }

@@ -1,5 +1,7 @@
 #include "commands/cli.h"
 
+#include <utility>
+
 namespace vigilo {
 
 const char* const kHelpText = R"HELP(vigilo: keep your Mac awake with the lid closed, without wasting battery.
@@ -35,5 +37,21 @@ const char* const kHelpText = R"HELP(vigilo: keep your Mac awake with the lid cl
 
 Connect your agents: vigilo connect     Then paste: vigilo prompt
 )HELP";
+
+std::string helpText(const MachineWords& words) {
+  // The text above is the Mac's; another machine has its own words put in
+  // place of the phrases that name the Mac and its menu bar.
+  const std::pair<std::string, std::string> swaps[] = {
+      {"keep your Mac awake", "keep your " + words.machine + " awake"},
+      {"whole-Mac watts", words.wholeMachine + " watts"},
+      {"saves on this Mac", "saves on this " + words.machine},
+      {"drop the panel down from the menu bar", words.openPanel},
+  };
+  std::string text = kHelpText;
+  for (const auto& [mac, own] : swaps) {
+    if (const auto at = text.find(mac); at != std::string::npos) text.replace(at, mac.size(), own);
+  }
+  return text;
+}
 
 }  // namespace vigilo

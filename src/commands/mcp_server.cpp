@@ -22,9 +22,41 @@ const char* const kMcpInstructions =
     "vigilo_power_test measures each saving with the lid closed. If asked to set Vigilo up, follow "
     "vigilo_setup_prompt.";
 
+std::string mcpInstructions(const MachineWords& words) {
+  // The text is the Mac's; another machine's name takes its place.
+  std::string text = kMcpInstructions;
+  const std::string mac = "this Mac";
+  if (const auto at = text.find(mac); at != std::string::npos) text.replace(at, mac.size(), "this " + words.machine);
+  return text;
+}
+
+namespace {
+
+constexpr double kTimeout = 8;
+
+// What a tool does with its arguments before they go to the app.
+enum class Handling {
+  PassThrough,  // sends `request` with the arguments unchanged
+  KeepAwake,    // binds the hold to the session
+  Release,      // ends only the session's own holds
+  SetupPrompt,  // answers locally
+};
+
+}  // namespace
+
+struct McpTool {
+  std::string name;
+  std::string description;
+  nlohmann::json inputSchema;
+  std::string request;
+  double timeout = kTimeout;
+  Handling handling = Handling::PassThrough;
+};
+
 namespace {
 
 using json = nlohmann::json;
+using Tool = McpTool;
 
 constexpr const char* kDefaultProtocol = "2025-06-18";
 constexpr const char* kKnownProtocols[] = {"2025-06-18", "2025-03-26", "2024-11-05"};
@@ -38,27 +70,9 @@ constexpr int kInternalError = -32603;
 // copies or writes them, and no message of this protocol nests this deep.
 constexpr int kMaxDepth = 64;
 
-constexpr double kTimeout = 8;
 constexpr double kPowerTimeout = 10;
 constexpr double kMeasureTimeout = 20;
 constexpr double kDefaultHoldMinutes = 120;
-
-// What a tool does with its arguments before they go to the app.
-enum class Handling {
-  PassThrough,  // sends `request` with the arguments unchanged
-  KeepAwake,    // binds the hold to the session
-  Release,      // ends only the session's own holds
-  SetupPrompt,  // answers locally
-};
-
-struct Tool {
-  std::string name;
-  std::string description;
-  json inputSchema;
-  std::string request;
-  double timeout = kTimeout;
-  Handling handling = Handling::PassThrough;
-};
 
 struct Property {
   std::string name;
@@ -86,30 +100,34 @@ std::vector<std::string> settingKeys() {
   return keys;
 }
 
-std::vector<Tool> makeTools() {
+// The tool table, naming the machine in its own words (the Mac's give the
+// exact texts).
+std::vector<Tool> makeTools(const MachineWords& w) {
   constexpr bool req = true;
+  const std::string& m = w.machine;
   std::vector<Tool> t;
   t.push_back({"vigilo_status",
-               "Get Vigilo's state: whether the Mac is being kept awake and why, lid open/closed, battery, estimated "
-               "hours left with the lid closed, which agents/apps it's watching, active holds, and the apps using the "
-               "most power.",
+               "Get Vigilo's state: whether the " + m +
+                   " is being kept awake and why, lid open/closed, battery, estimated hours left with the lid closed, "
+                   "which agents/apps it's watching, active holds, and the apps using the most power.",
                schema({}), "status"});
   t.push_back({"vigilo_keep_awake",
-               "Keep the Mac awake, including with the lid closed, while you work. By default the hold ends when this "
-               "Claude session ends or after 2 hours, whichever is first. Pass minutes for a fixed time, or pid to tie "
-               "it to a process (e.g. a long build). Returns a hold id: call vigilo_release as soon as the work is "
-               "done. Battery limit and heat guard still apply.",
+               "Keep the " + m +
+                   " awake, including with the lid closed, while you work. By default the hold ends when this "
+                   "Claude session ends or after 2 hours, whichever is first. Pass minutes for a fixed time, or pid "
+                   "to tie it to a process (e.g. a long build). Returns a hold id: call vigilo_release as soon as the "
+                   "work is done. Battery limit and heat guard still apply.",
                schema({{"reason", "string", "Short reason shown to the user, e.g. 'Training the model'", req},
                        {"minutes", "number", "Optional. End automatically after this many minutes."},
                        {"pid", "integer", "Optional. End automatically when this process exits."}}),
                "hold", kTimeout, Handling::KeepAwake});
   t.push_back({"vigilo_release",
-               "End a hold this session made with vigilo_keep_awake so the Mac can sleep normally again. Omit hold_id "
-               "to end all of this session's holds (never anyone else's).",
+               "End a hold this session made with vigilo_keep_awake so the " + m +
+                   " can sleep normally again. Omit hold_id to end all of this session's holds (never anyone else's).",
                schema({{"hold_id", "string", "Hold id to end"}}), "release_own", kTimeout, Handling::Release});
   t.push_back({"vigilo_set_mode",
                "Set Vigilo's mode. auto: stay awake only while agents/apps are working (recommended). always: stay "
-               "awake regardless (optionally for some minutes). off: normal Mac sleep.",
+               "awake regardless (optionally for some minutes). off: normal " + m + " sleep.",
                schema({{"mode", "string", "off, auto (shown as When Busy: awake while agents work) or always", req,
                         {"off", "auto", "always"}},
                        {"minutes", "number", "For always: how long"}}),
@@ -117,7 +135,7 @@ std::vector<Tool> makeTools() {
   t.push_back({"vigilo_set_preset",
                "What happens to other apps while the lid is closed. max_battery: pause them until the lid opens "
                "(music, calls and services agents use keep running). balanced: slow them to efficiency cores. "
-               "full_speed: leave them. Simulators, background audio and Low Power Mode are separate settings "
+               "full_speed: leave them. Simulators, background audio and " + w.lowPower + " are separate settings "
                "(vigilo_settings).",
                schema({{"preset", "string", "max_battery, balanced or full_speed", req,
                         {"max_battery", "balanced", "full_speed"}}}),
@@ -131,9 +149,10 @@ std::vector<Tool> makeTools() {
                "rule"});
   t.push_back({"vigilo_watch_app",
                "Add an app or command-line tool to Vigilo's 'Keeps awake for' list, or remove it (remove: true). While "
-               "it's busy the Mac stays awake with the lid closed. Use it for whatever the current task needs (e.g. "
-               "add 'Google Chrome' while a browser task runs, remove it after). The reply includes the full list; "
-               "vigilo_status shows it too.",
+               "it's busy the " + m +
+                   " stays awake with the lid closed. Use it for whatever the current task needs (e.g. add 'Google "
+                   "Chrome' while a browser task runs, remove it after). The reply includes the full list; "
+                   "vigilo_status shows it too.",
                schema({{"app", "string",
                         "App name ('Google Chrome'), bundle id ('com.google.Chrome'), .app path, or executable name "
                         "('ffmpeg')",
@@ -159,21 +178,26 @@ std::vector<Tool> makeTools() {
                schema({{"key", "string", "Setting key", req, settingKeys()},
                        {"value", "string", "New value, e.g. '20', 'on', 'off', 'max_battery'", req}}),
                "set"});
+  // Only what this machine can cut is offered.
+  std::string cuts = "screen kept on while closed, ";
+  if (!w.lacks("pause_simulators")) cuts += "booted simulators and Xcode previews, ";
+  if (!w.lacks("pause_background_audio")) cuts += "apps holding the speakers, ";
+  cuts += "busy apps, " + w.lowPower;
   t.push_back({"vigilo_power",
-               "Whole-Mac power right now (measured from the battery controller, also on the charger) and a list of "
-               "what is using it with the setting that would cut each: screen kept on while closed, booted simulators "
-               "and Xcode previews, apps holding the speakers, busy apps, Low Power Mode. Includes savings measured by "
-               "vigilo_power_test.",
+               MachineWords::capitalised(w.wholeMachine) + " power right now (" + w.powerFrom +
+                   ") and a list of what is using it with the setting that would cut each: " + cuts +
+                   ". Includes savings measured by vigilo_power_test.",
                schema({}), "power", kPowerTimeout});
   t.push_back({"vigilo_power_test",
-               "With the lid closed: switch all of Vigilo's savings off, on, off, on and read the whole-Mac power over "
-               "full 30 s updates of the battery controller, so you know what they're worth on this Mac (reported as "
-               "unclear if the Mac's own load moved too much). About 4 minutes; agents keep running. detailed: true "
-               "adds each saving on its own (about 12 minutes). Returns at once; call vigilo_power afterwards "
-               "(power_test: done). screen: true includes turning the screen off, which locks the Mac: ask the person "
-               "first.",
+               "With the lid closed: switch all of Vigilo's savings off, on, off, on and read the " + w.wholeMachine +
+                   " power " + w.powerTestReading + ", so you know what they're worth on this " + m +
+                   " (reported as unclear if the " + m +
+                   "'s own load moved too much). About 4 minutes; agents keep running. detailed: true adds each "
+                   "saving on its own (about 12 minutes). Returns at once; call vigilo_power afterwards (power_test: "
+                   "done). screen: true includes turning the screen off, which " + w.screenTestEffect +
+                   ": ask the person first.",
                schema({{"detailed", "boolean", "Also measure each saving on its own (about 12 minutes). Default false."},
-                       {"screen", "boolean", "Also measure the screen (locks the Mac). Default false."}}),
+                       {"screen", "boolean", "Also measure the screen (" + w.screenTestEffect + "). Default false."}}),
                "power_test"});
   t.push_back({"vigilo_setup_prompt",
                "The recommended steps for setting Vigilo up with the person. Use when asked to set up or tune Vigilo.",
@@ -183,8 +207,7 @@ std::vector<Tool> makeTools() {
                schema({}), "energy"});
   t.push_back({"vigilo_measure_savings",
                "Estimate how much power the current while-closed rules save: slows/pauses the same apps for a few "
-               "seconds and compares the energy macOS attributes to them before and after. A rough, short-window "
-               "estimate.",
+               "seconds and compares " + w.appEnergy + " before and after. A rough, short-window estimate.",
                schema({}), "measure", kMeasureTimeout});
   t.push_back({"vigilo_get_config",
                "Read Vigilo's full settings and the path of its config.json, which can also be edited directly (it "
@@ -193,10 +216,6 @@ std::vector<Tool> makeTools() {
   return t;
 }
 
-const std::vector<Tool>& tools() {
-  static const std::vector<Tool> table = makeTools();
-  return table;
-}
 
 std::string compact(const json& j) { return dumpJson(j); }
 
@@ -328,7 +347,9 @@ bool replyOk(const json& reply) {
 
 }  // namespace
 
-McpServer::McpServer(McpContext context) : context_(std::move(context)) {}
+McpServer::McpServer(McpContext context) : context_(std::move(context)), tools_(makeTools(context_.words)) {}
+
+McpServer::~McpServer() = default;
 
 void McpServer::note(const std::string& text) const {
   if (context_.log) *context_.log << "vigilo mcp: " << text << std::endl;
@@ -411,12 +432,12 @@ json McpServer::dispatch(const json& id, const std::string& method, const json& 
     return result(id, {{"protocolVersion", version},
                        {"capabilities", {{"tools", json::object()}}},
                        {"serverInfo", {{"name", "vigilo"}, {"version", "1.0"}}},
-                       {"instructions", kMcpInstructions}});
+                       {"instructions", mcpInstructions(context_.words)}});
   }
   if (method == "ping") return result(id, json::object());
   if (method == "tools/list") {
     json list = json::array();
-    for (const Tool& t : tools()) {
+    for (const Tool& t : tools_) {
       list.push_back({{"name", t.name}, {"description", t.description}, {"inputSchema", t.inputSchema}});
     }
     return result(id, {{"tools", std::move(list)}});
@@ -431,7 +452,7 @@ json McpServer::callTool(const json& id, const json& params) {
     return error(id, kInvalidParams, "tools/call needs params.name, the name of a tool from tools/list");
   }
   const Tool* tool = nullptr;
-  for (const Tool& t : tools()) {
+  for (const Tool& t : tools_) {
     if (*name == t.name) tool = &t;
   }
   if (tool == nullptr) return error(id, kInvalidParams, "Unknown tool " + name->get<std::string>());

@@ -7,8 +7,11 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <nlohmann/json_fwd.hpp>
+
+#include "platform/platform.h"
 
 namespace vigilo {
 
@@ -25,14 +28,21 @@ struct McpContext {
   // Notes about skipped input go here, never to the protocol stream; may be
   // null.
   std::ostream* log = nullptr;
+  // How the instructions and the tools' descriptions name this machine.
+  MachineWords words;
 };
+
+// One tool of the table.
+struct McpTool;
 
 // Longest message line read; a longer one is answered with -32600 and
 // otherwise skipped, so a runaway client cannot exhaust memory.
 inline constexpr std::size_t kMcpMaxLineBytes = 16 * 1024 * 1024;
 
-// The instructions `initialize` gives the agent, exactly.
+// The instructions `initialize` gives the agent on a Mac, exactly.
 extern const char* const kMcpInstructions;
+// The instructions in this machine's words.
+std::string mcpInstructions(const MachineWords& words);
 
 // The MCP server that `vigilo mcp` runs: JSON-RPC 2.0 messages in, one
 // response per request out. Each tool call becomes one request to the app;
@@ -40,6 +50,7 @@ extern const char* const kMcpInstructions;
 class McpServer {
  public:
   explicit McpServer(McpContext context);
+  ~McpServer();
 
   // Handles one input line (without its newline). Gives the response as one
   // line of compact JSON without a newline, or nothing when the line gets no
@@ -56,6 +67,7 @@ class McpServer {
   void note(const std::string& text) const;
 
   McpContext context_;
+  std::vector<McpTool> tools_;
 };
 
 // Serves `in` until it ends: one message per line, each response written to

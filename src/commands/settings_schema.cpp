@@ -194,15 +194,15 @@ SettingSpec modeSpec(const std::string& topic) {
   return s;
 }
 
-SettingSpec checkInSpec(const std::string& topic) {
+SettingSpec checkInSpec(const std::string& topic, const std::string& m) {
   SettingSpec s;
   s.key = "check_in_minutes";
   s.topic = topic;
   s.type = "int";
-  s.description =
-      "With the lid shut and the Mac asleep, wake it every this many minutes for about 25 seconds to pick up a wake "
-      "sent from the phone, then sleep again. 0 = off. Costs a little battery per check-in; a fully shut-down Mac "
-      "can't be woken.";
+  s.description = "With the lid shut and the " + m +
+                  " asleep, wake it every this many minutes for about 25 seconds to pick up a wake sent from the "
+                  "phone, then sleep again. 0 = off. Costs a little battery per check-in; a fully shut-down " +
+                  m + " can't be woken.";
   s.read = [](const Config& c) { return json(c.checkInMinutes); };
   s.write = [](Config& c, const json& v) -> Refusal {
     const auto n = readWhole(v);
@@ -251,7 +251,10 @@ SettingSpec ntfyTopicSpec(const std::string& topic) {
   return s;
 }
 
-std::vector<SettingSpec> makeTable() {
+// The table, describing each setting in the machine's own words (the Mac's
+// give the exact texts).
+std::vector<SettingSpec> makeTable(const MachineWords& w) {
+  const std::string& m = w.machine;
   std::vector<SettingSpec> t;
   std::string topic = "When to stay awake";
   t.push_back(modeSpec(topic));
@@ -281,7 +284,7 @@ std::vector<SettingSpec> makeTable() {
                      std::nullopt, &Config::pauseBackgroundAudio));
 
   topic = "While asleep";
-  t.push_back(checkInSpec(topic));
+  t.push_back(checkInSpec(topic, m));
   t.push_back(toggle("slow_builds", topic,
                      "Experimental: run the agent's build tools (compilers, linkers, cargo, xcodebuild, make) on the "
                      "efficiency cores. Builds take several times longer; it saves power per second but not always "
@@ -292,19 +295,19 @@ std::vector<SettingSpec> makeTable() {
                      "queues backup work); they switch back on when the lid opens.",
                      std::nullopt, &Config::pauseTimeMachine));
   t.push_back(toggle("low_power", topic,
-                     "Turn on Low Power Mode while the lid is closed; your setting comes back when it opens.",
+                     "Turn on " + w.lowPower + " while the lid is closed; your setting comes back when it opens.",
                      std::nullopt, &Config::lowPowerWhileClosed));
   t.push_back(toggle("lock_on_close", topic,
-                     "on: the screen turns fully off (the biggest single saving, but macOS asks for your password "
-                     "when you open the lid). off: the screen stays on at zero brightness so there is no lock screen.",
+                     "on: the screen turns fully off (the biggest single saving, but " + w.lockedOnOpen +
+                         "). off: the screen stays on at zero brightness so there is no lock screen.",
                      "Ask the person before turning this on: it changes what they see when they open the lid.",
                      &Config::lockOnClose));
 
   topic = "Safety";
   t.push_back(batteryFloorSpec(topic));
   t.push_back(onlyTurnedOn(toggle("heat_guard", topic,
-                                  "With the lid shut: strictest rules when the Mac gets hot, sleep if it stays hot "
-                                  "for 5 minutes or gets critical.",
+                                  "With the lid shut: strictest rules when the " + m +
+                                      " gets hot, sleep if it stays hot for 5 minutes or gets critical.",
                                   "Can only be turned on from commands.", &Config::heatGuard),
                            &Config::heatGuard));
   t.push_back(onlyTurnedOn(toggle("only_on_power", topic, "Only stay awake while the charger is covering the load.",
@@ -312,12 +315,13 @@ std::vector<SettingSpec> makeTable() {
                            &Config::onlyOnPower));
   t.push_back(whole("quiet_minutes", topic, "In auto mode, sleep after an agent has been quiet this many minutes.",
                     &Config::quietMinutes, 1, 240, "a number of minutes from 1 to 240"));
-  t.push_back(toggle("sleep_when_done", topic, "In auto mode, let the Mac sleep once the work stops.", std::nullopt,
-                     &Config::sleepWhenDone));
+  t.push_back(toggle("sleep_when_done", topic, "In auto mode, let the " + m + " sleep once the work stops.",
+                     std::nullopt, &Config::sleepWhenDone));
   t.push_back(toggle("claude_app", topic, "Count the Claude app (Cowork, computer use) as an agent.", std::nullopt,
                      &Config::countClaudeApp));
-  t.push_back(toggle("downloads", topic, "Count apps that ask macOS to stay awake (downloads, exports, builds).",
-                     std::nullopt, &Config::countRequests));
+  t.push_back(toggle("downloads", topic,
+                     "Count apps that ask " + w.system + " to stay awake (downloads, exports, builds).", std::nullopt,
+                     &Config::countRequests));
 
   topic = "Notifications";
   t.push_back(toggle("notify_done", topic, "Notification when an agent that was busy goes idle.", std::nullopt,
@@ -327,15 +331,15 @@ std::vector<SettingSpec> makeTable() {
   t.push_back(ntfyTopicSpec(topic));
 
   topic = "Appearance";
-  t.push_back(choice<MenuBarText>("menubar", topic, "Text next to the menu bar icon.",
+  t.push_back(choice<MenuBarText>("menubar", topic, "Text next to the " + w.tray + " icon.",
                                   {"none", "battery", "watts", "timeLeft", "timer"}, &Config::menuBarText,
                                   &parseMenuBarText));
-  t.push_back(toggle("live_lid_icon", topic, "The menu bar icon's lid follows the real lid angle.", std::nullopt,
+  t.push_back(toggle("live_lid_icon", topic, "The " + w.tray + " icon's lid follows the real lid angle.", std::nullopt,
                      &Config::liveLidIcon));
-  t.push_back(toggle("notch_island", topic, "Short announcements in a notch island.", std::nullopt,
+  t.push_back(toggle("notch_island", topic, "Short announcements " + w.announcements + ".", std::nullopt,
                      &Config::notchIsland));
   t.push_back(toggle("show_in_dock", topic, "Show Vigilo in the Dock.", std::nullopt, &Config::showInDock));
-  t.push_back(toggle("hotkey", topic, "⌃⌥⌘A cycles the mode.", std::nullopt, &Config::hotkey));
+  t.push_back(toggle("hotkey", topic, w.hotkeyKeys + " cycles the mode.", std::nullopt, &Config::hotkey));
   t.push_back(choice<Appearance>("appearance", topic, "Light, dark or match the system.", {"system", "light", "dark"},
                                  &Config::appearance, &parseAppearance));
   return t;
@@ -353,7 +357,7 @@ std::string normalised(std::string_view key) {
   return out;
 }
 
-json listsOf(const Config& config) {
+json listsOf(const Config& config, const std::string& m) {
   json rules = json::object();
   for (const auto& [app, rule] : config.appRules) rules[app] = std::string(toText(rule));
 
@@ -375,19 +379,19 @@ json listsOf(const Config& config) {
        {"how", "vigilo rule <app> leave|slow|pause|default  (MCP: vigilo_set_app_rule)"},
        {"items", std::move(rules)}},
       {{"name", "apps"},
-       {"what", "Apps or tools that keep the Mac awake while busy."},
+       {"what", "Apps or tools that keep the " + m + " awake while busy."},
        {"how", "vigilo watch <app> / vigilo unwatch <app>  (MCP: vigilo_watch_app)"},
        {"items", std::move(apps)}},
       {{"name", "agents"},
-       {"what", "Coding agents Vigilo knows by itself; each keeps the Mac awake while it works."},
+       {"what", "Coding agents Vigilo knows by itself; each keeps the " + m + " awake while it works."},
        {"how", "built in; claude_app counts the Claude app, and the track request (agent, keeps) only tracks one"},
        {"items", std::move(watched)}},
       {{"name", "custom_agents"},
-       {"what", "Command-line agents of your own that keep the Mac awake while they work."},
+       {"what", "Command-line agents of your own that keep the " + m + " awake while they work."},
        {"how", "the agent request with name and executable  (MCP: vigilo_add_agent)"},
        {"items", std::move(custom)}},
       {{"name", "track_only"},
-       {"what", "Agents that are tracked and shown but don't keep the Mac awake."},
+       {"what", "Agents that are tracked and shown but don't keep the " + m + " awake."},
        {"how", "the track request with agent and keeps (false: only track it), while that agent runs"},
        {"items", config.trackOnly}},
   });
@@ -396,7 +400,7 @@ json listsOf(const Config& config) {
 }  // namespace
 
 const std::vector<SettingSpec>& SettingsSchema::all() {
-  static const std::vector<SettingSpec> table = makeTable();
+  static const std::vector<SettingSpec> table = makeTable(MachineWords{});
   return table;
 }
 
@@ -417,19 +421,25 @@ std::string SettingsSchema::keyList() {
   return out;
 }
 
-json SettingsSchema::describe(const Config& config, const std::string& configPath) {
+json SettingsSchema::describe(const Config& config, const std::string& configPath, const MachineWords& words) {
   json settings = json::array();
-  for (const SettingSpec& s : all()) {
-    settings.push_back({{"key", s.key},
-                        {"topic", s.topic},
-                        {"type", s.type},
-                        {"value", s.read(config)},
-                        {"allowed", s.allowed},
-                        {"description", s.description},
-                        {"note", s.note ? json(*s.note) : json(nullptr)}});
+  for (const SettingSpec& s : makeTable(words)) {
+    // A setting the machine lacks is still listed with its value (the file
+    // may travel to a machine that has it); what it does here is nothing,
+    // and the description says why.
+    const std::string* lacking = words.lacks(s.key);
+    json entry = {{"key", s.key},
+                  {"topic", s.topic},
+                  {"type", s.type},
+                  {"value", s.read(config)},
+                  {"allowed", s.allowed},
+                  {"description", lacking ? *lacking : s.description},
+                  {"note", s.note ? json(*s.note) : json(nullptr)}};
+    if (lacking) entry["available"] = false;
+    settings.push_back(std::move(entry));
   }
   return {{"settings", std::move(settings)},
-          {"lists", listsOf(config)},
+          {"lists", listsOf(config, words.machine)},
           {"how", "vigilo set <key> <value>, MCP vigilo_set_setting, or edit config.json (camelCase keys, reloads "
                   "instantly)."},
           {"path", configPath}};

@@ -9,6 +9,7 @@
 #include <nlohmann/json_fwd.hpp>
 
 #include "engine/config.h"
+#include "platform/platform.h"
 
 namespace vigilo {
 
@@ -41,9 +42,12 @@ class SettingsSchema {
   static std::string keyList();
 
   // For the `schema` request: {"settings": [{key, topic, type, value,
-  // allowed, description, note}...], "lists": [{name, what, how, items}...],
-  // "how": the general line, "path": configPath}.
-  static nlohmann::json describe(const Config& config, const std::string& configPath);
+  // allowed, description, note[, available]}...], "lists": [{name, what, how,
+  // items}...], "how": the general line, "path": configPath}, described in
+  // `words`. A setting `words` says the machine lacks has `available` false
+  // (the others have no `available`) and, as its description, why.
+  static nlohmann::json describe(const Config& config, const std::string& configPath,
+                                 const MachineWords& words = {});
 
   // A change by key (the `set` request). `value` is absent when the request
   // had none. On success `config` holds the changed record and `error` is

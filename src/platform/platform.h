@@ -2,6 +2,8 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/clock.h"
@@ -42,6 +44,46 @@ struct MachineWords {
   std::string sleepByHand = "sudo pmset -a disablesleep 0 switches sleep back on";
   // The hotkey's keys as the person presses them.
   std::string hotkeyKeys = "⌃⌥⌘A";
+
+  // Everything the machine draws, as an adjective: "whole-Mac watts".
+  std::string wholeMachine = "whole-Mac";
+  // The operating system by name: "apps that ask macOS to stay awake".
+  std::string system = "macOS";
+  // Where Vigilo's icon sits: "Text next to the menu bar icon."
+  std::string tray = "menu bar";
+  // How `vigilo open` shows the panel.
+  std::string openPanel = "drop the panel down from the menu bar";
+  // What opening the lid brings when the screen was switched off with it.
+  std::string lockedOnOpen = "macOS asks for your password when you open the lid";
+  // The power mode Vigilo turns on with the lid shut, as a sentence names it.
+  std::string lowPower = "Low Power Mode";
+  // Where the short announcements appear.
+  std::string announcements = "in a notch island";
+  // Where the whole machine's power is read, and when.
+  std::string powerFrom = "measured from the battery controller, also on the charger";
+  // How the power test reads the power of one setting.
+  std::string powerTestReading = "over full 30 s updates of the battery controller";
+  // What measuring the screen in the power test does to the machine.
+  std::string screenTestEffect = "locks the Mac";
+  // How the quick savings estimate weighs the apps' energy.
+  std::string appEnergy = "the energy macOS attributes to them";
+
+  // The settings this machine can't honour, each with a sentence that says
+  // why; they are still stored, since the settings file may travel to a
+  // machine that can. Keys are the settings schema's.
+  std::vector<std::pair<std::string, std::string>> lacking;
+  // Why this machine can't honour the setting `key`; null when it can.
+  const std::string* lacks(std::string_view key) const {
+    for (const auto& [k, why] : lacking) {
+      if (k == key) return &why;
+    }
+    return nullptr;
+  }
+  // `text` with its first letter in upper case, for words that begin a line.
+  static std::string capitalised(std::string text) {
+    if (!text.empty() && text[0] >= 'a' && text[0] <= 'z') text[0] = static_cast<char>(text[0] - 'a' + 'A');
+    return text;
+  }
 };
 
 // One machine: every interface the core uses, from one backend. The

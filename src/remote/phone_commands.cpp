@@ -15,8 +15,9 @@ constexpr std::array<std::string_view, 12> kAllowed = {"panel", "mode",  "preset
 
 // The figures a phone shows; anything else (paths, process lists, the
 // person's app rules) stays on the machine.
-constexpr std::array<std::string_view, 22> kPhoneKeys = {"ok",
+constexpr std::array<std::string_view, 23> kPhoneKeys = {"ok",
                                                          "error",
+                                                         "note",
                                                          "status",
                                                          "skipped",
                                                          "wakeAt",
@@ -81,7 +82,7 @@ json phoneReply(const json& reply, const std::string& cmd) {
       for (const json& s : *all) {
         if (!s.is_object()) continue;
         json e = json::object();
-        for (const char* k : {"key", "type", "allowed", "value"}) {
+        for (const char* k : {"key", "type", "allowed", "value", "available"}) {
           if (s.contains(k)) e[k] = s[k];
         }
         settings.push_back(std::move(e));

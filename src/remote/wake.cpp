@@ -148,7 +148,13 @@ void ScheduledWakes::checkScheduledWake(Engine& engine) {
 }
 
 json ScheduledWakes::wake(Engine& engine, const json& args) {
-  if (!engine.setupReady()) return failReply(kNeedsSetup);
+  if (!engine.setupReady()) {
+    // A machine whose sleep switch gives its own reason says that instead of
+    // pointing to the Mac's setup window.
+    const MachineWords& words = engine.platform().words();
+    return failReply(words.sleepRefusedLead.empty() ? std::string(kNeedsSetup)
+                                                     : words.sleepRefusedLead + engine.setupProblem());
+  }
   const double minutes = numberArg(args, "minutes", 1440).value_or(engine.config().wakeForMinutes);
   std::string reason = textArg(args, "reason").value_or("");
   if (reason.empty()) reason = kPhoneWakeReason;

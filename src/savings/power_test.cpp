@@ -29,8 +29,8 @@ constexpr double kInstantReading = kSettleSeconds + static_cast<double>(kInstant
 
 const std::vector<std::string> kSavings = {"apps", "simulators", "audio", "low_power"};
 
-std::string stepTitle(const std::string& name) {
-  if (name == "low_power") return "Low Power Mode";
+std::string stepTitle(const std::string& name, const MachineWords& words) {
+  if (name == "low_power") return words.lowPower;
   return name;
 }
 
@@ -54,6 +54,10 @@ TotalResult judgeTotal(const std::array<double, 4>& r) {
   return t;
 }
 
+std::string unclearText(const std::string& machine) {
+  return "unclear (the " + machine + "'s own load moved too much; run it again when agents are quiet)";
+}
+
 std::string measuredText(double watts) {
   char buf[96];
   std::snprintf(buf, sizeof buf, "Measured: Vigilo's savings are worth %.1f W with the lid shut", watts);
@@ -72,19 +76,27 @@ std::optional<PowerSample> PowerTest::sampleNow() {
 }
 
 std::optional<std::string> PowerTest::resultText() const {
-  if (unclear_.count("total")) return std::string(kUnclearText);
+  if (unclear_.count("total")) return unclearText(engine_.platform().words().machine);
   if (auto it = effects_.find("total"); it != effects_.end()) return measuredText(it->second);
   return std::nullopt;
 }
 
 std::optional<std::string> PowerTest::start(bool includeScreen, bool detailed) {
   if (running_) return std::string("A power test is already running");
+  const std::string& machine = engine_.platform().words().machine;
+  if (!engine_.platform().registry().lidClosed()) {
+    // Nothing to close: say what can be measured instead.
+    return "This " + machine +
+           " has no lid that Vigilo can read, so there are no lid-closed savings to measure. The quick estimate "
+           "(vigilo measure) shows what slowing apps saves, and vigilo power what is using power now";
+  }
   if (!engine_.lidClosed() || !engine_.holding() || !closedLid_.sessionActive()) {
-    return std::string("Close the lid first (with Vigilo keeping the Mac awake): the test measures lid-closed savings");
+    return "Close the lid first (with Vigilo keeping the " + machine +
+           " awake): the test measures lid-closed savings";
   }
   const std::optional<PowerSample> s = sampleNow();
   if (!s || (!s->watts && !(s->accumulated && s->count))) {
-    return std::string("This Mac doesn't report whole-system power, so savings can't be measured");
+    return "This " + machine + " doesn't report whole-system power, so savings can't be measured";
   }
 
   was_ = closedLid_.savingsOff();
@@ -107,6 +119,7 @@ std::optional<std::string> PowerTest::start(bool includeScreen, bool detailed) {
     const auto targets = closedLid_.selectTargets(preset, was_);
     std::vector<std::string> names = kSavings;
     if (includeScreen) names.push_back("screen");
+    const MachineWords& words = engine_.platform().words();
     for (const std::string& name : names) {
       // Nothing of that class running: switching it off would measure nothing.
       if ((name == "simulators" || name == "audio") && closedLid_.selectTargets(preset, withAll(was_, {name})) == targets)
@@ -115,7 +128,7 @@ std::optional<std::string> PowerTest::start(bool includeScreen, bool detailed) {
       for (int i = 0; i < 2; ++i) {
         Reading r;
         r.off = i == 0 ? withAll(was_, {name}) : was_;
-        r.progress = "Measuring " + stepTitle(name) + ", " + std::to_string(i + 1) + " of 2";
+        r.progress = "Measuring " + stepTitle(name, words) + ", " + std::to_string(i + 1) + " of 2";
         step.readings.push_back(std::move(r));
       }
       steps_.push_back(std::move(step));
@@ -153,8 +166,9 @@ std::optional<std::string> PowerTest::abortReason() const {
   // The causes first: a hold ended by the heat guard reads as the heat.
   const bool onPower = engine_.battery() && engine_.battery()->onAC;
   if (onPower != startOnPower_) return std::string("the power adapter was plugged in or out");
-  if (engine_.thermal() >= kSerious) return std::string("the Mac got too hot");
-  if (!engine_.holding()) return std::string("Vigilo stopped keeping the Mac awake");
+  const std::string& machine = engine_.platform().words().machine;
+  if (engine_.thermal() >= kSerious) return "the " + machine + " got too hot";
+  if (!engine_.holding()) return "Vigilo stopped keeping the " + machine + " awake";
   return std::nullopt;
 }
 

@@ -31,8 +31,7 @@ struct TotalResult {
 TotalResult judgeTotal(const std::array<double, 4>& readings);
 
 // The result lines of a power test.
-inline constexpr const char* kUnclearText =
-    "unclear (the Mac's own load moved too much; run it again when agents are quiet)";
+std::string unclearText(const std::string& machine);
 std::string measuredText(double watts);
 
 // The power test: with the lid shut and the machine held awake, switches

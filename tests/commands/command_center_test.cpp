@@ -2,13 +2,22 @@
 
 #include <chrono>
 #include <cmath>
+#include <functional>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <sys/stat.h>
 
 #include "agents/agent_work.h"
+#include "closedlid/closed_lid.h"
 #include "commands/cli.h"
+#include "commands/cli_print.h"
+#include "e2e/app_process.h"
 #include "engine/engine_fixture.h"
+#include "platform/linux/linux_platform.h"
+#include "remote/phone_commands.h"
 #include "savings/power_watch.h"
+#include "savings/savings.h"
 
 namespace vigilo::test {
 namespace {
@@ -242,6 +251,147 @@ TEST_F(CommandCenterTest, ThePanelNamesIgnoredSleepBlockersAndThePowerReportAnEx
   center_->setAgents(nullptr, nullptr);
   engine().setWorkSource(nullptr);
   engine().setPowerMeter(nullptr);
+}
+
+
+// Given the laptop speaking the Linux backend's words, held awake, with the
+// app's closed-lid session, power watch and savings behind the command
+// center, and a chat app drawing power.
+class LinuxWordsTest : public EngineTest {
+ protected:
+  void SetUp() override {
+    speak(linuxMachineWords());
+    writeConfig(R"({"mode": "on", "preset": "max_battery", "menuBarText": "watts"})");
+    laptop().setTelemetry(true);
+    laptop().setProcessWatts(laptop().startProcess("/usr/bin/chat"), 4.0);
+    engine_ = std::make_unique<Engine>(machine(), folder_);
+    closedLid_ = std::make_unique<ClosedLid>(*engine_);
+    power_ = std::make_unique<PowerWatch>(folder_, nullptr);
+    power_->setPlan([this] { return closedLid_->plan(); });
+    engine_->setPowerMeter(power_.get());
+    savings_ = std::make_unique<Savings>(*engine_, *closedLid_, power_.get());
+    engine_->setWorkSource(&work_);
+    engine_->setClosedLidSavings(savings_.get());
+    engine_->launch();
+    center_ = std::make_unique<CommandCenter>(*engine_, nullptr);
+    center_->setAgents(nullptr, power_.get());
+    center_->setClosedLid(closedLid_.get());
+    center_->setSavings(savings_.get());
+  }
+  json call(const std::string& cmd, const json& args = json::object()) { return center_->handle(cmd, args); }
+  // What a print function of the tool writes.
+  static std::string printed(const std::function<void()>& print) {
+    testing::internal::CaptureStdout();
+    print();
+    return testing::internal::GetCapturedStdout();
+  }
+
+  std::unique_ptr<PowerWatch> power_;
+  std::unique_ptr<ClosedLid> closedLid_;
+  std::unique_ptr<Savings> savings_;
+  std::unique_ptr<CommandCenter> center_;
+};
+
+TEST_F(LinuxWordsTest, EveryTextNamesThisMachineAndNothingOfTheMac) {
+  const MachineWords& words = linuxMachineWords();
+  std::vector<std::pair<std::string, std::string>> texts;
+  auto add = [&](const std::string& name, const std::string& text) { texts.emplace_back(name, text); };
+
+  // The tool's own texts, from the real binary on this Linux machine; none
+  // of them starts an app.
+  const std::string home = dir_.file("tool");
+  const std::vector<std::string> env = {"HOME=" + dir_.file("person")};
+  add("help", runTool({"help"}, home, env).out);
+  add("pair", runTool({"pair", "--no-qr"}, home, env).out);
+  add("doctor", runTool({"doctor"}, home, env).out);
+  add("mcp", runToolWithInput({"mcp"}, home,
+                              R"({"jsonrpc": "2.0", "id": 1, "method": "initialize", "params": {}})"
+                              "\n"
+                              R"({"jsonrpc": "2.0", "id": 2, "method": "tools/list"})"
+                              "\n",
+                              env)
+                 .out);
+
+  // The app's replies, printed as the tool prints them and whole (--json).
+  auto reply = [&](const std::string& name, const json& r, const std::function<void()>& print) {
+    add(name, printed(print));
+    add(name + " --json", r.dump());
+  };
+  const json schema = call("schema");
+  reply("settings", schema, [&] { cli::printSettings(schema); });
+  add("power test, lid open", call("power_test").value("error", std::string()));
+  laptop().setLidClosed(true);
+  advance(4);
+  const json status = call("status");
+  reply("status", status, [&] { cli::printStatus(status, words); });
+
+  ASSERT_TRUE(call("power_test", {{"detailed", true}})["ok"]);
+  std::string progress;
+  for (int t = 0; t < 900 && savings_->test().running(); ++t) {
+    progress += savings_->test().progress().value_or("") + "\n";
+    advance(1);
+  }
+  add("power test progress", progress);
+  const json measured = call("power");
+  reply("power", measured, [&] { cli::printPower(measured, words); });
+  ASSERT_TRUE(call("power_test")["ok"]);
+  laptop().setThermalState(2);
+  advance(2);
+  const json aborted = call("power");
+  reply("power, test aborted", aborted, [&] { cli::printMeasured(aborted, words); });
+  laptop().setThermalState(0);
+  laptop().removeLid();
+  advance(2);
+  add("power test, no lid", call("power_test").value("error", std::string()));
+
+  const std::pair<const char*, std::regex> forbidden[] = {
+      {"Mac", std::regex(R"(\bMacs?\b)")}, {"macOS", std::regex("macOS")},  {"menu bar", std::regex("menu bar")},
+      {"Dock", std::regex(R"(\bDock\b)")}, {"⌃", std::regex("⌃")},          {"⌘", std::regex("⌘")},
+      {"Time Machine", std::regex("Time Machine")}, {"pmset", std::regex("pmset")}, {"iOS", std::regex(R"(\biOS\b)")},
+  };
+  for (const auto& [name, text] : texts) {
+    SCOPED_TRACE(name);
+    EXPECT_FALSE(text.empty());
+    for (const auto& [word, pattern] : forbidden) {
+      EXPECT_FALSE(std::regex_search(text, pattern)) << "\"" << word << "\" in:\n" << text;
+    }
+  }
+  // And they say what this machine does instead.
+  const std::map<std::string, std::string> said = {
+      {"help", "keep your Linux machine awake"},
+      {"pair", "can control this Linux machine."},
+      {"mcp", "the battery's draw, measured only while on battery"},
+      {"settings", "Ctrl+Alt+Super+A cycles the mode."},
+      {"status", "Tray: "},
+      {"power test progress", "Measuring the power-saver profile, 1 of 2"},
+      {"power", "The power-saver profile: saves"},
+      {"power, test aborted", "the Linux machine got too hot"},
+      {"power test, no lid", "This Linux machine has no lid that Vigilo can read"},
+  };
+  for (const auto& [name, text] : texts) {
+    if (auto it = said.find(name); it != said.end()) {
+      EXPECT_NE(text.find(it->second), std::string::npos) << text;
+    }
+  }
+}
+
+TEST_F(LinuxWordsTest, ASettingTheMachineLacksIsStoredAndSaysSo) {
+  const json r = call("set", {{"key", "show_in_dock"}, {"value", "on"}});
+  ASSERT_TRUE(r["ok"]) << r;
+  EXPECT_EQ(r["note"],
+            "show_in_dock is saved, but this Linux machine can't honour it: On Linux Vigilo lives in the tray; there "
+            "is no separate app icon to show or hide.");
+  EXPECT_EQ(json::parse(readFile(folder_ + "/config.json"))["showInDock"], true) << "kept for a machine that has it";
+  EXPECT_EQ(phoneReply(r, "set")["note"], r["note"]) << "the phone hears it too";
+  const json schema = call("schema");
+  for (const json& s : schema["settings"]) {
+    if (s["key"] == "show_in_dock") {
+      EXPECT_EQ(s["available"], false);
+    } else if (s["key"] == "hotkey") {
+      EXPECT_FALSE(s.contains("available"));
+    }
+  }
+  EXPECT_FALSE(call("set", {{"key", "hotkey"}, {"value", "off"}}).contains("note"));
 }
 
 }  // namespace

@@ -128,7 +128,7 @@ TEST_F(AppTest, RefusesBadArgumentsPlainly) {
   ASSERT_TRUE(waitFor(
       [&] {
         return real->output().find("Needs a one-time setup") != std::string::npos &&
-               real->output().find("warning: Pausing Time Machine backups") != std::string::npos;
+               real->output().find("warning: Linux has no system backup service") != std::string::npos;
       },
       10s))
       << real->output();

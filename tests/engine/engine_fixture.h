@@ -12,6 +12,7 @@
 
 #include "engine/engine.h"
 #include "platform/manual_run_loop.h"
+#include "platform/platform_wrapper.h"
 #include "platform/sim/sim_laptop.h"
 #include "test_support.h"
 
@@ -39,6 +40,16 @@ class RecordingSlowJobs final : public SlowJobs {
   std::vector<std::string> calls;
 };
 
+// The simulated laptop naming itself in another backend's words.
+class SpeakingLaptop final : public PlatformWrapper {
+ public:
+  SpeakingLaptop(Platform& laptop, MachineWords words) : PlatformWrapper(laptop), words_(std::move(words)) {}
+  const MachineWords& words() const override { return words_; }
+
+ private:
+  MachineWords words_;
+};
+
 // Given a simulated laptop, a manual clock and an engine in a fresh app
 // folder. Tests arrange the laptop, call `launch()`, then move time.
 class EngineTest : public ::testing::Test {
@@ -50,7 +61,7 @@ class EngineTest : public ::testing::Test {
   ~EngineTest() override { engine_.reset(); }
 
   Engine& launch(EngineOptions options = {}) {
-    engine_ = std::make_unique<Engine>(*sim_, folder_, options);
+    engine_ = std::make_unique<Engine>(machine(), folder_, options);
     engine_->setWorkSource(&work_);
     engine_->setNoticeHandler([this](const Notice& n) {
       notices_.push_back(n.kind == Notice::Kind::Alert ? n.title + ": " + n.text : n.text);
@@ -59,6 +70,9 @@ class EngineTest : public ::testing::Test {
     return *engine_;
   }
   Engine& engine() { return *engine_; }
+  // From the next engine on, the laptop speaks in `words`.
+  void speak(MachineWords words) { speaking_ = std::make_unique<SpeakingLaptop>(*sim_, std::move(words)); }
+  Platform& machine() { return speaking_ ? static_cast<Platform&>(*speaking_) : *sim_; }
   SimLaptop& laptop() { return sim_->laptop(); }
   StateFiles files() const { return StateFiles(folder_); }
   void advance(double seconds) { loop_.advance(seconds); }
@@ -79,6 +93,7 @@ class EngineTest : public ::testing::Test {
   ManualClock clock_;
   ManualRunLoop loop_;
   std::unique_ptr<SimPlatform> sim_;
+  std::unique_ptr<SpeakingLaptop> speaking_;
   std::string folder_;
   ScriptedWork work_;
   std::unique_ptr<Engine> engine_;

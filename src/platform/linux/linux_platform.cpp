@@ -31,6 +31,33 @@ const MachineWords& linuxMachineWords() {
     w.sleepNotKept = "Sleep didn't stay switched off";
     w.sleepByHand = "the lock that keeps sleep off ends with the app; systemd-inhibit --list shows any left";
     w.hotkeyKeys = "Ctrl+Alt+Super+A";
+    w.wholeMachine = "whole-machine";
+    w.system = "Linux";
+    w.tray = "tray";
+    w.openPanel = "open the panel, as clicking the tray icon does";
+    // logind's Session.Lock hands the lid-closed screen to the desktop's locker.
+    w.lockedOnOpen = "the session locks, and you unlock it with your password when you open the lid";
+    w.lowPower = "the power-saver profile";
+    w.announcements = "as desktop notifications";
+    // Only a discharging battery reports a draw; the adapter reports none.
+    w.powerFrom = "the battery's draw, measured only while on battery; on the charger there is no reading";
+    w.powerTestReading = "averaged over 30 one-second readings of the battery's draw (on battery only)";
+    w.screenTestEffect = "blanks the display while it is measured";
+    w.appEnergy = "their share of the battery's draw by CPU time";
+    w.lacking = {
+        {"pause_simulators", "Linux has no device simulators or Xcode previews for Vigilo to freeze."},
+        {"screen_off",
+         "Switching the built-in screen off isn't available on Linux; Vigilo darkens it to zero brightness "
+         "instead."},
+        {"shut_down_simulators", "Linux has no device simulators for Vigilo to shut down."},
+        {"pause_background_audio", "On Linux Vigilo can't yet tell which processes hold the speakers open."},
+        {"pause_time_machine", "Linux has no system backup service that Vigilo can pause."},
+        {"claude_app", "The Claude desktop app has no Linux release for Vigilo to recognise."},
+        {"downloads",
+         "On Linux Vigilo doesn't yet read other apps' requests to stay awake (logind's inhibitor locks)."},
+        {"live_lid_icon", "Linux doesn't report the lid's angle, so the tray icon can't follow it."},
+        {"show_in_dock", "On Linux Vigilo lives in the tray; there is no separate app icon to show or hide."},
+    };
     return w;
   }();
   return words;
@@ -198,11 +225,11 @@ class LinuxPlatformImpl final : public Platform {
                       "ends with Vigilo, even if it crashes."};
   }
 
-  // What a Mac has and Linux doesn't: said once, and skipped.
+  // What only the home platform has: said once, and skipped.
   Capability macOnlyCapability() {
     return Capability{"backups, simulators and previews", false,
-                      "Pausing Time Machine backups, simulators and Xcode previews while the lid is shut is a Mac "
-                      "feature; Linux has none of them, so Vigilo skips it."};
+                      "Linux has no system backup service, device simulators or Xcode previews to pause while the "
+                      "lid is shut, so Vigilo skips them."};
   }
 
   Capability screenCapability(const BusAnswer<std::vector<Inhibitor>>& bus) {

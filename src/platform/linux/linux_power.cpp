@@ -152,7 +152,7 @@ Result LinuxPower::restorePowerMode(const std::string&, int) {
 }
 
 Result LinuxPower::setAutomaticBackups(bool) {
-  return Result::fail("Automatic backups (Time Machine) aren't available on Linux, so there is nothing to switch.");
+  return Result::fail("Linux has no system backup service that Vigilo can pause, so there is nothing to switch.");
 }
 
 void LinuxPower::remember(SetupStatus s) {
