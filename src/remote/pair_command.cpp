@@ -46,19 +46,33 @@ std::string terminalQrCode(const std::string& text) {
   std::unique_ptr<QRcode, QrFree> qr(QRcode_encodeString8bit(text.c_str(), 0, QR_ECLEVEL_M));
   if (!qr) return {};
   const int n = qr->width;
-  constexpr int kQuiet = 2;
+  // The quiet zone scanners expect around the code.
+  constexpr int kQuiet = 4;
   auto dark = [&](int x, int y) {
     if (x < 0 || y < 0 || x >= n || y >= n) return false;
     return (qr->data[y * n + x] & 1) != 0;
   };
+  // Colours of the 256-colour cube, which terminal themes leave alone (the
+  // 16 basic colours follow the theme, and a light theme's "black" can be
+  // anything): black modules on white, whatever the terminal's own colours.
+  auto colour = [](bool isDark, bool background) {
+    return std::string(background ? "48;5;" : "38;5;") + (isDark ? "16" : "231");
+  };
   std::string out;
   for (int y = -kQuiet; y < n + kQuiet; y += 2) {
+    // Each character shows two modules: the upper half block in the
+    // foreground colour, the lower one in the background colour.
+    int lastTop = -1, lastBottom = -1;
     for (int x = -kQuiet; x < n + kQuiet; ++x) {
-      const bool top = !dark(x, y);
-      const bool bottom = !dark(x, y + 1);
-      out += top && bottom ? "█" : top ? "▀" : bottom ? "▄" : " ";
+      const bool top = dark(x, y), bottom = dark(x, y + 1);
+      if (top != lastTop || bottom != lastBottom) {
+        out += "\x1b[" + colour(top, false) + ";" + colour(bottom, true) + "m";
+        lastTop = top;
+        lastBottom = bottom;
+      }
+      out += "▀";
     }
-    out += "\n";
+    out += "\x1b[0m\n";
   }
   return out;
 }

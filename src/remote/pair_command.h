@@ -5,9 +5,10 @@
 
 namespace vigilo {
 
-// The QR code of `text` for a terminal, two modules a character row, light
-// modules drawn as blocks so it reads on a dark background. Empty when the
-// text can't be encoded.
+// The QR code of `text` for a terminal, two modules a character (an upper
+// half block), in explicit black and white with a quiet zone of four
+// modules, so it scans on light and dark terminals alike; each line ends by
+// resetting the colours. Empty when the text can't be encoded.
 std::string terminalQrCode(const std::string& text);
 
 // `vigilo pair [--relay URL] [--page URL] [--no-qr]`, `vigilo pair --list

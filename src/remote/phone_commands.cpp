@@ -15,7 +15,7 @@ constexpr std::array<std::string_view, 12> kAllowed = {"panel", "mode",  "preset
 
 // The figures a phone shows; anything else (paths, process lists, the
 // person's app rules) stays on the machine.
-constexpr std::array<std::string_view, 23> kPhoneKeys = {"ok",
+constexpr std::array<std::string_view, 25> kPhoneKeys = {"ok",
                                                          "error",
                                                          "note",
                                                          "status",
@@ -34,6 +34,8 @@ constexpr std::array<std::string_view, 23> kPhoneKeys = {"ok",
                                                          "saving_now_watts",
                                                          "closed_estimate_watts",
                                                          "estimated_savings_this_week",
+                                                         "measured_saving_watts",
+                                                         "apps",
                                                          "watch_list",
                                                          "added",
                                                          "removed",
@@ -44,6 +46,23 @@ json trimmedBattery(const json& b) {
   json out = json::object();
   for (const char* k : {"percent", "watts", "on_power", "charging"}) {
     if (b.contains(k)) out[k] = b[k];
+  }
+  return out;
+}
+
+// The apps drawing the most, by name and watts only: a phone's screen
+// holds a few, and their processes and paths stay on the machine.
+constexpr std::size_t kPhoneApps = 5;
+json trimmedApps(const json& apps) {
+  json out = json::array();
+  if (!apps.is_array()) return out;
+  for (const json& a : apps) {
+    if (out.size() >= kPhoneApps) break;
+    if (!a.is_object() || !a.contains("name") || !a.contains("watts")) continue;
+    const auto estimated = a.find("estimated");
+    out.push_back({{"name", a["name"]},
+                   {"watts", a["watts"]},
+                   {"estimated", estimated != a.end() && estimated->is_boolean() && estimated->get<bool>()}});
   }
   return out;
 }
@@ -62,7 +81,8 @@ json phoneReply(const json& reply, const std::string& cmd) {
   if (!reply.is_object()) return {{"ok", false}, {"error", "no answer"}};
   for (std::string_view k : kPhoneKeys) {
     auto it = reply.find(std::string(k));
-    if (it != reply.end()) out[std::string(k)] = k == "battery" ? trimmedBattery(*it) : *it;
+    if (it == reply.end()) continue;
+    out[std::string(k)] = k == "battery" ? trimmedBattery(*it) : k == "apps" ? trimmedApps(*it) : *it;
   }
   if (cmd == "panel" || cmd == "status") {
     auto holds = reply.find("holds");

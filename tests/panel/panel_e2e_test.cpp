@@ -1,5 +1,7 @@
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
+#include <map>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,6 +21,28 @@ using json = nlohmann::json;
 
 // The build folder, where the pictures of each tab are kept after a run.
 std::string buildFolder() { return std::filesystem::path(VIGILO_BINARY).parent_path().string(); }
+
+// What a shell command printed, standard error included.
+std::string commandOutput(const std::string& command) {
+  std::string out;
+  if (FILE* p = ::popen((command + " 2>&1").c_str(), "r")) {
+    char buf[512];
+    while (std::fgets(buf, sizeof buf, p) != nullptr) out += buf;
+    ::pclose(p);
+  }
+  return out;
+}
+
+// The mean of every channel of every pixel, 0 (black) to 1 (white).
+double meanBrightness(const Picture& p) {
+  double sum = 0;
+  std::size_t count = 0;
+  for (std::size_t i = 0; i + p.channels <= p.pixels.size(); i += p.channels) {
+    for (int c = 0; c < 3; ++c) sum += p.pixels[i + c];
+    count += 3;
+  }
+  return count == 0 ? 0 : sum / count / 255.0;
+}
 
 // A private X server for one test, gone with it.
 class Xvfb {
@@ -111,6 +135,20 @@ TEST_F(PanelTest, EachTabDrawsAndSnapshotWritesAPicture) {
     ASSERT_EQ(run.status, 0) << run.err;
     expectPicture(path);
   }
+  // The appearance setting is honoured, not only stored: the same tab
+  // drawn dark and light.
+  std::map<std::string, double> brightness;
+  for (const std::string look : {"dark", "light"}) {
+    ASSERT_EQ(vigilo({"set", "appearance", look}).status, 0);
+    const std::string path = buildFolder() + "/panel-now-" + look + ".png";
+    ToolRun run = vigilo({"panel", "--page", "now", "--snapshot", path});
+    ASSERT_EQ(run.status, 0) << run.err;
+    auto picture = readPng(path);
+    ASSERT_TRUE(picture.has_value()) << path;
+    brightness[look] = meanBrightness(*picture);
+  }
+  EXPECT_LT(brightness["dark"], 0.35);
+  EXPECT_GT(brightness["light"], 0.65);
   // The request, through the app, without a window.
   const std::string out = dir_.file("out.png");
   ToolRun shot = vigilo({"snapshot", out});
@@ -132,6 +170,16 @@ TEST_F(PanelTest, EachTabDrawsAndSnapshotWritesAPicture) {
   ASSERT_EQ(first.status, 0) << first.err;
   EXPECT_EQ(json::parse(first.out)["opened"], true);
   ASSERT_TRUE(waitFor([&] { return panelsRunning() == 1; }, 5s));
+  // The desktop knows the window as Vigilo's (vigilo.desktop's
+  // StartupWMClass), and takes its icon and name from that entry.
+  if (::access("/usr/bin/xprop", X_OK) == 0) {
+    const std::string xprop = "/usr/bin/xprop -display " + xvfb_.display() + " -name Vigilo -notype ";
+    std::string wmClass;
+    // The window may still be mapping.
+    ASSERT_TRUE(waitFor([&] { return (wmClass = commandOutput(xprop + "WM_CLASS")).rfind("WM_CLASS = ", 0) == 0; }, 5s))
+        << wmClass;
+    EXPECT_EQ(wmClass.substr(0, wmClass.find(',')), "WM_CLASS = \"vigilo\"") << wmClass;
+  }
   ToolRun again = vigilo({"open", "power", "--json"});
   ASSERT_EQ(again.status, 0) << again.err;
   EXPECT_EQ(json::parse(again.out)["opened"], false);

@@ -153,6 +153,8 @@ TEST(DesktopAlertsTest, NotificationsReachTheSessionsNotificationDaemon) {
   auto alerts = makeDesktopAlerts(DesktopAlertOptions{mock.address, dir.file("no-sounds")});
   EXPECT_TRUE(alerts->note("Codex finished", "Busy for 12 min."));
   EXPECT_EQ(mock.shown(), json::parse(R"([["Vigilo", "Codex finished", "Busy for 12 min."]])"));
+  // Named by its own icon and desktop entry, so the daemon shows Vigilo's.
+  EXPECT_EQ(mock.icons(), json::parse(R"([["Vigilo", "vigilo", "vigilo"]])"));
   auto missing = alerts->missing();
   ASSERT_EQ(missing.size(), 1u) << "the daemon is there; the sound theme is not";
   EXPECT_NE(missing[0].find("The chime can't play"), std::string::npos) << missing[0];

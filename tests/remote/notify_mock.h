@@ -36,11 +36,9 @@ class NotifyMock {
 
   // The notifications the daemon got so far, as [app, title, body]; null
   // when it does not answer.
-  nlohmann::json shown() {
-    if (!process_.write("\n")) return nullptr;
-    auto line = process_.readLine(std::chrono::seconds(10));
-    return line ? nlohmann::json::parse(*line, nullptr, false) : nlohmann::json();
-  }
+  nlohmann::json shown() { return ask("\n"); }
+  // The same notifications as [app, icon, desktop-entry hint].
+  nlohmann::json icons() { return ask("icons\n"); }
 
   std::string address;  // empty when it did not start
 
@@ -48,6 +46,11 @@ class NotifyMock {
   static std::vector<std::string> withScript(std::vector<std::string> session) {
     session.insert(session.begin(), sourceDir(__FILE__) + "/notify_mock.py");
     return session;
+  }
+  nlohmann::json ask(const std::string& line) {
+    if (!process_.write(line)) return nullptr;
+    auto answer = process_.readLine(std::chrono::seconds(10));
+    return answer ? nlohmann::json::parse(*answer, nullptr, false) : nlohmann::json();
   }
 
   PipedProcess process_;

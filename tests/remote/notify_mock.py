@@ -2,8 +2,9 @@
 """A private session bus with dbusmock's notification_daemon on it.
 
 Prints the bus address as one line, then for every line on stdin prints the
-Notify calls recorded so far as a JSON list of [app, summary, body]. Ends
-with stdin, taking the bus and the mock with it.
+Notify calls recorded so far as a JSON list of [app, summary, body] (for the
+line "icons": [app, icon, desktop-entry hint]). Ends with stdin, taking the
+bus and the mock with it.
 
 With arguments RUNTIME [NAME=VALUE...] it plays a login session: the bus
 listens at RUNTIME/bus, where a program finds it from the user id alone,
@@ -39,9 +40,13 @@ mock_iface = dbus.Interface(obj, dbusmock.MOCK_IFACE)
 # A terminated helper takes its bus and mock along, as at the end of input.
 signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
 try:
-    for _ in sys.stdin:
+    for line in sys.stdin:
         calls = mock_iface.GetMethodCalls('Notify')
-        print(json.dumps([[str(c[1][0]), str(c[1][3]), str(c[1][4])] for c in calls]), flush=True)
+        if line.strip() == 'icons':
+            shown = [[str(c[1][0]), str(c[1][2]), str(c[1][6].get('desktop-entry', ''))] for c in calls]
+        else:
+            shown = [[str(c[1][0]), str(c[1][3]), str(c[1][4])] for c in calls]
+        print(json.dumps(shown), flush=True)
 finally:
     for m in (mock, manager):
         if m:

@@ -7,6 +7,7 @@
 
 #include "platform/text.h"
 #include "remote/crypto.h"
+#include "remote/pair_command.h"
 #include "remote/pairing.h"
 #include "remote/phone_commands.h"
 #include "remote/relay_client.h"
@@ -422,6 +423,93 @@ TEST(PhoneReplyTest, SchemaKeepsOnlyWhatThePhoneShows) {
             (json{{"ok", true},
                   {"status", "Idle"},
                   {"settings", {{{"key", "preset"}, {"type", "string"}, {"allowed", {"a", "b"}}, {"value", "a"}}}}}));
+
+  // The power figures keep the top apps by name and watts; their processes
+  // and bundle ids stay on the machine.
+  json power = {{"ok", true}, {"hours_left_closed", 9.5}, {"saving_now_watts", 1.2}, {"apps", json::array()}};
+  for (int i = 0; i < 7; ++i) {
+    power["apps"].push_back({{"name", "App " + std::to_string(i)},
+                             {"bundle_id", "org.example.app"},
+                             {"watts", 7.0 - i},
+                             {"pids", {100 + i}},
+                             {"estimated", i == 1}});
+  }
+  json phone = phoneReply(power, "power");
+  EXPECT_EQ(phone["hours_left_closed"], 9.5);
+  EXPECT_EQ(phone["saving_now_watts"], 1.2);
+  ASSERT_EQ(phone["apps"].size(), 5u);
+  EXPECT_EQ(phone["apps"][1], (json{{"name", "App 1"}, {"watts", 6.0}, {"estimated", true}}));
+}
+
+// The modules of a terminal QR code as a terminal draws them: each upper
+// half block is two modules, the upper in the foreground colour and the
+// lower in the background colour. 1 is black, 0 white, -1 a colour left to
+// the terminal's theme (anything but a block drawn in explicit colours).
+std::vector<std::vector<int>> drawnModules(const std::string& qr) {
+  std::vector<std::vector<int>> rows(2);
+  int fg = -1, bg = -1;
+  auto cube = [](int n) { return n == 16 ? 1 : n == 231 ? 0 : -1; };
+  for (std::size_t i = 0; i < qr.size();) {
+    if (qr.compare(i, 2, "\x1b[") == 0) {
+      const std::size_t end = qr.find('m', i);
+      std::vector<int> codes;
+      std::string params = qr.substr(i + 2, end - i - 2) + ";";
+      for (std::size_t at = 0, semi; (semi = params.find(';', at)) != std::string::npos; at = semi + 1) {
+        codes.push_back(std::atoi(params.substr(at, semi - at).c_str()));
+      }
+      for (std::size_t c = 0; c < codes.size(); ++c) {
+        if (codes[c] == 0) fg = bg = -1;
+        if ((codes[c] == 38 || codes[c] == 48) && c + 2 < codes.size() && codes[c + 1] == 5) {
+          (codes[c] == 38 ? fg : bg) = cube(codes[c + 2]);
+          c += 2;
+        }
+      }
+      i = end + 1;
+    } else if (qr[i] == '\n') {
+      rows.resize(rows.size() + 2);
+      ++i;
+    } else {
+      const bool upperHalf = qr.compare(i, 3, "▀") == 0;
+      rows[rows.size() - 2].push_back(upperHalf ? fg : -1);
+      rows[rows.size() - 1].push_back(upperHalf ? bg : -1);
+      i += (static_cast<unsigned char>(qr[i]) >= 0xe0) ? 3 : 1;
+    }
+  }
+  rows.resize(rows.size() - 2);
+  return rows;
+}
+
+TEST(PairQrTest, TheCodeIsBlackOnWhiteWithAQuietZoneWhateverTheTerminalsColours) {
+  for (const std::string link : {"https://vigilo.example/p#k=" + std::string(43, 'A'), std::string("x")}) {
+    const std::string qr = terminalQrCode(link);
+    const auto m = drawnModules(qr);
+    ASSERT_GT(m.size(), 20u);
+    const int width = static_cast<int>(m[0].size());
+    const int n = width - 8;  // the code between quiet zones of four modules
+    ASSERT_GE(n, 21);
+    for (std::size_t y = 0; y < m.size(); ++y) {
+      ASSERT_EQ(static_cast<int>(m[y].size()), width);
+      for (int x = 0; x < width; ++x) {
+        ASSERT_NE(m[y][x], -1) << "module " << x << "," << y << " is in the terminal's own colour";
+        const bool quiet = x < 4 || y < 4 || x >= 4 + n || static_cast<int>(y) >= 4 + n;
+        if (quiet) ASSERT_EQ(m[y][x], 0) << "the quiet zone at " << x << "," << y;
+      }
+    }
+    // The three finder patterns, dark ring, light ring, dark core, where a
+    // scanner looks for them.
+    for (auto [ox, oy] : {std::pair{4, 4}, std::pair{4 + n - 7, 4}, std::pair{4, 4 + n - 7}}) {
+      for (int y = 0; y < 7; ++y) {
+        for (int x = 0; x < 7; ++x) {
+          const int ring = std::min(std::min(x, y), std::min(6 - x, 6 - y));
+          EXPECT_EQ(m[oy + y][ox + x], ring == 1 ? 0 : 1) << "finder at " << ox << "," << oy;
+        }
+      }
+    }
+    // No line leaves its colours to what the terminal prints next.
+    for (std::size_t end = qr.find('\n'); end != std::string::npos; end = qr.find('\n', end + 1)) {
+      EXPECT_EQ(qr.compare(end - 4, 4, "\x1b[0m"), 0);
+    }
+  }
 }
 
 }  // namespace

@@ -226,7 +226,19 @@ TEST_F(PhoneRelayTest, ThePhonesPageInABrowserShowsTheStatusAndLetsTheLaptopSlee
   ASSERT_EQ(browser.wait(10s), 0) << out << readFile(dir_.file("browser-err.txt")) << app_->output();
   json page = json::parse(out, nullptr, false);
   ASSERT_TRUE(page.is_object()) << out;
+  // Without its key the page can send nothing; with a dead relay it says so
+  // in words.
+  EXPECT_EQ(page["noKey"]["status"], "This link has no pairing key. Run \"vigilo pair\" and scan its code.");
+  EXPECT_EQ(page["noKey"]["enabled"], 0);
+  EXPECT_EQ(page["deadRelay"]["status"],
+            "Can't reach the relay (127.0.0.1:9). Check that this phone is online; nothing was sent, and the laptop "
+            "carries on as it was.");
+  EXPECT_EQ(page["enabled"], 7);
   EXPECT_NE(page["before"], "Connecting…") << "the status came from the laptop";
+  // The Power button shows the hours left with the lid shut and the apps
+  // drawing the most.
+  EXPECT_EQ(page["power"]["hours"].get<std::string>().rfind("about ", 0), 0u) << page["power"].dump();
+  EXPECT_FALSE(page["power"]["apps"].empty()) << page["power"].dump();
   EXPECT_EQ(page["mode"], "When busy");
   EXPECT_EQ(page["message"], "Done.");
   EXPECT_EQ(page["battery"], "80%");

@@ -1,7 +1,9 @@
 #!/usr/bin/python3
 """A stand-in for the desktop's tray host on a private session bus: owns
 org.kde.StatusNotifierWatcher and prints "registered NAME" for each item that
-registers, so a test can wait for the line."""
+registers, so a test can wait for the line. An argument names the process
+as that tray host would be named (for example gnome-shell)."""
+import ctypes
 import sys
 
 import dbus
@@ -44,6 +46,9 @@ class Watcher(dbus.service.Object):
         }
 
 
+if len(sys.argv) > 1:
+    PR_SET_NAME = 15
+    ctypes.CDLL(None).prctl(PR_SET_NAME, sys.argv[1].encode(), 0, 0, 0)
 DBusGMainLoop(set_as_default=True)
 watcher = Watcher(dbus.SessionBus())
 print("watching", flush=True)

@@ -16,6 +16,7 @@
 #include <nlohmann/json.hpp>
 
 #include "e2e/sim_app.h"
+#include "panel/png_reader.h"
 #include "platform/linux/bus_children.h"
 #include "test_support.h"
 
@@ -67,11 +68,35 @@ class TrayTest : public SimAppTest {
     endChild(watcher_);
   }
 
-  void startWatcher() {
+  // The tray host, under the process name `as` when given.
+  void startWatcher(const std::string& as = "") {
     const int log = ::open(dir_.file("watcher.txt").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    watcher_ = spawn({"/usr/bin/python3", sourceDir(__FILE__) + "/fake_watcher.py"}, log, log,
-                     {"DBUS_SESSION_BUS_ADDRESS=" + bus_->address()});
+    std::vector<std::string> argv{"/usr/bin/python3", sourceDir(__FILE__) + "/fake_watcher.py"};
+    if (!as.empty()) argv.push_back(as);
+    watcher_ = spawn(argv, log, log, {"DBUS_SESSION_BUS_ADDRESS=" + bus_->address()});
     ::close(log);
+  }
+  int registrations() {
+    const std::string log = readFile(dir_.file("watcher.txt"));
+    int n = 0;
+    for (auto at = log.find("registered " + itemName()); at != std::string::npos;
+         at = log.find("registered " + itemName(), at + 1)) {
+      ++n;
+    }
+    return n;
+  }
+
+  std::string iconName() {
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_message* raw = nullptr;
+    const int r = sd_bus_call_method(bus_->bus(), itemName().c_str(), "/StatusNotifierItem",
+                                     "org.freedesktop.DBus.Properties", "Get", &error, &raw, "ss",
+                                     "org.kde.StatusNotifierItem", "IconName");
+    sd_bus_error_free(&error);
+    Message reply(raw);
+    const char* name = nullptr;
+    if (r < 0 || sd_bus_message_read(raw, "v", "s", &name) < 0 || name == nullptr) return {};
+    return name;
   }
   std::string itemName() const { return "org.kde.StatusNotifierItem-" + std::to_string(app_->pid()) + "-1"; }
 
@@ -118,6 +143,25 @@ class TrayTest : public SimAppTest {
     return run.out.substr(0, run.out.find('\n'));
   }
 
+  // The README's picture of the item and its menu, drawn from the bus as a
+  // host shows them, into the build folder.
+  void drawTrayPicture() {
+    if (!pythonCan("import gi; gi.require_version('GdkPixbuf', '2.0')")) return;
+    const std::string shot = (std::filesystem::path(VIGILO_BINARY).parent_path() / "tray-menu.png").string();
+    std::filesystem::remove(shot);
+    const int log = ::open(dir_.file("picture.txt").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    pid_t painter = spawn({"/usr/bin/python3", sourceDir(__FILE__) + "/tray_picture.py", itemName(), shot}, log, log,
+                          {"DBUS_SESSION_BUS_ADDRESS=" + bus_->address()});
+    ::close(log);
+    int status = -1;
+    const bool done = waitFor([&] { return ::waitpid(painter, &status, WNOHANG) == painter; }, 30s);
+    if (!done) endChild(painter);
+    ASSERT_TRUE(done && WIFEXITED(status) && WEXITSTATUS(status) == 0) << readFile(dir_.file("picture.txt"));
+    auto picture = readPng(shot);
+    ASSERT_TRUE(picture.has_value()) << readFile(dir_.file("picture.txt"));
+    EXPECT_GT(distinctColours(*picture), 8);
+  }
+
   std::unique_ptr<PrivateBus> bus_;
   pid_t watcher_ = -1;
 };
@@ -145,6 +189,16 @@ TEST_F(TrayTest, RegistersWhenTheHostAppearsFollowsTheStatusAndTakesClicks) {
   EXPECT_TRUE(waitFor([&] { return statusLine() == "Awake until you turn it off"; }, 5s)) << statusLine();
   EXPECT_EQ(status().value("mode", ""), "always") << status().dump();
   EXPECT_TRUE(waitFor([&] { return tooltip() == "Awake until you turn it off"; }, 3s)) << tooltip();
+  // This host draws icons as they are: the full-colour ones.
+  EXPECT_EQ(iconName(), "vigilo-awake-always");
+
+  // A host that recolours symbolic icons to its panel (GNOME Shell) takes
+  // over: the item registers again and names the symbolic variant.
+  endChild(watcher_);
+  startWatcher("gnome-shell");
+  ASSERT_TRUE(waitFor([&] { return registrations() == 2; }, 20s)) << readFile(dir_.file("watcher.txt"));
+  EXPECT_TRUE(waitFor([&] { return iconName() == "vigilo-awake-always-symbolic"; }, 5s)) << iconName();
+  drawTrayPicture();
 
   // Quit from the menu puts everything back and ends the app cleanly.
   auto quit = menuItem("Quit Vigilo");

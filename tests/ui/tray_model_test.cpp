@@ -2,9 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
+
+#if VIGILO_GDK_PIXBUF
+#include <gdk-pixbuf/gdk-pixbuf.h>
+#endif
 
 #include "commands/command_center.h"
 #include "engine/engine_fixture.h"
@@ -139,6 +147,91 @@ TEST_F(TrayModelTest, ClicksChangeTheEngineThroughTheCommandCenter) {
   EXPECT_EQ(open->action->cmd, "open");
   EXPECT_EQ(findMenuItem(trayView(engine()).menu, "quit")->action->cmd, "quit");
 }
+
+#if VIGILO_GDK_PIXBUF
+// The WCAG relative luminance of an sRGB colour.
+double luminance(double r, double g, double b) {
+  auto lin = [](double c) { return c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4); };
+  return 0.2126 * lin(r) + 0.7152 * lin(g) + 0.0722 * lin(b);
+}
+
+// The contrast between the colour most of an icon's drawn pixels have (once
+// laid over `background`) and the background. Symbolic icons are first
+// recoloured the way GTK does it for a host: every path, rect and circle is
+// filled with the host's foreground, whatever the file says; strokes and
+// other shapes keep the file's colours.
+double iconContrast(const std::string& file, std::uint32_t background, const std::string& foreground) {
+  std::string svg = readFile(file);
+  if (!foreground.empty()) {
+    const auto open = svg.find('>', svg.find("<svg"));
+    svg.insert(open + 1, "<style>rect,circle,path{fill:" + foreground + " !important;}</style>");
+  }
+  GdkPixbufLoader* loader = gdk_pixbuf_loader_new();
+  gdk_pixbuf_loader_set_size(loader, 24, 24);
+  gdk_pixbuf_loader_write(loader, reinterpret_cast<const guchar*>(svg.data()), svg.size(), nullptr);
+  gdk_pixbuf_loader_close(loader, nullptr);
+  GdkPixbuf* pixbuf = gdk_pixbuf_loader_get_pixbuf(loader);
+  if (pixbuf == nullptr || gdk_pixbuf_get_n_channels(pixbuf) != 4) {
+    g_object_unref(loader);
+    return 0;
+  }
+  const double bg[3] = {((background >> 16) & 0xff) / 255.0, ((background >> 8) & 0xff) / 255.0,
+                        (background & 0xff) / 255.0};
+  std::map<std::uint32_t, int> counts;
+  std::map<std::uint32_t, double> lum;
+  const guchar* pixels = gdk_pixbuf_get_pixels(pixbuf);
+  const int stride = gdk_pixbuf_get_rowstride(pixbuf);
+  for (int y = 0; y < gdk_pixbuf_get_height(pixbuf); ++y) {
+    for (int x = 0; x < gdk_pixbuf_get_width(pixbuf); ++x) {
+      const guchar* p = pixels + y * stride + x * 4;
+      const double a = p[3] / 255.0;
+      // Edges blended into the panel are no one's colour.
+      if (a < 0.6) continue;
+      double c[3];
+      for (int i = 0; i < 3; ++i) c[i] = a * p[i] / 255.0 + (1 - a) * bg[i];
+      const std::uint32_t bin = (std::uint32_t(c[0] * 31) << 10) | (std::uint32_t(c[1] * 31) << 5) | std::uint32_t(c[2] * 31);
+      ++counts[bin];
+      lum[bin] = luminance(c[0], c[1], c[2]);
+    }
+  }
+  g_object_unref(loader);
+  if (counts.empty()) return 0;
+  const auto dominant = std::max_element(counts.begin(), counts.end(),
+                                         [](const auto& a, const auto& b) { return a.second < b.second; });
+  const double fg = lum[dominant->first];
+  const double panel = luminance(bg[0], bg[1], bg[2]);
+  return (std::max(fg, panel) + 0.05) / (std::min(fg, panel) + 0.05);
+}
+
+TEST(TrayIconsTest, EveryIconReadsOnDarkAndLightPanels) {
+  const std::filesystem::path icons = std::filesystem::path(VIGILO_SOURCE_DIR) / "data/icons/hicolor";
+  // Each state's icon comes in full colour and as the symbolic variant the
+  // tray names where the host recolours icons.
+  for (TrayIcon state : {TrayIcon::NeedsSetup, TrayIcon::Guarded, TrayIcon::AwakeAlways, TrayIcon::AwakeForWork,
+                         TrayIcon::SleepsNormally}) {
+    const std::string name(iconName(state));
+    EXPECT_TRUE(fileExists((icons / "scalable/apps" / (name + ".svg")).string())) << name;
+    EXPECT_TRUE(fileExists((icons / "symbolic/apps" / (name + "-symbolic.svg")).string())) << name;
+  }
+  struct Panel {
+    std::uint32_t background;
+    const char* foreground;  // what the host paints symbolic icons in
+  };
+  const Panel panels[] = {{0x353535, "#eeeeec"}, {0xf0f0f0, "#2e3436"}};
+  int checked = 0;
+  for (const char* folder : {"scalable/apps", "symbolic/apps"}) {
+    for (const auto& entry : std::filesystem::directory_iterator(icons / folder)) {
+      const bool symbolic = std::string(folder) == "symbolic/apps";
+      for (const Panel& panel : panels) {
+        const double contrast = iconContrast(entry.path().string(), panel.background, symbolic ? panel.foreground : "");
+        EXPECT_GE(contrast, 3.0) << entry.path().filename().string() << " on #" << std::hex << panel.background;
+        ++checked;
+      }
+    }
+  }
+  EXPECT_GE(checked, 24);
+}
+#endif
 
 }  // namespace
 }  // namespace vigilo::test

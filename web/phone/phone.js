@@ -25,7 +25,19 @@ const params = new URLSearchParams(location.hash.slice(1));
 const $ = (id) => document.getElementById(id);
 const keyText = params.get('k') ?? '';
 const relay = (params.get('r') ?? 'https://ntfy.sh').replace(/\/+$/, '');
-const keyBytes = fromB64url(keyText);
+const relayHost = (() => {
+  try {
+    return new URL(relay).host;
+  } catch {
+    return relay;
+  }
+})();
+let keyBytes = new Uint8Array();
+try {
+  keyBytes = fromB64url(keyText);
+} catch {
+  // Not base64: the same as no key.
+}
 const pending = new Map();
 let key, cmdTopic, replyTopic;
 
@@ -47,7 +59,50 @@ async function open(message, topicName) {
   return dec.decode(pt);
 }
 
+const watts = (w) => (w < 10 ? w.toFixed(1) : Math.round(w)) + ' W';
+
+// The Power button's figures: hours left with the lid shut, what the
+// lid-closed savings save, and the apps drawing the most.
+function showPower(reply) {
+  let shown = false;
+  if ('hours_left_closed' in reply) {
+    const h = reply.hours_left_closed;
+    $('hours').textContent = typeof h === 'number'
+      ? `about ${h < 10 ? h.toFixed(1) : Math.round(h)} hours left on battery`
+      : 'not known yet (it learns while the lid is shut)';
+    shown = true;
+  }
+  if (typeof reply.saving_now_watts === 'number') {
+    $('saving').textContent = reply.saving_now_watts > 0 ? watts(reply.saving_now_watts) : 'nothing (the lid is open)';
+  }
+  if (typeof reply.estimated_savings_this_week === 'number') {
+    $('week').textContent = reply.estimated_savings_this_week.toFixed(1) + ' Wh saved';
+  }
+  if (Array.isArray(reply.apps)) {
+    const list = $('apps');
+    list.replaceChildren();
+    for (const app of reply.apps) {
+      const item = document.createElement('li');
+      const name = document.createElement('span');
+      name.textContent = String(app.name);
+      const draw = document.createElement('span');
+      draw.className = 'watts';
+      draw.textContent = (app.estimated ? '~' : '') + watts(Number(app.watts) || 0);
+      item.append(name, draw);
+      list.append(item);
+    }
+    if (reply.apps.length === 0) {
+      const item = document.createElement('li');
+      item.textContent = 'No app draws much power right now.';
+      list.append(item);
+    }
+    shown = true;
+  }
+  if (shown) $('power').hidden = false;
+}
+
 function show(reply) {
+  showPower(reply);
   if (reply.status) $('status').textContent = reply.status;
   if (reply.mode) $('mode').textContent = { auto: 'When busy', always: 'Always', off: 'Off' }[reply.mode] ?? reply.mode;
   if (reply.battery && reply.battery.percent !== undefined) {
@@ -61,11 +116,22 @@ async function send(cmd, args = {}) {
   const n = crypto.randomUUID();
   const body = JSON.stringify({ n, cmd, args, t: Math.floor(Date.now() / 1000), dev: navigator.platform || 'Phone' });
   const answered = new Promise((resolve) => pending.set(n, resolve));
-  const res = await fetch(`${relay}/${cmdTopic}`, { method: 'POST', body: await seal(body, cmdTopic) });
-  if (!res.ok) throw new Error(`the relay answered ${res.status}`);
+  let res;
+  try {
+    res = await fetch(`${relay}/${cmdTopic}`, { method: 'POST', body: await seal(body, cmdTopic) });
+  } catch {
+    pending.delete(n);
+    throw new Error(`Can't reach the relay (${relayHost}). Check that this phone is online; ` +
+                    'nothing was sent, and the laptop carries on as it was.');
+  }
+  if (!res.ok) {
+    pending.delete(n);
+    throw new Error(`The relay (${relayHost}) turned the command away (HTTP ${res.status}). ` +
+                    'Nothing was sent; try again in a minute.');
+  }
   const reply = await Promise.race([answered, new Promise((r) => setTimeout(() => r(null), 60000))]);
   pending.delete(n);
-  if (!reply) throw new Error('no answer yet: the laptop may be asleep until its next check-in');
+  if (!reply) throw new Error('No answer yet: the laptop may be asleep until its next check-in.');
   return reply;
 }
 
@@ -119,6 +185,8 @@ async function main() {
   cmdTopic = await topic(keyBytes, 'vigilo/cmd/v1');
   replyTopic = await topic(keyBytes, 'vigilo/reply/v1');
   listen();
+  // Only now can a button send anything.
+  for (const button of document.querySelectorAll('button[data-cmd]')) button.disabled = false;
   for (const button of document.querySelectorAll('button[data-cmd]')) {
     button.addEventListener('click', async () => {
       const args = {};
@@ -139,7 +207,7 @@ async function main() {
   try {
     await refresh();
   } catch (e) {
-    $('status').textContent = 'Not reachable: ' + e.message;
+    $('status').textContent = e.message;
   }
   setInterval(() => refresh().catch(() => {}), 30000);
 }

@@ -92,6 +92,11 @@ extern "C" __attribute__((visibility("default"))) int vigilo_panel_main(const Vi
   // A picture needs no GPU: the software renderer draws the same on every
   // machine, Xvfb included (a renderer the person chose still wins).
   if (!o.snapshot.empty()) g_setenv("GSK_RENDERER", "cairo", FALSE);
+  // The program name is the window's WM_CLASS on X11 and its app id on
+  // Wayland: the desktop matches it to vigilo.desktop (StartupWMClass) for
+  // the window's icon and name in the task switcher.
+  g_set_prgname("vigilo");
+  g_set_application_name("Vigilo");
   if (!gtk_init_check()) {
     std::fprintf(stderr,
                  "vigilo: the panel needs a graphical session, and none is reachable here (DISPLAY or "
@@ -99,6 +104,7 @@ extern "C" __attribute__((visibility("default"))) int vigilo_panel_main(const Vi
     return 1;
   }
   g_object_set(gtk_settings_get_default(), "gtk-enable-animations", FALSE, nullptr);
+  vigilo::gtkpanel::useVigiloIcon();
   Panel panel(!o.snapshot.empty(), o.page);
   if (!o.snapshot.empty()) {
     panel.refreshNow();

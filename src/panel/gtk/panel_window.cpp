@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <string_view>
 
 namespace vigilo::gtkpanel {
 namespace {
@@ -14,7 +15,82 @@ namespace {
 constexpr int kWidth = 640;
 constexpr int kHeight = 620;
 
+// What the desktop chose before the setting changed anything, to go back
+// to for "system".
+struct DesktopLook {
+  bool preferDark = false;
+  std::string theme;
+};
+
+DesktopLook desktopLook() {
+  static const DesktopLook look = [] {
+    DesktopLook l;
+    gboolean dark = FALSE;
+    gchar* theme = nullptr;
+    g_object_get(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", &dark, "gtk-theme-name", &theme,
+                 nullptr);
+    l.preferDark = dark != FALSE;
+    l.theme = theme != nullptr ? theme : "";
+    g_free(theme);
+    // GNOME keeps its light/dark choice in the desktop's interface settings,
+    // which GTK 4 itself doesn't read.
+    GSettingsSchemaSource* source = g_settings_schema_source_get_default();
+    GSettingsSchema* schema =
+        source != nullptr ? g_settings_schema_source_lookup(source, "org.gnome.desktop.interface", TRUE) : nullptr;
+    if (schema != nullptr && g_settings_schema_has_key(schema, "color-scheme")) {
+      GSettings* settings = g_settings_new("org.gnome.desktop.interface");
+      gchar* scheme = g_settings_get_string(settings, "color-scheme");
+      if (scheme != nullptr && std::string(scheme) == "prefer-dark") l.preferDark = true;
+      g_free(scheme);
+      g_object_unref(settings);
+    }
+    if (schema != nullptr) g_settings_schema_unref(schema);
+    return l;
+  }();
+  return look;
+}
+
 }  // namespace
+
+void useVigiloIcon() {
+  // A checkout: build/vigilo beside data/icons.
+  if (gchar* exe = g_file_read_link("/proc/self/exe", nullptr)) {
+    gchar* bin = g_path_get_dirname(exe);
+    gchar* icons = g_build_filename(bin, "..", "data", "icons", nullptr);
+    if (g_file_test(icons, G_FILE_TEST_IS_DIR)) {
+      gtk_icon_theme_add_search_path(gtk_icon_theme_get_for_display(gdk_display_get_default()), icons);
+    }
+    g_free(icons);
+    g_free(bin);
+    g_free(exe);
+  }
+  gtk_window_set_default_icon_name("vigilo");
+}
+
+void followAppearance(const std::string& appearance) {
+  const DesktopLook look = desktopLook();
+  bool dark = look.preferDark;
+  std::string theme = look.theme;
+  if (appearance == "dark" || appearance == "light") {
+    dark = appearance == "dark";
+    // A theme that is dark by name stays dark whatever GTK prefers: light
+    // takes its plain variant.
+    constexpr std::string_view kDark = "-dark";
+    if (!dark && theme.size() > kDark.size() && theme.compare(theme.size() - kDark.size(), kDark.size(), kDark) == 0) {
+      theme.resize(theme.size() - kDark.size());
+    }
+  }
+  GtkSettings* settings = gtk_settings_get_default();
+  gboolean nowDark = FALSE;
+  gchar* nowTheme = nullptr;
+  g_object_get(settings, "gtk-application-prefer-dark-theme", &nowDark, "gtk-theme-name", &nowTheme, nullptr);
+  // Setting either property restyles every widget: only on a change.
+  if ((nowDark != FALSE) != dark) g_object_set(settings, "gtk-application-prefer-dark-theme", dark, nullptr);
+  if (!theme.empty() && (nowTheme == nullptr || theme != nowTheme)) {
+    g_object_set(settings, "gtk-theme-name", theme.c_str(), nullptr);
+  }
+  g_free(nowTheme);
+}
 
 Panel::Panel(bool snapshotOnly, std::string page) : snapshotOnly_(snapshotOnly), page_(std::move(page)) {
   if (const char* script = std::getenv("VIGILO_PANEL_SCRIPT"); script && *script) script_ = script;
@@ -81,6 +157,9 @@ void Panel::apply(const json& p, const json& schema) {
     return;
   }
   gtk_label_set_text(GTK_LABEL(status_), str(p, "status").c_str());
+  for (const json& setting : schema.value("settings", json::array())) {
+    if (setting.is_object() && setting.value("key", "") == "appearance") followAppearance(str(setting, "value"));
+  }
   buildNow(p);
   buildPower(p);
   if (schema.value("ok", false)) buildSettings(schema, p);

@@ -27,6 +27,15 @@ void setHost(const VigiloPanelHost* host);
 // when the app didn't answer or answered nonsense. Any thread.
 json call(const std::string& cmd, const json& args = json::object());
 
+// Gives the windows the "vigilo" icon: installed by name, or from the
+// data/icons folder of a checkout the executable runs from. Once, after
+// GTK is initialised.
+void useVigiloIcon();
+
+// Follows the `appearance` setting ("system", "light" or "dark"): GTK's
+// dark variant on or off, or the desktop's own choice for "system".
+void followAppearance(const std::string& appearance);
+
 class Panel {
  public:
   // `snapshotOnly`: drawn once for a picture, never shown; `page` is the

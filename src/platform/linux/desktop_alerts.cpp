@@ -51,8 +51,11 @@ class DesktopAlerts final : public AlertOutlets {
     Bus bus = connect();
     if (!bus) return false;
     sd_bus_error error = SD_BUS_ERROR_NULL;
+    // The installed icon's name, and the desktop entry that names the app in
+    // the daemon's list and settings.
     const int r = sd_bus_call_method(bus.get(), kService, kPath, kService, "Notify", &error, nullptr, "susssasa{sv}i",
-                                     "Vigilo", 0u, "computer", title.c_str(), body.c_str(), 0, 0, -1);
+                                     "Vigilo", 0u, "vigilo", title.c_str(), body.c_str(), 0, 1, "desktop-entry", "s",
+                                     "vigilo", -1);
     sd_bus_error_free(&error);
     return r >= 0;
   }

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -62,6 +63,23 @@ std::string noSessionBus(int r) {
            "over SSH or in a container)";
   }
   return "no D-Bus session bus to show it on (" + errnoMessage("connecting to the session bus", -r) + ")";
+}
+
+// Whether the tray host paints "-symbolic" icons in its own foreground
+// colour. GNOME Shell (St) and Plasma (Kirigami) do; most other hosts draw a
+// symbolic file as it is, dark grey, which vanishes on a dark panel, so they
+// get the full-colour icons (Xfce's panel asks for symbolic ones itself when
+// its own option is on). `program` is the host's process name.
+bool hostRecoloursSymbolicIcons(const std::string& program) {
+  return program == "gnome-shell" || program == "plasmashell";
+}
+
+// The process name of a pid, without the line end; empty when gone.
+std::string programOf(std::uint32_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/comm");
+  std::string name;
+  std::getline(in, name);
+  return name;
 }
 
 std::uint64_t monotonicMicros() {
@@ -166,6 +184,7 @@ class SessionTray final : public Tray {
     if (pumpTimer_) loop_.cancel(*pumpTimer_);
     pumpTimer_.reset();
     registerSlot_.reset();
+    hostSlot_.reset();
     slots_.clear();
     bus_.reset();
     shown_ = false;
@@ -283,7 +302,41 @@ class SessionTray final : public Tray {
     }
     self->registered_ = true;
     self->problem_.clear();
+    self->askWhoHosts();
     return 0;
+  }
+
+  // Finds out which program hosts the tray, for the icon style it draws.
+  void askWhoHosts() {
+    sd_bus_message* raw = nullptr;
+    if (sd_bus_message_new_method_call(bus_.get(), &raw, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                       "org.freedesktop.DBus", "GetConnectionUnixProcessID") < 0) {
+      return;
+    }
+    Message call(raw);
+    sd_bus_slot* slot = nullptr;
+    if (sd_bus_message_append(call.get(), "s", kWatcher) >= 0 &&
+        sd_bus_call_async(bus_.get(), &slot, call.get(), &SessionTray::onHost, this, kCallTimeoutMicros) >= 0) {
+      hostSlot_.reset(slot);
+    }
+  }
+
+  static int onHost(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    auto* self = static_cast<SessionTray*>(userdata);
+    std::uint32_t pid = 0;
+    if (sd_bus_message_is_method_error(m, nullptr) || sd_bus_message_read(m, "u", &pid) < 0) return 0;
+    const bool symbolic = hostRecoloursSymbolicIcons(programOf(pid));
+    if (symbolic != self->symbolic_) {
+      self->symbolic_ = symbolic;
+      self->emit(kItemPath, kItemInterface, "NewIcon");
+      self->emit(kItemPath, kItemInterface, "NewAttentionIcon");
+      self->emit(kItemPath, kItemInterface, "NewToolTip");
+    }
+    return 0;
+  }
+
+  std::string shownIcon(const TrayView& v) const {
+    return std::string(iconName(v.icon)) + (symbolic_ ? "-symbolic" : "");
   }
 
   // --- The item.
@@ -323,10 +376,10 @@ class SessionTray final : public Tray {
     if (p == "Id") return sd_bus_message_append(reply, "s", "vigilo");
     if (p == "Title") return sd_bus_message_append(reply, "s", "Vigilo");
     if (p == "Status") return sd_bus_message_append(reply, "s", statusOf(v).c_str());
-    if (p == "IconName") return sd_bus_message_append(reply, "s", std::string(iconName(v.icon)).c_str());
+    if (p == "IconName") return sd_bus_message_append(reply, "s", self->shownIcon(v).c_str());
     if (p == "IconThemePath") return sd_bus_message_append(reply, "s", self->iconThemePath_.c_str());
     // Hosts show the attention icon while the status asks for attention.
-    if (p == "AttentionIconName") return sd_bus_message_append(reply, "s", std::string(iconName(v.icon)).c_str());
+    if (p == "AttentionIconName") return sd_bus_message_append(reply, "s", self->shownIcon(v).c_str());
     if (p == "OverlayIconName" || p == "XAyatanaLabelGuide") {
       return sd_bus_message_append(reply, "s", "");
     }
@@ -340,7 +393,7 @@ class SessionTray final : public Tray {
     if (p == "ToolTip") {
       // (icon name, icon pixmaps, title, text)
       int r = sd_bus_message_open_container(reply, 'r', "sa(iiay)ss");
-      if (r >= 0) r = sd_bus_message_append(reply, "s", std::string(iconName(v.icon)).c_str());
+      if (r >= 0) r = sd_bus_message_append(reply, "s", self->shownIcon(v).c_str());
       if (r >= 0) r = sd_bus_message_open_container(reply, 'a', "(iiay)");
       if (r >= 0) r = sd_bus_message_close_container(reply);
       if (r >= 0) r = sd_bus_message_append(reply, "ss", "Vigilo", v.tooltip.c_str());
@@ -480,6 +533,7 @@ class SessionTray final : public Tray {
   Bus bus_;
   std::vector<Slot> slots_;
   Slot registerSlot_;
+  Slot hostSlot_;
   std::optional<WatchId> watch_;
   std::optional<TimerId> pumpTimer_;
   std::optional<TimerId> reconnectTimer_;
@@ -487,6 +541,8 @@ class SessionTray final : public Tray {
   std::string name_;
   std::string problem_;
   bool registered_ = false;
+  // The host recolours "-symbolic" icons: name those.
+  bool symbolic_ = false;
 
   bool shown_ = false;
   TrayView view_now_;
