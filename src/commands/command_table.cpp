@@ -472,7 +472,7 @@ std::string zshCompletion() {
   s += "  case ${words[CURRENT-1]} in\n    --simulate) _files; return ;;\n    " + valuedFlags() +
        ") return ;;\n  esac\n";
   s += "  local -i pos=0 i\n  for (( i = 3; i < CURRENT; i++ )); do\n    case ${words[i]} in\n"
-       "      --) [[ $command == run ]] && { _normal; return; } ;;\n      " +
+       "      --) [[ $command == run ]] && { (( CURRENT == i + 1 )) && _command_names || _files; return; } ;;\n      " +
        valuedFlags() + ") (( i++ )) ;;\n      -*) ;;\n      *) (( pos++ )) ;;\n    esac\n  done\n";
   s += "  case $command in\n";
   for (const CommandDoc* c : offered()) {
