@@ -115,13 +115,15 @@ class TrayTest : public SimAppTest {
 
   std::string iconThemePath() {
     sd_bus_error error = SD_BUS_ERROR_NULL;
-    char* path = nullptr;
-    const int r = sd_bus_get_property_string(bus_->bus(), itemName().c_str(), "/StatusNotifierItem",
-                                             "org.kde.StatusNotifierItem", "IconThemePath", &error, &path);
+    sd_bus_message* raw = nullptr;
+    const int r = sd_bus_call_method(bus_->bus(), itemName().c_str(), "/StatusNotifierItem",
+                                     "org.freedesktop.DBus.Properties", "Get", &error, &raw, "ss",
+                                     "org.kde.StatusNotifierItem", "IconThemePath");
     sd_bus_error_free(&error);
-    std::string out = r >= 0 && path != nullptr ? path : "";
-    std::free(path);
-    return out;
+    Message reply(raw);
+    const char* path = nullptr;
+    if (r < 0 || sd_bus_message_read(raw, "v", "s", &path) < 0 || path == nullptr) return {};
+    return path;
   }
 
   std::string statusLine() {
