@@ -5,6 +5,7 @@
 #include "app/host.h"
 #include "app/tools.h"
 #include "commands/cli.h"
+#include "commands/command_table.h"
 #include "panel/panel_command.h"
 #include "remote/pair_command.h"
 
@@ -12,6 +13,7 @@ namespace vigilo {
 
 int vigiloMain(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
+  if (auto answered = answerHelp(args, kBuildVersion, host::words())) return *answered;
   if (!args.empty() && args[0] == "app") return runApp(std::vector<std::string>(args.begin() + 1, args.end()));
   // The watchdog script runs "<executable> cli watchdog".
   if (!args.empty() && args[0] == "cli") args.erase(args.begin());
@@ -27,7 +29,7 @@ int vigiloMain(int argc, char** argv) {
   machine.hostProcesses = host::makeProcesses;
   machine.words = host::words();
   machine.local = {
-      {"doctor", [](const std::string& folder, const SwitchTest&) { return runDoctor(folder); }},
+      {"doctor", [](const std::string& folder, const SwitchTest& has) { return runDoctor(folder, has("--json")); }},
       {"rescue", [](const std::string& folder, const SwitchTest&) { return runRescue(folder); }},
       // Not in the help: the one-time setup, and what the watchdog script runs.
       {"setup", [](const std::string& folder, const SwitchTest& has) { return runSetup(folder, has); }},

@@ -7,6 +7,9 @@
 #include <memory>
 #include <optional>
 #include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include "app/host.h"
@@ -25,7 +28,16 @@
 namespace vigilo {
 namespace {
 
-void out(const std::string& line) { std::printf("%s\n", line.c_str()); }
+// Where `doctor --json` collects the lines it would print.
+std::vector<std::string>* collected = nullptr;
+
+void out(const std::string& line) {
+  if (collected != nullptr) {
+    collected->push_back(line);
+  } else {
+    std::printf("%s\n", line.c_str());
+  }
+}
 void err(const std::string& message) { std::fprintf(stderr, "vigilo: %s\n", message.c_str()); }
 
 // The machine, read directly: the one the app folder records, since its
@@ -157,7 +169,33 @@ void stopApp(const std::string& folder, pid_t pid) {
 
 }  // namespace
 
-int runDoctor(const std::string& folder) {
+static int doctorReport(const std::string& folder);
+
+int runDoctor(const std::string& folder, bool json) {
+  if (!json) return doctorReport(folder);
+  std::vector<std::string> lines;
+  collected = &lines;
+  const int status = doctorReport(folder);
+  collected = nullptr;
+  nlohmann::json checks = nlohmann::json::array();
+  for (const std::string& line : lines) {
+    if (line.rfind("  ", 0) == 0 && !checks.empty()) {
+      checks.back()["details"].push_back(line.substr(line.find_first_not_of(' ')));
+      continue;
+    }
+    const std::size_t colon = line.find(": ");
+    const bool named = colon != std::string::npos;
+    std::string value = named ? line.substr(colon + 2) : "";
+    std::string name = named ? line.substr(0, colon) : line;
+    // "Changes Vigilo has made right now:" heads the lines under it.
+    if (!named && !name.empty() && name.back() == ':') name.pop_back();
+    checks.push_back({{"name", name}, {"value", value}, {"details", nlohmann::json::array()}});
+  }
+  std::printf("%s\n", nlohmann::json{{"ok", status == 0}, {"checks", checks}}.dump(2).c_str());
+  return status;
+}
+
+static int doctorReport(const std::string& folder) {
   out("Vigilo folder: " + folder);
   if (Result usable = checkAppFolder(folder, false); !usable) out("Folder problem: " + usable.message());
   if (auto recorded = recordedMachine(folder)) out("Machine: " + machineName(*recorded));

@@ -10,7 +10,9 @@ namespace vigilo {
 // app. `has` tells whether a switch ("--yes") was given.
 using SwitchTest = std::function<bool(const std::string&)>;
 
-int runDoctor(const std::string& folder);
+// With `json`, the same findings as {"ok", "checks": [{"name", "value",
+// "details"}]}: each line "Name: value", with the indented lines under it.
+int runDoctor(const std::string& folder, bool json = false);
 int runRescue(const std::string& folder);
 // Run by the watchdog script when the heartbeat went stale.
 int runWatchdog(const std::string& folder);

@@ -20,6 +20,7 @@
 #include "commands/channel.h"
 #include "commands/cli_args.h"
 #include "commands/cli_print.h"
+#include "commands/command_table.h"
 #include "platform/socket_listener.h"
 #include "commands/mcp_server.h"
 #include "commands/setup_prompt.h"
@@ -51,11 +52,16 @@ class Cli {
         client_(folder_) {}
 
   int run(const std::vector<std::string>& args) {
-    if (args.empty() || args[0] == "help" || args[0] == "-h" || args[0] == "--help") {
+    if (args.empty()) {
       std::fputs(helpText(words_).c_str(), stdout);
       return 0;
     }
     const std::string name = args[0];
+    const CommandDoc* doc = findCommand(name);
+    if (doc == nullptr) {
+      err("unknown command \"" + name + "\". Run \"vigilo help\" for the commands.");
+      return kUsage;
+    }
     inv_ = parse(std::vector<std::string>(args.begin() + 1, args.end()));
     // An agent's hook passes its words as they come (Codex's notify appends
     // a JSON argument): nothing in them is an option, and nothing refuses.
@@ -65,6 +71,10 @@ class Cli {
     }
     if (!inv_.error.empty()) {
       err(inv_.error);
+      return kUsage;
+    }
+    if (auto refused = unacceptedFlag(*doc)) {
+      err(*refused);
       return kUsage;
     }
     struct Entry {
@@ -80,7 +90,7 @@ class Cli {
         {"set", &Cli::set},           {"settings", &Cli::settings}, {"config", &Cli::config},
         {"power", &Cli::power},       {"measure", &Cli::measure},  {"anyway", &Cli::anyway},
         {"open", &Cli::open},         {"snapshot", &Cli::snapshot}, {"island", &Cli::island},
-        {"energy", &Cli::energy},     
+        {"energy", &Cli::energy},
         {"connect", &Cli::connect},   {"prompt", &Cli::prompt},    {"mcp", &Cli::mcp},
         {"event", &Cli::event},       {"apps", &Cli::apps},
         {"disconnect", &Cli::disconnect}, {"approve", &Cli::approve},
@@ -95,11 +105,29 @@ class Cli {
     for (const LocalCommand& c : local_) {
       if (name == c.name) return c.run(folder_, [this](const std::string& flag) { return inv_.has(flag); });
     }
-    err("unknown command \"" + name + "\". Run \"vigilo help\" for the commands.");
-    return kUsage;
+    name_ = name;
+    return notBuilt();
   }
 
  private:
+  // A flag the command doesn't take is a usage error, not silently dropped;
+  // the hook's `event` takes whatever it is given, since it never fails.
+  std::optional<std::string> unacceptedFlag(const CommandDoc& doc) const {
+    if (doc.name == "event") return std::nullopt;
+    std::vector<std::string> given;
+    for (const auto& [flag, on] : inv_.switches) given.push_back(flag);
+    for (const auto& [flag, value] : inv_.values) given.push_back(flag);
+    for (const std::string& flag : given) {
+      if (std::find(doc.flags.begin(), doc.flags.end(), flag) != doc.flags.end()) continue;
+      if (flag == "--json") {
+        return "--json means nothing for " + doc.name + ": it prints no data. Run \"vigilo help " + doc.name +
+               "\" for its options.";
+      }
+      return doc.name + " doesn't take " + flag + ". Run \"vigilo help " + doc.name + "\" for its options.";
+    }
+    return std::nullopt;
+  }
+
   json request(const std::string& cmd, const json& args = json::object(), double timeout = kRequestTimeout) {
     return client_.send(cmd, args, timeout);
   }
@@ -515,7 +543,7 @@ class Cli {
   }
 
   int prompt() {
-    out(setupPrompt());
+    out(inv_.has("--json") ? dumpJson(json{{"prompt", setupPrompt()}}, 2) : setupPrompt());
     return 0;
   }
 
@@ -544,7 +572,11 @@ class Cli {
     } else if (word.empty()) {
       json r = request("status");
       if (!isOk(r)) return failed(r);
-      out(approveLine(r).value_or("Approve everything is off."));
+      if (inv_.has("--json")) {
+        out(dumpJson(json{{"ok", true}, {"approve_everything", r.value("approve_everything", json{{"on", false}})}}, 2));
+      } else {
+        out(approveLine(r).value_or("Approve everything is off."));
+      }
       return 0;
     } else {
       return usage("vigilo approve on [--for 2h] | until-done | off");

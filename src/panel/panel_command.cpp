@@ -45,7 +45,14 @@ void hostRelease(char* text) { std::free(text); }
 std::string panelModulePath() {
   const auto exe = ownExecutable();
   if (!exe) return kVigiloPanelModule;
-  return (std::filesystem::path(*exe).parent_path() / kVigiloPanelModule).string();
+  const std::filesystem::path bin = std::filesystem::path(*exe).parent_path();
+  // Beside the executable in a build folder; under the prefix's lib/vigilo
+  // when installed (bin/vigilo next to lib/vigilo/).
+  const std::filesystem::path beside = bin / kVigiloPanelModule;
+  const std::filesystem::path installed = (bin.parent_path() / "lib" / "vigilo" / kVigiloPanelModule).lexically_normal();
+  std::error_code ec;
+  if (!std::filesystem::exists(beside, ec) && std::filesystem::exists(installed, ec)) return installed.string();
+  return beside.string();
 }
 
 bool graphicalSession() {

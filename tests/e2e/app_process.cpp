@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <stdexcept>
 #include <sys/wait.h>
 #include <thread>
@@ -32,8 +33,9 @@ namespace {
   ::_exit(127);
 }
 
-std::vector<std::string> vigiloArgv(const std::vector<std::string>& args) {
-  std::vector<std::string> argv{VIGILO_BINARY};
+std::vector<std::string> vigiloArgv(const std::vector<std::string>& args,
+                                    const std::string& binary = VIGILO_BINARY) {
+  std::vector<std::string> argv{binary};
   argv.insert(argv.end(), args.begin(), args.end());
   return argv;
 }
@@ -41,9 +43,9 @@ std::vector<std::string> vigiloArgv(const std::vector<std::string>& args) {
 }  // namespace
 
 AppProcess::AppProcess(const std::vector<std::string>& args, const std::string& home, const std::string& outputFile,
-                       const std::vector<std::string>& env)
+                       const std::vector<std::string>& env, const std::string& binary)
     : outputFile_(outputFile) {
-  std::vector<std::string> argv = vigiloArgv(args);
+  std::vector<std::string> argv = vigiloArgv(args, binary);
   pid_ = ::fork();
   if (pid_ < 0) throw std::runtime_error("fork failed");
   if (pid_ == 0) {
@@ -80,12 +82,12 @@ std::string AppProcess::output() const { return readFile(outputFile_); }
 // Runs the tool to its end; `stdinFd` becomes its standard input, or it
 // shares the test's when -1.
 static ToolRun runToolFrom(const std::vector<std::string>& args, const std::string& home,
-                    const std::vector<std::string>& env, int stdinFd) {
+                    const std::vector<std::string>& env, int stdinFd, const std::string& binary = VIGILO_BINARY) {
   char outTmpl[] = "/tmp/vigilo-tool-out-XXXXXX";
   char errTmpl[] = "/tmp/vigilo-tool-err-XXXXXX";
   int outFd = ::mkstemp(outTmpl);
   int errFd = ::mkstemp(errTmpl);
-  std::vector<std::string> argv = vigiloArgv(args);
+  std::vector<std::string> argv = vigiloArgv(args, binary);
   pid_t pid = ::fork();
   if (pid == 0) {
     if (stdinFd >= 0) ::dup2(stdinFd, 0);
@@ -111,8 +113,9 @@ static ToolRun runToolFrom(const std::vector<std::string>& args, const std::stri
   return run;
 }
 
-ToolRun runTool(const std::vector<std::string>& args, const std::string& home, const std::vector<std::string>& env) {
-  return runToolFrom(args, home, env, -1);
+ToolRun runTool(const std::vector<std::string>& args, const std::string& home, const std::vector<std::string>& env,
+                const std::string& binary) {
+  return runToolFrom(args, home, env, -1, binary);
 }
 
 ToolRun runToolWithInput(const std::vector<std::string>& args, const std::string& home, const std::string& input,
@@ -138,6 +141,24 @@ ToolRun runToolWithInput(const std::vector<std::string>& args, const std::string
   ::close(fds[0]);
   writer.join();
   return run;
+}
+
+ShellRun shell(const std::string& command) {
+  char outTmpl[] = "/tmp/vigilo-shell-XXXXXX";
+  const int fd = ::mkstemp(outTmpl);
+  ::close(fd);
+  ShellRun run;
+  const int status = std::system((command + " >'" + outTmpl + "' 2>&1").c_str());
+  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  run.out = readFile(outTmpl);
+  ::unlink(outTmpl);
+  return run;
+}
+
+std::string installBuild(const std::string& root) {
+  const std::string build = std::filesystem::path(VIGILO_BINARY).parent_path().string();
+  ShellRun run = shell("DESTDIR='" + root + "' cmake --install '" + build + "' --prefix /usr");
+  return run.status == 0 ? std::string() : run.out.empty() ? std::string("cmake --install failed") : run.out;
 }
 
 bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds limit) {

@@ -13,9 +13,10 @@ namespace vigilo::test {
 class AppProcess {
  public:
   // Starts `vigilo args...` with VIGILO_HOME set to `home`, plus `env`
-  // ("NAME=value" entries).
+  // ("NAME=value" entries); `binary` is the build's unless an installed
+  // copy is tested.
   AppProcess(const std::vector<std::string>& args, const std::string& home, const std::string& outputFile,
-             const std::vector<std::string>& env = {});
+             const std::vector<std::string>& env = {}, const std::string& binary = VIGILO_BINARY);
   ~AppProcess();
   AppProcess(const AppProcess&) = delete;
   AppProcess& operator=(const AppProcess&) = delete;
@@ -42,11 +43,25 @@ struct ToolRun {
   std::string out;
   std::string err;
 };
-ToolRun runTool(const std::vector<std::string>& args, const std::string& home, const std::vector<std::string>& env = {});
+ToolRun runTool(const std::vector<std::string>& args, const std::string& home, const std::vector<std::string>& env = {},
+                const std::string& binary = VIGILO_BINARY);
 // The same with `input` on its standard input (written from another thread,
 // so a tool that stops reading early never blocks the test).
 ToolRun runToolWithInput(const std::vector<std::string>& args, const std::string& home, const std::string& input,
                          const std::vector<std::string>& env = {});
+
+// Installs the build (as it is: nothing is rebuilt) into the staging root
+// `root` for the prefix /usr, as a package would (DESTDIR); empty on
+// success, else cmake's output.
+std::string installBuild(const std::string& root);
+
+// Runs `command` through /bin/sh; its exit status and what it printed
+// (standard output and error together).
+struct ShellRun {
+  int status = -1;
+  std::string out;
+};
+ShellRun shell(const std::string& command);
 
 // Polls `done` every 20 ms until it holds or `limit` passes.
 bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds limit);

@@ -102,6 +102,36 @@ TEST_F(CliTest, ModesSettingsAndTheStatusKeys) {
   EXPECT_EQ(s["battery"]["percent"], 80);
 }
 
+TEST_F(CliTest, CommandsThatPrintDataSpeakJsonAndTheOthersRefuseIt) {
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {"status"}, {"settings"}, {"config"}, {"approve"}, {"apps"}, {"energy"}, {"power"}, {"prompt"},
+           {"doctor"}, {"release"}, {"preset", "balanced"}, {"watch", "ffmpeg"}, {"set", "quiet_minutes", "3"}}) {
+    std::vector<std::string> withJson = args;
+    withJson.push_back("--json");
+    ToolRun run = vigilo(withJson);
+    EXPECT_EQ(run.status, 0) << args[0] << ": " << run.err;
+    EXPECT_TRUE(json::parse(run.out, nullptr, false).is_object()) << args[0] << ": " << run.out;
+  }
+  EXPECT_EQ(json::parse(vigilo({"approve", "--json"}).out)["approve_everything"]["on"], false);
+  const json doctor = json::parse(vigilo({"doctor", "--json"}).out, nullptr, false);
+  ASSERT_TRUE(doctor.contains("checks")) << doctor.dump();
+  EXPECT_EQ(doctor["checks"][0], (json{{"name", "Vigilo folder"}, {"value", home_}, {"details", json::array()}}));
+
+  // Refused before anything runs: rescue would otherwise stop the app.
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {"rescue"}, {"run", "--json", "--", "true"}, {"mcp"}, {"connect"}, {"disconnect"}, {"setup"}}) {
+    std::vector<std::string> withJson = args;
+    if (args[0] != "run") withJson.push_back("--json");
+    ToolRun run = vigilo(withJson);
+    EXPECT_EQ(run.status, 2) << args[0];
+    EXPECT_EQ(run.err, "vigilo: --json means nothing for " + args[0] + ": it prints no data. Run \"vigilo help " +
+                           args[0] + "\" for its options.\n");
+  }
+  EXPECT_EQ(vigilo({"status", "--for", "2h"}).err,
+            "vigilo: status doesn't take --for. Run \"vigilo help status\" for its options.\n");
+  EXPECT_EQ(status()["mode"], "auto");
+}
+
 TEST_F(CliTest, ChannelDropsMalformedRequestsAndAnswersEachGoodOneOnce) {
   auto post = makeSocketNotifications(home_, nullptr);
   const std::string replies = home_ + "/replies";

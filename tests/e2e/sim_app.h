@@ -29,7 +29,7 @@ class SimAppTest : public ::testing::Test {
   // (the tool starts no app of its own in tests, so the answer is this one's).
   void startApp(const std::vector<std::string>& env = {}) {
     app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--simulate", state_}, home_,
-                                        dir_.file("app.txt"), env);
+                                        dir_.file("app.txt"), env, binary_);
     ASSERT_TRUE(waitFor([&] { return vigilo({"status"}).status == 0; }, std::chrono::seconds(10)))
         << app_->output();
   }
@@ -48,7 +48,7 @@ class SimAppTest : public ::testing::Test {
     app_.reset();
   }
   ToolRun vigilo(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
-    return runTool(args, home_, env);
+    return runTool(args, home_, env, binary_);
   }
   nlohmann::json status() { return nlohmann::json::parse(vigilo({"status", "--json"}).out, nullptr, false); }
   bool outputHas(const std::string& text) const { return app_->output().find(text) != std::string::npos; }
@@ -61,6 +61,8 @@ class SimAppTest : public ::testing::Test {
   }
   bool inHome(const std::string& name) const { return fileExists(home_ + "/" + name); }
 
+  // The `vigilo` under test: the build's, or an installed copy.
+  std::string binary_ = VIGILO_BINARY;
   TempDir dir_;
   std::string home_ = dir_.file("home");
   std::string state_ = dir_.file("laptop.json");

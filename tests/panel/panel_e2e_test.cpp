@@ -122,6 +122,20 @@ class PanelTest : public SimAppTest {
   std::string display_;
 };
 
+TEST_F(PanelTest, AnInstalledCopyFindsItsOwnPanel) {
+  // Given the build installed into a staging root: bin/vigilo with its panel
+  // in lib/vigilo, nothing beside it, and the build folder out of reach.
+  const std::string root = dir_.file("stage");
+  ASSERT_EQ(installBuild(root), "");
+  binary_ = root + "/usr/bin/vigilo";
+  startWithDisplay();
+  if (IsSkipped()) return;
+  const std::string out = dir_.file("installed.png");
+  ToolRun shot = vigilo({"snapshot", out});
+  ASSERT_EQ(shot.status, 0) << shot.err << app_->output();
+  expectPicture(out);
+}
+
 TEST_F(PanelTest, EachTabDrawsAndSnapshotWritesAPicture) {
   startWithDisplay();
   if (IsSkipped()) return;

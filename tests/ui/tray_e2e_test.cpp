@@ -138,6 +138,19 @@ class TrayTest : public SimAppTest {
     return r;
   }
 
+  std::string iconThemePath() {
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_message* raw = nullptr;
+    const int r = sd_bus_call_method(bus_->bus(), itemName().c_str(), "/StatusNotifierItem",
+                                     "org.freedesktop.DBus.Properties", "Get", &error, &raw, "ss",
+                                     "org.kde.StatusNotifierItem", "IconThemePath");
+    sd_bus_error_free(&error);
+    Message reply(raw);
+    const char* path = nullptr;
+    if (r < 0 || sd_bus_message_read(raw, "v", "s", &path) < 0 || path == nullptr) return {};
+    return path;
+  }
+
   std::string statusLine() {
     ToolRun run = vigilo({"status"});
     return run.out.substr(0, run.out.find('\n'));
@@ -177,6 +190,9 @@ TEST_F(TrayTest, RegistersWhenTheHostAppearsFollowsTheStatusAndTakesClicks) {
       [&] { return readFile(dir_.file("watcher.txt")).find("registered " + itemName()) != std::string::npos; }, 20s))
       << readFile(dir_.file("watcher.txt")) << app_->output();
   EXPECT_EQ(tooltip(), "Nothing running · sleeps when closed");
+  // The icons come from the checkout beside the build.
+  EXPECT_EQ(iconThemePath(), std::filesystem::path(std::string(VIGILO_SOURCE_DIR) + "/data/icons").lexically_normal().string());
+  EXPECT_TRUE(waitFor([&] { return outputHas("The tray icon is shown"); }, 4s)) << app_->output();
 
   // A hold changes the status; the tooltip follows within a tick.
   ASSERT_EQ(vigilo({"hold", "--reason", "training run"}).status, 0);
@@ -206,6 +222,21 @@ TEST_F(TrayTest, RegistersWhenTheHostAppearsFollowsTheStatusAndTakesClicks) {
   ASSERT_GE(click(*quit), 0);
   EXPECT_EQ(app_->wait(10s), 0) << app_->output();
   EXPECT_NE(app_->output().find("Quitting: putting everything back"), std::string::npos);
+}
+
+TEST_F(TrayTest, SaysSoWhenItsIconsCantBeFound) {
+  // Given a `vigilo` copied out of its build folder, with no icons beside
+  // it and none in the icon theme's folders.
+  std::filesystem::create_directories(dir_.file("bin"));
+  std::filesystem::copy_file(VIGILO_BINARY, dir_.file("bin/vigilo"));
+  binary_ = dir_.file("bin/vigilo");
+  startWatcher();
+  startApp({"DBUS_SESSION_BUS_ADDRESS=" + bus_->address(), "XDG_DATA_HOME=" + dir_.file("none"),
+            "XDG_DATA_DIRS=" + dir_.file("none")});
+  ASSERT_TRUE(waitFor([&] { return outputHas("warning: the tray icon has no picture: Vigilo's icons aren't installed"); },
+                      10s))
+      << app_->output();
+  EXPECT_FALSE(outputHas("The tray icon is shown")) << app_->output();
 }
 
 }  // namespace
