@@ -86,4 +86,8 @@ std::vector<std::string> listProcesses(std::optional<int> pid) {
 }
 std::vector<std::string> listProcessPaths(std::optional<int> pid) { return ps(pid, "pid=,comm="); }
 
+std::vector<std::string> setBackgroundPriority(int pid, bool background) {
+  return {"/usr/sbin/taskpolicy", background ? "-b" : "-B", "-p", std::to_string(pid)};
+}
+
 }  // namespace vigilo::mac

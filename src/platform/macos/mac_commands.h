@@ -67,5 +67,9 @@ std::vector<std::string> readConsoleSessions();
 std::vector<std::string> listProcesses(std::optional<int> pid = std::nullopt);
 // The same ps for "pid=,comm=": every process's executable path.
 std::vector<std::string> listProcessPaths(std::optional<int> pid = std::nullopt);
+// "/usr/sbin/taskpolicy -b -p <pid>": a running process into the background
+// band (setpriority with PRIO_DARWIN_BG); "-B" takes it out again. No root
+// is needed for the person's own processes.
+std::vector<std::string> setBackgroundPriority(int pid, bool background);
 
 }  // namespace vigilo::mac

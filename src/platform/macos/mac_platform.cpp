@@ -270,13 +270,15 @@ class MacProcesses final : public Processes {
                         err);
   }
 
+  // The native call where the build has it; otherwise taskpolicy, which
+  // makes the same call from the command line.
   Result background(std::int32_t pid, bool on) {
-    if (!native_.setBackground) {
-      return Result::fail("This build of Vigilo can't give a process background priority, so it can't slow "
-                          "process " +
-                          std::to_string(pid) + ".");
-    }
-    return native_.setBackground(pid, on);
+    const char* verb = on ? "slow" : "put back the priority of";
+    if (pid <= 1) return Result::fail("Vigilo won't " + std::string(verb) + " process " + std::to_string(pid) + ".");
+    if (native_.setBackground) return native_.setBackground(pid, on);
+    CommandOutput out = c_.run(mac::setBackgroundPriority(pid, on));
+    if (out.ok()) return Result::ok();
+    return Result::fail("Couldn't " + std::string(verb) + " process " + std::to_string(pid) + ": " + out.said());
   }
 
   Commands& c_;

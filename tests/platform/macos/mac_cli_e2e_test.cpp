@@ -3,12 +3,16 @@
 // simulated Mac in a state file and log every argv they are given.
 
 #include <signal.h>
+#include <spawn.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <utime.h>
 
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -54,6 +58,10 @@ class MacCliTest : public ::testing::Test {
       app_->signal(SIGKILL);
       app_->wait(5s);
     }
+    for (pid_t pid : stand_ins_) {
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, nullptr, 0);
+    }
     for (const auto& [name, value] : saved_) {
       if (value) setenv(name.c_str(), value->c_str(), 1);
       else unsetenv(name.c_str());
@@ -61,19 +69,74 @@ class MacCliTest : public ::testing::Test {
   }
 
   json mac() const { return json::parse(readFile(state_), nullptr, false); }
+  // An app of the simulated Mac: its bundle in this test's folder (with an
+  // Info.plist when it has a bundle id) and, standing in for it, an idle
+  // process of this machine, so that the stop and continue signals Vigilo
+  // sends with kill(2) reach something that shows them.
+  std::int32_t addApp(const std::string& name, const std::string& bundleId) {
+    const std::string bundle = dir_.file("Applications/" + name + ".app");
+    std::filesystem::create_directories(bundle + "/Contents/MacOS");
+    if (!bundleId.empty()) {
+      writeFile(bundle + "/Contents/Info.plist",
+                "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+                "\t<key>CFBundleIdentifier</key>\n\t<string>" + bundleId + "</string>\n"
+                "\t<key>CFBundleName</key>\n\t<string>" + name + "</string>\n</dict>\n</plist>\n");
+    }
+    pid_t pid = 0;
+    char sleepPath[] = "/bin/sleep";
+    char seconds[] = "600";
+    char* argv[] = {sleepPath, seconds, nullptr};
+    EXPECT_EQ(posix_spawn(&pid, "/bin/sleep", nullptr, nullptr, argv, environ), 0);
+    stand_ins_.push_back(pid);
+    const std::string path = bundle + "/Contents/MacOS/" + name;
+    json m = mac();
+    m["processes"].push_back(json{{"pid", pid},
+                                  {"ppid", 1},
+                                  {"path", path},
+                                  {"args", {path, "-NSDocumentRevisionsDebugMode", "YES"}},
+                                  {"startMicros", 1767229200000000},
+                                  {"cpuMicros", 1500000},
+                                  {"stopped", false},
+                                  {"slowed", false}});
+    writeFile(state_, m.dump(2) + "\n");
+    return pid;
+  }
+  // The process's state letter on this machine: "T" while stopped.
+  static std::string runState(std::int32_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string pidText, command, state;
+    in >> pidText >> command >> state;
+    return state;
+  }
+  bool slowed(std::int32_t pid) const {
+    const json m = mac();
+    if (!m.is_object() || !m.contains("processes")) return false;
+    for (const json& p : m["processes"]) {
+      if (p.value("pid", 0) == pid) return p.value("slowed", false);
+    }
+    return false;
+  }
   void setLid(const std::string& lid) {
     json m = mac();
     m["lid"] = lid;
     writeFile(state_, m.dump(2) + "\n");
   }
   bool inApp(const std::string& name) const { return fileExists(appFolder_ + "/" + name); }
+  // The logged command lines that start with `prefix`, in order.
+  std::vector<std::string> logged(const std::string& prefix) const {
+    std::vector<std::string> out;
+    std::istringstream in(fileExists(log_) ? readFile(log_) : "");
+    for (std::string line; std::getline(in, line);) {
+      if (line.rfind(prefix, 0) == 0) out.push_back(line);
+    }
+    return out;
+  }
   // What changed the Mac, in order: the privileged lines, not sudo's "-l"
   // questions nor the readings.
   std::vector<std::string> changes() const {
     std::vector<std::string> out;
-    std::istringstream in(fileExists(log_) ? readFile(log_) : "");
-    for (std::string line; std::getline(in, line);) {
-      if (line.rfind("/usr/bin/sudo -n ", 0) == 0 && line.rfind("/usr/bin/sudo -n -l", 0) != 0) out.push_back(line);
+    for (std::string& line : logged("/usr/bin/sudo -n ")) {
+      if (line.rfind("/usr/bin/sudo -n -l", 0) != 0) out.push_back(std::move(line));
     }
     return out;
   }
@@ -95,11 +158,20 @@ class MacCliTest : public ::testing::Test {
                                    "VIGILO_HOME=" + appFolder_};
   std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
   std::unique_ptr<AppProcess> app_;
+  std::vector<pid_t> stand_ins_;
 };
 
 TEST_F(MacCliTest, HoldLidShutSavingsCrashAndTheWatchdogPutsItAllBack) {
   writeFile(appFolder_ + "/config.json",
             R"({"mode": "on", "preset": "max_battery", "pauseTimeMachine": true, "lowPowerWhileClosed": true})");
+  json laptop = mac();
+  laptop["processes"] = json::array({json{{"pid", 1}, {"ppid", 0}, {"path", "/sbin/launchd"},
+                                          {"args", {"/sbin/launchd"}}, {"startMicros", 1767225600000000},
+                                          {"cpuMicros", 723410000}, {"stopped", false}, {"slowed", false}}});
+  writeFile(state_, laptop.dump(2) + "\n");
+  // By the preset: an app with a bundle id is paused, one without is slowed.
+  const std::int32_t editor = addApp("Editor", "com.example.Editor");
+  const std::int32_t builder = addApp("Builder", "");
   app_ = std::make_unique<AppProcess>(std::vector<std::string>{"app"}, appFolder_, dir_.file("app.txt"), env_);
   ASSERT_TRUE(waitFor([&] { return mac()["sleepDisabled"] == true; }, 15s)) << app_->output();
   EXPECT_TRUE(inApp("hold"));
@@ -115,12 +187,17 @@ TEST_F(MacCliTest, HoldLidShutSavingsCrashAndTheWatchdogPutsItAllBack) {
                            "/usr/bin/sudo -n /usr/bin/tmutil disable",
                        }))
       << readFile(log_);
+  ASSERT_TRUE(waitFor([&] { return runState(editor) == "T" && slowed(builder); }, 15s))
+      << runState(editor) << "\n" << readFile(log_) << app_->output();
+  EXPECT_EQ(logged("/usr/sbin/taskpolicy"), (std::vector<std::string>{"/usr/sbin/taskpolicy -b -p " +
+                                                                       std::to_string(builder)}));
 
   // The crash: every change has its record, and the heartbeat goes stale.
   app_->signal(SIGKILL);
   ASSERT_EQ(app_->wait(5s), 128 + SIGKILL);
   app_.reset();
-  for (const char* record : {"hold", "powermode-restore", "timemachine-restore", "alive", "watchdog.sh"}) {
+  for (const char* record : {"hold", "powermode-restore", "timemachine-restore", "resume-pids", "touched.json", "alive",
+                             "watchdog.sh"}) {
     EXPECT_TRUE(inApp(record)) << record;
   }
   const std::time_t old = std::time(nullptr) - 120;
@@ -133,9 +210,16 @@ TEST_F(MacCliTest, HoldLidShutSavingsCrashAndTheWatchdogPutsItAllBack) {
   EXPECT_EQ(m["sleepDisabled"], false);
   EXPECT_EQ(m["powerModes"]["lowpowermode"], 0);
   EXPECT_EQ(m["automaticBackups"], true);
-  for (const char* record : {"hold", "powermode-restore", "timemachine-restore"}) {
+  for (const char* record : {"hold", "powermode-restore", "timemachine-restore", "resume-pids", "touched.json"}) {
     EXPECT_FALSE(inApp(record)) << record;
   }
+  // The paused app is continued and the slowed one taken out of the
+  // background band.
+  EXPECT_NE(runState(editor), "T");
+  EXPECT_FALSE(slowed(builder));
+  EXPECT_EQ(logged("/usr/sbin/taskpolicy"),
+            (std::vector<std::string>{"/usr/sbin/taskpolicy -b -p " + std::to_string(builder),
+                                      "/usr/sbin/taskpolicy -B -p " + std::to_string(builder)}));
   const auto all = changes();
   const std::vector<std::string> putBack(all.begin() + std::min<std::size_t>(3, all.size()), all.end());
   EXPECT_EQ(putBack, (std::vector<std::string>{

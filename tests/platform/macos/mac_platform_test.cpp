@@ -88,7 +88,15 @@ TEST_F(MacPlatformTest, PrivilegedLinesTheirFailuresAndWhatIsNeverRun) {
   EXPECT_FALSE(platform->power().restorePowerMode("sleep;reboot", 1));
   EXPECT_EQ(runner.ran.size(), before);
 
-  EXPECT_FALSE(platform->processes().slow(812)) << "no background priority without the native piece";
+  // Without the native piece, background priority comes from taskpolicy.
+  runner.answer(mac::setBackgroundPriority(812, true), {0, ""});
+  EXPECT_TRUE(platform->processes().slow(812));
+  EXPECT_EQ(runner.ran.back(), "/usr/sbin/taskpolicy -b -p 812");
+  Result unslow = platform->processes().unslow(812);
+  EXPECT_EQ(runner.ran.back(), "/usr/sbin/taskpolicy -B -p 812");
+  EXPECT_EQ(unslow.message(), "Couldn't put back the priority of process 812: not scripted");
+  EXPECT_FALSE(platform->processes().slow(1)) << "launchd is never slowed";
+  EXPECT_EQ(runner.ran.back(), "/usr/sbin/taskpolicy -B -p 812");
   EXPECT_FALSE(platform->processes().stop(1)) << "launchd is never paused";
   EXPECT_FALSE(platform->displays().setBrightness(0.1));
 

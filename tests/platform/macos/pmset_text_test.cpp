@@ -423,6 +423,9 @@ TEST(PsText, ListingPathsAndArguments) {
   EXPECT_EQ(splitPsCommand("/bin/shx -c", "/bin/sh"), (std::vector<std::string>{"/bin/shx", "-c"}));
 
   for (const char* t : {"0:00.01", "59:59.99", "2:03:04", "3-00:00:00.50"}) EXPECT_TRUE(parsePsCpuTime(t)) << t;
+  // A Mac's ps counts minutes past 59 (values from a recorded "ps -ef").
+  EXPECT_EQ(parsePsCpuTime("139:17.71"), (139ull * 60 + 17) * 1'000'000 + 710'000);
+  EXPECT_EQ(parsePsCpuTime("57:24.25"), (57ull * 60 + 24) * 1'000'000 + 250'000);
   for (const char* t : {"", "12", ":", "1:2:3:4", "1:00.1", "x-1:00", "99999999999999999999:00", "1:-1"}) {
     EXPECT_FALSE(parsePsCpuTime(t)) << t;
   }
