@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "app/host.h"
 #include "commands/cli.h"
 #include "commands/command_table.h"
 #include "commands/settings_schema.h"
@@ -64,7 +65,7 @@ TEST_F(InstallTest, TheInstalledCommandAnswersAndTheDesktopFindsItsFiles) {
   EXPECT_TRUE(std::regex_match(version.out, std::regex(git ? R"(vigilo \d+\.\d+\.\d+ \(commit [0-9a-f]{12}(\+changes)?\)\n)"
                                                              : R"(vigilo \d+\.\d+\.\d+\n)")))
       << version.out;
-  EXPECT_EQ(installed({"help"}).out, kHelpText);
+  EXPECT_EQ(installed({"help"}).out, helpText(host::words()));
 
   // Every command has its own help, the same through `help <command>` and
   // `<command> --help`; a listed one repeats its overview lines word for word.
@@ -73,11 +74,11 @@ TEST_F(InstallTest, TheInstalledCommandAnswersAndTheDesktopFindsItsFiles) {
     EXPECT_EQ(help.status, 0) << c.name << help.err;
     EXPECT_NE(help.out.find("Usage: vigilo " + c.name), std::string::npos) << help.out;
     EXPECT_EQ(installed({c.name, "--help"}).out, help.out) << c.name;
-    for (const std::string& line : overviewLines(kHelpText, c.name)) {
+    for (const std::string& line : overviewLines(helpText(host::words()), c.name)) {
       EXPECT_NE(help.out.find(line + "\n"), std::string::npos) << c.name << ": " << line;
     }
     if (c.listed) {
-      EXPECT_FALSE(overviewLines(kHelpText, c.name).empty()) << c.name << " isn't in the help";
+      EXPECT_FALSE(overviewLines(helpText(host::words()), c.name).empty()) << c.name << " isn't in the help";
     }
   }
   ToolRun unknown = installed({"help", "frobnicate"});
