@@ -56,5 +56,16 @@ const bool kNoSessionBus = [] {
   return true;
 }();
 
+// Nor may it keep its heartbeat in the person's runtime folder, where a
+// test that kills it would leave the beat folder behind: apps run as where
+// there is none (no XDG_RUNTIME_DIR, an empty folder for "/run/user"), and
+// a test that wants one passes its own.
+const TempDir kNoRunUser;
+const bool kNoRuntimeFolder = [] {
+  ::unsetenv("XDG_RUNTIME_DIR");
+  ::setenv("VIGILO_RUN_USER", kNoRunUser.path().c_str(), 1);
+  return true;
+}();
+
 }  // namespace
 }  // namespace vigilo::test
