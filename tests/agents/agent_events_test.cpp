@@ -336,9 +336,7 @@ class EventCommandTest : public ::testing::Test {
  protected:
   EventCommandTest() { std::filesystem::create_directories(home_); }
   void event(const std::string& input, std::vector<std::string> args = {"event", "claude-code"}) {
-    const auto start = std::chrono::steady_clock::now();
     ToolRun run = runToolWithInput(args, home_, input);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(run.out + run.err, "");
   }

@@ -3,9 +3,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <random>
+#include <functional>
 #include <regex>
-#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -78,19 +78,31 @@ TEST_F(PowerTestE2E, WholeTestRunsOnTheFastClockAndItsSessionLandsInStats) {
 }
 
 // Given the app on a fast-clock laptop with the lid open, a chat app with a
-// helper (paused by max_battery) and a container app (slowed): a quit at a
-// random moment of `vigilo measure`, by SIGTERM, SIGINT or the request the
-// tray's Quit sends, leaves every app as it was and no record behind.
-// VIGILO_MEASURE_QUITS sets how many rounds run (10 unless set).
-TEST_F(PowerTestE2E, RandomQuitsDuringMeasureLeaveNothingChanged) {
+// helper (paused by max_battery) and a container app (slowed): a quit at each
+// step of `vigilo measure` the laptop shows, by SIGTERM, SIGINT or the
+// request the tray's Quit sends, leaves every app as it was and no record
+// behind.
+TEST_F(PowerTestE2E, QuitsAtEveryStepOfMeasureLeaveNothingChanged) {
   stopApp();
-  int rounds = 10;
-  if (const char* n = std::getenv("VIGILO_MEASURE_QUITS")) rounds = std::clamp(std::atoi(n), 1, 1000);
-  const unsigned seed = std::random_device{}();
-  std::mt19937 random(seed);
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  for (int round = 0; round < rounds; ++round) {
-    SCOPED_TRACE("round " + std::to_string(round));
+  const auto anyProcess = [this](const char* flag) {
+    const json l = json::parse(readFile(state_), nullptr, false);
+    if (!l.is_object() || !l.contains("processes")) return false;
+    return std::any_of(l["processes"].begin(), l["processes"].end(),
+                       [&](const json& p) { return p.value(flag, false); });
+  };
+  struct Step {
+    const char* what;
+    std::function<bool(AppProcess& measure)> reached;
+  };
+  const std::vector<Step> steps = {
+      {"before the request arrives", [](AppProcess&) { return true; }},
+      {"with an app paused", [&](AppProcess&) { return anyProcess("stopped"); }},
+      {"with an app slowed", [&](AppProcess&) { return anyProcess("slowed"); }},
+      {"after the answer", [](AppProcess& m) { return m.wait(0ms) >= 0; }},
+  };
+  for (int round = 0; round < static_cast<int>(steps.size()) * 3; ++round) {
+    const Step& step = steps[round % steps.size()];
+    SCOPED_TRACE(std::string(step.what) + ", round " + std::to_string(round));
     writeFile(state_, R"({"lid": "open", "clockSpeed": 50, "battery": {"telemetry": true, "watts": 5},
       "apps": [{"path": "/Applications/Slack.app", "bundleId": "com.tinyspeck.slackmacgap", "name": "Slack"},
                {"path": "/Applications/Docker.app", "bundleId": "com.docker.docker", "name": "Docker"}],
@@ -101,10 +113,9 @@ TEST_F(PowerTestE2E, RandomQuitsDuringMeasureLeaveNothingChanged) {
                     {"pid": 205, "path": "/Applications/Docker.app/Contents/MacOS/Docker", "watts": 2}]})");
     startApp();
     AppProcess measure({"measure"}, home_, dir_.file("measure.txt"));
-    // The estimate takes 7 s of the laptop's clock, 140 ms of ours: the quit
-    // lands anywhere from before the request arrives to after the answer.
-    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 250));
-    switch (round % 3) {
+    // The estimate takes 7 s of the laptop's clock, 140 ms of ours.
+    ASSERT_TRUE(waitFor([&] { return step.reached(measure); }, 10s)) << app_->output();
+    switch (round / steps.size()) {
       case 0: app_->signal(SIGTERM); break;
       case 1: app_->signal(SIGINT); break;
       default: RequestClient(home_).send("quit", json::object(), 8); break;

@@ -7,6 +7,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstring>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -197,17 +200,41 @@ TEST_F(PollRunLoopTest, TimersWithinTheirToleranceShareOneWakeUp) {
   EXPECT_TRUE(runBounded(*lone, 1000ms)) << "a lone timer waits for nothing";
 }
 
+// Whether thread `tid` of this process is asleep in the kernel: with no timer
+// due, the loop's only blocking call is its poll. Where /proc is missing the
+// thread is taken as asleep, which weakens the check but keeps it honest.
+bool asleep(pid_t tid) {
+  std::FILE* f = std::fopen(("/proc/self/task/" + std::to_string(tid) + "/stat").c_str(), "r");
+  if (f == nullptr) return true;
+  char line[512] = {};
+  const size_t n = std::fread(line, 1, sizeof line - 1, f);
+  std::fclose(f);
+  const char* close = std::strrchr(line, ')');  // the name may hold spaces and brackets
+  return n > 0 && close != nullptr && close[1] == ' ' && close[2] == 'S';
+}
+
+// Runs `action` on another thread once the loop, run on this thread, has
+// started and gone back to sleep in poll.
+void onceAsleep(RunLoop& loop, const std::function<void()>& action, std::thread& other) {
+  const pid_t me = ::gettid();
+  auto started = std::make_shared<std::atomic<bool>>(false);
+  loop.post([started] { *started = true; });
+  other = std::thread([=] {
+    // Bounded, so a loop that never runs fails the test instead of hanging it.
+    for (int i = 0; i < 2'000'000 && !(*started && asleep(me)); ++i) std::this_thread::yield();
+    action();
+  });
+}
+
 TEST_F(PollRunLoopTest, PostAndStopFromAnotherThreadWakeTheLoop) {
   std::thread::id ranOn;
-  std::thread poster([&] {
-    std::this_thread::sleep_for(20ms);
-    loop->post([&] { ranOn = std::this_thread::get_id(); loop->stop(); });
-  });
+  std::thread poster, stopper;
+  onceAsleep(*loop, [&] { loop->post([&] { ranOn = std::this_thread::get_id(); loop->stop(); }); }, poster);
   const bool posted = runBounded(*loop);
   poster.join();
   EXPECT_TRUE(posted) << "the post did not wake poll";
   EXPECT_EQ(ranOn, std::this_thread::get_id());
-  std::thread stopper([&] { std::this_thread::sleep_for(20ms); loop->stop(); });
+  onceAsleep(*loop, [&] { loop->stop(); }, stopper);
   const bool stopped = runBounded(*loop);
   stopper.join();
   EXPECT_TRUE(stopped);

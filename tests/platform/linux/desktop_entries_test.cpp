@@ -1,8 +1,10 @@
 #include "platform/linux/desktop_entries.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -63,24 +65,27 @@ TEST(DesktopEntriesTest, ARealProcessOfADesktopAppIsThatApp) {
   ::setenv("XDG_DATA_HOME", dir.file("data").c_str(), 1);
   ::setenv("XDG_DATA_DIRS", dir.file("none").c_str(), 1);
 
+  // The pipe closes in the child when its exec succeeds, so the read below
+  // ends once /proc shows the new program.
+  int execDone[2];
+  ASSERT_EQ(::pipe2(execDone, O_CLOEXEC), 0);
   const pid_t child = ::fork();
   if (child == 0) {
     ::execl("/bin/sleep", "sleep", "30", static_cast<char*>(nullptr));
     ::_exit(127);
   }
   ASSERT_GT(child, 0);
+  ::close(execDone[1]);
+  char byte;
+  while (::read(execDone[0], &byte, 1) < 0 && errno == EINTR) {}
+  ::close(execDone[0]);
   SystemClock clock;
   ManualClock loopClock;
   ManualRunLoop loop(loopClock);
   auto platform = makeLinuxPlatform(clock, loop, LinuxPlatformOptions{"", kNoBus, {}});
-  // The exec may take a moment to show in /proc.
-  std::optional<ProcessInfo> info;
-  for (int i = 0; i < 250; ++i) {
-    info = platform->processes().info(child);
-    if (info && info->path.find("sleep") != std::string::npos) break;
-    ::usleep(20'000);
-  }
+  const std::optional<ProcessInfo> info = platform->processes().info(child);
   ASSERT_TRUE(info);
+  ASSERT_NE(info->path.find("sleep"), std::string::npos) << info->path;
   auto app = platform->processes().appOf(*info);
   ASSERT_TRUE(app);
   EXPECT_EQ(app->bundleId, "org.example.Sleeper");
