@@ -1,4 +1,5 @@
 #include "commands/settings_schema.h"
+#include "commands/in_app_change.h"
 
 #include <cstdint>
 #include <limits>
@@ -81,33 +82,57 @@ TEST(SettingsSchemaTest, SwitchesAndWholeNumbersParseLeniently) {
   }
 }
 
-TEST(SettingsSchemaTest, ChangesOnlyTightenSafetyAndModeOnMeansAlways) {
+// Outside callers may only tighten safety; the panel's own controls, after
+// a confirmation, may loosen it (true in the last column) but still check
+// every value.
+TEST(SettingsSchemaTest, ChangesOnlyTightenSafetyUnlessMadeInAppAndModeOnMeansAlways) {
   const std::string kOnlyOn = " needs to be turned off in Vigilo's Settings (it can only be turned on from here)";
-  const std::vector<std::tuple<std::string, std::optional<json>, std::string>> cases = {
-      {"battery_floor", 14, "battery_floor needs to be lowered in Vigilo itself (it can only be raised from here)"},
-      {"battery_floor", 81, "battery_floor needs a percent from 0 to 80"},
-      {"heat_guard", "off", "heat_guard" + kOnlyOn},
-      {"only-on-power", 0, "only_on_power" + kOnlyOn},
-      {"ntfy_topic", "abc", "ntfy_topic needs to be set in Vigilo's Settings (commands can only turn it off)"},
-      {"mode", "always", "mode needs auto, on or off"},
-      {"preset", "Balanced", "preset needs max_battery, balanced or full_speed"},
-      {"menubar", "timeleft", "menubar needs none, battery, watts, timeLeft or timer"},
-      {"appearance", true, "appearance needs system, light or dark"},
-      {"check_in_minutes", 20, "check_in_minutes needs 0, 15, 30 or 60"},
-      {"Lid-Mode", "on", "unknown setting Lid-Mode. Keys: " + kKeys + " (vigilo settings explains each)"},
-      {"Battery-Floor", std::nullopt, "battery_floor needs a value"},
-      {"", 1, "needs key"},
-      {"Below-Floor-Allowed", "on", "Going below the battery limit can only be allowed in Vigilo itself"},
-      {"below_floor_allowed", "please", "below_floor_allowed needs on or off"}};
+  const std::vector<std::tuple<std::string, std::optional<json>, std::string, bool>> cases = {
+      {"battery_floor", 14, "battery_floor needs to be lowered in Vigilo itself (it can only be raised from here)",
+       true},
+      {"battery_floor", 81, "battery_floor needs a percent from 0 to 80", false},
+      {"heat_guard", "off", "heat_guard" + kOnlyOn, true},
+      {"only-on-power", 0, "only_on_power" + kOnlyOn, true},
+      {"ntfy_topic", "abc", "ntfy_topic needs to be set in Vigilo's Settings (commands can only turn it off)", true},
+      {"ntfy_topic", "a/b", "ntfy_topic needs to be set in Vigilo's Settings (commands can only turn it off)", false},
+      {"mode", "always", "mode needs auto, on or off", false},
+      {"preset", "Balanced", "preset needs max_battery, balanced or full_speed", false},
+      {"menubar", "timeleft", "menubar needs none, battery, watts, timeLeft or timer", false},
+      {"appearance", true, "appearance needs system, light or dark", false},
+      {"check_in_minutes", 20, "check_in_minutes needs 0, 15, 30 or 60", false},
+      {"Lid-Mode", "on", "unknown setting Lid-Mode. Keys: " + kKeys + " (vigilo settings explains each)", false},
+      {"Battery-Floor", std::nullopt, "battery_floor needs a value", false},
+      {"", 1, "needs key", false},
+      {"Below-Floor-Allowed", "on", "Going below the battery limit can only be allowed in Vigilo itself", true},
+      {"below_floor_allowed", "please", "below_floor_allowed needs on or off", false}};
   Config before;  // every safety setting on and a topic set, so each can be loosened
   before.onlyOnPower = true;
   before.ntfyTopic = "vigilo-alerts";
-  for (const auto& [key, value, error] : cases) {
+  for (const auto& [key, value, error, inApp] : cases) {
     SCOPED_TRACE(key + " " + (value ? value->dump() : "absent"));
     const Change out = SettingsSchema::change(before, key, value);
     EXPECT_EQ(out.error, error);
     EXPECT_FALSE(out.ok || out.endBelowFloor || !(out.config == before));
+    const InAppChange panel = changeInApp(before, key, value);
+    EXPECT_EQ(panel.change.ok, inApp) << panel.change.error;
+    if (!inApp) {
+      if (key != "ntfy_topic") {
+        EXPECT_EQ(panel.change.error, error);
+      }
+      EXPECT_TRUE(panel.change.config == before && !panel.allowBelowFloor);
+    }
   }
+  EXPECT_EQ(changeInApp(before, "ntfy_topic", "a/b").change.error,
+            "ntfy_topic needs letters, digits, - and _ only (at most 64)");
+  // In the panel only the asked field moves.
+  Config lowered = before;
+  lowered.batteryFloor = 10;
+  EXPECT_TRUE(changeInApp(before, "battery_floor", "10").change.config == lowered);
+  EXPECT_EQ(changeInApp(before, "ntfy_topic", " vigilo-alerts_1 ").change.config.ntfyTopic, "vigilo-alerts_1");
+  EXPECT_TRUE(changeInApp(before, "below_floor_allowed", true).allowBelowFloor);
+  const InAppChange stop = changeInApp(before, "below_floor_allowed", false);
+  EXPECT_TRUE(stop.change.endBelowFloor && !stop.allowBelowFloor);
+
   EXPECT_EQ(applied(before, "Battery_Floor", "30").batteryFloor, 30);
   EXPECT_EQ(applied(before, "battery_floor", 15).batteryFloor, 15);
   EXPECT_TRUE(applied(Config{}, "only_on_power", "on").onlyOnPower);

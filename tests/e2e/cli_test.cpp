@@ -1,4 +1,5 @@
 #include <csignal>
+#include <ctime>
 #include <filesystem>
 #include <thread>
 
@@ -6,6 +7,7 @@
 
 #include "commands/channel.h"
 #include "e2e/sim_app.h"
+#include "engine/config.h"
 #include "platform/notifications.h"
 #include "test_support.h"
 
@@ -69,7 +71,7 @@ TEST_F(CliTest, RunKeepsAwakeExactlyAsLongAsTheCommand) {
   EXPECT_TRUE(status()["holds"].empty());
 }
 
-TEST_F(CliTest, ModesSettingsAndTheStatusKeys) {
+TEST_F(CliTest, ModesSettingsWakesAndTheStatusKeys) {
   ASSERT_EQ(vigilo({"on", "--for", "2h"}).status, 0);
   json s = status();
   EXPECT_EQ(s["mode"], "always");
@@ -100,6 +102,36 @@ TEST_F(CliTest, ModesSettingsAndTheStatusKeys) {
     EXPECT_TRUE(s.contains(key)) << key;
   }
   EXPECT_EQ(s["battery"]["percent"], 80);
+
+  // Wakes are looked at every tenth second of the laptop's clock: at five
+  // times the speed, every two seconds.
+  stopApp();
+  writeFile(state_, R"({"clockSpeed": 5})");
+  startApp();
+  auto config = [&] {
+    return Config::fromJson(nlohmann::json::parse(readFile(home_ + "/config.json"), nullptr, false));
+  };
+  // Three hours from now, so the wake is always more than an hour away.
+  const std::time_t later = std::time(nullptr) + 3 * 3600;
+  std::tm local{};
+  ::localtime_r(&later, &local);
+  char at3h[6];
+  std::strftime(at3h, sizeof at3h, "%H:%M", &local);
+  ToolRun at = vigilo({"wake-at", at3h, "--for", "45m"});
+  ASSERT_EQ(at.status, 0) << at.err;
+  EXPECT_EQ(at.out.rfind("Wakes at " + std::string(at3h) + ".\n", 0), 0u) << at.out;
+  ASSERT_TRUE(config().wakeAt);
+  EXPECT_EQ(config().wakeForMinutes, 45);
+  // The simulated laptop's wake timer is armed in steps of at most an hour.
+  ASSERT_TRUE(waitFor([&] { return outputHas("wakes itself in 3600 s"); }, 15s)) << app_->output();
+  EXPECT_EQ(vigilo({"wake-at", "7pm"}).err, "vigilo: time: HH:MM (24-hour), off, or Unix seconds\n");
+  EXPECT_EQ(vigilo({"wake-at"}).err, "vigilo: usage: vigilo wake-at HH:MM [--for 30m] | off\n");
+  ToolRun off = vigilo({"wake-at", "off"});
+  EXPECT_EQ(off.out.rfind("No scheduled wake.\n", 0), 0u) << off.out;
+  EXPECT_FALSE(config().wakeAt);
+  ASSERT_EQ(vigilo({"check-in", "15"}).status, 0);
+  EXPECT_EQ(config().checkInMinutes, 15);
+  EXPECT_TRUE(waitFor([&] { return outputHas("wakes itself in 900 s"); }, 15s)) << app_->output();
 }
 
 TEST_F(CliTest, CommandsThatPrintDataSpeakJsonAndTheOthersRefuseIt) {

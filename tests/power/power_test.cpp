@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "commands/command_center.h"
+#include "engine/battery.h"
 #include "engine/engine.h"
 #include "platform/bundles.h"
 #include "platform/manual_run_loop.h"
@@ -69,6 +70,70 @@ TEST(PowerSensorTest, TelemetryFirstThenTheDischargeCurrentAndNothingElse) {
       {"no current", current(std::nullopt, std::nullopt, 12000), std::nullopt},
   };
   for (const Case& c : cases) EXPECT_EQ(PowerSensor::sample(c.props, 50), c.expected) << c.what;
+}
+
+BatteryProperties capacity(std::int64_t current, std::int64_t max) {
+  BatteryProperties b;
+  b.currentCapacity = current;
+  b.maxCapacity = max;
+  return b;
+}
+
+TEST(BatteryReadingTest, RawControllerPropertiesGiveTheGuardsReading) {
+  auto with = [](BatteryProperties b, auto change) {
+    change(b);
+    return b;
+  };
+  auto reading = [](int percent, double watts, std::optional<int> minutes, bool onAC = false) {
+    BatteryReading r;
+    r.percent = percent;
+    r.watts = watts;
+    r.minutesLeft = minutes;
+    r.onAC = onAC;
+    return r;
+  };
+  struct Case {
+    const char* what;
+    std::optional<BatteryProperties> props;
+    std::optional<BatteryReading> expected;
+  } cases[] = {
+      {"no battery controller", std::nullopt, std::nullopt},
+      {"no maximum", capacity(10, 0), std::nullopt},
+      {"no current capacity", with(BatteryProperties{}, [](auto& b) { b.maxCapacity = 5000; }), std::nullopt},
+      {"stale capacity above the maximum", capacity(6000, 5000), reading(100, 0, std::nullopt)},
+      {"negative capacity", capacity(-5, 5000), reading(0, 0, std::nullopt)},
+      {"instant current wins, 65535 means unknown", with(capacity(4999, 5000), [](auto& b) {
+         b.instantAmperage = -1500;
+         b.amperage = -99999;
+         b.voltage = 12000;
+         b.timeRemaining = 65535;
+       }), reading(99, 18.0, std::nullopt)},
+      {"charging draws nothing", with(capacity(4999, 5000), [](auto& b) {
+         b.amperage = 800;
+         b.voltage = 12000;
+         b.timeRemaining = 90;
+       }), reading(99, 0, 90)},
+      {"no minutes left on the adapter", with(capacity(4999, 5000), [](auto& b) {
+         b.timeRemaining = 90;
+         b.externalConnected = true;
+       }), reading(99, 0, std::nullopt, true)},
+  };
+  for (const Case& c : cases) EXPECT_EQ(readingFrom(c.props), c.expected) << c.what;
+}
+
+TEST(BatteryReadingTest, OnPowerNeedsTheAdapterAndChargingOrALowDrain) {
+  struct Case {
+    bool onAC, charging;
+    double watts;
+    bool onPower;
+  } cases[] = {{true, false, 0.3, true}, {true, false, 0.31, false}, {true, true, 0.31, true}, {false, true, 0.0, false}};
+  for (const Case& c : cases) {
+    BatteryReading r;
+    r.onAC = c.onAC;
+    r.charging = c.charging;
+    r.watts = c.watts;
+    EXPECT_EQ(r.onPower(), c.onPower) << c.onAC << c.charging << c.watts;
+  }
 }
 
 BatteryReading onBattery(int percent, double watts, std::optional<int> minutes = std::nullopt) {

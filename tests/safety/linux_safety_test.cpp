@@ -20,73 +20,13 @@ using ::testing::IsEmpty;
 
 constexpr long long kNow = 1'800'000'000;
 
-// Given Linux's watchdog script for a temporary folder, run by dash with
-// stand-in tools (systemctl, date) ahead on PATH.
-class LinuxWatchdogScriptTest : public ::testing::Test {
+class LinuxWatchdogScriptTest : public WatchdogScriptFixture {
  protected:
-  LinuxWatchdogScriptTest() : tools_(dir_.file("tools")) {
-    home_ = dir_.file("home");
-    folder_ = home_ + "/.local/share/vigilo";
-    units_ = home_ + "/.config/systemd/user";
-    link_ = home_ + "/.local/bin/vigilo";
-    exe_ = dir_.file("vigilo");
-    std::filesystem::create_directories(folder_);
-    std::filesystem::create_directories(units_);
-    std::filesystem::create_directories(home_ + "/.local/bin");
-    writeFile(exe_, "#!/bin/sh\necho \"exe $*\" >>\"$FAKE_DIR/log\"\n");
-    ::chmod(exe_.c_str(), 0755);
-    writeFile(folder_ + "/watchdog.sh", linuxWatchdogScript(folder_, exe_, link_, units_));
-    writeFile(units_ + "/vigilo-watchdog.timer", "");
-    writeFile(units_ + "/vigilo-watchdog.service", "");
-    tools_.setNow(kNow);
-  }
-  bool has(const std::string& name) const { return fileExists(folder_ + "/" + name); }
-  void put(const std::string& name, const std::string& text = "") const { writeFile(folder_ + "/" + name, text); }
-  int run() const { return tools_.runScript(folder_ + "/watchdog.sh", home_); }
-
-  TempDir dir_;
-  FakeTools tools_;
-  std::string home_, folder_, units_, link_, exe_;
+  LinuxWatchdogScriptTest() : WatchdogScriptFixture(false) {}
 };
 
-TEST_F(LinuxWatchdogScriptTest, HeartbeatAndCleanQuitHandOverToTheApp) {
-  put("alive");
-  setModified(folder_ + "/alive", kNow - 39);
-  run();
-  EXPECT_THAT(tools_.logLines(), IsEmpty());
-  setModified(folder_ + "/alive", kNow - 40);
-  run();
-  EXPECT_THAT(tools_.logLines(), ElementsAre("exe cli watchdog"));
-  // A clean quit with nothing left does nothing; with a hold left the
-  // executable puts it back on the machine the folder belongs to.
-  std::filesystem::remove(folder_ + "/alive");
-  tools_.clearLog();
-  run();
-  EXPECT_THAT(tools_.logLines(), IsEmpty());
-  put("hold");
-  run();
-  EXPECT_THAT(tools_.logLines(), ElementsAre("exe cli watchdog"));
-}
-
-TEST_F(LinuxWatchdogScriptTest, WithTheAppGoneItContinuesPausedProcessesAndDropsWhatDiedWithTheApp) {
-  std::filesystem::remove(exe_);
-  PausedProcess ours, reused;
-  put("resume-pids", std::to_string(ours.pid()) + "\t/usr/bin/sleep\n" + std::to_string(reused.pid()) +
-                         "\t/opt/other/bin/other\n");
-  put("touched.json", "[]");
-  put("hold");
-  put("powermode-restore", "lowpowermode 1");
-  put("brightness-restore", "0.8");
-  run();
-  EXPECT_FALSE(ours.stopped());
-  EXPECT_TRUE(reused.stopped());
-  for (const char* f : {"resume-pids", "touched.json", "hold", "powermode-restore"}) EXPECT_FALSE(has(f)) << f;
-  // Only the person's session can set the brightness: the record waits.
-  EXPECT_TRUE(has("brightness-restore"));
-}
-
 TEST_F(LinuxWatchdogScriptTest, ASimulatedLaptopsRecordsAreLeftToVigilo) {
-  std::filesystem::remove(exe_);
+  removeApp();
   PausedProcess real;
   put("machine.json", R"({"file":"/tmp/laptop.json","machine":"sim"})");
   put("resume-pids", std::to_string(real.pid()) + "\t/usr/bin/sleep\n");
@@ -95,25 +35,6 @@ TEST_F(LinuxWatchdogScriptTest, ASimulatedLaptopsRecordsAreLeftToVigilo) {
   EXPECT_TRUE(real.stopped());
   EXPECT_TRUE(has("resume-pids"));
   EXPECT_TRUE(has("hold"));
-}
-
-TEST_F(LinuxWatchdogScriptTest, GoneForTenMinutesRemovesTheTimerTheLinkAndItself) {
-  std::filesystem::remove(exe_);
-  ::symlink(exe_.c_str(), link_.c_str());
-  run();
-  tools_.setNow(kNow + 599);
-  run();
-  EXPECT_TRUE(has("watchdog.sh"));
-  EXPECT_THAT(tools_.logLines(), IsEmpty());
-  tools_.setNow(kNow + 600);
-  run();
-  EXPECT_THAT(tools_.logLines(),
-              ElementsAre("systemctl --user disable --now vigilo-watchdog.timer", "systemctl --user daemon-reload"));
-  EXPECT_FALSE(has("watchdog.sh"));
-  EXPECT_FALSE(has("gone"));
-  EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(link_)));
-  EXPECT_FALSE(fileExists(units_ + "/vigilo-watchdog.timer"));
-  EXPECT_FALSE(fileExists(units_ + "/vigilo-watchdog.service"));
 }
 
 // Given Linux's setup in a temporary home with recorded command lines.

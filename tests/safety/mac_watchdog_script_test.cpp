@@ -13,47 +13,104 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-constexpr long long kNow = 1'800'000'000;
+constexpr long long kNow = kScriptNow;
 
-// Given the Mac's watchdog script in a temporary home, run by dash against
-// stand-in tools: the absolute tool paths the script uses on a Mac are
-// pointed at the stand-ins, everything else is the script as written.
-class MacWatchdogScriptTest : public ::testing::Test {
+class MacWatchdogScriptTest : public WatchdogScriptFixture {
  protected:
-  MacWatchdogScriptTest() : tools_(dir_.file("tools")) {
-    home_ = dir_.file("home");
-    folder_ = home_ + "/Library/Application Support/Vigilo";
-    exe_ = dir_.file("Vigilo");
-    link_ = dir_.file("usr-local-bin-vigilo");
-    std::filesystem::create_directories(folder_);
-    std::filesystem::create_directories(home_ + "/Library/LaunchAgents");
-    writeFile(exe_, "#!/bin/sh\necho \"exe $*\" >>\"$FAKE_DIR/log\"\n");
-    ::chmod(exe_.c_str(), 0755);
-    writeFile(plist(), "<plist/>");
-    std::string s = macWatchdogScript(home_, folder_, exe_);
-    for (auto [from, to] : std::vector<std::pair<std::string, std::string>>{
-             {"/usr/bin/sudo", tools_.bin() + "/sudo"},
-             {"/bin/launchctl", tools_.bin() + "/launchctl"},
-             {"/usr/bin/id", tools_.bin() + "/id"},
-             {"/usr/bin/shasum", tools_.bin() + "/shasum"},
-             {"/usr/local/bin/vigilo", link_}}) {
-      for (auto at = s.find(from); at != std::string::npos; at = s.find(from, at + to.size())) s.replace(at, from.size(), to);
-    }
-    writeFile(script(), s);
-    tools_.setNow(kNow);
-  }
-  std::string script() const { return folder_ + "/watchdog.sh"; }
-  std::string plist() const { return home_ + "/Library/LaunchAgents/com.tarnwell.vigilo.watchdog.plist"; }
-  std::string file(const std::string& name) const { return folder_ + "/" + name; }
-  bool has(const std::string& name) const { return fileExists(file(name)); }
-  void put(const std::string& name, const std::string& text = "") const { writeFile(file(name), text); }
-  int run() const { return tools_.runScript(script(), home_); }
-  void removeApp() const { std::filesystem::remove(exe_); }
-
-  TempDir dir_;
-  FakeTools tools_;
-  std::string home_, folder_, exe_, link_;
+  MacWatchdogScriptTest() : WatchdogScriptFixture(true) {}
+  std::string plist() const { return setupFiles_[0]; }
 };
+
+// The same scenarios for the Mac's script (true) and Linux's (false).
+class WatchdogScriptTest : public WatchdogScriptFixture, public ::testing::WithParamInterface<bool> {
+ protected:
+  WatchdogScriptTest() : WatchdogScriptFixture(GetParam()) {}
+};
+
+TEST_P(WatchdogScriptTest, AFreshHeartbeatIsLeftAloneAStaleOneHandsOverToTheApp) {
+  // Given "alive" 39 seconds old: the app lives, nothing is done.
+  put("alive");
+  put("gone", "123");
+  setModified(file("alive"), kNow - 39);
+  EXPECT_EQ(run(), 0);
+  EXPECT_THAT(tools_.logLines(), IsEmpty());
+  EXPECT_FALSE(has("gone"));  // the executable is there again
+  // 40 seconds: the app died or hangs; its executable undoes the records.
+  setModified(file("alive"), kNow - 40);
+  EXPECT_EQ(run(), 0);
+  EXPECT_THAT(tools_.logLines(), ElementsAre("exe cli watchdog"));
+  if (mac_) return;  // a clean quit on a Mac: see below
+  // A clean quit with nothing left does nothing; with a hold left the
+  // executable puts it back on the machine the folder belongs to.
+  std::filesystem::remove(file("alive"));
+  tools_.clearLog();
+  run();
+  EXPECT_THAT(tools_.logLines(), IsEmpty());
+  put("hold");
+  run();
+  EXPECT_THAT(tools_.logLines(), ElementsAre("exe cli watchdog"));
+}
+
+TEST_P(WatchdogScriptTest, WithTheAppGoneItContinuesOnlyItsOwnPausedProcessesAndPutsRecordsBack) {
+  removeApp();
+  PausedProcess ours, reused;
+  tools_.setProcessName(ours.pid(), "/usr/bin/sleep");
+  tools_.setProcessName(reused.pid(), "/Applications/Other.app/Contents/MacOS/Other");
+  put("resume-pids", std::to_string(ours.pid()) + "\t/bin/sleep\n" + std::to_string(reused.pid()) +
+                         "\t/opt/other/bin/other\nabc\t/bin/sleep\n 12\t/bin/sleep\n");
+  put("touched.json", "[]");
+  put("powermode-restore", "lowpowermode 1\n");
+  put("timemachine-restore");
+  put("brightness-restore", "0.8");
+  put("hold");
+  EXPECT_EQ(run(), 0);
+
+  EXPECT_FALSE(ours.stopped());
+  EXPECT_TRUE(reused.stopped());  // its pid now belongs to another program
+  for (const char* f : {"resume-pids", "touched.json", "powermode-restore", "hold"}) EXPECT_FALSE(has(f)) << f;
+  if (!mac_) {
+    // Only the person's session can set the brightness: the record waits.
+    EXPECT_TRUE(has("brightness-restore"));
+    return;
+  }
+  EXPECT_FALSE(has("timemachine-restore"));
+  EXPECT_THAT(tools_.logLines(),
+              ElementsAre("ps -p " + std::to_string(ours.pid()) + " -o comm=",
+                          "ps -p " + std::to_string(reused.pid()) + " -o comm=",
+                          "sudo -n /usr/bin/pmset -b lowpowermode 1", "sudo -n /usr/bin/tmutil enable",
+                          "sudo -n /usr/bin/pmset -a disablesleep 0"));
+}
+
+TEST_P(WatchdogScriptTest, GoneForTenMinutesRemovesTheSetupAndItself) {
+  removeApp();
+  ::symlink(dir_.file("nowhere").c_str(), link_.c_str());
+  put("alive");
+  run();
+  EXPECT_EQ(readFile(file("gone")), std::to_string(kNow) + "\n");
+  EXPECT_THAT(tools_.logLines(), IsEmpty());
+
+  tools_.setNow(kNow + 599);
+  run();
+  EXPECT_TRUE(has("watchdog.sh"));
+  for (const std::string& f : setupFiles_) EXPECT_TRUE(fileExists(f)) << f;
+
+  tools_.setNow(kNow + 600);
+  EXPECT_EQ(run(), 0);
+  if (mac_) {
+    EXPECT_THAT(tools_.logLines(), ElementsAre("sudo -n /bin/rm -f /private/etc/sudoers.d/vigilo",
+                                               "sudo -n /bin/rm -f " + link_, "id -u",
+                                               "launchctl bootout gui/501/com.tarnwell.vigilo.watchdog"));
+  } else {
+    EXPECT_THAT(tools_.logLines(), ElementsAre("systemctl --user disable --now vigilo-watchdog.timer",
+                                               "systemctl --user daemon-reload"));
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(link_)));
+  }
+  for (const char* f : {"watchdog.sh", "gone", "alive"}) EXPECT_FALSE(has(f)) << f;
+  for (const std::string& f : setupFiles_) EXPECT_FALSE(fileExists(f)) << f;
+}
+
+INSTANTIATE_TEST_SUITE_P(MacAndLinux, WatchdogScriptTest, ::testing::Bool(),
+                         [](const auto& info) { return info.param ? "Mac" : "Linux"; });
 
 TEST_F(MacWatchdogScriptTest, BeginsAsTheLaunchAgentExpectsAndParses) {
   const std::string s = macWatchdogScript("/Users/ada", "/Users/ada/Library/Application Support/Vigilo",
@@ -74,21 +131,6 @@ TEST_F(MacWatchdogScriptTest, BeginsAsTheLaunchAgentExpectsAndParses) {
   writeFile(dir_.file("odd.sh"), odd);
   ProcessRunner runner;
   EXPECT_EQ(runner.run({"/bin/sh", "-n", dir_.file("odd.sh")}).status, 0);
-}
-
-TEST_F(MacWatchdogScriptTest, AFreshHeartbeatIsLeftAloneAStaleOneHandsOverToTheApp) {
-  // Given "alive" 39 seconds old: the app lives, nothing is done.
-  put("alive");
-  put("gone", "123");
-  setModified(file("alive"), kNow - 39);
-  EXPECT_EQ(run(), 0);
-  EXPECT_THAT(tools_.logLines(), IsEmpty());
-  EXPECT_FALSE(has("gone"));  // the executable is there again
-  // 40 seconds: the app died or hangs; its executable undoes the records.
-  setModified(file("alive"), kNow - 40);
-  put("hold");
-  EXPECT_EQ(run(), 0);
-  EXPECT_THAT(tools_.logLines(), ElementsAre("exe cli watchdog"));
 }
 
 TEST_F(MacWatchdogScriptTest, AfterACleanQuitOnlyALeftoverHoldIsReleased) {
@@ -116,31 +158,6 @@ TEST_F(MacWatchdogScriptTest, AfterACleanQuitOnlyALeftoverHoldIsReleased) {
   EXPECT_THAT(tools_.logLines(), ElementsAre("sudo -n /usr/bin/pmset -a disablesleep 0"));
 }
 
-TEST_F(MacWatchdogScriptTest, WithTheAppGoneEveryRecordIsPutBackInOrder) {
-  removeApp();
-  PausedProcess ours, reused;
-  tools_.setProcessName(ours.pid(), "/usr/bin/sleep");
-  tools_.setProcessName(reused.pid(), "/Applications/Other.app/Contents/MacOS/Other");
-  put("resume-pids", std::to_string(ours.pid()) + "\t/bin/sleep\n" + std::to_string(reused.pid()) +
-                         "\t/bin/sleep\nabc\t/bin/sleep\n 12\t/bin/sleep\n");
-  put("touched.json", "[]");
-  put("powermode-restore", "lowpowermode 1\n");
-  put("timemachine-restore");
-  put("hold");
-  EXPECT_EQ(run(), 0);
-
-  EXPECT_FALSE(ours.stopped());
-  EXPECT_TRUE(reused.stopped());  // its pid now belongs to another program
-  for (const char* f : {"resume-pids", "touched.json", "powermode-restore", "timemachine-restore", "hold"}) {
-    EXPECT_FALSE(has(f)) << f;
-  }
-  EXPECT_THAT(tools_.logLines(),
-              ElementsAre("ps -p " + std::to_string(ours.pid()) + " -o comm=",
-                          "ps -p " + std::to_string(reused.pid()) + " -o comm=",
-                          "sudo -n /usr/bin/pmset -b lowpowermode 1", "sudo -n /usr/bin/tmutil enable",
-                          "sudo -n /usr/bin/pmset -a disablesleep 0"));
-}
-
 TEST_F(MacWatchdogScriptTest, PowerModeRecordsOutsideTheAllowedValuesAreDroppedWithoutPmset) {
   removeApp();
   for (const char* bad : {"powermode 7", "lowpowermode 2", "powermode 1 extra", "", "powermode; rm -rf /"}) {
@@ -155,28 +172,6 @@ TEST_F(MacWatchdogScriptTest, PowerModeRecordsOutsideTheAllowedValuesAreDroppedW
   tools_.setSudoFails(true);
   run();
   EXPECT_TRUE(has("powermode-restore"));
-}
-
-TEST_F(MacWatchdogScriptTest, GoneForTenMinutesRemovesTheSetup) {
-  removeApp();
-  ::symlink(dir_.file("nowhere").c_str(), link_.c_str());
-  put("alive");
-  run();
-  EXPECT_EQ(readFile(file("gone")), std::to_string(kNow) + "\n");
-  EXPECT_THAT(tools_.logLines(), IsEmpty());
-
-  tools_.setNow(kNow + 599);
-  run();
-  EXPECT_TRUE(has("watchdog.sh"));
-  EXPECT_TRUE(fileExists(plist()));
-
-  tools_.setNow(kNow + 600);
-  EXPECT_EQ(run(), 0);
-  EXPECT_THAT(tools_.logLines(), ElementsAre("sudo -n /bin/rm -f /private/etc/sudoers.d/vigilo",
-                                             "sudo -n /bin/rm -f " + link_,
-                                             "id -u", "launchctl bootout gui/501/com.tarnwell.vigilo.watchdog"));
-  for (const char* f : {"watchdog.sh", "gone", "alive"}) EXPECT_FALSE(has(f)) << f;
-  EXPECT_FALSE(fileExists(plist()));
 }
 
 TEST_F(MacWatchdogScriptTest, AGoneTimeThatIsNoNumberCountsAsNowAndALiveLinkStays) {

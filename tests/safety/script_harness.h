@@ -14,7 +14,10 @@
 #include <sys/types.h>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "platform/command_runner.h"
+#include "safety/watchdog_script.h"
 #include "test_support.h"
 
 namespace vigilo::test {
@@ -151,5 +154,58 @@ inline void setModified(const std::string& path, long long when) {
   ::utime(path.c_str(), &times);
 }
 
+
+inline constexpr long long kScriptNow = 1'800'000'000;
+
+// Given the Mac's or Linux's watchdog script for a temporary home, run by
+// dash against stand-in tools: the absolute tool paths the Mac script uses
+// are pointed at the stand-ins, everything else is the script as written.
+class WatchdogScriptFixture : public ::testing::Test {
+ protected:
+  explicit WatchdogScriptFixture(bool mac) : mac_(mac), tools_(dir_.file("tools")) {
+    home_ = dir_.file("home");
+    exe_ = dir_.file(mac ? "Vigilo" : "vigilo");
+    if (mac) {
+      folder_ = home_ + "/Library/Application Support/Vigilo";
+      link_ = dir_.file("usr-local-bin-vigilo");
+      setupFiles_ = {home_ + "/Library/LaunchAgents/com.tarnwell.vigilo.watchdog.plist"};
+    } else {
+      folder_ = home_ + "/.local/share/vigilo";
+      units_ = home_ + "/.config/systemd/user";
+      link_ = home_ + "/.local/bin/vigilo";
+      setupFiles_ = {units_ + "/vigilo-watchdog.timer", units_ + "/vigilo-watchdog.service"};
+    }
+    for (const std::string& f : setupFiles_) std::filesystem::create_directories(std::filesystem::path(f).parent_path());
+    std::filesystem::create_directories(folder_);
+    std::filesystem::create_directories(std::filesystem::path(link_).parent_path());
+    writeFile(exe_, "#!/bin/sh\necho \"exe $*\" >>\"$FAKE_DIR/log\"\n");
+    ::chmod(exe_.c_str(), 0755);
+    for (const std::string& f : setupFiles_) writeFile(f, mac ? "<plist/>" : "");
+    std::string s = mac ? macWatchdogScript(home_, folder_, exe_) : linuxWatchdogScript(folder_, exe_, link_, units_);
+    for (auto [from, to] : std::vector<std::pair<std::string, std::string>>{
+             {"/usr/bin/sudo", tools_.bin() + "/sudo"},
+             {"/bin/launchctl", tools_.bin() + "/launchctl"},
+             {"/usr/bin/id", tools_.bin() + "/id"},
+             {"/usr/bin/shasum", tools_.bin() + "/shasum"},
+             {"/usr/local/bin/vigilo", link_}}) {
+      if (!mac) break;
+      for (auto at = s.find(from); at != std::string::npos; at = s.find(from, at + to.size())) s.replace(at, from.size(), to);
+    }
+    writeFile(script(), s);
+    tools_.setNow(kScriptNow);
+  }
+  std::string script() const { return folder_ + "/watchdog.sh"; }
+  std::string file(const std::string& name) const { return folder_ + "/" + name; }
+  bool has(const std::string& name) const { return fileExists(file(name)); }
+  void put(const std::string& name, const std::string& text = "") const { writeFile(file(name), text); }
+  int run() const { return tools_.runScript(script(), home_); }
+  void removeApp() const { std::filesystem::remove(exe_); }
+
+  bool mac_;
+  TempDir dir_;
+  FakeTools tools_;
+  std::string home_, folder_, units_, link_, exe_;
+  std::vector<std::string> setupFiles_;  // what the installer put outside the folder
+};
 
 }  // namespace vigilo::test

@@ -31,32 +31,18 @@ TEST(HotkeyModeTest, EachPressMovesToTheNextModeAndComesRound) {
   EXPECT_EQ(seen, (std::vector<std::string>{"auto", "always", "off", "auto"}));
 }
 
-// Given a private session bus, and the app on the simulated laptop there.
-class HotkeyTest : public SimAppTest {
+class HotkeyTest : public DesktopSessionTest {
  protected:
-  void SetUp() override {
-    if (::access("/usr/bin/dbus-daemon", X_OK) != 0) GTEST_SKIP() << "dbus-daemon is not installed (scripts/setup)";
-    bus_ = std::make_unique<PrivateBus>();
-  }
-  void TearDown() override {
-    stopApp();
-    endChild(portal_);
-  }
-
-  std::vector<std::string> env() const { return {"DBUS_SESSION_BUS_ADDRESS=" + bus_->address()}; }
   std::string mode() { return status().value("mode", std::string()); }
   int press(const char* shortcut) {
     return sd_bus_call_method(bus_->bus(), "org.freedesktop.portal.Desktop", "/org/freedesktop/portal/desktop",
                               "org.freedesktop.portal.GlobalShortcuts", "Press", nullptr, nullptr, "s", shortcut);
   }
-
-  std::unique_ptr<PrivateBus> bus_;
-  pid_t portal_ = -1;
 };
 
 TEST_F(HotkeyTest, PressesThroughThePortalCycleTheRunningAppsMode) {
   const int log = ::open(dir_.file("portal.txt").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  portal_ = spawn({"/usr/bin/python3", "-m", "dbusmock", "--session", "--template",
+  helper_ = spawn({"/usr/bin/python3", "-m", "dbusmock", "--session", "--template",
                    sourceDir(__FILE__) + "/global_shortcuts_portal.py"},
                   log, log, env());
   ::close(log);
@@ -84,7 +70,7 @@ TEST_F(HotkeyTest, PressesThroughThePortalCycleTheRunningAppsMode) {
   EXPECT_EQ(mode(), "off");
   EXPECT_EQ(status()["unavailable"].dump().find("hotkey"), std::string::npos) << status()["unavailable"].dump();
   // A portal that goes away takes the binding along, and the status says so.
-  endChild(portal_);
+  endChild(helper_);
   EXPECT_TRUE(waitFor([&] { return status()["unavailable"].dump().find("portal went away") != std::string::npos; }, 5s))
       << status().dump();
 }

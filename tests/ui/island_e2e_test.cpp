@@ -27,7 +27,7 @@ using json = nlohmann::json;
 
 // Given a private session bus with dbusmock's notification daemon, and the
 // app running on the simulated laptop there.
-class IslandTest : public SimAppTest {
+class IslandTest : public DesktopSessionTest {
  protected:
   void SetUp() override {
     if (::access("/usr/bin/dbus-daemon", X_OK) != 0) GTEST_SKIP() << "dbus-daemon is not installed (scripts/setup)";
@@ -35,10 +35,10 @@ class IslandTest : public SimAppTest {
     if (mock_->address.empty()) {
       GTEST_SKIP() << "dbusmock's notification_daemon didn't start: " << readFile(dir_.file("mock-err.txt"));
     }
-    bus_ = {"DBUS_SESSION_BUS_ADDRESS=" + mock_->address};
+    address_ = mock_->address;
   }
   void TearDown() override {
-    stopApp();
+    DesktopSessionTest::TearDown();
     mock_.reset();
   }
 
@@ -60,12 +60,11 @@ class IslandTest : public SimAppTest {
     return ok;
   }
 
-  std::vector<std::string> bus_;
   std::unique_ptr<NotifyMock> mock_;
 };
 
 TEST_F(IslandTest, RequestsAlertsAndChosenAnnouncementsReachTheNotificationDaemon) {
-  startApp(bus_);
+  startApp(env());
   ToolRun island = vigilo({"island", "Build done", "All 212 tests pass"});
   ASSERT_EQ(island.status, 0) << island.err;
   // An empty title is the product's name; a title too long to be meant is refused.
@@ -94,13 +93,13 @@ TEST_F(IslandTest, RequestsAlertsAndChosenAnnouncementsReachTheNotificationDaemo
 TEST_F(IslandTest, WithoutASessionBusIslandSaysWhyAndDoctorToo) {
   // Given the bus gone, taken along by the ended mock.
   mock_.reset();
-  startApp(bus_);
+  startApp(env());
   ToolRun island = vigilo({"island", "Hello"});
   EXPECT_EQ(island.status, 1);
   EXPECT_EQ(island.err,
             "vigilo: Couldn't show the announcement: No desktop session bus, so alerts can't show as desktop "
             "notifications.\n");
-  ToolRun doctor = vigilo({"doctor"}, bus_);
+  ToolRun doctor = vigilo({"doctor"}, env());
   EXPECT_NE(doctor.out.find("Not available: No desktop session bus, so alerts can't show as desktop notifications."),
             std::string::npos)
       << doctor.out;

@@ -54,18 +54,12 @@ std::optional<int> findLabel(sd_bus_message* m, const std::string& label) {
   return found;
 }
 
-// Given a private session bus with no tray host yet, and the app running on
-// the simulated laptop there.
-class TrayTest : public SimAppTest {
+// Given the desktop session with no tray host yet.
+class TrayTest : public DesktopSessionTest {
  protected:
   void SetUp() override {
-    if (::access("/usr/bin/dbus-daemon", X_OK) != 0) GTEST_SKIP() << "dbus-daemon is not installed (scripts/setup)";
     if (!pythonCan("import dbus, gi.repository.GLib")) GTEST_SKIP() << "python3-dbus is not installed (scripts/setup)";
-    bus_ = std::make_unique<PrivateBus>();
-  }
-  void TearDown() override {
-    stopApp();
-    endChild(watcher_);
+    DesktopSessionTest::SetUp();
   }
 
   // The tray host, under the process name `as` when given.
@@ -73,7 +67,7 @@ class TrayTest : public SimAppTest {
     const int log = ::open(dir_.file("watcher.txt").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     std::vector<std::string> argv{"/usr/bin/python3", sourceDir(__FILE__) + "/fake_watcher.py"};
     if (!as.empty()) argv.push_back(as);
-    watcher_ = spawn(argv, log, log, {"DBUS_SESSION_BUS_ADDRESS=" + bus_->address()});
+    helper_ = spawn(argv, log, log, {"DBUS_SESSION_BUS_ADDRESS=" + bus_->address()});
     ::close(log);
   }
   int registrations() {
@@ -174,9 +168,6 @@ class TrayTest : public SimAppTest {
     ASSERT_TRUE(picture.has_value()) << readFile(dir_.file("picture.txt"));
     EXPECT_GT(distinctColours(*picture), 8);
   }
-
-  std::unique_ptr<PrivateBus> bus_;
-  pid_t watcher_ = -1;
 };
 
 TEST_F(TrayTest, RegistersWhenTheHostAppearsFollowsTheStatusAndTakesClicks) {
@@ -210,7 +201,7 @@ TEST_F(TrayTest, RegistersWhenTheHostAppearsFollowsTheStatusAndTakesClicks) {
 
   // A host that recolours symbolic icons to its panel (GNOME Shell) takes
   // over: the item registers again and names the symbolic variant.
-  endChild(watcher_);
+  endChild(helper_);
   startWatcher("gnome-shell");
   ASSERT_TRUE(waitFor([&] { return registrations() == 2; }, 20s)) << readFile(dir_.file("watcher.txt"));
   EXPECT_TRUE(waitFor([&] { return iconName() == "vigilo-awake-always-symbolic"; }, 5s)) << iconName();

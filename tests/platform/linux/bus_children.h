@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "e2e/app_process.h"
+#include "e2e/sim_app.h"
 
 namespace vigilo::test {
 
@@ -123,6 +124,29 @@ class PrivateBus {
   int addressPipe_ = -1;
   std::string address_;
   Bus bus_;
+};
+
+// Given a private session bus (or a mock daemon's) and the
+// app on the simulated laptop there; the desktop helper a test starts (a
+// tray host, a portal) ends after the app.
+class DesktopSessionTest : public SimAppTest {
+ protected:
+  void SetUp() override {
+    if (::access("/usr/bin/dbus-daemon", X_OK) != 0) GTEST_SKIP() << "dbus-daemon is not installed (scripts/setup)";
+    if (address_.empty()) {
+      bus_ = std::make_unique<PrivateBus>();
+      address_ = bus_->address();
+    }
+  }
+  void TearDown() override {
+    stopApp();
+    endChild(helper_);
+  }
+  std::vector<std::string> env() const { return {"DBUS_SESSION_BUS_ADDRESS=" + address_}; }
+
+  std::string address_;  // set before SetUp to use a bus of the test's own
+  std::unique_ptr<PrivateBus> bus_;
+  pid_t helper_ = -1;
 };
 
 }  // namespace vigilo::test

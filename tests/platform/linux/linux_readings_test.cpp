@@ -8,12 +8,13 @@
 #include "engine/battery.h"
 #include "platform/linux/linux_fixture.h"
 #include "platform/linux/sysfs_text.h"
+#include "power/power_sensor.h"
 
 namespace vigilo::test {
 namespace {
 
-// What one fixture tree must give: the raw properties, then the engine's
-// reading of them.
+// What one fixture tree must give: the raw properties, the engine's reading
+// of them, and whether the power test can measure the battery's own draw.
 struct BatteryCase {
   std::string name;
   std::vector<std::pair<std::string, std::string>> supplies;  // name, "key=value,..."
@@ -21,6 +22,7 @@ struct BatteryCase {
   bool external, charging;
   BatteryReading reading;
   bool onPower;
+  bool measured;
 };
 
 BatteryReading reading(int percent, bool onAC, bool charging, double watts, std::optional<int> minutes) {
@@ -45,43 +47,46 @@ TEST_F(LinuxTreeTest, BatteryFromRealDriversFormats) {
         {"BAT0", pack + "Discharging,present=1,technology=Li-ion,energy_now=38450000,energy_full=50320000,"
                  "energy_full_design=57020000,power_now=8712000,voltage_now=11945000,voltage_min_design=11520000,"
                  "capacity=76"}},
-       3338, 4368, -729, 11945, 274, false, false, reading(76, false, false, 11945.0 * 729 / 1e6, 274), false},
+       3338, 4368, -729, 11945, 274, false, false, reading(76, false, false, 11945.0 * 729 / 1e6, 274), false, true},
       {"charge-based pack charging on the adapter",
        {{"ADP1", "type=Mains,online=1"},
         {"BAT1", pack + "Charging,present=1,charge_now=2890000,charge_full=3950000,current_now=1234000,"
                  "voltage_now=12900000,capacity=73"}},
-       2890, 3950, 1234, 12900, 51, true, true, reading(73, true, true, 0.0, std::nullopt), true},
+       2890, 3950, 1234, 12900, 51, true, true, reading(73, true, true, 0.0, std::nullopt), true, false},
       {"fuel gauge that signs its current, no adapter shown",
        {{"bq27541-0", pack + "Discharging,charge_now=1800000,charge_full=4000000,current_now=-1500000,"
                       "voltage_now=8000000"}},
-       1800, 4000, -1500, 8000, 72, false, false, reading(45, false, false, 12.0, 72), false},
+       1800, 4000, -1500, 8000, 72, false, false, reading(45, false, false, 12.0, 72), false, true},
       {"full on the adapter",
        {{"AC", "type=Mains,online=1"},
         {"BAT0", pack + "Full,energy_now=50000000,energy_full=50000000,power_now=0,voltage_now=12600000,"
                  "voltage_min_design=11100000"}},
-       4505, 4505, 0, 12600, 65535, true, false, reading(100, true, false, 0.0, std::nullopt), true},
+       4505, 4505, 0, 12600, 65535, true, false, reading(100, true, false, 0.0, std::nullopt), true, false},
       {"not charging at a charge threshold",
        {{"AC", "type=Mains,online=1"},
         {"BAT0", pack + "Not charging,energy_now=40000000,energy_full=50000000,power_now=0,voltage_now=12300000,"
                  "voltage_min_design=11520000"}},
-       3472, 4340, 0, 12300, 65535, true, false, reading(80, true, false, 0.0, std::nullopt), true},
+       3472, 4340, 0, 12300, 65535, true, false, reading(80, true, false, 0.0, std::nullopt), true, false},
       {"adapter too weak for the draw",
        {{"AC", "type=Mains,online=1"},
         {"BAT0", pack + "Discharging,energy_now=22000000,energy_full=44000000,power_now=5000000,"
                  "voltage_now=11000000,voltage_min_design=11000000"}},
        2000, 4000, -454, 11000, 264, true, false, reading(50, true, false, 11000.0 * 454 / 1e6, std::nullopt),
-       false},
+       false, true},
       {"USB-C charger through UCSI, no Mains supply",
        {{"ucsi-source-psy-USBC000:001", "type=USB,online=1,scope=Unknown"},
         {"BAT0", pack + "Charging,charge_now=1000000,charge_full=4000000,current_now=2000000,voltage_now=15000000"}},
-       1000, 4000, 2000, 15000, 90, true, true, reading(25, true, true, 0.0, std::nullopt), true},
+       1000, 4000, 2000, 15000, 90, true, true, reading(25, true, true, 0.0, std::nullopt), true, false},
       {"two packs discharging, a third bay empty",
        {{"BAT0", pack + "Discharging,energy_now=10000000,energy_full=20000000,power_now=3000000,"
                  "voltage_now=11000000,voltage_min_design=11000000"},
         {"BAT1", pack + "Discharging,energy_now=30000000,energy_full=60000000,power_now=6000000,"
                  "voltage_now=12000000,voltage_min_design=11000000"},
         {"BAT2", "type=Battery,present=0"}},
-       3637, 7273, -772, 11648, 282, false, false, reading(50, false, false, 11648.0 * 772 / 1e6, 282), false},
+       3637, 7273, -772, 11648, 282, false, false, reading(50, false, false, 11648.0 * 772 / 1e6, 282), false, true},
+      {"energy only, no power figure",
+       {{"BAT0", pack + "Discharging,energy_now=40000000,energy_full=50000000,voltage_now=12000000"}},
+       3334, 4167, 0, 12000, 65535, false, false, reading(80, false, false, 0.0, std::nullopt), false, false},
   };
   for (const BatteryCase& c : cases) {
     SCOPED_TRACE(c.name);
@@ -98,6 +103,11 @@ TEST_F(LinuxTreeTest, BatteryFromRealDriversFormats) {
     r->watts = c.reading.watts;
     EXPECT_EQ(*r, c.reading);
     EXPECT_EQ(r->onPower(), c.onPower);
+    auto sample = PowerSensor::sample(props, 0);
+    EXPECT_EQ(sample && sample->watts, c.measured);
+    if (c.measured && sample && sample->watts) {
+      EXPECT_NEAR(*sample->watts, c.reading.watts, 0.01);
+    }
   }
 }
 
