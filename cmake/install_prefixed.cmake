@@ -8,8 +8,8 @@ set(exe "${prefix}/${VIGILO_BINDIR}/vigilo")
 set(out "${VIGILO_GENERATED}/install")
 file(MAKE_DIRECTORY "${out}")
 
-# The desktop entry starts the installed executable, quoted as the desktop
-# entry specification wants when the path holds a blank.
+# The desktop entry starts the installed executable, quoted as desktop
+# entries need when the path holds a blank.
 file(READ "${VIGILO_SOURCE_DIR}/data/vigilo.desktop" entry)
 set(exec "${exe}")
 if(exe MATCHES " ")

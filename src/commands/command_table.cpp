@@ -438,18 +438,24 @@ std::string bashCompletion() {
   return s;
 }
 
+// A command's one-line summary: its own, else its last description in the
+// help's overview.
+static std::string summaryOf(const CommandDoc& c, const std::string& help) {
+  if (!c.summary.empty()) return c.summary;
+  std::string text;
+  for (const auto& [names, entry] : overview(help)) {
+    for (const auto& n : names) {
+      if (n == c.name) text = entry.description;
+    }
+  }
+  return text;
+}
+
 std::string zshCompletion(const std::string& help) {
   std::string s = "#compdef vigilo\n# zsh completion for vigilo, written by `vigilo completion zsh`.\n\n";
   s += "_vigilo() {\n  local -a commands\n  commands=(\n";
   for (const CommandDoc* c : offered()) {
-    std::string text = c->summary;
-    if (text.empty()) {
-      for (const auto& [names, entry] : overview(help)) {
-        for (const auto& n : names) {
-          if (n == c->name) text = entry.description;
-        }
-      }
-    }
+    std::string text = summaryOf(*c, help);
     if (text.empty()) text = c->usage;
     std::string escaped;
     for (char ch : text) {
@@ -506,14 +512,7 @@ std::string fishCompletion(const std::string& help) {
   s += "complete -c vigilo -f\n";
   s += "complete -c vigilo -n '__fish_use_subcommand' -l version -d 'the version'\n";
   for (const CommandDoc* c : offered()) {
-    std::string text = c->summary;
-    if (text.empty()) {
-      for (const auto& [ns, entry] : overview(help)) {
-        for (const auto& n : ns) {
-          if (n == c->name) text = entry.description;
-        }
-      }
-    }
+    const std::string text = summaryOf(*c, help);
     std::string escaped;
     for (char ch : text) escaped += ch == '\'' ? std::string("\\'") : std::string(1, ch);
     s += "complete -c vigilo -n '__fish_use_subcommand' -a " + c->name + " -d '" + escaped + "'\n";
