@@ -110,7 +110,9 @@ class PipedProcess {
   }
   // Its exit status, 128 + the signal after a death by signal, or -1 when it
   // did not end within `limit`.
+  // Once reaped, it answers at once with the same status.
   int wait(std::chrono::milliseconds limit) {
+    if (reaped_) return exitCode_;
     const auto deadline = Clock::now() + limit;
     int status = 0;
     while (::waitpid(pid_, &status, WNOHANG) != pid_) {
@@ -118,7 +120,8 @@ class PipedProcess {
       ::usleep(10000);
     }
     reaped_ = true;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
+    exitCode_ = WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
+    return exitCode_;
   }
 
  private:
@@ -153,6 +156,7 @@ class PipedProcess {
   int in_ = -1;
   int out_ = -1;
   bool reaped_ = false;
+  int exitCode_ = -1;
   std::string buffer_;
 };
 

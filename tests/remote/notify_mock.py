@@ -20,13 +20,12 @@ import sys
 import dbus
 import dbusmock
 
-daemon = None
-if len(sys.argv) > 1:
-    daemon = subprocess.Popen(['dbus-daemon', '--session', '--nofork', '--nopidfile', '--print-address=1',
-                               '--address=unix:path=' + sys.argv[1] + '/bus'], stdout=subprocess.PIPE)
-    os.environ['DBUS_SESSION_BUS_ADDRESS'] = daemon.stdout.readline().decode().strip()
-else:
-    dbusmock.DBusTestCase.start_session_bus()
+# The bus is our own child, so ending it is immediate (dbusmock's own bus
+# forks away, and stopping it polls for seconds).
+listen = ['--address=unix:path=' + sys.argv[1] + '/bus'] if len(sys.argv) > 1 else []
+daemon = subprocess.Popen(['dbus-daemon', '--session', '--nofork', '--nopidfile', '--print-address=1'] + listen,
+                          stdout=subprocess.PIPE)
+os.environ['DBUS_SESSION_BUS_ADDRESS'] = daemon.stdout.readline().decode().strip()
 mock, obj = dbusmock.DBusTestCase.spawn_server_template('notification_daemon', {}, stdout=subprocess.DEVNULL)
 manager = None
 if len(sys.argv) > 1:
@@ -52,8 +51,5 @@ finally:
         if m:
             m.terminate()
             m.wait()
-    if daemon:
-        daemon.terminate()
-        daemon.wait()
-    else:
-        dbusmock.DBusTestCase.stop_dbus(dbusmock.DBusTestCase.session_bus_pid)
+    daemon.terminate()
+    daemon.wait()
