@@ -28,7 +28,7 @@ using ordered_json = nlohmann::ordered_json;
 constexpr std::size_t kMaxSessionId = 64;
 // A hook's input is two levels deep; anything far deeper is not a hook's,
 // and the limit keeps a hostile input from costing stack or time.
-constexpr int kMaxDepth = 32;
+constexpr int kMaxEventDepth = 32;
 // An event file is a few hundred bytes.
 constexpr std::size_t kMaxEventFile = 64 * 1024;
 // The agent's message kept in an event file, well inside kMaxEventFile.
@@ -45,7 +45,7 @@ constexpr const char* kPostPayload = "{}";
 
 // The JSON object in `text`, or a discarded value.
 json parseObject(std::string_view text) {
-  if (!jsonNestingWithin(text, kMaxDepth)) return json(json::value_t::discarded);
+  if (!jsonNestingWithin(text, kMaxEventDepth)) return json(json::value_t::discarded);
   json j = json::parse(text.begin(), text.end(), nullptr, false);
   if (!j.is_object()) return json(json::value_t::discarded);
   return j;

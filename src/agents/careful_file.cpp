@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 
 // Settings files are small; a bigger one is not what we think it is.
 constexpr std::size_t kMaxBytes = 16 * 1024 * 1024;
-constexpr int kMaxDepth = 512;
+constexpr int kMaxFileDepth = 512;
 
 // The file `path` stands for: a symbolic link (a dotfiles manager's, say)
 // is followed so that the link itself survives the edit.
@@ -137,7 +137,7 @@ CarefulFile::WriteResult CarefulFile::remove() const {
 
 std::optional<nlohmann::ordered_json> parseJsonObject(std::string_view bytes) {
   if (bytes.find_first_not_of(" \t\r\n") == std::string_view::npos) return nlohmann::ordered_json::object();
-  if (!jsonNestingWithin(bytes, kMaxDepth)) return std::nullopt;
+  if (!jsonNestingWithin(bytes, kMaxFileDepth)) return std::nullopt;
   auto j = nlohmann::ordered_json::parse(bytes.begin(), bytes.end(), nullptr, false);
   if (j.is_discarded() || !j.is_object()) return std::nullopt;
   return j;

@@ -5,16 +5,13 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include "platform/files.h"
+
 namespace vigilo {
 namespace {
 
 // How many of the newest transcripts are looked at again between searches.
 constexpr std::size_t kRecentTranscripts = 8;
-
-std::string_view lastComponent(std::string_view path) {
-  const auto slash = path.rfind('/');
-  return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
 
 Time mtimeOf(const struct stat& st) {
   return static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) / 1e9;

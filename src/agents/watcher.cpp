@@ -7,14 +7,10 @@
 
 #include "agents/catalogue.h"
 #include "power/energy_sampler.h"
+#include "platform/files.h"
 
 namespace vigilo {
 namespace {
-
-std::string_view lastComponent(std::string_view path) {
-  const auto slash = path.rfind('/');
-  return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
 
 bool equalsIgnoreCase(std::string_view a, std::string_view b) {
   return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](unsigned char x, unsigned char y) {

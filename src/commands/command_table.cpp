@@ -167,12 +167,6 @@ std::string joined(const std::vector<std::string>& words, const std::string& by 
   return out;
 }
 
-std::vector<std::string> settingKeys() {
-  std::vector<std::string> keys;
-  for (const SettingSpec& s : SettingsSchema::all()) keys.push_back(s.key);
-  return keys;
-}
-
 bool takesValue(const std::string& flag) {
   for (const FlagDoc& f : flagTable()) {
     if (f.flag == flag) return !f.value.empty();
@@ -422,7 +416,7 @@ std::string bashCompletion() {
       switch (w.kind) {
         case WordKind::None: continue;
         case WordKind::Fixed: action = "COMPREPLY=($(compgen -W \"" + joined(w.choices) + "\" -- \"$cur\"))"; break;
-        case WordKind::Setting: action = "COMPREPLY=($(compgen -W \"" + joined(settingKeys()) + "\" -- \"$cur\"))"; break;
+        case WordKind::Setting: action = "COMPREPLY=($(compgen -W \"" + joined(SettingsSchema::keys()) + "\" -- \"$cur\"))"; break;
         case WordKind::Command: action = "COMPREPLY=($(compgen -W \"" + names + "\" -- \"$cur\"))"; break;
         case WordKind::File:
           action = "compopt -o filenames 2>/dev/null; COMPREPLY=($(compgen -f -- \"$cur\"))";
@@ -492,7 +486,7 @@ std::string zshCompletion(const std::string& help) {
       switch (w.kind) {
         case WordKind::None: continue;
         case WordKind::Fixed: what = "compadd -- " + joined(w.choices); break;
-        case WordKind::Setting: what = "compadd -- " + joined(settingKeys()); break;
+        case WordKind::Setting: what = "compadd -- " + joined(SettingsSchema::keys()); break;
         case WordKind::Command: what = "_describe -t commands 'vigilo command' commands"; break;
         case WordKind::File: what = "_files"; break;
         case WordKind::Program: what = "compadd -- --"; break;
@@ -529,7 +523,7 @@ std::string fishCompletion(const std::string& help) {
           s += "complete -c vigilo -n " + when + " -a '" + joined(w.choices) + "'\n";
           break;
         case WordKind::Setting:
-          s += "complete -c vigilo -n " + when + " -a '" + joined(settingKeys()) + "'\n";
+          s += "complete -c vigilo -n " + when + " -a '" + joined(SettingsSchema::keys()) + "'\n";
           break;
         case WordKind::Command:
           s += "complete -c vigilo -n " + when + " -a '" + names + "'\n";

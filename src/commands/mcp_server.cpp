@@ -34,17 +34,16 @@ namespace {
 
 constexpr double kTimeout = 8;
 
-// What a tool does with its arguments before they go to the app.
-enum class Handling {
-  PassThrough,  // sends `request` with the arguments unchanged
-  KeepAwake,    // binds the hold to the session
-  Release,      // ends only the session's own holds
-  SetupPrompt,  // answers locally
-};
-
 }  // namespace
 
 struct McpTool {
+  // What a tool does with its arguments before they go to the app.
+  enum class Handling {
+    PassThrough,  // sends `request` with the arguments unchanged
+    KeepAwake,    // binds the hold to the session
+    Release,      // ends only the session's own holds
+    SetupPrompt,  // answers locally
+  };
   std::string name;
   std::string description;
   nlohmann::json inputSchema;
@@ -55,6 +54,7 @@ struct McpTool {
 
 namespace {
 
+using Handling = McpTool::Handling;
 using json = nlohmann::json;
 using Tool = McpTool;
 
@@ -68,7 +68,7 @@ constexpr int kInternalError = -32603;
 
 // Deeper input is refused: the JSON library walks values recursively when it
 // copies or writes them, and no message of this protocol nests this deep.
-constexpr int kMaxDepth = 64;
+constexpr int kMaxMcpDepth = 64;
 
 constexpr double kPowerTimeout = 10;
 constexpr double kMeasureTimeout = 20;
@@ -92,12 +92,6 @@ json schema(const std::vector<Property>& properties) {
     if (p.required) required.push_back(p.name);
   }
   return {{"type", "object"}, {"properties", std::move(props)}, {"required", std::move(required)}};
-}
-
-std::vector<std::string> settingKeys() {
-  std::vector<std::string> keys;
-  for (const SettingSpec& s : SettingsSchema::all()) keys.push_back(s.key);
-  return keys;
 }
 
 // The tool table, naming the machine in its own words (the Mac's give the
@@ -175,7 +169,7 @@ std::vector<Tool> makeTools(const MachineWords& w) {
                "Change one setting (see vigilo_settings for all keys and what they do). Safety settings can only be "
                "made stricter from here: battery_floor can only go up and heat_guard can only be turned on. Ask the "
                "person before turning lock_on_close on (it brings back the lock screen).",
-               schema({{"key", "string", "Setting key", req, settingKeys()},
+               schema({{"key", "string", "Setting key", req, SettingsSchema::keys()},
                        {"value", "string", "New value, e.g. '20', 'on', 'off', 'max_battery'", req}}),
                "set"});
   // Only what this machine can cut is offered.
@@ -367,7 +361,7 @@ std::optional<std::string> McpServer::handleLine(std::string_view line) {
     const json message = json::parse(
         line.begin(), line.end(),
         [&tooDeep](int depth, json::parse_event_t, json&) {
-          if (depth <= kMaxDepth) return true;
+          if (depth <= kMaxMcpDepth) return true;
           tooDeep = true;
           return false;
         },
@@ -390,7 +384,7 @@ std::optional<std::string> McpServer::handleLine(std::string_view line) {
     if (id->is_number_float()) rawId = rawNumberId(line);
     if (tooDeep) {
       return lineOf(error(*id, kInvalidRequest, "Invalid Request",
-                           "the message nests deeper than " + std::to_string(kMaxDepth) + " levels"), rawId);
+                           "the message nests deeper than " + std::to_string(kMaxMcpDepth) + " levels"), rawId);
     }
     auto method = message.find("method");
     if (method == message.end() || !method->is_string()) {

@@ -412,6 +412,12 @@ const SettingSpec* SettingsSchema::spec(std::string_view key) {
   return nullptr;
 }
 
+std::vector<std::string> SettingsSchema::keys() {
+  std::vector<std::string> out;
+  for (const SettingSpec& s : all()) out.push_back(s.key);
+  return out;
+}
+
 std::string SettingsSchema::keyList() {
   std::string out;
   for (const SettingSpec& s : all()) {

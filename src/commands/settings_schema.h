@@ -38,6 +38,8 @@ class SettingsSchema {
   static const std::vector<SettingSpec>& all();
   // The entry for `key` after lower-casing it and turning "-" into "_".
   static const SettingSpec* spec(std::string_view key);
+  // Every key, in order.
+  static std::vector<std::string> keys();
   // Every key, joined with ", ".
   static std::string keyList();
 

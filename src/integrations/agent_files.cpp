@@ -8,6 +8,7 @@
 
 #include "agents/careful_file.h"
 #include "platform/platform.h"
+#include "platform/files.h"
 
 namespace vigilo {
 namespace {
@@ -15,11 +16,6 @@ namespace {
 std::string env(const char* name) {
   const char* v = std::getenv(name);
   return v != nullptr ? v : "";
-}
-
-bool isFolder(const std::string& path) {
-  std::error_code ec;
-  return std::filesystem::is_directory(path, ec);
 }
 
 }  // namespace

@@ -31,7 +31,7 @@ bool isRunnableFile(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(path.c_str(), X_OK) == 0;
 }
 
-bool exists(const std::string& path) {
+bool reachable(const std::string& path) {
   std::error_code ec;
   return std::filesystem::exists(path, ec);
 }
@@ -215,23 +215,23 @@ std::optional<std::string> AIConnect::claudeCodeBinary() const {
 }
 
 bool AIConnect::claudeCodeInstalled() const {
-  return claudeCodeBinary().has_value() || exists(places_.home + "/.claude") || exists(places_.claudeJson());
+  return claudeCodeBinary().has_value() || reachable(places_.home + "/.claude") || reachable(places_.claudeJson());
 }
 bool AIConnect::claudeCodeConnected() const { return hasServer(places_.claudeJson()); }
 bool AIConnect::codexInstalled() const {
   return onPath(places_.searchPath, "codex").has_value() ||
-         exists(std::filesystem::path(places_.codexConfig()).parent_path().string());
+         reachable(std::filesystem::path(places_.codexConfig()).parent_path().string());
 }
 bool AIConnect::codexConnected() const {
   auto text = readWholeFile(places_.codexConfig());
   return text && (!codexVigiloRanges(*text).empty() || codexInlineVigilo(*text));
 }
 bool AIConnect::geminiInstalled() const {
-  return onPath(places_.searchPath, "gemini").has_value() || exists(places_.home + "/.gemini");
+  return onPath(places_.searchPath, "gemini").has_value() || reachable(places_.home + "/.gemini");
 }
 bool AIConnect::geminiConnected() const { return hasServer(places_.geminiSettings()); }
 bool AIConnect::claudeAppInstalled() const {
-  return exists(std::filesystem::path(places_.claudeAppConfig()).parent_path().string());
+  return reachable(std::filesystem::path(places_.claudeAppConfig()).parent_path().string());
 }
 bool AIConnect::claudeAppConnected() const { return hasServer(places_.claudeAppConfig()); }
 
@@ -366,7 +366,7 @@ std::string AIConnect::connectGemini(const ServerCommand& server, const std::str
       },
       &ok, {},
       // Connecting again keeps the copy from before Vigilo's first change.
-      [&](const ordered_json& now) { return hasGeminiVigilo(now) && exists(path + ".vigilo-backup"); });
+      [&](const ordered_json& now) { return hasGeminiVigilo(now) && reachable(path + ".vigilo-backup"); });
   if (!ok) return message;
   message += hooksOutcome(std::nullopt);
   if (hooksOff) {

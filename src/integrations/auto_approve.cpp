@@ -71,11 +71,6 @@ bool claudeIsOn(const ordered_json& settings) {
 
 std::string parentOf(const std::string& path) { return std::filesystem::path(path).parent_path().string(); }
 
-bool isFolder(const std::string& path) {
-  std::error_code ec;
-  return std::filesystem::is_directory(path, ec);
-}
-
 // Where the content of `path` lives, so that the watchdog's move over it
 // keeps a link the person made.
 std::string resolved(const std::string& path) {

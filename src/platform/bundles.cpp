@@ -11,11 +11,6 @@ constexpr std::size_t kInfoPlistLimit = 1024 * 1024;
 
 bool startsWith(std::string_view s, std::string_view prefix) { return s.substr(0, prefix.size()) == prefix; }
 
-std::string_view lastComponent(std::string_view path) {
-  const auto slash = path.rfind('/');
-  return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
-
 // The text of the <string> element that follows <key>name</key>, with the
 // five XML entities decoded.
 std::optional<std::string> plistString(std::string_view xml, std::string_view key) {

@@ -47,4 +47,11 @@ std::optional<std::string> readWholeFile(const std::string& path, std::size_t li
 // first match on PATH. Nothing when it cannot be found or run.
 std::optional<std::string> findExecutable(const std::string& name);
 
+// What follows the last "/" of `path` (all of it when there is none).
+std::string_view lastComponent(std::string_view path);
+// Whether `path` is a folder or a link to one; false when it can't be read.
+bool isFolder(const std::string& path);
+// Whether `path` names an entry, a link to nothing included.
+bool entryExists(const std::string& path);
+
 }  // namespace vigilo

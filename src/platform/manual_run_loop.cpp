@@ -5,27 +5,8 @@
 #include <utility>
 
 namespace vigilo {
-namespace {
-
-// Same floor as the real loop, so that `every(0, ...)` cannot make `advance`
-// fire forever.
-constexpr double kMinInterval = 0.001;
-
-// The real loop's rule: beats stay on the grid of the first deadline, and
-// beats already missed are skipped rather than fired as a burst.
-double nextBeat(double due, double interval, double now) {
-  double next = due + interval;
-  if (next <= now) {
-    next = due + (std::floor((now - due) / interval) + 1.0) * interval;
-    if (next <= now) next += interval;
-  }
-  return next;
-}
-
-}  // namespace
-
 TimerId ManualRunLoop::every(double interval, double /*tolerance*/, std::function<void()> fn) {
-  if (!(interval >= kMinInterval)) interval = kMinInterval;
+  if (!(interval >= kMinTimerInterval)) interval = kMinTimerInterval;
   const TimerId id = next_++;
   timers_.emplace(id, Timer{clock_.monotonic() + interval, interval, std::move(fn)});
   return id;

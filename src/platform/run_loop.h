@@ -12,6 +12,18 @@ namespace vigilo {
 using TimerId = std::uint64_t;
 using WatchId = std::uint64_t;
 
+// A repeating timer shorter than this would keep a loop busy (and `every(0,
+// ...)` would make a manual loop fire forever); shorter requests are
+// lengthened to it.
+inline constexpr double kMinTimerInterval = 0.001;
+
+// The next beat of a repeating timer that was due at `due` and fires at
+// `now`. Beats stay on the grid of the first deadline so they do not drift;
+// when the loop fell more than a whole interval behind (the machine slept,
+// the process was stopped) the missed beats are skipped, not fired as a
+// burst.
+double nextBeat(double due, double interval, double now);
+
 // The main thread's run loop. Everything Vigilo's engine does happens in a
 // callback of this loop, one at a time, so engine state needs no locks.
 // Every method but `post` and `stop` must be called on the loop's thread.

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace vigilo {
 
@@ -25,6 +26,16 @@ std::string cutUtf8(std::string_view text, std::size_t maxBytes);
 // a name can neither move the cursor nor pose as other text. A backslash
 // stays as it is.
 std::string terminalSafe(std::string_view text);
+
+// Spaces, tabs and line ends: what `trimmed` cuts and words are split at.
+inline constexpr std::string_view kBlanks = " \t\r\n";
+
+// `s` without blanks at either end.
+std::string_view trimmed(std::string_view s);
+
+// The lines of `text` without their "\n"; a last line without one counts,
+// an empty text has none.
+std::vector<std::string_view> linesOf(std::string_view text);
 
 // Whether the brackets of JSON `text` nest at most `limit` deep (those in
 // strings not counted). The JSON library recurses when it prints or compares

@@ -3,17 +3,14 @@
 #include <algorithm>
 #include <map>
 
+#include "platform/files.h"
+
 namespace vigilo {
 namespace {
 
 // Distinct executables seen; past this the caches start over rather than
 // grow without end on a machine that runs ever new binaries.
 constexpr std::size_t kMetaLimit = 20000;
-
-std::string_view lastComponent(std::string_view path) {
-  const auto slash = path.rfind('/');
-  return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
 
 }  // namespace
 

@@ -15,7 +15,7 @@ using json = nlohmann::json;
 constexpr std::size_t kLearnedFileLimit = 64 * 1024;
 constexpr double kLargestDraw = 1000.0;
 
-std::optional<double> numberIn(const json& j, const char* key, double above, double below) {
+std::optional<double> numberBetween(const json& j, const char* key, double above, double below) {
   auto it = j.find(key);
   if (it == j.end() || !it->is_number()) return std::nullopt;
   const double v = it->get<double>();
@@ -33,9 +33,9 @@ LearnedPower LearnedStore::load() const {
   if (!text) return out;
   const json j = json::parse(*text, nullptr, /*allow_exceptions=*/false);
   if (!j.is_object()) return out;
-  out.openDraw = numberIn(j, "openDraw", 0.0, kLargestDraw);
-  out.closedDraw = numberIn(j, "closedDraw", 0.0, kLargestDraw);
-  out.fullWh = numberIn(j, "fullWh", 20.0, 140.0);
+  out.openDraw = numberBetween(j, "openDraw", 0.0, kLargestDraw);
+  out.closedDraw = numberBetween(j, "closedDraw", 0.0, kLargestDraw);
+  out.fullWh = numberBetween(j, "fullWh", 20.0, 140.0);
   return out;
 }
 

@@ -19,7 +19,7 @@ constexpr double kPublishTimeout = 15;
 constexpr long kSilentLimit = 120;
 constexpr double kMaxBackoff = 60;
 constexpr std::size_t kMaxLine = 256 * 1024;
-constexpr double kSleptGap = 20;
+constexpr double kRelaySleptGap = 20;
 
 void initCurlOnce() {
   static std::once_flag once;
@@ -125,7 +125,7 @@ int onProgress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
   // means the machine slept: its connection is likely dead without knowing
   // it, and a check-in lasts seconds, so read afresh at once.
   const double now = wallSeconds();
-  const bool slept = s->lastProgress > 0 && now - s->lastProgress > kSleptGap;
+  const bool slept = s->lastProgress > 0 && now - s->lastProgress > kRelaySleptGap;
   s->lastProgress = now;
   if (slept) s->woke = true;
   return slept ? 1 : 0;

@@ -18,7 +18,7 @@ namespace {
 using json = nlohmann::json;
 
 // Two beats are 10 s apart; much more means the machine slept between them.
-constexpr double kSleptGap = 40;
+constexpr double kWakeSleptGap = 40;
 constexpr double kReachedWithin = 60;
 constexpr const char* kBadTime = "time: HH:MM (24-hour), off, or Unix seconds";
 constexpr const char* kNeedsSetup =
@@ -109,7 +109,7 @@ void ScheduledWakes::endCheckIn(Engine& engine) {
 
 void ScheduledWakes::checkScheduledWake(Engine& engine) {
   const Time now = engine.now();
-  const bool woke = lastBeat_ && now - *lastBeat_ > kSleptGap;
+  const bool woke = lastBeat_ && now - *lastBeat_ > kWakeSleptGap;
   lastBeat_ = now;
   const Config& c = engine.config();
 

@@ -10,11 +10,6 @@ namespace vigilo {
 namespace fs = std::filesystem;
 namespace {
 
-bool exists(const std::string& path) {
-  std::error_code ec;
-  return fs::exists(fs::symlink_status(path, ec));
-}
-
 // One word of a unit file's command line: quoted, with systemd's "%"
 // specifiers and the C escapes it reads kept literal.
 std::string unitWord(const std::string& text) {
@@ -109,7 +104,7 @@ std::string LinuxSetup::polkitRulePath() const {
   return rulesFolder + "/49-vigilo-" + std::to_string(c_.uid) + ".rules";
 }
 
-bool LinuxSetup::polkitRuleInstalled() const { return exists(polkitRulePath()); }
+bool LinuxSetup::polkitRuleInstalled() const { return entryExists(polkitRulePath()); }
 
 Result LinuxSetup::installPolkitRule(std::vector<std::string>& said) {
   const char* tmp = std::getenv("TMPDIR");
@@ -184,7 +179,7 @@ Result LinuxSetup::installWatchdog() {
   return Result::ok();
 }
 
-bool LinuxSetup::watchdogInstalled() const { return exists(unitFolder() + "/" + kWatchdogUnit + ".timer"); }
+bool LinuxSetup::watchdogInstalled() const { return entryExists(unitFolder() + "/" + kWatchdogUnit + ".timer"); }
 
 bool LinuxSetup::watchdogIsThisFolders() const {
   if (!watchdogInstalled()) return false;
@@ -225,7 +220,7 @@ Result LinuxSetup::install(std::vector<std::string>& said) {
 Result LinuxSetup::uninstall(std::vector<std::string>& said) {
   const std::string base = unitFolder() + "/" + kWatchdogUnit;
   std::error_code ec;
-  if (watchdogInstalled() || exists(base + ".service")) {
+  if (watchdogInstalled() || entryExists(base + ".service")) {
     run(systemctl({"disable", "--now", std::string(kWatchdogUnit) + ".timer"}));
     fs::remove(base + ".timer", ec);
     fs::remove(base + ".service", ec);
@@ -244,7 +239,7 @@ Result LinuxSetup::uninstall(std::vector<std::string>& said) {
 std::vector<std::string> LinuxSetup::doctorLines() {
   std::vector<std::string> out;
   const bool loaded = watchdogLoaded();
-  if (loaded && watchdogIsThisFolders() && exists(scriptPath())) {
+  if (loaded && watchdogIsThisFolders() && entryExists(scriptPath())) {
     out.push_back("Watchdog: running every 60 seconds (" + std::string(kWatchdogUnit) + ".timer)");
   } else if (loaded && !watchdogIsThisFolders()) {
     out.push_back("Watchdog: running for another Vigilo folder (run: vigilo setup)");

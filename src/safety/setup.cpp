@@ -17,11 +17,6 @@ namespace {
 
 constexpr const char* kFixByHand = "open Vigilo › Settings › General › Set Up";
 
-bool exists(const std::string& path) {
-  std::error_code ec;
-  return fs::exists(fs::symlink_status(path, ec));
-}
-
 // AppleScript string literal contents: backslashes and quotes escaped.
 std::string appleScriptString(const std::string& text) {
   std::string out;
@@ -57,9 +52,9 @@ Result Setup::refreshWatchdogScript() {
   return writeFileDurably(scriptPath(), watchdogScript(), 0755);
 }
 
-bool Setup::watchdogReady() { return watchdogLoaded() && exists(scriptPath()); }
+bool Setup::watchdogReady() { return watchdogLoaded() && entryExists(scriptPath()); }
 
-bool Setup::cliInstalled() const { return exists(cliLinkPath()); }
+bool Setup::cliInstalled() const { return entryExists(cliLinkPath()); }
 
 // ------------------------------------------------------------------ macOS
 
@@ -207,7 +202,7 @@ Result MacSetup::installWatchdog() {
   return Result::ok();
 }
 
-bool MacSetup::watchdogInstalled() const { return exists(propertyListPath()); }
+bool MacSetup::watchdogInstalled() const { return entryExists(propertyListPath()); }
 
 bool MacSetup::watchdogLoaded() {
   return run({"/bin/launchctl", "print", "gui/" + std::to_string(c_.uid) + "/" + kWatchdogLabel}).ok();
@@ -237,7 +232,7 @@ Result MacSetup::uninstall(std::vector<std::string>& said) {
 
 std::vector<std::string> MacSetup::doctorLines() {
   const bool loaded = watchdogLoaded();
-  if (loaded && exists(scriptPath())) return {"Watchdog: running every 60 seconds"};
+  if (loaded && entryExists(scriptPath())) return {"Watchdog: running every 60 seconds"};
   if (loaded) return {"Watchdog: loaded but its script is missing (" + std::string(kFixByHand) + ")"};
   if (watchdogInstalled()) return {"Watchdog: installed but not loaded (" + std::string(kFixByHand) + ")"};
   return {"Watchdog: missing (open Vigilo to set it up)"};

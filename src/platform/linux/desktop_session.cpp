@@ -13,7 +13,7 @@ namespace {
 
 // A session that doesn't answer within this is not worth waiting for at
 // start: the app runs without it and says what is missing.
-constexpr std::uint64_t kCallTimeoutMicros = 500'000;
+constexpr std::uint64_t kSessionCallTimeoutMicros = 500'000;
 
 constexpr const char* kWanted[] = {"DISPLAY", "WAYLAND_DISPLAY", "XAUTHORITY"};
 
@@ -47,7 +47,7 @@ Message getProperty(sd_bus* bus, const char* service, const char* path, const ch
 // which GNOME, KDE and most sessions run at login).
 std::map<std::string, std::string> managerEnvironment(const std::string& busAddress) {
   std::map<std::string, std::string> found;
-  Bus bus = connectSessionBus(busAddress, kCallTimeoutMicros);
+  Bus bus = connectSessionBus(busAddress, kSessionCallTimeoutMicros);
   if (!bus) return found;
   Message reply = getProperty(bus.get(), "org.freedesktop.systemd1", "/org/freedesktop/systemd1",
                               "org.freedesktop.systemd1.Manager", "Environment", "as");
@@ -62,11 +62,11 @@ std::map<std::string, std::string> managerEnvironment(const std::string& busAddr
 }
 
 Bus connectSystemBus(const std::string& address) {
-  if (!address.empty()) return connectSessionBus(address, kCallTimeoutMicros);
+  if (!address.empty()) return connectSessionBus(address, kSessionCallTimeoutMicros);
   sd_bus* raw = nullptr;
   if (sd_bus_open_system(&raw) < 0) return nullptr;
   Bus bus(raw);
-  if (sd_bus_set_method_call_timeout(raw, kCallTimeoutMicros) < 0) return nullptr;
+  if (sd_bus_set_method_call_timeout(raw, kSessionCallTimeoutMicros) < 0) return nullptr;
   return bus;
 }
 

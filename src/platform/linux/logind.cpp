@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "platform/linux/session_bus.h"
 #include "platform/result.h"
 
 namespace vigilo {
@@ -23,7 +24,7 @@ constexpr const char* kSession = "org.freedesktop.login1.Session";
 
 // logind answers in milliseconds; polkit may take a moment. The main thread
 // never waits longer than this for one call.
-constexpr std::uint64_t kCallTimeoutMicros = 5'000'000;
+constexpr std::uint64_t kLogindCallTimeoutMicros = 5'000'000;
 
 // Frees an sd_bus_error on every path out.
 class BusError {
@@ -37,11 +38,6 @@ class BusError {
  private:
   sd_bus_error error_ = SD_BUS_ERROR_NULL;
 };
-
-struct MessageUnref {
-  void operator()(sd_bus_message* m) const { sd_bus_message_unref(m); }
-};
-using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
 
 BusFailure classify(int r, const sd_bus_error* e) {
   if (e != nullptr && sd_bus_error_is_set(e)) {
@@ -123,7 +119,7 @@ sd_bus* Logind::connection(BusFailure& failure, std::string& message) {
   retryAt_ = 0;
   retryDelay_ = 0;
   bus_.reset(raw);
-  sd_bus_set_method_call_timeout(raw, kCallTimeoutMicros);
+  sd_bus_set_method_call_timeout(raw, kLogindCallTimeoutMicros);
   // Never wait for a password: a refusal is an answer.
   sd_bus_set_allow_interactive_authorization(raw, 0);
   if (sleepHandler_) subscribe();

@@ -30,28 +30,11 @@
 namespace vigilo {
 namespace {
 
-// A repeating timer shorter than this would keep the loop busy; shorter
-// requests are lengthened to it.
-constexpr double kMinInterval = 0.001;
 // The longest single wait in poll(2). poll's timeout runs on CLOCK_MONOTONIC,
 // which stands still while the machine is suspended; if the injected clock
 // counts suspended time, a wait cut short now and then notices the jump
 // after a resume instead of sleeping out the whole old timeout.
 constexpr double kMaxWaitSeconds = 10.0;
-
-// The next beat of a repeating timer that was due at `due` and fires at
-// `now`. Beats stay on the grid of the first deadline so they do not drift;
-// when the loop fell more than a whole interval behind (the machine slept,
-// the process was stopped) the missed beats are skipped, not fired as a
-// burst.
-double nextBeat(double due, double interval, double now) {
-  double next = due + interval;
-  if (next <= now) {
-    next = due + (std::floor((now - due) / interval) + 1.0) * interval;
-    if (next <= now) next += interval;  // rounding at the boundary
-  }
-  return next;
-}
 
 // Splits a watched path into the folder inotify watches and the name whose
 // events count.
@@ -152,7 +135,7 @@ TimerId PollRunLoop::addTimer(double delay, double interval, double tolerance, s
 // Each deadline of its own would cost a wake-up of poll: the app's tick and
 // the platform's polls share one by firing within their tolerance.
 TimerId PollRunLoop::every(double interval, double tolerance, std::function<void()> fn) {
-  if (!(interval >= kMinInterval)) interval = kMinInterval;  // also catches NaN
+  if (!(interval >= kMinTimerInterval)) interval = kMinTimerInterval;  // also catches NaN
   if (!(tolerance > 0)) tolerance = 0;
   return addTimer(interval, interval, std::min(tolerance, interval), std::move(fn));
 }

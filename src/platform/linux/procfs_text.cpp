@@ -3,10 +3,10 @@
 #include <charconv>
 #include <limits>
 
+#include "platform/text.h"
+
 namespace vigilo {
 namespace {
-
-constexpr std::string_view kBlanks = " \t\r\n";
 
 // Splits `text` at runs of blanks.
 std::vector<std::string_view> fields(std::string_view text) {

@@ -34,7 +34,7 @@ constexpr const char* kItemPath = "/StatusNotifierItem";
 constexpr const char* kItemInterface = "org.kde.StatusNotifierItem";
 constexpr const char* kWatcher = "org.kde.StatusNotifierWatcher";
 constexpr const char* kWatcherPath = "/StatusNotifierWatcher";
-constexpr std::uint64_t kCallTimeoutMicros = 2'000'000;
+constexpr std::uint64_t kTrayCallTimeoutMicros = 2'000'000;
 // A lost session bus is tried again this often.
 constexpr double kReconnectSeconds = 30.0;
 
@@ -140,7 +140,7 @@ class SessionTray final : public Tray {
       return;
     }
     bus_.reset(raw);
-    sd_bus_set_method_call_timeout(raw, kCallTimeoutMicros);
+    sd_bus_set_method_call_timeout(raw, kTrayCallTimeoutMicros);
     name_ = "org.kde.StatusNotifierItem-" + std::to_string(::getpid()) + "-1";
     sd_bus_slot* slot = nullptr;
     if (sd_bus_add_object_vtable(raw, &slot, kItemPath, kItemInterface, itemVtable(), this) < 0) {
@@ -281,7 +281,7 @@ class SessionTray final : public Tray {
     Message call(raw);
     if (sd_bus_message_append(call.get(), "s", name_.c_str()) < 0) return;
     sd_bus_slot* slot = nullptr;
-    if (sd_bus_call_async(bus_.get(), &slot, call.get(), &SessionTray::onRegistered, this, kCallTimeoutMicros) < 0) {
+    if (sd_bus_call_async(bus_.get(), &slot, call.get(), &SessionTray::onRegistered, this, kTrayCallTimeoutMicros) < 0) {
       return;
     }
     registerSlot_.reset(slot);
@@ -316,7 +316,7 @@ class SessionTray final : public Tray {
     Message call(raw);
     sd_bus_slot* slot = nullptr;
     if (sd_bus_message_append(call.get(), "s", kWatcher) >= 0 &&
-        sd_bus_call_async(bus_.get(), &slot, call.get(), &SessionTray::onHost, this, kCallTimeoutMicros) >= 0) {
+        sd_bus_call_async(bus_.get(), &slot, call.get(), &SessionTray::onHost, this, kTrayCallTimeoutMicros) >= 0) {
       hostSlot_.reset(slot);
     }
   }

@@ -5,17 +5,10 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "platform/text.h"
+
 namespace vigilo {
 namespace {
-
-constexpr std::string_view kBlanks = " \t\r\n";
-
-std::string_view trimmed(std::string_view s) {
-  const auto first = s.find_first_not_of(kBlanks);
-  if (first == std::string_view::npos) return {};
-  const auto last = s.find_last_not_of(kBlanks);
-  return s.substr(first, last - first + 1);
-}
 
 const std::string* attribute(const PowerSupplyText& s, std::string_view name) {
   auto it = s.attributes.find(name);

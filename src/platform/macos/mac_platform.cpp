@@ -36,7 +36,7 @@ namespace {
 // thermal state and a gap in time that only sleep explains.
 constexpr double kPollSeconds = 5.0;
 // A poll this much later than due means the Mac slept in between.
-constexpr double kSleptGap = 30.0;
+constexpr double kMacSleptGap = 30.0;
 // How long an answer of sudo about the rule is trusted.
 constexpr double kSetupProbeSeconds = 10.0;
 
@@ -326,7 +326,7 @@ class MacEvents final : public SystemEvents {
     const double gap = std::max(wall - lastWall_, mono - lastMono_);
     lastWall_ = wall;
     lastMono_ = mono;
-    if (!nativeSleep_ && gap > kPollSeconds + kSleptGap) emit(SystemEvent::DidWake);
+    if (!nativeSleep_ && gap > kPollSeconds + kMacSleptGap) emit(SystemEvent::DidWake);
     if (auto now = adapter(); now != external_) {
       external_ = now;
       emit(SystemEvent::PowerSourceChanged);

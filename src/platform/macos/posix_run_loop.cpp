@@ -25,7 +25,6 @@
 namespace vigilo {
 namespace {
 
-constexpr double kMinInterval = 0.001;
 // poll's timeout stands still while the Mac sleeps; waits are cut short so
 // that a clock that counts sleep is noticed soon after a wake.
 constexpr double kMaxWaitSeconds = 10.0;
@@ -94,15 +93,6 @@ Stamp stampOf(const std::string& path) {
   return s;
 }
 
-double nextBeat(double due, double interval, double now) {
-  double next = due + interval;
-  if (next <= now) {
-    next = due + (std::floor((now - due) / interval) + 1.0) * interval;
-    if (next <= now) next += interval;
-  }
-  return next;
-}
-
 class PosixRunLoop final : public RunLoop {
  public:
   PosixRunLoop(const Clock& clock, double fileCheck) : clock_(clock), fileCheck_(fileCheck) {
@@ -119,7 +109,7 @@ class PosixRunLoop final : public RunLoop {
   }
 
   TimerId every(double interval, double tolerance, std::function<void()> fn) override {
-    if (!(interval >= kMinInterval)) interval = kMinInterval;
+    if (!(interval >= kMinTimerInterval)) interval = kMinTimerInterval;
     if (!(tolerance > 0)) tolerance = 0;
     return addTimer(interval, interval, std::min(tolerance, interval), std::move(fn));
   }

@@ -4,19 +4,10 @@
 #include <charconv>
 #include <ctime>
 
+#include "platform/text.h"
+
 namespace vigilo {
 namespace {
-
-std::vector<std::string_view> linesOf(std::string_view text) {
-  std::vector<std::string_view> lines;
-  while (!text.empty()) {
-    const std::size_t end = text.find('\n');
-    lines.push_back(text.substr(0, end));
-    if (end == std::string_view::npos) break;
-    text.remove_prefix(end + 1);
-  }
-  return lines;
-}
 
 std::string_view nextWord(std::string_view& rest) {
   std::size_t i = 0;

@@ -183,7 +183,7 @@ void SimLaptop::State::advance(double dt) {
     if (p.stopped) continue;
     const double w = drawOf(p);
     p.energyNanojoules = saturatingAdd(p.energyNanojoules, w * dt * 1e9);
-    p.cpuMicros = saturatingAdd(p.cpuMicros, std::min(kCores, w / kWattsPerBusyCore) * dt * 1e6);
+    p.cpuMicros = saturatingAdd(p.cpuMicros, std::min(kCores, w / kWattsPerSimCore) * dt * 1e6);
   }
 }
 

@@ -29,7 +29,7 @@ constexpr std::int32_t kLastPid = 99998;
 // The charger's current until the battery is full.
 constexpr std::int64_t kChargeMilliamps = 1500;
 // A process keeps one core busy for every 4 W it draws; the laptop has 16.
-constexpr double kWattsPerBusyCore = 4.0;
+constexpr double kWattsPerSimCore = 4.0;
 constexpr double kCores = 16.0;
 // Background priority runs a process on the efficiency cores.
 constexpr double kSlowedShare = 0.25;
