@@ -29,12 +29,14 @@ std::string tomlError(const std::string& text) {
   }
 }
 
-TEST(TOMLTopTest, FindsOnlyRealTopLevelKeysWhateverStringsAndBracketsHold) {
+TEST(TOMLTopTest, FindsOnlyRealTopLevelKeysAndRefusesThoseItCannotEditLineByLine) {
   // Each text hides a fake "approval_policy" line or header inside a string
-  // or an array; only the real top-level line counts.
+  // or an array; only the real top-level line counts. Then the key refused,
+  // and whether for being set twice.
   struct Case {
     const char* text;
     std::optional<std::string> value;
+    std::optional<std::pair<std::string, bool>> refused = {};
   };
   const Case cases[] = {
       {"approval_policy = \"on-request\"\n", "on-request"},
@@ -45,26 +47,18 @@ TEST(TOMLTopTest, FindsOnlyRealTopLevelKeysWhateverStringsAndBracketsHold) {
       {"x = \"a \\\" approval_policy = 1\"\n[t]\napproval_policy = \"never\"\n", std::nullopt},
       {"\xEF\xBB\xBF  approval_policy\t=\t\"never\"\r\n", "never"},
       {"approval_policy = \"\\u0041b\"", "Ab"},
+      {"approval_policy = \"never\"\n[p]\napproval_policy = \"x\"\n", "never"},  // a table's key is another key
+      {"approval_policy = \"never\"\nx = 1\napproval_policy = \"untrusted\"\n", "never",
+       std::pair("approval_policy", true)},
+      {"sandbox_mode = \"\"\"\nread-only\"\"\"\n", std::nullopt, std::pair("sandbox_mode", false)},
   };
   for (const Case& c : cases) {
-    ASSERT_EQ(tomlError(c.text), "") << c.text;
+    EXPECT_EQ(tomlError(c.text).empty(), !c.refused || !c.refused->second) << c.text;
     EXPECT_EQ(TOMLTop::value(c.text, "approval_policy"), c.value) << c.text;
+    const auto refused = TOMLTop::check(c.text, {"approval_policy", "sandbox_mode"});
+    EXPECT_EQ(refused ? std::optional(std::pair(refused->key, refused->twice)) : std::nullopt, c.refused) << c.text;
   }
-}
-
-TEST(TOMLTopTest, RefusesKeysThatCannotBeEditedLineByLine) {
-  auto twice = TOMLTop::check("approval_policy = \"never\"\nx = 1\napproval_policy = \"untrusted\"\n",
-                              {"approval_policy", "sandbox_mode"});
-  ASSERT_TRUE(twice);
-  EXPECT_TRUE(twice->twice);
-  EXPECT_EQ(twice->key, "approval_policy");
-  auto spans = TOMLTop::check("sandbox_mode = \"\"\"\nread-only\"\"\"\n", {"approval_policy", "sandbox_mode"});
-  ASSERT_TRUE(spans);
-  EXPECT_FALSE(spans->twice);
-  EXPECT_EQ(spans->key, "sandbox_mode");
   EXPECT_TRUE(TOMLTop::check("x = [1,\n", {"approval_policy"}));
-  // The same key in a table is another key.
-  EXPECT_FALSE(TOMLTop::check("approval_policy = \"never\"\n[p]\napproval_policy = \"never\"\n", {"approval_policy"}));
 }
 
 // The person's files, each with something that is easy to lose.
@@ -145,21 +139,9 @@ class ConnectTest : public ::testing::Test {
   std::vector<std::string> calls_;
 };
 
-TEST_F(ConnectTest, ClaudeCodeGoesThroughItsOwnToolAndFallsBackToItsFile) {
-  // Given the claude tool: it is asked to replace the entry, and the file is
-  // left to it.
-  fakeClaude();
-  EXPECT_EQ(connect().connectClaudeCode(server_, hook_),
-            "Added to Claude Code for all projects. It now tells Vigilo when it's working, waiting for you, or done "
-            "(new sessions).");
-  const std::string claude = dir_.file("bin/claude");
-  EXPECT_EQ(calls_, (std::vector<std::string>{claude + " mcp|remove|--scope|user|vigilo",
-                                              claude + " mcp|add|--scope|user|vigilo|--|" + server_.command + "|mcp"}));
-  EXPECT_FALSE(fileExists(places_.claudeJson()));
-  json settings = json::parse(readFile(places_.claudeSettings()));
-  EXPECT_EQ(settings["hooks"]["Stop"][0]["hooks"][0]["command"], hook_);
-
+TEST_F(ConnectTest, WithoutClaudeCodesToolItsFileIsEditedKeepingTheRest) {
   // Given a tool that fails to add it: the file is edited, twice still one entry.
+  fakeClaude();
   writeFile(places_.claudeJson(), "{\n  \"numStartups\": 3,\n  \"mcpServers\": {\"other\": {\"command\": \"x\"}}\n}\n");
   for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(connect(1).connectClaudeCode(server_, hook_),
@@ -169,10 +151,11 @@ TEST_F(ConnectTest, ClaudeCodeGoesThroughItsOwnToolAndFallsBackToItsFile) {
   json file = json::parse(readFile(places_.claudeJson()));
   EXPECT_EQ(file["numStartups"], 3);
   EXPECT_EQ(file["mcpServers"]["other"]["command"], "x");
-  EXPECT_EQ(file["mcpServers"]["vigilo"],
-            json({{"type", "stdio"}, {"command", server_.command}, {"args", {"mcp"}}}));
+  EXPECT_EQ(file["mcpServers"]["vigilo"], json({{"type", "stdio"}, {"command", server_.command}, {"args", {"mcp"}}}));
   EXPECT_TRUE(fileExists(places_.claudeJson() + ".vigilo-backup"));
-  EXPECT_EQ(json::parse(readFile(places_.claudeSettings()))["hooks"]["Stop"].size(), 1u);
+  const json stop = json::parse(readFile(places_.claudeSettings()))["hooks"]["Stop"];
+  EXPECT_EQ(stop.size(), 1u);
+  EXPECT_EQ(stop[0]["hooks"][0]["command"], hook_);
 }
 
 TEST_F(ConnectTest, FilesThatArentJsonObjectsAreLeftAlone) {
