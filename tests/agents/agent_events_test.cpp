@@ -98,6 +98,7 @@ TEST_F(AgentEventsTest, MapsEachAgentsHookEventsInItsOwnWords) {
        "needs your permission"},
       {claude, "elicitation without message", notification("elicitation_dialog", ""), S::Waiting, 0,
        "elicitation_dialog"},
+      {claude, "needs input", notification("agent_needs_input", "Agent needs input"), S::Waiting, 0, "agent needs input"},
       {claude, "type in matcher", hook("Notification", {{"matcher", "permission_prompt"}}), S::Waiting, 0,
        "permission_prompt"},
       {claude, "untyped permission", notification("", "Please APPROVE this"), S::Waiting, 0, "please approve this"},

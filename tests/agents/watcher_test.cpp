@@ -93,11 +93,12 @@ TEST_F(WatcherTest, RecognisesEveryAgentAsItIsReallyInstalled) {
       {"/usr/local/bin/node", {"node", "/usr/local/lib/node_modules/@anthropic-ai/claude-code/cli.js"}, "claude-code"},
       {v, {"rg", "-n", "TODO"}, std::nullopt},  // the same binary serving as another tool
       {"/usr/bin/ruby", {"ruby", "/usr/local/bin/claude"}, std::nullopt},
-      // Codex: npm's launcher after node's flags, the native binary it starts, Homebrew's cask.
+      // Codex: npm's launcher after node's flags, the native binary it starts, release binaries.
       {"/usr/local/bin/node", {"node", "--a", "--b", "/lib/node_modules/@openai/codex/bin/codex.js"}, "codex"},
       {"/usr/lib/node_modules/@openai/codex/node_modules/@openai/codex-linux-x64/vendor/x86_64-unknown-linux-musl/bin/codex",
        {"codex"}, "codex"},
       {"/opt/homebrew/Caskroom/codex/0.46.0/codex-aarch64-apple-darwin", {"codex"}, "codex"},
+      {"/home/me/bin/codex-x86_64-unknown-linux-musl", {"/home/me/bin/codex-x86_64-unknown-linux-musl"}, "codex"},
       // Gemini CLI: Homebrew's node script, the child it restarts itself as, under bun.
       {"/opt/homebrew/Cellar/node/24.1.0/bin/node", {"node", "/opt/homebrew/bin/gemini"}, "gemini"},
       {"/usr/bin/node",
@@ -123,6 +124,7 @@ TEST_F(WatcherTest, RecognisesEveryAgentAsItIsReallyInstalled) {
       // Package runners start the agent; they are none.
       {"/usr/bin/node", {"node", "/usr/bin/npx", "@google/gemini-cli"}, std::nullopt},
       {"/usr/bin/node", {"npm exec @openai/codex"}, std::nullopt},
+      {"/home/me/.bun/bin/bun", {"bun", "x", "@sourcegraph/amp"}, std::nullopt},
       {"/home/me/.bun/bin/bun", {"bunx", "@anthropic-ai/claude-code"}, std::nullopt},
       {nvm + "node", {"node", "/home/me/server.js", "--port", "3000"}, std::nullopt},
       {"/usr/bin/python3", {"python3", "-m", "http.server"}, std::nullopt},
