@@ -90,7 +90,8 @@ TEST_F(AgentEventsTest, MapsEachAgentsHookEventsInItsOwnWords) {
                        {"transcript_path", "/home/ana/.gemini/tmp/4f1c/chats/session.json"}};
   auto with = [](json base, const json& fields) { return base.update(fields), base; };
   const std::string claude = "claude-code";
-  const std::tuple<std::string, const char*, std::string, std::optional<S>, double, std::optional<std::string>> rows[] = {
+  using Detail = std::optional<std::string>;
+  const std::tuple<std::string, const char*, std::string, std::optional<S>, double, Detail> rows[] = {
       {claude, "prompt", hook("UserPromptSubmit", {{"prompt", "fix the tests"}}), S::Working, 0, {}},
       {claude, "stop", hook("Stop", {{"stop_hook_active", false}}), S::Finished, 0, {}},
       {claude, "start", hook("SessionStart", {{"source", "startup"}}), S::Idle, 0, {}},
@@ -98,7 +99,8 @@ TEST_F(AgentEventsTest, MapsEachAgentsHookEventsInItsOwnWords) {
        "needs your permission"},
       {claude, "elicitation without message", notification("elicitation_dialog", ""), S::Waiting, 0,
        "elicitation_dialog"},
-      {claude, "needs input", notification("agent_needs_input", "Agent needs input"), S::Waiting, 0, "agent needs input"},
+      {claude, "needs input", notification("agent_needs_input", "Agent needs input"), S::Waiting, 0,
+       "agent needs input"},
       {claude, "type in matcher", hook("Notification", {{"matcher", "permission_prompt"}}), S::Waiting, 0,
        "permission_prompt"},
       {claude, "untyped permission", notification("", "Please APPROVE this"), S::Waiting, 0, "please approve this"},
@@ -140,7 +142,8 @@ TEST_F(AgentEventsTest, MapsEachAgentsHookEventsInItsOwnWords) {
        S::Waiting, 0, "allow run_shell_command: npm test?"},
       {"gemini", "tool ran", hook("AfterTool", with(gemini, {{"tool_name", "run_shell_command"}})), S::Working, 0, {}},
       {"gemini", "turn done", hook("AfterAgent", with(gemini, {{"prompt_response", "Done."}})), S::Finished, 0, {}},
-      {"gemini", "other notification", hook("Notification", with(gemini, {{"notification_type", "Update"}})), {}, 0, {}},
+      {"gemini", "other notification", hook("Notification", with(gemini, {{"notification_type", "Update"}})), {}, 0,
+       {}},
       {"gemini", "Claude's stop", hook("Stop", gemini), {}, 0, {}},
   };
   for (const auto& [agent, what, input, state, atFromNow, detail] : rows) {

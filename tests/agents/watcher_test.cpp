@@ -472,7 +472,8 @@ TEST_F(WatcherTest, CpuTimeMakesATreeBusyWhereNoDrawIsMeasured) {
   aider.startMicros = 1;
   // CPU time per 2-second sample, no energy: 1 % of a core is busy for a
   // 0.02 W agent, 0.1 % is not; the CPU time at 4 W a core stands in for the draw.
-  const std::tuple<std::uint64_t, bool, double> steps[] = {{0, false, 0.0}, {20'000, true, 0.04}, {2'000, false, 0.004}};
+  const std::tuple<std::uint64_t, bool, double> steps[] = {
+      {0, false, 0.0}, {20'000, true, 0.04}, {2'000, false, 0.004}};
   for (const auto& [cpuMicros, active, watts] : steps) {
     clock_.advance(2);
     aider.cpuMicros += cpuMicros;

@@ -56,7 +56,8 @@ class AutoApproveTest : public ::testing::Test {
 TEST_F(AutoApproveTest, TurningOffAfterThePersonsEditsKeepsThemAndPutsBackOnlyVigilosValues) {
   EXPECT_EQ(turnOn(), "On. New Claude Code and Codex sessions won't ask.");
   const json claude = json::parse(readFile(claudePath()));
-  EXPECT_EQ(claude["permissions"], json::parse(R"j({"allow": ["Bash(npm test)"], "defaultMode": "bypassPermissions"})j"));
+  EXPECT_EQ(claude["permissions"],
+            json::parse(R"j({"allow": ["Bash(npm test)"], "defaultMode": "bypassPermissions"})j"));
   EXPECT_EQ(claude["skipDangerousModePermissionPrompt"], true);
   auto codex = toml::parse(readFile(codexPath()));
   EXPECT_EQ(codex["approval_policy"].value<std::string>(), "never");
