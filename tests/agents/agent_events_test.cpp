@@ -79,86 +79,80 @@ class AgentEventsTest : public ::testing::Test {
   std::int32_t agentPid_ = 0;
 };
 
-TEST_F(AgentEventsTest, MapsEveryHookEvent) {
-  const std::tuple<const char*, std::string, std::optional<S>, double, std::optional<std::string>> rows[] = {
-      {"prompt", hook("UserPromptSubmit", {{"prompt", "fix the tests"}}), S::Working, 0, {}},
-      {"stop", hook("Stop", {{"stop_hook_active", false}}), S::Finished, 0, {}},
-      {"start", hook("SessionStart", {{"source", "startup"}}), S::Idle, 0, {}},
-      {"permission", notification("permission_prompt", "Needs your Permission"), S::Waiting, 0, "needs your permission"},
-      {"elicitation without message", notification("elicitation_dialog", ""), S::Waiting, 0, "elicitation_dialog"},
-      {"needs input", notification("agent_needs_input", "Agent needs input"), S::Waiting, 0, "agent needs input"},
-      {"type in matcher", hook("Notification", {{"matcher", "permission_prompt"}}), S::Waiting, 0, "permission_prompt"},
-      {"untyped permission", notification("", "Please APPROVE this"), S::Waiting, 0, "please approve this"},
-      {"type not text", hook("Notification", {{"notification_type", 7}, {"message", "Permission?"}}), S::Waiting, 0,
-       "permission?"},
-      {"idle", notification("idle_prompt", "Claude is waiting for your input"), S::Finished, -60, {}},
-      {"untyped idle", notification("", "Claude is waiting for your input"), S::Finished, -60, {}},
-      {"auth", notification("auth_success", "Signed in"), {}, 0, {}},
-      {"known type, asking text", notification("hologram_ready", "Claude needs your permission"), {}, 0, {}},
-      {"untyped other", notification("", "Hello there"), {}, 0, {}},
-      {"tool use", hook("PreToolUse", {{"tool_name", "Bash"}}), {}, 0, {}},
-  };
-  for (const auto& [what, input, state, atFromNow, detail] : rows) {
-    SCOPED_TRACE(what);
-    reset();
-    record(input);
-    const AgentEvent expected{"claude-code", "abc123", state.value_or(S::Idle), clock_.now() + atFromNow, {}, {}, detail};
-    EXPECT_EQ(stored(), state ? std::optional(expected) : std::nullopt);
-    EXPECT_EQ(notes_.posts, state ? std::vector<std::string>{AgentEvents::changed} : std::vector<std::string>{});
-  }
-}
-
-TEST_F(AgentEventsTest, MapsCodexAndGeminiInTheirOwnWords) {
-  // Payloads as their documentation shows them (Codex's hooks and its
-  // legacy notify; Gemini CLI's hooks, with "timestamp"); each agent's own
-  // events only, never another's vocabulary.
+TEST_F(AgentEventsTest, MapsEachAgentsHookEventsInItsOwnWords) {
+  // Claude Code's hooks; Codex's hooks and legacy notify, Gemini CLI's hooks
+  // (with "timestamp"), as their documentation shows them; each agent's own
+  // events only, never another's vocabulary. An idle report is dated a
+  // minute back.
   const json codex = {{"cwd", "/home/ana/shop"}, {"model", "gpt-5-codex"}, {"permission_mode", "default"},
                       {"transcript_path", nullptr}, {"turn_id", "019a2b"}};
   const json gemini = {{"cwd", "/home/ana/shop"}, {"timestamp", "2026-11-26T00:10:00.000Z"},
                        {"transcript_path", "/home/ana/.gemini/tmp/4f1c/chats/session.json"}};
   auto with = [](json base, const json& fields) { return base.update(fields), base; };
-  const std::tuple<const char*, const char*, std::string, std::optional<S>, std::optional<std::string>> rows[] = {
-      {"codex", "start", hook("SessionStart", with(codex, {{"source", "startup"}})), S::Idle, {}},
-      {"codex", "prompt", hook("UserPromptSubmit", with(codex, {{"prompt", "fix the tests"}})), S::Working, {}},
+  const std::string claude = "claude-code";
+  using Detail = std::optional<std::string>;
+  const std::tuple<std::string, const char*, std::string, std::optional<S>, double, Detail> rows[] = {
+      {claude, "prompt", hook("UserPromptSubmit", {{"prompt", "fix the tests"}}), S::Working, 0, {}},
+      {claude, "stop", hook("Stop", {{"stop_hook_active", false}}), S::Finished, 0, {}},
+      {claude, "start", hook("SessionStart", {{"source", "startup"}}), S::Idle, 0, {}},
+      {claude, "permission", notification("permission_prompt", "Needs your Permission"), S::Waiting, 0,
+       "needs your permission"},
+      {claude, "elicitation without message", notification("elicitation_dialog", ""), S::Waiting, 0,
+       "elicitation_dialog"},
+      {claude, "needs input", notification("agent_needs_input", "Agent needs input"), S::Waiting, 0,
+       "agent needs input"},
+      {claude, "type in matcher", hook("Notification", {{"matcher", "permission_prompt"}}), S::Waiting, 0,
+       "permission_prompt"},
+      {claude, "untyped permission", notification("", "Please APPROVE this"), S::Waiting, 0, "please approve this"},
+      {claude, "type not text", hook("Notification", {{"notification_type", 7}, {"message", "Permission?"}}),
+       S::Waiting, 0, "permission?"},
+      {claude, "idle", notification("idle_prompt", "Claude is waiting for your input"), S::Finished, -60, {}},
+      {claude, "untyped idle", notification("", "Claude is waiting for your input"), S::Finished, -60, {}},
+      {claude, "known type, asking text", notification("hologram_ready", "Claude needs your permission"), {}, 0, {}},
+      {claude, "untyped other", notification("", "Hello there"), {}, 0, {}},
+      {claude, "tool use", hook("PreToolUse", {{"tool_name", "Bash"}}), {}, 0, {}},
+      {claude, "Codex's words", hook("PermissionRequest", {{"tool_name", "Bash"}}), {}, 0, {}},
+      {"codex", "start", hook("SessionStart", with(codex, {{"source", "startup"}})), S::Idle, 0, {}},
+      {"codex", "prompt", hook("UserPromptSubmit", with(codex, {{"prompt", "fix the tests"}})), S::Working, 0, {}},
       {"codex", "asks to run a command",
        hook("PermissionRequest", with(codex, {{"tool_name", "Bash"},
                                               {"tool_input", {{"command", "npm ci"}, {"description", "Install Deps"}}}})),
-       S::Waiting, "install deps"},
+       S::Waiting, 0, "install deps"},
       {"codex", "asks without a reason", hook("PermissionRequest", with(codex, {{"tool_input", {{"command", "rm x"}}}})),
-       S::Waiting, "rm x"},
+       S::Waiting, 0, "rm x"},
       {"codex", "asks with only a tool", hook("PermissionRequest", with(codex, {{"tool_name", "apply_patch"}})),
-       S::Waiting, "permission to use apply_patch"},
+       S::Waiting, 0, "permission to use apply_patch"},
       {"codex", "tool ran", hook("PostToolUse", with(codex, {{"tool_name", "Bash"}, {"tool_response", "ok"}})),
-       S::Working, {}},
+       S::Working, 0, {}},
       {"codex", "stop", hook("Stop", with(codex, {{"stop_hook_active", false}, {"last_assistant_message", "Done."}})),
-       S::Finished, {}},
+       S::Finished, 0, {}},
       {"codex", "notify",
        json{{"type", "agent-turn-complete"}, {"thread-id", "abc123"}, {"turn-id", "12345"}, {"cwd", "/home/ana"},
             {"client", "codex-tui"}, {"input-messages", {"Rename foo"}}, {"last-assistant-message", nullptr}}
            .dump(),
-       S::Finished, {}},
-      {"codex", "compaction", hook("PreCompact", with(codex, {{"trigger", "auto"}})), {}, {}},
-      {"codex", "Claude's words", notification("permission_prompt", "Needs your permission"), {}, {}},
-      {"gemini", "start", hook("SessionStart", with(gemini, {{"source", "startup"}})), S::Idle, {}},
-      {"gemini", "prompt", hook("BeforeAgent", with(gemini, {{"prompt", "fix the tests"}})), S::Working, {}},
+       S::Finished, 0, {}},
+      {"codex", "compaction", hook("PreCompact", with(codex, {{"trigger", "auto"}})), {}, 0, {}},
+      {"codex", "Claude's words", notification("permission_prompt", "Needs your permission"), {}, 0, {}},
+      {"gemini", "start", hook("SessionStart", with(gemini, {{"source", "startup"}})), S::Idle, 0, {}},
+      {"gemini", "prompt", hook("BeforeAgent", with(gemini, {{"prompt", "fix the tests"}})), S::Working, 0, {}},
       {"gemini", "tool permission",
        hook("Notification", with(gemini, {{"notification_type", "ToolPermission"},
                                           {"message", "Allow run_shell_command: npm test?"},
                                           {"details", {{"tool_name", "run_shell_command"}}}})),
-       S::Waiting, "allow run_shell_command: npm test?"},
-      {"gemini", "tool ran", hook("AfterTool", with(gemini, {{"tool_name", "run_shell_command"}})), S::Working, {}},
-      {"gemini", "turn done", hook("AfterAgent", with(gemini, {{"prompt_response", "Done."}})), S::Finished, {}},
-      {"gemini", "other notification", hook("Notification", with(gemini, {{"notification_type", "Update"}})), {}, {}},
-      {"gemini", "model chunk", hook("AfterModel", gemini), {}, {}},
-      {"gemini", "Claude's stop", hook("Stop", gemini), {}, {}},
-      {"claude-code", "Codex's words", hook("PermissionRequest", {{"tool_name", "Bash"}}), {}, {}},
+       S::Waiting, 0, "allow run_shell_command: npm test?"},
+      {"gemini", "tool ran", hook("AfterTool", with(gemini, {{"tool_name", "run_shell_command"}})), S::Working, 0, {}},
+      {"gemini", "turn done", hook("AfterAgent", with(gemini, {{"prompt_response", "Done."}})), S::Finished, 0, {}},
+      {"gemini", "other notification", hook("Notification", with(gemini, {{"notification_type", "Update"}})), {}, 0,
+       {}},
+      {"gemini", "Claude's stop", hook("Stop", gemini), {}, 0, {}},
   };
-  for (const auto& [agent, what, input, state, detail] : rows) {
-    SCOPED_TRACE(std::string(agent) + ": " + what);
+  for (const auto& [agent, what, input, state, atFromNow, detail] : rows) {
+    SCOPED_TRACE(agent + ": " + what);
     reset();
     record(input, 0, agent);
-    const AgentEvent expected{agent, "abc123", state.value_or(S::Idle), clock_.now(), {}, {}, detail};
+    const AgentEvent expected{agent, "abc123", state.value_or(S::Idle), clock_.now() + atFromNow, {}, {}, detail};
     EXPECT_EQ(stored(), state ? std::optional(expected) : std::nullopt);
+    EXPECT_EQ(notes_.posts, state ? std::vector<std::string>{AgentEvents::changed} : std::vector<std::string>{});
   }
   // Each ends its session the same way.
   for (const char* agent : {"codex", "gemini"}) {

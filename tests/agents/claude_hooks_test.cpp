@@ -194,7 +194,6 @@ TEST(ClaudeHooksCommand, QuotesForTheShellAndNamesThisBuild) {
   ASSERT_EQ(current.rfind("[ -x '", 0), 0u);
   const std::string path = current.substr(6, current.find('\'', 6) - 6);
   EXPECT_EQ(::access(path.c_str(), X_OK), 0) << path;
-  EXPECT_EQ(current, ClaudeHooks::commandFor(path));
 }
 
 }  // namespace
