@@ -231,11 +231,11 @@ bool asleep(pid_t tid) {
 
 // Runs `action` on another thread once the loop, run on this thread, has
 // started and gone back to sleep in poll.
-void onceAsleep(RunLoop& loop, const std::function<void()>& action, std::thread& other) {
+std::thread onceAsleep(RunLoop& loop, const std::function<void()>& action) {
   const pid_t me = ::gettid();
   auto started = std::make_shared<std::atomic<bool>>(false);
   loop.post([started] { *started = true; });
-  other = std::thread([=] {
+  return std::thread([=] {
     // Bounded, so a loop that never runs fails the test instead of hanging it.
     for (int i = 0; i < 2'000'000 && !(*started && asleep(me)); ++i) std::this_thread::yield();
     action();
@@ -244,21 +244,17 @@ void onceAsleep(RunLoop& loop, const std::function<void()>& action, std::thread&
 
 TEST_F(PollRunLoopTest, PostAndStopFromAnotherThreadWakeTheLoop) {
   std::thread::id ranOn;
-  std::thread poster, stopper;
-  onceAsleep(
-      *loop,
-      [&] {
-        loop->post([&] {
-          ranOn = std::this_thread::get_id();
-          loop->stop();
-        });
-      },
-      poster);
+  std::thread poster = onceAsleep(*loop, [&] {
+    loop->post([&] {
+      ranOn = std::this_thread::get_id();
+      loop->stop();
+    });
+  });
   const bool posted = runBounded(*loop);
   poster.join();
   EXPECT_TRUE(posted) << "the post did not wake poll";
   EXPECT_EQ(ranOn, std::this_thread::get_id());
-  onceAsleep(*loop, [&] { loop->stop(); }, stopper);
+  std::thread stopper = onceAsleep(*loop, [&] { loop->stop(); });
   const bool stopped = runBounded(*loop);
   stopper.join();
   EXPECT_TRUE(stopped);

@@ -79,8 +79,8 @@ TEST(Spawn, StreamsHandedOverDescriptorsSignalsAndExitStatus) {
     sigset_t term, old;
     sigemptyset(&term);
     sigaddset(&term, SIGTERM);
-    struct sigaction ignore {
-    }, oldInt{};
+    struct sigaction ignore = {};
+    struct sigaction oldInt = {};
     ignore.sa_handler = SIG_IGN;
     if (row.signals) {
       ::pthread_sigmask(SIG_BLOCK, &term, &old);
