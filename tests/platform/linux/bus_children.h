@@ -87,8 +87,8 @@ class PrivateBus {
  public:
   explicit PrivateBus(int log = -1) : address_("unix:path=" + dir_.file("bus")) {
     const int sink = log >= 0 ? log : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    daemon_ = spawn({"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--address=" + address_}, sink,
-                    sink);
+    daemon_ =
+        spawn({"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--address=" + address_}, sink, sink);
     if (sink != log) ::close(sink);
     if (!waitFor([&] { return (bus_ = connectBus(address_)) != nullptr; }, std::chrono::milliseconds(5000))) {
       throw std::runtime_error("can't connect to the private bus");

@@ -295,45 +295,11 @@ TEST_F(LinuxProcessesTest, SlowThenUnslowPutsEveryThreadBackExactly) {
 
 // ---------------------------------------------------------------- a fixture /proc
 
-// Given a /proc tree with one process and a battery drawing 10 W.
-TEST_F(LinuxTreeTest, EnergyIsTheProcessShareOfTheBatteryDraw) {
-  supply("BAT0",
-         "type=Battery,status=Discharging,charge_now=3000000,charge_full=5000000,current_now=1000000,"
-         "voltage_now=10000000");
-  supply("AC", "type=Mains,online=0");
-  auto machine = [&](int busy, int cpu, int start) {  // machine busy ticks, the process's ticks
-    put("/proc/stat", "cpu  " + std::to_string(busy) + " 0 0 5000 0 0 0 0 0 0\nbtime 1795243647\n");
-    put("/proc/100/stat", "100 (agent) S 1 100 100 0 -1 0 0 0 0 0 " + std::to_string(cpu) + " 0 0 0 20 0 1 0 " +
-                              std::to_string(start) + " 0 0\n");
-  };
-  put("/proc/100/cmdline", "agent\0--work\0"s);
-  machine(1000, 100, 500);
-  auto p = platform();
-  auto first = p->processes().info(100);
-  ASSERT_TRUE(first.has_value());
-  const long hz = ::sysconf(_SC_CLK_TCK);
-  EXPECT_EQ(first->startMicros, 1795243647ULL * 1'000'000 + 500ULL * 1'000'000 / hz);
-  EXPECT_EQ(first->path, "agent");  // no exe link to read: argv[0]
-  EXPECT_EQ(first->args, (std::vector<std::string>{"agent", "--work"}));
-  EXPECT_EQ(first->energyNanojoules, 0u);
-
-  // 10 s at 10 W while the process used a quarter of the busy CPU time;
-  // then on the charger nothing is measured, so nothing is added; then a
-  // new process under the same pid starts from nothing.
-  const std::vector<std::tuple<bool, int, int, int, std::uint64_t>> steps{
-      {false, 1200, 150, 500, 25'000'000'000u}, {true, 1400, 200, 500, 25'000'000'000u}, {true, 1600, 10, 900, 0}};
-  for (const auto& [charging, busy, cpu, start, nanojoules] : steps) {
-    if (charging) supply("AC", "online=1"), supply("BAT0", "status=Charging");
-    clock_.advance(10);
-    machine(busy, cpu, start);
-    EXPECT_EQ(p->processes().info(100)->energyNanojoules, nanojoules) << busy;
-  }
-}
-
 // Given a fixture /proc with an agent (100) and its shell (200): a listing
 // learns each process once, and a new process under an old pid, an exec
-// and a parent that ended all show as they are, never as the old process.
-TEST_F(LinuxTreeTest, ListingsNeverMistakeANewProcessUnderAnOldPidForTheOldOne) {
+// and a parent that ended all show as they are, never as the old process;
+// a process's energy follows its own CPU time only.
+TEST_F(LinuxTreeTest, ListingsAndEnergyNeverMistakeANewProcessUnderAnOldPidForTheOldOne) {
   put("/proc/stat", "cpu  1000 0 0 5000 0 0 0 0 0 0\nbtime 1795243647\n");
   auto process = [&](int pid, int ppid, const std::string& comm, int start, int cpu, int stack,
                      const std::string& cmdline) {
@@ -372,9 +338,7 @@ TEST_F(LinuxTreeTest, ListingsNeverMistakeANewProcessUnderAnOldPidForTheOldOne) 
   // own, as the kernel gives it); the shell, reparented to init, still
   // shows its old parent in the cache until it is read again.
   std::filesystem::rename(dir_.path() + "/proc/100", dir_.path() + "/proc/gone");
-  process(100, 1, "sleep", 900, 0, 333,
-          "sleep\0"s
-          "60\0"s);
+  process(100, 1, "sleep", 900, 0, 333, "sleep\0" "60\0"s);
   put("/proc/loadavg", "0.00 0.00 0.00 1/2 100\n");
   process(200, 1, "node", 500, 5, 222, "node\0/x/server.js\0"s);
   EXPECT_FALSE(procs.identitiesUnchanged());
@@ -399,6 +363,29 @@ TEST_F(LinuxTreeTest, ListingsNeverMistakeANewProcessUnderAnOldPidForTheOldOne) 
   EXPECT_EQ(find(third, 2).pid, 2);  // a kernel thread is listed, without counters
   EXPECT_EQ(find(third, 2).cpuMicros, 0u);
   EXPECT_EQ(procs.counters(200, start(500))->cpuMicros, find(third, 200).cpuMicros);
+
+  // Energy is the process's share of the battery's draw: 10 s at 10 W while
+  // the shell used a quarter of the busy CPU time; then on the charger
+  // nothing is measured, so nothing is added; then a new process under the
+  // same pid starts from nothing.
+  supply("BAT0",
+         "type=Battery,status=Discharging,charge_now=3000000,charge_full=5000000,current_now=1000000,"
+         "voltage_now=10000000");
+  supply("AC", "type=Mains,online=0");
+  auto info = procs.info(200);
+  EXPECT_EQ(std::tuple(info->path, info->startMicros, info->energyNanojoules), std::tuple("node"s, start(500), 0u));
+  const std::vector<std::tuple<bool, int, int, int, std::uint64_t>> steps{
+      {false, 1200, 57, 500, 25'000'000'000u}, {true, 1400, 107, 500, 25'000'000'000u}, {true, 1600, 10, 900, 0}};
+  for (const auto& [charging, busy, cpu, since, nanojoules] : steps) {
+    if (charging) {
+      supply("AC", "online=1");
+      supply("BAT0", "status=Charging");
+    }
+    clock_.advance(10);
+    put("/proc/stat", "cpu  " + std::to_string(busy) + " 0 0 5000 0 0 0 0 0 0\nbtime 1795243647\n");
+    process(200, 1, "node", since, cpu, 444, "node\0/x/claude-code/cli.js\0"s);
+    EXPECT_EQ(procs.info(200)->energyNanojoules, nanojoules) << busy;
+  }
 }
 
 // A link planted where the runtime folder goes is refused, never followed;

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <optional>
-#include <tuple>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "engine/battery.h"
@@ -110,8 +110,9 @@ TEST_F(LinuxTreeTest, BatteryAbsentPeripheralOrUnreadableGivesNoReading) {
   EXPECT_FALSE(p->registry().battery().has_value());
   Capability battery = *capability(p->capabilities(), "battery");
   EXPECT_EQ(std::tuple(battery.available, battery.detail),
-            std::tuple(false, "No battery found under /sys/class/power_supply, so the battery limit and only-on-power "
-                              "guards are off."));
+            std::tuple(false,
+                       "No battery found under /sys/class/power_supply, so the battery limit and only-on-power "
+                       "guards are off."));
   // Given a pack whose driver shows nonsense: a pack, but no reading, and
   // the capability says why.
   supply("BAT0", "type=Battery,status=Discharging,energy_now=garbage,energy_full=,voltage_now=-");

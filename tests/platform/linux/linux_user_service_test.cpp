@@ -34,7 +34,7 @@ Outcome shell(const std::string& command) {
 // over SSH or in a container.
 Outcome runScript(const std::string& home, const std::string& args) {
   return shell("env -u XDG_CONFIG_HOME HOME='" + home + "' XDG_RUNTIME_DIR='" + home +
-             "' DBUS_SESSION_BUS_ADDRESS='unix:path=" + home + "/no-bus' bash '" + kScript + "' " + args);
+               "' DBUS_SESSION_BUS_ADDRESS='unix:path=" + home + "/no-bus' bash '" + kScript + "' " + args);
 }
 
 TEST(LinuxUserService, WritesTheUnitSaysWhatToRunAndRemovesIt) {
