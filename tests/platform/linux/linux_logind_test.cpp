@@ -156,6 +156,13 @@ class MockLogind {
   pid_t mock_ = -1;
 };
 
+// Each capability's name, with a "+" when it is available.
+std::vector<std::string> availability(const std::vector<Capability>& caps) {
+  std::vector<std::string> out;
+  for (const auto& c : caps) out.push_back(c.name + (c.available ? "+" : ""));
+  return out;
+}
+
 bool isVigilosHold(const Inhibitor& i) {
   return i.what == "handle-lid-switch:sleep:idle" && i.mode == "block" && i.who == "Vigilo" &&
          i.why.rfind("Keeping", 0) == 0;
@@ -178,8 +185,20 @@ class LinuxLogindTest : public LinuxTreeTest {
   pid_t ppd_ = -1;
 };
 
+// Given a laptop's tree: every feature but the power mode is there.
 TEST_F(LinuxLogindTest, TheSleepSwitchIsOneBlockLockAndOthersLocksReadAsSleepOff) {
+  supply("AC", "type=Mains,online=1");
+  supply("BAT0", "type=Battery,status=Charging,charge_now=1000000,charge_full=2000000");
+  zone(0, 40000);
+  putAll({{"/proc/acpi/button/lid/LID0/state", "state:      open\n"},
+          {"/proc/stat", "cpu  1 0 1 1 0 0 0 0 0 0\nbtime 1795243647\n"},
+          {"/sys/class/backlight/intel_backlight/type", "raw\n"}});
   auto p = platform();
+  const auto caps = p->capabilities();
+  EXPECT_EQ(availability(caps),
+            (std::vector<std::string>{"sleep switch+", "battery+", "lid+", "thermal+", "processes+", "power mode",
+                                      "screen+", "backups, simulators and previews"}));
+  EXPECT_EQ(capability(caps, "lid")->detail, "The lid is read from /proc/acpi/button/lid/LID0/state.");
   EXPECT_FALSE(p->power().switchIsShared());
   SetupStatus s = p->power().setupStatus();
   EXPECT_TRUE(s.ready) << s.reason;
@@ -232,7 +251,7 @@ TEST_F(LinuxLogindTest, TheSleepSwitchIsOneBlockLockAndOthersLocksReadAsSleepOff
   EXPECT_TRUE(noInhibitors());
 }
 
-TEST_F(LinuxLogindTest, ARefusedLockOrAMissingLogindOrBusIsTheSetupReason) {
+TEST_F(LinuxLogindTest, ARefusedLockOrAMissingLogindOrBusIsTheSetupReasonAndCapabilitiesSayWhy) {
   MockLogind bare(dir_.path(), false);
   auto noLogind = LinuxTreeTest::platform(bare.address());
   SetupStatus s = noLogind->power().setupStatus();
@@ -240,7 +259,13 @@ TEST_F(LinuxLogindTest, ARefusedLockOrAMissingLogindOrBusIsTheSetupReason) {
   EXPECT_EQ(s.reason.rfind("logind (systemd-logind) isn't running on the system bus", 0), 0u) << s.reason;
   EXPECT_FALSE(noLogind->registry().sleepDisabled().has_value());
 
+  // An empty machine without a bus, as in a container: no feature, each saying why.
   auto noBus = LinuxTreeTest::platform(kNoBus);
+  const auto caps = noBus->capabilities();
+  EXPECT_EQ(availability(caps), (std::vector<std::string>{"sleep switch", "battery", "lid", "thermal", "processes",
+                                                          "power mode", "screen", "backups, simulators and previews"}));
+  for (const auto& c : caps) EXPECT_FALSE(c.detail.empty()) << c.name;
+  EXPECT_EQ(capability(caps, "processes")->detail, "/proc can't be read, so Vigilo can't see or control processes.");
   s = noBus->power().setupStatus();
   EXPECT_FALSE(s.ready);
   EXPECT_EQ(s.reason.rfind("There's no system D-Bus here", 0), 0u) << s.reason;
@@ -344,36 +369,6 @@ TEST_F(LinuxLogindTest, SuspendTheScreenAndTheLidGoThroughLogind) {
             std::tuple(true, "The lid is read from logind's LidClosed, every two seconds."));
   put("/proc/acpi/button/lid/LID/state", "state:      closed\n");
   EXPECT_EQ(p->registry().lidClosed(), true) << "the ACPI button wins where there is one";
-}
-
-TEST_F(LinuxLogindTest, CapabilitiesNameEveryFeatureAndWhatIsMissing) {
-  const std::vector<std::string> names{"sleep switch", "battery",    "lid",    "thermal",
-                                       "processes",    "power mode", "screen", "backups, simulators and previews"};
-  auto namesOf = [](const std::vector<Capability>& caps) {
-    std::vector<std::string> out;
-    for (const auto& c : caps) out.push_back(c.name);
-    return out;
-  };
-  // An empty machine without a bus, as in a container.
-  auto caps = LinuxTreeTest::platform(kNoBus)->capabilities();
-  EXPECT_EQ(namesOf(caps), names);
-  for (const auto& c : caps) EXPECT_TRUE(!c.available && !c.detail.empty()) << c.name;
-  EXPECT_EQ(capability(caps, "processes")->detail, "/proc can't be read, so Vigilo can't see or control processes.");
-
-  // A laptop: everything but the power mode.
-  supply("AC", "type=Mains,online=1");
-  supply("BAT0", "type=Battery,status=Charging,charge_now=1000000,charge_full=2000000");
-  zone(0, 40000);
-  putAll({{"/proc/acpi/button/lid/LID0/state", "state:      open\n"},
-          {"/proc/stat", "cpu  1 0 1 1 0 0 0 0 0 0\nbtime 1795243647\n"},
-          {"/sys/class/backlight/intel_backlight/type", "raw\n"}});
-  caps = platform()->capabilities();
-  EXPECT_EQ(namesOf(caps), names);
-  for (const auto& c : caps) {
-    EXPECT_EQ(c.available, c.name != "power mode" && c.name != "backups, simulators and previews")
-        << c.name << ": " << c.detail;
-  }
-  EXPECT_EQ(capability(caps, "lid")->detail, "The lid is read from /proc/acpi/button/lid/LID0/state.");
 }
 
 TEST_F(LinuxLogindTest, KillingTheAppReleasesItsLock) {
