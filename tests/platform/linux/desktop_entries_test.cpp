@@ -54,6 +54,7 @@ TEST_F(LinuxTreeTest, ARealProcessOfADesktopAppIsThatApp) {
   ASSERT_EQ(::pipe2(execDone, O_CLOEXEC), 0);
   const pid_t child = spawn({"/bin/sleep", "30"}, -1, -1);
   ::close(execDone[1]);
+  ASSERT_GT(child, 0);
   char byte;
   while (::read(execDone[0], &byte, 1) < 0 && errno == EINTR) {
   }
