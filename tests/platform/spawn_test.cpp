@@ -1,13 +1,14 @@
-#include <csignal>
+#include "platform/spawn.h"
+
 #include <fcntl.h>
-#include <string>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <csignal>
+#include <string>
 
-#include "platform/spawn.h"
 #include "test_support.h"
 
 namespace vigilo {
@@ -17,10 +18,7 @@ using ::testing::HasSubstr;
 using To = SpawnStream::To;
 
 // A pipe whose ends no child inherits unless handed over.
-void closeOnExecPipe(int fds[2]) {
-  ASSERT_EQ(::pipe(fds), 0);
-  for (int i : {0, 1}) ::fcntl(fds[i], F_SETFD, FD_CLOEXEC);
-}
+void closeOnExecPipe(int fds[2]) { ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0); }
 
 // Everything readable from `fd` until every writer has closed it.
 std::string drain(int fd) {
@@ -38,16 +36,16 @@ TEST(Spawn, StreamsHandedOverDescriptorsSignalsAndExitStatus) {
     const char* what;
     std::string script;
     To out, err;
-    int pipeAt;  // our number for the pipe's writing end, -1 for wherever it was made
-    int pipeAs;  // the child's number for it, -1 for none
+    int pipeAt;    // our number for the pipe's writing end, -1 for wherever it was made
+    int pipeAs;    // the child's number for it, -1 for none
     bool signals;  // SIGTERM blocked and SIGINT ignored here; cleared for the child
     int code;
     std::string file, piped;
   } rows[] = {
-      {"output and error into one new file", "echo out; echo err >&2; exit 3", To::File, To::Output, -1, -1, false,
-       3, "out\nerr\n", ""},
-      {"/dev/null, and a pipe as fd 3", "echo lost; echo lost >&2; echo kept >&3", To::Null, To::Null, -1, 3, false,
-       0, "", "kept\n"},
+      {"output and error into one new file", "echo out; echo err >&2; exit 3", To::File, To::Output, -1, -1, false, 3,
+       "out\nerr\n", ""},
+      {"/dev/null, and a pipe as fd 3", "echo lost; echo lost >&2; echo kept >&3", To::Null, To::Null, -1, 3, false, 0,
+       "", "kept\n"},
       {"handed over under its own number", "echo same >&9", To::Inherit, To::Inherit, 9, 9, false, 0, "", "same\n"},
       {"our fd 2 handed over while the child's goes to /dev/null", "echo lost >&2; echo kept >&3", To::Inherit,
        To::Null, 2, 3, false, 0, "", "kept\n"},
@@ -81,7 +79,8 @@ TEST(Spawn, StreamsHandedOverDescriptorsSignalsAndExitStatus) {
     sigset_t term, old;
     sigemptyset(&term);
     sigaddset(&term, SIGTERM);
-    struct sigaction ignore {}, oldInt {};
+    struct sigaction ignore = {};
+    struct sigaction oldInt = {};
     ignore.sa_handler = SIG_IGN;
     if (row.signals) {
       ::pthread_sigmask(SIG_BLOCK, &term, &old);

@@ -5,7 +5,6 @@
 // stuck, SIGKILL.
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
@@ -83,35 +82,21 @@ inline bool pythonCan(const std::string& code) {
 }
 
 // A private dbus-daemon with this test's own connection to it, both gone
-// with the object. Its complaints go to `log` (-1: to the address pipe).
+// with the object. Its complaints go to `log` (-1: nowhere).
 class PrivateBus {
  public:
-  explicit PrivateBus(int log = -1) {
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-    daemon_ = spawn({"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"}, fds[1],
-                    log >= 0 ? log : fds[1]);
-    ::close(fds[1]);
-    // Kept open for the daemon's life: a closed pipe would kill it with
-    // SIGPIPE at its next line of output.
-    addressPipe_ = fds[0];
-    std::string line;
-    pollfd p{fds[0], POLLIN, 0};
-    while (line.find('\n') == std::string::npos && ::poll(&p, 1, 5000) > 0) {
-      char buf[256];
-      const ssize_t n = ::read(fds[0], buf, sizeof buf);
-      if (n <= 0) break;
-      line.append(buf, static_cast<std::size_t>(n));
+  explicit PrivateBus(int log = -1) : address_("unix:path=" + dir_.file("bus")) {
+    const int sink = log >= 0 ? log : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    daemon_ =
+        spawn({"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--address=" + address_}, sink, sink);
+    if (sink != log) ::close(sink);
+    if (!waitFor([&] { return (bus_ = connectBus(address_)) != nullptr; }, std::chrono::milliseconds(5000))) {
+      throw std::runtime_error("can't connect to the private bus");
     }
-    address_ = line.substr(0, line.find('\n'));
-    if (address_.empty()) throw std::runtime_error("dbus-daemon printed no address");
-    bus_ = connectBus(address_);
-    if (!bus_) throw std::runtime_error("can't connect to the private bus");
   }
   ~PrivateBus() {
     bus_.reset();
     endChild(daemon_);
-    ::close(addressPipe_);
   }
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
@@ -120,9 +105,9 @@ class PrivateBus {
   sd_bus* bus() const { return bus_.get(); }
 
  private:
-  pid_t daemon_ = -1;
-  int addressPipe_ = -1;
+  TempDir dir_;
   std::string address_;
+  pid_t daemon_ = -1;
   Bus bus_;
 };
 

@@ -2,12 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
-#include <algorithm>
 
 #include "platform/linux/linux_platform.h"
 #include "platform/manual_run_loop.h"
@@ -23,6 +26,21 @@ inline const Capability* capability(const std::vector<Capability>& caps, const s
   auto it = std::find_if(caps.begin(), caps.end(), [&](const Capability& c) { return c.name == name; });
   return it == caps.end() ? nullptr : &*it;
 }
+
+// Sets an environment variable (or unsets it, for nothing) and puts it back.
+class EnvVar {
+ public:
+  EnvVar(const char* name, std::optional<std::string> value) : name_(name) {
+    if (const char* old = std::getenv(name)) old_ = old;
+    set(value);
+  }
+  ~EnvVar() { set(old_); }
+
+ private:
+  void set(const std::optional<std::string>& v) { v ? ::setenv(name_, v->c_str(), 1) : ::unsetenv(name_); }
+  const char* name_;
+  std::optional<std::string> old_;
+};
 
 // Given a fixture tree standing in for / (its /sys and /proc), a manual
 // clock and loop, and the Linux platform over them.
@@ -42,14 +60,10 @@ class LinuxTreeTest : public ::testing::Test {
   // Writes a power supply's files from "key=value,key=value" (each value
   // gets its newline), e.g. supply("AC", "type=Mains,online=1").
   void supply(const std::string& name, const std::string& spec) {
-    std::size_t at = 0;
-    while (at < spec.size()) {
-      std::size_t end = spec.find(',', at);
-      if (end == std::string::npos) end = spec.size();
-      const std::string item = spec.substr(at, end - at);
+    std::istringstream items(spec);
+    for (std::string item; std::getline(items, item, ',');) {
       const std::size_t eq = item.find('=');
       put("/sys/class/power_supply/" + name + "/" + item.substr(0, eq), item.substr(eq + 1) + "\n");
-      at = end + 1;
     }
   }
   // A thermal zone with one critical trip at 100 °C, at `milli`.

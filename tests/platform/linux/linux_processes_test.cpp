@@ -9,17 +9,15 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <limits>
 #include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include "e2e/app_process.h"
 #include "platform/clock.h"
+#include "platform/linux/bus_children.h"
 #include "platform/linux/linux_fixture.h"
 #include "platform/linux/procfs_text.h"
 
@@ -32,49 +30,34 @@ using namespace std::string_literals;
 // ---------------------------------------------------------------- the text
 
 TEST(LinuxProcText, StatLinesOfRealProcesses) {
-  struct Row {
-    std::string line;
-    std::optional<ProcStat> expected;
-  };
-  auto stat = [](std::int32_t pid, std::string comm, char state, std::int32_t ppid, std::uint64_t utime,
-                 std::uint64_t stime, std::int64_t nice, std::uint64_t start, std::uint64_t code = 1,
-                 std::uint64_t stack = 0) {
-    return ProcStat{pid, std::move(comm), state, ppid, utime, stime, nice, start, code, stack};
-  };
-  const std::vector<Row> rows{
+  const std::vector<std::pair<std::string, std::optional<ProcStat>>> rows{
       {"15546 (cat) R 15540 15540 12915 0 -1 4194304 99 0 0 0 0 0 0 0 20 0 1 0 146810 3133440 409 "
        "18446744073709551615 94611056517120 94611056537001 140733640362320 0 0 0 0 0 0 0 0 0 17 1 0 0 0 0 0\n",
-       stat(15546, "cat", 'R', 15540, 0, 0, 0, 146810, 94611056517120, 140733640362320)},
+       ProcStat{15546, "cat", 'R', 15540, 0, 0, 0, 146810, 94611056517120, 140733640362320}},
       {"812 (tmux: server) S 1 812 812 0 -1 4194368 2915 0 0 0 1520 893 0 0 20 0 1 0 8512 9953280 1024 "
        "18446744073709551615 1 1 0 0 0 0 0 3 1 0 0 0 17 0 0 0 0 0 0\n",
-       stat(812, "tmux: server", 'S', 1, 1520, 893, 0, 8512)},
+       ProcStat{812, "tmux: server", 'S', 1, 1520, 893, 0, 8512, 1, 0}},
       {"1234 ((sd-pam)) S 1233 1233 1233 0 -1 1077936448 41 0 0 0 0 0 0 0 20 0 1 0 950 105684992 1014 "
        "18446744073709551615 1 1 0 0 0 0 0 4096 0 0 0 0 17 1 0 0 0 0 0\n",
-       stat(1234, "(sd-pam)", 'S', 1233, 0, 0, 0, 950)},
+       ProcStat{1234, "(sd-pam)", 'S', 1233, 0, 0, 0, 950, 1, 0}},
       // A name chosen to fool a parser that stops at the first ')'.
       {"4242 (a) b) T 1 4242 4242 0 -1 4194560 10 0 0 0 7 3 0 0 39 19 1 0 777 1 1 18446744073709551615 1 1 0 0 0 "
        "0 0 0 0 0 0 0 17 0 0 0 0 0 0\n",
-       stat(4242, "a) b", 'T', 1, 7, 3, 19, 777)},
+       ProcStat{4242, "a) b", 'T', 1, 7, 3, 19, 777, 1, 0}},
       {"99 (renice) S 1 99 99 0 -1 0 0 0 0 0 5 5 0 0 15 -5 1 0 4096 0 0",
-       stat(99, "renice", 'S', 1, 5, 5, -5, 4096, 0, 0)},
+       ProcStat{99, "renice", 'S', 1, 5, 5, -5, 4096}},
       {"", std::nullopt},
       {"12 cat R 1", std::nullopt},
       {"x (y) R 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 0 0", std::nullopt},
       {"15546 (cat) R 15540 15540 12915 0 -1 4194304 99", std::nullopt},
       {"15546 (cat) R 15540 15540 12915 0 -1 4194304 99 0 0 0 x 0 0 0 20 0 1 0 146810 0 0", std::nullopt},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.line);
-    auto got = parseProcStat(row.line);
-    ASSERT_EQ(got.has_value(), row.expected.has_value());
-    auto fields = [](const ProcStat& s) {
-      return std::tuple(s.pid, s.comm, s.state, s.ppid, s.utime, s.stime, s.nice, s.starttime, s.startcode,
-                        s.startstack);
-    };
-    if (got) {
-      EXPECT_EQ(fields(*got), fields(*row.expected));
-    }
-  }
+  auto fields = [](const std::optional<ProcStat>& s) {
+    return s ? std::optional(std::tuple(s->pid, s->comm, s->state, s->ppid, s->utime, s->stime, s->nice, s->starttime,
+                                        s->startcode, s->startstack))
+             : std::nullopt;
+  };
+  for (const auto& [line, expected] : rows) EXPECT_EQ(fields(parseProcStat(line)), fields(expected)) << line;
 }
 
 TEST(LinuxProcText, ADefaultRouteThatIsUpMeansOnline) {
@@ -85,20 +68,17 @@ TEST(LinuxProcText, ADefaultRouteThatIsUpMeansOnline) {
       "00000000000000000000000000000000 00000100 00000002 00000000 00000001     eth0\n"
       "00000000000000000000000000000000 00 00000000000000000000000000000000 00 "
       "00000000000000000000000000000000 ffffffff 00000001 00000000 00200200       lo\n";
-  const struct Row {
-    std::string route, ipv6;
-    bool online;
-  } rows[] = {
+  const std::tuple<std::string, std::string, bool> rows[] = {
       {header + "eth0\t00000000\t010200C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n" + local, v6Local, true},
       {header + local, v6Local, false},  // only the local network and loopback's reject route
       {header + "wlan0\t00000000\t010200C0\t0002\t0\t0\t0\t00000000\t0\t0\t0\n", "", false},  // not up
-      {header + "eth0\t00000000\t010200C0\t0203\t0\t0\t0\t00000000\t0\t0\t0\n", "", false},  // reject
+      {header + "eth0\t00000000\t010200C0\t0203\t0\t0\t0\t00000000\t0\t0\t0\n", "", false},   // reject
       {header,
        "00000000000000000000000000000000 00 00000000000000000000000000000000 00 "
        "fd000000000000000000000000000001 00000400 00000002 00000000 00000003     eth0\n",
        true},
       {"", "", false}};
-  for (const Row& r : rows) EXPECT_EQ(hasDefaultRoute(r.route, r.ipv6), r.online) << r.route << r.ipv6;
+  for (const auto& [route, ipv6, online] : rows) EXPECT_EQ(hasDefaultRoute(route, ipv6), online) << route << ipv6;
 }
 
 TEST(LinuxProcText, MachineCountersCommandLinesLimitsAndCapabilities) {
@@ -139,51 +119,25 @@ TEST(LinuxProcText, MachineCountersCommandLinesLimitsAndCapabilities) {
 }
 
 TEST(LinuxProcText, NiceIsLoweredOnlyWhereItCanBePutBack) {
-  struct Row {
-    int nice;
-    std::uint64_t limit;
-    bool cap;
-    bool restorable;
-  };
-  const std::vector<Row> rows{{0, 0, false, false},  {0, 20, false, true},  {5, 15, false, true},
-                              {5, 14, false, false},  {19, 1, false, true},  {-5, 20, false, false},
-                              {-5, 25, false, true},  {0, 0, true, true},
-                              {0, std::numeric_limits<std::uint64_t>::max(), false, true}};
-  for (const Row& r : rows) {
-    EXPECT_EQ(canRestoreNice(r.nice, r.limit, r.cap), r.restorable) << r.nice << " " << r.limit << " " << r.cap;
+  const std::tuple<int, std::uint64_t, bool, bool> rows[] = {
+      {0, 0, false, false},   {0, 20, false, true},  {5, 15, false, true}, {5, 14, false, false},  {19, 1, false, true},
+      {-5, 20, false, false}, {-5, 25, false, true}, {0, 0, true, true},   {0, ~0ULL, false, true}};
+  for (const auto& [nice, limit, cap, restorable] : rows) {
+    EXPECT_EQ(canRestoreNice(nice, limit, cap), restorable) << nice << " " << limit << " " << cap;
   }
 }
 
 // ---------------------------------------------------------------- the real /proc
 
-// A child process, killed and reaped at the end.
-class Child {
- public:
-  // Runs `argv` after `setup` ran in the child.
-  explicit Child(std::vector<std::string> argv, const std::function<void()>& setup = {}) {
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      sigset_t none;
-      sigemptyset(&none);
-      sigprocmask(SIG_SETMASK, &none, nullptr);
-      if (setup) setup();
-      std::vector<char*> args;
-      for (auto& a : argv) args.push_back(a.data());
-      args.push_back(nullptr);
-      ::execv(args[0], args.data());
-      ::_exit(127);
-    }
-  }
+// A child running `argv`, killed and reaped at the end.
+struct Child {
+  explicit Child(const std::vector<std::string>& argv) : pid(spawn(argv, -1, -1)) {}
   ~Child() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, nullptr, 0);
-    }
+    if (pid <= 0) return;  // never kill(-1): that signals every process
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
   }
-  pid_t pid() const { return pid_; }
-
- private:
-  pid_t pid_ = -1;
+  const pid_t pid;
 };
 
 char stateOf(pid_t pid) {
@@ -200,8 +154,6 @@ std::vector<pid_t> threadsOf(pid_t pid) {
   return out;
 }
 
-int ioprioOf(pid_t tid) { return static_cast<int>(::syscall(SYS_ioprio_get, 1, tid)); }
-
 // Given the real /proc of this machine, a real clock and a loop.
 class LinuxProcessesTest : public ::testing::Test {
  protected:
@@ -217,48 +169,37 @@ class LinuxProcessesTest : public ::testing::Test {
   std::unique_ptr<Platform> platform_;
 };
 
-TEST_F(LinuxProcessesTest, FindsItselfAndAChildWithParentStartPathArgumentsAndFolder) {
+TEST_F(LinuxProcessesTest, AChildIsFoundCountedStoppedResumedAndGone) {
   auto self = processes().info(::getpid());
   ASSERT_TRUE(self.has_value());
-  EXPECT_EQ(self->ppid, ::getppid());
-  EXPECT_EQ(self->path, std::filesystem::read_symlink("/proc/self/exe").string());
-  EXPECT_EQ(self->cwd, std::filesystem::current_path().string());
-  EXPECT_LE(self->startMicros, static_cast<std::uint64_t>(clock_.now() * 1e6));
+  EXPECT_EQ(std::tuple(self->ppid, self->path, self->cwd),
+            std::tuple(::getppid(), std::filesystem::read_symlink("/proc/self/exe").string(),
+                       std::filesystem::current_path().string()));
 
   const double before = clock_.now();
   Child child({"/bin/sleep", "30"});
   // Until exec the child still shows this program.
   ASSERT_TRUE(waitFor(
       [&] {
-        auto p = processes().info(child.pid());
-        return p && !p->args.empty() && p->args[0] == "/bin/sleep";
+        auto p = processes().info(child.pid);
+        return p && !p->args.empty() && p->args[0] == "/bin/sleep" && stateOf(child.pid) == 'S';
       },
       5s));
   const double after = clock_.now();
-  auto info = processes().info(child.pid());
-  EXPECT_EQ(info->ppid, ::getpid());
+  auto info = processes().info(child.pid);
+  EXPECT_EQ(std::tuple(info->ppid, info->path, info->args, info->cwd, info->stopped),
+            std::tuple(::getpid(), std::filesystem::canonical("/bin/sleep").string(),
+                       std::vector<std::string>{"/bin/sleep", "30"}, std::filesystem::current_path().string(), false));
   // Boot time is whole seconds and start ticks hundredths: within a
   // couple of seconds of the measured fork.
   const double start = static_cast<double>(info->startMicros) / 1e6;
   EXPECT_GE(start, before - 2.0);
   EXPECT_LE(start, after + 2.0);
-  EXPECT_EQ(info->path, std::filesystem::canonical("/bin/sleep").string());
-  EXPECT_EQ(info->args, (std::vector<std::string>{"/bin/sleep", "30"}));
-  EXPECT_EQ(info->cwd, std::filesystem::current_path().string());
-  EXPECT_FALSE(info->stopped);
-
-  // The same records come in the full list; the start time names one
-  // process for as long as it lives.
-  auto all = processes().list();
-  auto mine = std::find_if(all.begin(), all.end(), [&](const ProcessInfo& p) { return p.pid == child.pid(); });
-  ASSERT_NE(mine, all.end());
-  EXPECT_EQ(mine->startMicros, info->startMicros);
-  EXPECT_TRUE(std::any_of(all.begin(), all.end(), [](const ProcessInfo& p) { return p.pid == ::getpid(); }));
-  EXPECT_FALSE(processes().info(0).has_value());
   EXPECT_FALSE(processes().info(std::numeric_limits<std::int32_t>::max()).has_value());
 
   // Counters come from each process's CPU-time clock: this process's own
-  // reading lies between two readings of its clock taken around it.
+  // reading lies between two readings of its clock taken around it. The
+  // start time names one process for as long as it lives.
   auto cpuNow = [] {
     timespec ts{};
     ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
@@ -267,39 +208,33 @@ TEST_F(LinuxProcessesTest, FindsItselfAndAChildWithParentStartPathArgumentsAndFo
   const std::uint64_t cpuBefore = cpuNow();
   auto counted = processes().listing(ProcessDetail::Counters);
   const std::uint64_t cpuAfter = cpuNow();
-  auto self2 = std::find_if(counted.begin(), counted.end(), [](const ProcessInfo& p) { return p.pid == ::getpid(); });
-  ASSERT_NE(self2, counted.end());
-  EXPECT_GE(self2->cpuMicros, cpuBefore);
-  EXPECT_LE(self2->cpuMicros, cpuAfter);
-  EXPECT_EQ(processes().counters(child.pid(), info->startMicros).has_value(), true);
-  EXPECT_FALSE(processes().counters(child.pid(), info->startMicros + 1).has_value());
-}
+  auto mine = std::find_if(counted.begin(), counted.end(), [](const ProcessInfo& p) { return p.pid == ::getpid(); });
+  ASSERT_NE(mine, counted.end());
+  EXPECT_GE(mine->cpuMicros, cpuBefore);
+  EXPECT_LE(mine->cpuMicros, cpuAfter);
+  auto listed = std::find_if(counted.begin(), counted.end(), [&](const ProcessInfo& p) { return p.pid == child.pid; });
+  ASSERT_NE(listed, counted.end());
+  EXPECT_EQ(listed->startMicros, info->startMicros);
+  EXPECT_TRUE(processes().counters(child.pid, info->startMicros).has_value());
+  EXPECT_FALSE(processes().counters(child.pid, info->startMicros + 1).has_value());
 
-TEST_F(LinuxProcessesTest, StopAndResumeReallyStopAndContinueAChild) {
-  Child child({"/bin/sleep", "30"});
-  ASSERT_TRUE(waitFor([&] { return stateOf(child.pid()) == 'S'; }, 5s));
-
-  ASSERT_TRUE(processes().stop(child.pid())) << processes().stop(child.pid()).message();
-  ASSERT_TRUE(waitFor([&] { return stateOf(child.pid()) == 'T'; }, 5s));
-  EXPECT_TRUE(processes().info(child.pid())->stopped);
-
-  ASSERT_TRUE(processes().resume(child.pid()));
-  ASSERT_TRUE(waitFor([&] { return stateOf(child.pid()) != 'T'; }, 5s));
-  EXPECT_FALSE(processes().info(child.pid())->stopped);
-
+  ASSERT_TRUE(processes().stop(child.pid));
+  ASSERT_TRUE(waitFor([&] { return stateOf(child.pid) == 'T'; }, 5s));
+  EXPECT_TRUE(processes().info(child.pid)->stopped);
+  ASSERT_TRUE(processes().resume(child.pid));
+  ASSERT_TRUE(waitFor([&] { return stateOf(child.pid) != 'T'; }, 5s));
+  EXPECT_FALSE(processes().info(child.pid)->stopped);
   // Ended but not yet reaped: gone all the same (a hold on it ends).
-  ::kill(child.pid(), SIGKILL);
-  ASSERT_TRUE(waitFor([&] { return stateOf(child.pid()) == 'Z'; }, 5s));
-  EXPECT_FALSE(processes().info(child.pid()));
+  ::kill(child.pid, SIGKILL);
+  ASSERT_TRUE(waitFor([&] { return stateOf(child.pid) == 'Z'; }, 5s));
+  EXPECT_FALSE(processes().info(child.pid));
 
   // What must never be signalled, and what is gone.
   for (std::int32_t pid : {0, 1, -1, static_cast<std::int32_t>(::getpid())}) {
-    Result r = processes().stop(pid);
-    EXPECT_FALSE(r) << pid;
-    EXPECT_NE(r.message().find("Vigilo won't pause"), std::string::npos) << r.message();
+    EXPECT_NE(processes().stop(pid).message().find("Vigilo won't pause"), std::string::npos) << pid;
   }
-  Result gone = processes().resume(std::numeric_limits<std::int32_t>::max());
-  EXPECT_EQ(gone.message(), "Process 2147483647 isn't running.");
+  EXPECT_EQ(processes().resume(std::numeric_limits<std::int32_t>::max()).message(),
+            "Process 2147483647 isn't running.");
 }
 
 // Given a Python child with a second thread, at I/O priority best-effort 3
@@ -307,109 +242,72 @@ TEST_F(LinuxProcessesTest, StopAndResumeReallyStopAndContinueAChild) {
 // start one more thread.
 TEST_F(LinuxProcessesTest, SlowThenUnslowPutsEveryThreadBackExactly) {
   if (::access("/usr/bin/python3", X_OK) != 0) GTEST_SKIP() << "/usr/bin/python3 is not installed";
-  constexpr int kBestEffort3 = (2 << 13) | 3;
   const std::string script =
-      "import signal, threading, time\n"
+      "import os, signal, threading, time\n"
+      "os.setpriority(os.PRIO_PROCESS, 0, 5)\n"
       "def spawn(*_): threading.Thread(target=time.sleep, args=(60,), daemon=True).start()\n"
       "signal.signal(signal.SIGUSR1, spawn)\n"
       "spawn()\n"
       "while True: time.sleep(0.05)\n";
-  Child child({"/usr/bin/python3", "-c", script}, [] {
-    ::syscall(SYS_ioprio_set, 1, 0, kBestEffort3);
-    ::setpriority(PRIO_PROCESS, 0, 5);
-  });
-  ASSERT_TRUE(waitFor([&] { return threadsOf(child.pid()).size() == 2; }, 10s));
+  Child child({"/usr/bin/ionice", "-c2", "-n3", "/usr/bin/python3", "-c", script});
+  ASSERT_TRUE(waitFor([&] { return threadsOf(child.pid).size() == 2; }, 10s));
+  // Each thread's I/O priority, scheduling policy and nice value.
+  auto threads = [&] {
+    std::vector<std::tuple<int, int, int>> out;
+    for (pid_t tid : threadsOf(child.pid)) {
+      out.emplace_back(::syscall(SYS_ioprio_get, 1, tid), ::sched_getscheduler(tid),
+                       ::getpriority(PRIO_PROCESS, static_cast<id_t>(tid)));
+    }
+    return out;
+  };
+  auto untouched = [](std::size_t n) { return std::vector(n, std::tuple((2 << 13) | 3, SCHED_OTHER, 5)); };
+  ASSERT_EQ(threads(), untouched(2));
 
-  ASSERT_TRUE(processes().slow(child.pid()));
-  for (pid_t tid : threadsOf(child.pid())) {
-    EXPECT_EQ(ioprioOf(tid) >> 13, 3) << "thread " << tid << " not in the idle I/O class";
-    const int policy = ::sched_getscheduler(tid) & ~SCHED_RESET_ON_FORK;
-    EXPECT_TRUE(policy == SCHED_IDLE || policy == SCHED_OTHER);
-    EXPECT_EQ(::getpriority(PRIO_PROCESS, static_cast<id_t>(tid)), 5);
+  ASSERT_TRUE(processes().slow(child.pid));
+  for (const auto& [io, policy, nice] : threads()) {
+    EXPECT_EQ(io >> 13, 3) << "not in the idle I/O class";
+    EXPECT_TRUE((policy & ~SCHED_RESET_ON_FORK) == SCHED_IDLE || policy == SCHED_OTHER);
+    EXPECT_EQ(nice, 5);
   }
   // Slowing twice keeps the first record: the put-back is still exact.
-  ASSERT_TRUE(processes().slow(child.pid()));
-
+  ASSERT_TRUE(processes().slow(child.pid));
   // A thread started while slowed inherits the slowed values.
-  ::kill(child.pid(), SIGUSR1);
-  ASSERT_TRUE(waitFor([&] { return threadsOf(child.pid()).size() == 3; }, 10s));
-
-  ASSERT_TRUE(processes().unslow(child.pid()));
-  for (pid_t tid : threadsOf(child.pid())) {
-    EXPECT_EQ(ioprioOf(tid), kBestEffort3) << "thread " << tid;
-    EXPECT_EQ(::sched_getscheduler(tid), SCHED_OTHER) << "thread " << tid;
-    EXPECT_EQ(::getpriority(PRIO_PROCESS, static_cast<id_t>(tid)), 5) << "thread " << tid;
-  }
-
+  ::kill(child.pid, SIGUSR1);
+  ASSERT_TRUE(waitFor([&] { return threadsOf(child.pid).size() == 3; }, 10s));
+  ASSERT_TRUE(processes().unslow(child.pid));
+  EXPECT_EQ(threads(), untouched(3));
   EXPECT_FALSE(std::filesystem::exists(folder_.file("slowed-priorities")));
 
   // A run that dies while slowed leaves the old values on disk: the next one
   // puts back exactly those, then drops the record.
-  ASSERT_TRUE(processes().slow(child.pid()));
+  ASSERT_TRUE(processes().slow(child.pid));
   ASSERT_TRUE(std::filesystem::exists(folder_.file("slowed-priorities")));
   restart();
-  ASSERT_TRUE(processes().unslow(child.pid()));
-  for (pid_t tid : threadsOf(child.pid())) {
-    EXPECT_EQ(ioprioOf(tid), kBestEffort3) << "thread " << tid;
-    EXPECT_EQ(::sched_getscheduler(tid), SCHED_OTHER) << "thread " << tid;
-  }
+  ASSERT_TRUE(processes().unslow(child.pid));
+  EXPECT_EQ(threads(), untouched(3));
   EXPECT_FALSE(std::filesystem::exists(folder_.file("slowed-priorities")));
 
   // Nowhere to record the old values: nothing changes.
   std::filesystem::remove_all(folder_.path());
-  EXPECT_FALSE(processes().slow(child.pid()));
-  for (pid_t tid : threadsOf(child.pid())) EXPECT_EQ(ioprioOf(tid), kBestEffort3) << "thread " << tid;
-
+  EXPECT_FALSE(processes().slow(child.pid));
+  EXPECT_EQ(threads(), untouched(3));
   EXPECT_EQ(processes().slow(std::numeric_limits<std::int32_t>::max()).message(), "Process 2147483647 isn't running.");
 }
 
 // ---------------------------------------------------------------- a fixture /proc
 
-// Given a /proc tree with one process and a battery drawing 10 W.
-TEST_F(LinuxTreeTest, EnergyIsTheProcessShareOfTheBatteryDraw) {
-  supply("BAT0", "type=Battery,status=Discharging,charge_now=3000000,charge_full=5000000,current_now=1000000,"
-                 "voltage_now=10000000");
-  supply("AC", "type=Mains,online=0");
-  auto machine = [&](int busy, int cpu, int start) {  // machine busy ticks, the process's ticks
-    put("/proc/stat", "cpu  " + std::to_string(busy) + " 0 0 5000 0 0 0 0 0 0\nbtime 1795243647\n");
-    put("/proc/100/stat", "100 (agent) S 1 100 100 0 -1 0 0 0 0 0 " + std::to_string(cpu) + " 0 0 0 20 0 1 0 " +
-                              std::to_string(start) + " 0 0\n");
-  };
-  put("/proc/100/cmdline", "agent\0--work\0"s);
-  machine(1000, 100, 500);
-  auto p = platform();
-  auto first = p->processes().info(100);
-  ASSERT_TRUE(first.has_value());
-  const long hz = ::sysconf(_SC_CLK_TCK);
-  EXPECT_EQ(first->startMicros, 1795243647ULL * 1'000'000 + 500ULL * 1'000'000 / hz);
-  EXPECT_EQ(first->path, "agent");  // no exe link to read: argv[0]
-  EXPECT_EQ(first->args, (std::vector<std::string>{"agent", "--work"}));
-  EXPECT_EQ(first->energyNanojoules, 0u);
-
-  // 10 s at 10 W while the process used a quarter of the busy CPU time;
-  // then on the charger nothing is measured, so nothing is added; then a
-  // new process under the same pid starts from nothing.
-  const std::vector<std::tuple<bool, int, int, int, std::uint64_t>> steps{
-      {false, 1200, 150, 500, 25'000'000'000u}, {true, 1400, 200, 500, 25'000'000'000u}, {true, 1600, 10, 900, 0}};
-  for (const auto& [charging, busy, cpu, start, nanojoules] : steps) {
-    if (charging) supply("AC", "online=1"), supply("BAT0", "status=Charging");
-    clock_.advance(10);
-    machine(busy, cpu, start);
-    EXPECT_EQ(p->processes().info(100)->energyNanojoules, nanojoules) << busy;
-  }
-}
-
 // Given a fixture /proc with an agent (100) and its shell (200): a listing
 // learns each process once, and a new process under an old pid, an exec
-// and a parent that ended all show as they are, never as the old process.
-TEST_F(LinuxTreeTest, ListingsNeverMistakeANewProcessUnderAnOldPidForTheOldOne) {
+// and a parent that ended all show as they are, never as the old process;
+// a process's energy follows its own CPU time only.
+TEST_F(LinuxTreeTest, ListingsAndEnergyNeverMistakeANewProcessUnderAnOldPidForTheOldOne) {
   put("/proc/stat", "cpu  1000 0 0 5000 0 0 0 0 0 0\nbtime 1795243647\n");
   auto process = [&](int pid, int ppid, const std::string& comm, int start, int cpu, int stack,
                      const std::string& cmdline) {
-    put("/proc/" + std::to_string(pid) + "/stat",
-        std::to_string(pid) + " (" + comm + ") S " + std::to_string(ppid) + " 1 1 0 -1 0 0 0 0 0 " +
-            std::to_string(cpu) + " 0 0 0 20 0 1 0 " + std::to_string(start) + " 0 0 0 4096 8192 " +
-            std::to_string(stack) + "\n");
+    put("/proc/" + std::to_string(pid) + "/stat", std::to_string(pid) + " (" + comm + ") S " + std::to_string(ppid) +
+                                                      " 1 1 0 -1 0 0 0 0 0 " + std::to_string(cpu) +
+                                                      " 0 0 0 20 0 1 0 " + std::to_string(start) + " 0 0 0 4096 8192 " +
+                                                      std::to_string(stack) + "\n");
     put("/proc/" + std::to_string(pid) + "/cmdline", cmdline);
   };
   // The kernel's task count and last pid: what tells that nothing started.
@@ -420,7 +318,9 @@ TEST_F(LinuxTreeTest, ListingsNeverMistakeANewProcessUnderAnOldPidForTheOldOne) 
   auto p = platform();
   Processes& procs = p->processes();
   const long hz = ::sysconf(_SC_CLK_TCK);
-  auto start = [&](int ticks) { return 1795243647ULL * 1'000'000 + static_cast<std::uint64_t>(ticks) * 1'000'000 / hz; };
+  auto start = [&](int ticks) {
+    return 1795243647ULL * 1'000'000 + static_cast<std::uint64_t>(ticks) * 1'000'000 / hz;
+  };
   auto find = [](const std::vector<ProcessInfo>& list, std::int32_t pid) {
     auto it = std::find_if(list.begin(), list.end(), [pid](const ProcessInfo& i) { return i.pid == pid; });
     return it == list.end() ? ProcessInfo{} : *it;
@@ -439,7 +339,7 @@ TEST_F(LinuxTreeTest, ListingsNeverMistakeANewProcessUnderAnOldPidForTheOldOne) 
   // own, as the kernel gives it); the shell, reparented to init, still
   // shows its old parent in the cache until it is read again.
   std::filesystem::rename(dir_.path() + "/proc/100", dir_.path() + "/proc/gone");
-  process(100, 1, "sleep", 900, 0, 333, "sleep\0"s "60\0"s);
+  process(100, 1, "sleep", 900, 0, 333, "sleep\0" "60\0"s);
   put("/proc/loadavg", "0.00 0.00 0.00 1/2 100\n");
   process(200, 1, "node", 500, 5, 222, "node\0/x/server.js\0"s);
   EXPECT_FALSE(procs.identitiesUnchanged());
@@ -464,42 +364,38 @@ TEST_F(LinuxTreeTest, ListingsNeverMistakeANewProcessUnderAnOldPidForTheOldOne) 
   EXPECT_EQ(find(third, 2).pid, 2);  // a kernel thread is listed, without counters
   EXPECT_EQ(find(third, 2).cpuMicros, 0u);
   EXPECT_EQ(procs.counters(200, start(500))->cpuMicros, find(third, 200).cpuMicros);
+
+  // Energy is the process's share of the battery's draw: 10 s at 10 W while
+  // the shell used a quarter of the busy CPU time; then on the charger
+  // nothing is measured, so nothing is added; then a new process under the
+  // same pid starts from nothing.
+  supply("BAT0",
+         "type=Battery,status=Discharging,charge_now=3000000,charge_full=5000000,current_now=1000000,"
+         "voltage_now=10000000");
+  supply("AC", "type=Mains,online=0");
+  auto info = procs.info(200);
+  EXPECT_EQ(std::tuple(info->path, info->startMicros, info->energyNanojoules), std::tuple("node"s, start(500), 0u));
+  const std::vector<std::tuple<bool, int, int, int, std::uint64_t>> steps{
+      {false, 1200, 57, 500, 25'000'000'000u}, {true, 1400, 107, 500, 25'000'000'000u}, {true, 1600, 10, 900, 0}};
+  for (const auto& [charging, busy, cpu, since, nanojoules] : steps) {
+    if (charging) {
+      supply("AC", "online=1");
+      supply("BAT0", "status=Charging");
+    }
+    clock_.advance(10);
+    put("/proc/stat", "cpu  " + std::to_string(busy) + " 0 0 5000 0 0 0 0 0 0\nbtime 1795243647\n");
+    process(200, 1, "node", since, cpu, 444, "node\0/x/claude-code/cli.js\0"s);
+    EXPECT_EQ(procs.info(200)->energyNanojoules, nanojoules) << busy;
+  }
 }
 
-// ---------------------------------------------------------------- folders
-
-// Sets an environment variable (or unsets it, for nothing) for one test
-// and puts it back.
-class EnvVar {
- public:
-  EnvVar(const char* name, std::optional<std::string> value) : name_(name) {
-    if (const char* old = std::getenv(name)) old_ = old;
-    set(value);
-  }
-  ~EnvVar() { set(old_); }
-
- private:
-  void set(const std::optional<std::string>& v) { v ? ::setenv(name_, v->c_str(), 1) : ::unsetenv(name_); }
-  const char* name_;
-  std::optional<std::string> old_;
-};
-
-TEST_F(LinuxTreeTest, FoldersFollowXdgAndTheRuntimeFolderStaysPrivate) {
-  {
-    EnvVar data("XDG_DATA_HOME", "/srv/data");
-    EXPECT_EQ(platform()->defaultAppFolder(), "/srv/data/vigilo");
-  }
-  {
-    EnvVar data("XDG_DATA_HOME", "relative/data");
-    EnvVar home("HOME", "/home/ada");
-    EXPECT_EQ(platform()->defaultAppFolder(), "/home/ada/.local/share/vigilo");
-  }
-
+// A link planted where the runtime folder goes is refused, never followed;
+// the folder is made private, and made private again when loosened.
+TEST_F(LinuxTreeTest, TheRuntimeFolderStaysPrivate) {
   const std::string run = dir_.file("run");
   std::filesystem::create_directories(run);
   EnvVar runtime("XDG_RUNTIME_DIR", run);
   std::string problem;
-  // Made private, and made private again when loosened by someone.
   for (int round = 0; round < 2; ++round) {
     ASSERT_EQ(runtimeFolder(&problem), run + "/vigilo") << problem;
     struct stat st {};
@@ -507,14 +403,10 @@ TEST_F(LinuxTreeTest, FoldersFollowXdgAndTheRuntimeFolderStaysPrivate) {
     EXPECT_EQ(st.st_mode & 0777, 0700u) << round;
     ::chmod((run + "/vigilo").c_str(), 0755);
   }
-
-  // A link planted where the folder goes is refused, never followed.
   std::filesystem::remove_all(run + "/vigilo");
-  std::filesystem::create_directories(dir_.file("elsewhere"));
-  std::filesystem::create_directory_symlink(dir_.file("elsewhere"), run + "/vigilo");
+  std::filesystem::create_directory_symlink(dir_.path(), run + "/vigilo");
   EXPECT_EQ(runtimeFolder(&problem), "");
   EXPECT_EQ(problem, run + "/vigilo isn't a folder, so Vigilo won't use it.");
-
   if (::geteuid() == 0) {
     std::filesystem::remove(run + "/vigilo");
     std::filesystem::create_directories(run + "/vigilo");
