@@ -1,13 +1,13 @@
-#include <filesystem>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "engine/engine_fixture.h"
 #include "safety/recording_runner.h"
-#include "test_support.h"
 #include "safety/setup.h"
 #include "safety/watchdog.h"
+#include "test_support.h"
 
 namespace vigilo::test {
 namespace {
@@ -72,10 +72,9 @@ TEST_F(LinuxSetupTest, SetupDoctorAndRemovalStepByStep) {
   }
   // The rule went through root's shell (recorded here, so put in place by hand).
   writeFile(setup_->polkitRulePath(), LinuxSetup::polkitRule("ada"));
-  EXPECT_THAT(setup_->doctorLines(),
-              ElementsAre("Watchdog: running every 60 seconds (vigilo-watchdog.timer)",
-                          "Command link: " + home_ + "/.local/bin/vigilo",
-                          "Polkit rule: " + dir_.file("rules.d/49-vigilo-1000.rules")));
+  EXPECT_THAT(setup_->doctorLines(), ElementsAre("Watchdog: running every 60 seconds (vigilo-watchdog.timer)",
+                                                 "Command link: " + home_ + "/.local/bin/vigilo",
+                                                 "Polkit rule: " + dir_.file("rules.d/49-vigilo-1000.rules")));
   // Damaged: the timer stopped, the executable moved away.
   active = false;
   std::filesystem::remove(dir_.file("vigilo"));
@@ -194,8 +193,9 @@ TEST_F(WatchdogJobsTest, OnlyThisFoldersDeadTimerIsRepairedAndOnlyOnce) {
   advance(6 * 2);  // tick 3: the first check
   EXPECT_TRUE(watchdog_.watchdogRepairTried());
   EXPECT_THAT(runner_.lines(), Contains("/usr/bin/systemctl --user enable --now vigilo-watchdog.timer"));
-  EXPECT_EQ(watchdog_.warning(), "The safety watchdog isn't running, so a crash wouldn't be cleaned up "
-                                 "automatically. Run: vigilo setup");
+  EXPECT_EQ(watchdog_.warning(),
+            "The safety watchdog isn't running, so a crash wouldn't be cleaned up "
+            "automatically. Run: vigilo setup");
   // Five minutes later: no second repair; the warning stays until it runs.
   runner_.calls.clear();
   advance(300);

@@ -51,7 +51,8 @@ TEST_F(MacSetupTest, TheRuleListsExactlyTheSwitchesAndPassesTheRealVisudoForAwkw
             "Cmnd_Alias VIGILO_PMSET = " +
                 kCommandList + "\nada ALL=(root) NOPASSWD: VIGILO_PMSET\n");
   if (!std::filesystem::exists("/usr/sbin/visudo")) GTEST_SKIP() << "visudo isn't installed (scripts/setup installs sudo)";
-  const std::vector<std::pair<std::string, std::string>> cases = {  // user, written as
+  // Each user name, and how the rule writes it.
+  const std::vector<std::pair<std::string, std::string>> cases = {
       {"ada", "ada"},           {"ada.l-b_2", "ada.l-b_2"}, {"a,b", "a\\,b"},          {"x:y=z", "x\\:y\\=z"},
       {"we ird", "we\\ ird"},   {"a\\b", "a\\\\b"},         {"%staff", "\\%staff"},     {"+net", "\\+net"},
       {"!no", "\\!no"},         {"o'\"q", "o\\'\\\"q"},     {"josé", "josé"},           {"ALL", "#501"},

@@ -1,14 +1,14 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <csignal>
 #include <filesystem>
 #include <functional>
 #include <sstream>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "e2e/sim_app.h"
-#include "platform/sim/sim_laptop.h"
 #include "platform/command_runner.h"
+#include "platform/sim/sim_laptop.h"
 #include "test_support.h"
 
 namespace vigilo::test {
