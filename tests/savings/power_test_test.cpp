@@ -409,12 +409,6 @@ TEST_F(PowerTestTest, SavingsEstimateReceiptAndStatsAgreeWithTheHandComputation)
   EXPECT_NEAR(measured, saving, 0.05 * saving);
 }
 
-}  // namespace
-}  // namespace vigilo::test
-
-namespace vigilo::test {
-namespace {
-
 TEST(FastSimClockTest, SpeedIsKeptInTheFileClampedAndScalesTheClock) {
   TempDir dir;
   ManualClock base;

@@ -254,12 +254,6 @@ TEST(PmsetText, HostileText) {
   EXPECT_EQ(longAgo[0].since, 1762111257.0 - (9999.0 * 3600 + 59 * 60 + 59));
 }
 
-}  // namespace
-}  // namespace vigilo::test
-
-namespace vigilo::test {
-namespace {
-
 // What closes a cut-short copy: the test adds it, the file stays as posted.
 struct PlistSample {
   std::string file, closing;
