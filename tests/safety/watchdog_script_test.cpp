@@ -28,63 +28,6 @@ using ::testing::IsEmpty;
 
 constexpr long long kNow = 1'800'000'000;
 
-// Stand-in tools that log their argv as one line in "log" and answer from
-// files the test writes: sudo fails while "sudo-fails" exists, ps prints the
-// name "ps-table" lists for a pid, date +%s prints "now", id prints 501.
-class FakeTools {
- public:
-  explicit FakeTools(const std::string& dir) : dir_(dir), bin_(dir + "/bin") {
-    fs::create_directories(bin_);
-    tool("sudo", "[ ! -e \"$FAKE_DIR/sudo-fails\" ]");
-    tool("launchctl", "exit 0");
-    tool("systemctl", "exit 0");
-    tool("id", "echo 501");
-    tool("date", "if [ \"$1\" = +%s ]; then cat \"$FAKE_DIR/now\"; else /bin/date \"$@\"; fi");
-    tool("ps",
-         "while read -r p n; do [ \"$p\" = \"$2\" ] && { echo \"$n\"; exit 0; }; done "
-         "<\"$FAKE_DIR/ps-table\"; exit 1");
-    tool("shasum", "shift 2; sha256sum \"$@\"");
-    writeFile(dir_ + "/ps-table", "");
-    clearLog();
-    setNow(kNow);
-  }
-  const std::string& bin() const { return bin_; }
-  // What the script asks of the machine, not how it reads the clock.
-  std::vector<std::string> logLines() const {
-    std::vector<std::string> lines;
-    std::istringstream in(readFile(dir_ + "/log"));
-    for (std::string line; std::getline(in, line);) {
-      if (line.rfind("date ", 0) != 0) lines.push_back(line);
-    }
-    return lines;
-  }
-  void clearLog() const { writeFile(dir_ + "/log", ""); }
-  void setNow(long long now) const { writeFile(dir_ + "/now", std::to_string(now) + "\n"); }
-  void setSudoFails(bool fails) const {
-    if (fails)
-      writeFile(dir_ + "/sudo-fails", "");
-    else
-      fs::remove(dir_ + "/sudo-fails");
-  }
-  void setProcessName(pid_t pid, const std::string& name) const {
-    std::ofstream(dir_ + "/ps-table", std::ios::app) << pid << " " << name << "\n";
-  }
-  // /bin/sh under HOME `home`, with these tools first on the PATH.
-  int runScript(const std::string& script, const std::string& home) const {
-    return ProcessRunner()
-        .run({"/usr/bin/env", "-i", "HOME=" + home, "PATH=" + bin_ + ":/usr/bin:/bin", "FAKE_DIR=" + dir_,
-              "/bin/sh", script})
-        .status;
-  }
-
- private:
-  void tool(const std::string& name, const std::string& body) const {
-    writeFile(bin_ + "/" + name, "#!/bin/sh\necho \"" + name + " $*\" >>\"$FAKE_DIR/log\"\n" + body + "\n");
-    ::chmod((bin_ + "/" + name).c_str(), 0755);
-  }
-  std::string dir_, bin_;
-};
-
 // A real process that stays paused until continued.
 class PausedProcess {
  public:
@@ -132,7 +75,20 @@ std::string sha256(const std::string& path) {
 class WatchdogScriptTest : public ::testing::TestWithParam<bool> {
  protected:
   WatchdogScriptTest() : WatchdogScriptTest(GetParam()) {}
-  explicit WatchdogScriptTest(bool mac) : mac_(mac), tools_(dir_.file("tools")) {
+  explicit WatchdogScriptTest(bool mac) : mac_(mac) {
+    fs::create_directories(bin_);
+    tool("sudo", "[ ! -e \"$FAKE_DIR/sudo-fails\" ]");
+    tool("launchctl", "exit 0");
+    tool("systemctl", "exit 0");
+    tool("id", "echo 501");
+    tool("date", "if [ \"$1\" = +%s ]; then cat \"$FAKE_DIR/now\"; else /bin/date \"$@\"; fi");
+    tool("ps",
+         "while read -r p n; do [ \"$p\" = \"$2\" ] && { echo \"$n\"; exit 0; }; done "
+         "<\"$FAKE_DIR/ps-table\"; exit 1");
+    tool("shasum", "shift 2; sha256sum \"$@\"");
+    writeFile(tools_ + "/ps-table", "");
+    clearLog();
+    setNow(kNow);
     home_ = dir_.file("home");
     exe_ = dir_.file(mac ? "Vigilo" : "vigilo");
     if (mac) {
@@ -156,10 +112,10 @@ class WatchdogScriptTest : public ::testing::TestWithParam<bool> {
     std::string s =
         mac ? macWatchdogScript(home_, folder_, exe_) : linuxWatchdogScript(folder_, exe_, link_, units_);
     const std::vector<std::pair<std::string, std::string>> standIns = {
-        {"/usr/bin/sudo", tools_.bin() + "/sudo"},
-        {"/bin/launchctl", tools_.bin() + "/launchctl"},
-        {"/usr/bin/id", tools_.bin() + "/id"},
-        {"/usr/bin/shasum", tools_.bin() + "/shasum"},
+        {"/usr/bin/sudo", bin_ + "/sudo"},
+        {"/bin/launchctl", bin_ + "/launchctl"},
+        {"/usr/bin/id", bin_ + "/id"},
+        {"/usr/bin/shasum", bin_ + "/shasum"},
         {"/usr/local/bin/vigilo", link_}};
     for (const auto& [from, to] : mac ? standIns : decltype(standIns){}) {
       for (auto at = s.find(from); at != std::string::npos; at = s.find(from, at + to.size())) {
@@ -172,12 +128,47 @@ class WatchdogScriptTest : public ::testing::TestWithParam<bool> {
   std::string file(const std::string& name) const { return folder_ + "/" + name; }
   bool has(const std::string& name) const { return fileExists(file(name)); }
   void put(const std::string& name, const std::string& text = "") const { writeFile(file(name), text); }
-  int run() const { return tools_.runScript(script(), home_); }
   void removeApp() const { fs::remove(exe_); }
+  // Runs the script with /bin/sh under the temporary home, the stand-ins
+  // first on the PATH.
+  int run() const {
+    return ProcessRunner()
+        .run({"/usr/bin/env", "-i", "HOME=" + home_, "PATH=" + bin_ + ":/usr/bin:/bin", "FAKE_DIR=" + tools_,
+              "/bin/sh", script()})
+        .status;
+  }
+  // The stand-in tools log their argv as one line in "log" and answer from
+  // files the test writes: sudo fails while "sudo-fails" exists, ps prints
+  // the name "ps-table" lists for a pid, date +%s prints "now".
+  void tool(const std::string& name, const std::string& body) const {
+    writeFile(bin_ + "/" + name, "#!/bin/sh\necho \"" + name + " $*\" >>\"$FAKE_DIR/log\"\n" + body + "\n");
+    ::chmod((bin_ + "/" + name).c_str(), 0755);
+  }
+  // What the script asks of the machine, not how it reads the clock.
+  std::vector<std::string> logLines() const {
+    std::vector<std::string> lines;
+    std::istringstream in(readFile(tools_ + "/log"));
+    for (std::string line; std::getline(in, line);) {
+      if (line.rfind("date ", 0) != 0) lines.push_back(line);
+    }
+    return lines;
+  }
+  void clearLog() const { writeFile(tools_ + "/log", ""); }
+  void setNow(long long now) const { writeFile(tools_ + "/now", std::to_string(now) + "\n"); }
+  void setSudoFails(bool fails) const {
+    if (fails) {
+      writeFile(tools_ + "/sudo-fails", "");
+    } else {
+      fs::remove(tools_ + "/sudo-fails");
+    }
+  }
+  void setProcessName(pid_t pid, const std::string& name) const {
+    std::ofstream(tools_ + "/ps-table", std::ios::app) << pid << " " << name << "\n";
+  }
 
   bool mac_;
   TempDir dir_;
-  FakeTools tools_;
+  std::string tools_ = dir_.file("tools"), bin_ = tools_ + "/bin";
   std::string home_, folder_, units_, link_, exe_;
   std::vector<std::string> setupFiles_;  // what the installer put outside the folder
 };
@@ -198,29 +189,29 @@ TEST_P(WatchdogScriptTest, AFreshHeartbeatIsLeftAloneAStaleOneHandsOverToTheApp)
   put("gone", "123");
   setModified(file("alive"), kNow - 39);
   EXPECT_EQ(run(), 0);
-  EXPECT_THAT(tools_.logLines(), IsEmpty());
+  EXPECT_THAT(logLines(), IsEmpty());
   EXPECT_FALSE(has("gone"));  // the executable is there again
   // 40 seconds: the app died or hangs; its executable undoes the records.
   setModified(file("alive"), kNow - 40);
   EXPECT_EQ(run(), 0);
-  EXPECT_THAT(tools_.logLines(), ElementsAre("exe cli watchdog"));
+  EXPECT_THAT(logLines(), ElementsAre("exe cli watchdog"));
   if (mac_) return;  // a clean quit on a Mac: see below
   // A clean quit with nothing left does nothing; with a hold left the
   // executable puts it back on the machine the folder belongs to.
   std::filesystem::remove(file("alive"));
-  tools_.clearLog();
+  clearLog();
   run();
-  EXPECT_THAT(tools_.logLines(), IsEmpty());
+  EXPECT_THAT(logLines(), IsEmpty());
   put("hold");
   run();
-  EXPECT_THAT(tools_.logLines(), ElementsAre("exe cli watchdog"));
+  EXPECT_THAT(logLines(), ElementsAre("exe cli watchdog"));
 }
 
 TEST_P(WatchdogScriptTest, WithTheAppGoneItContinuesOnlyItsOwnPausedProcessesAndPutsRecordsBack) {
   removeApp();
   PausedProcess ours, reused;
-  tools_.setProcessName(ours.pid(), "/usr/bin/sleep");
-  tools_.setProcessName(reused.pid(), "/Applications/Other.app/Contents/MacOS/Other");
+  setProcessName(ours.pid(), "/usr/bin/sleep");
+  setProcessName(reused.pid(), "/Applications/Other.app/Contents/MacOS/Other");
   put("resume-pids", std::to_string(ours.pid()) + "\t/bin/sleep\n" + std::to_string(reused.pid()) +
                          "\t/opt/other/bin/other\nabc\t/bin/sleep\n 12\t/bin/sleep\n");
   put("touched.json", "[]");
@@ -240,7 +231,7 @@ TEST_P(WatchdogScriptTest, WithTheAppGoneItContinuesOnlyItsOwnPausedProcessesAnd
     return;
   }
   EXPECT_FALSE(has("timemachine-restore"));
-  EXPECT_THAT(tools_.logLines(),
+  EXPECT_THAT(logLines(),
               ElementsAre("ps -p " + std::to_string(ours.pid()) + " -o comm=",
                           "ps -p " + std::to_string(reused.pid()) + " -o comm=",
                           "sudo -n /usr/bin/pmset -b lowpowermode 1", "sudo -n /usr/bin/tmutil enable",
@@ -253,22 +244,22 @@ TEST_P(WatchdogScriptTest, GoneForTenMinutesRemovesTheSetupAndItself) {
   put("alive");
   run();
   EXPECT_EQ(readFile(file("gone")), std::to_string(kNow) + "\n");
-  EXPECT_THAT(tools_.logLines(), IsEmpty());
+  EXPECT_THAT(logLines(), IsEmpty());
 
-  tools_.setNow(kNow + 599);
+  setNow(kNow + 599);
   run();
   EXPECT_TRUE(has("watchdog.sh"));
   for (const std::string& f : setupFiles_) EXPECT_TRUE(fileExists(f)) << f;
 
-  tools_.setNow(kNow + 600);
+  setNow(kNow + 600);
   EXPECT_EQ(run(), 0);
   if (mac_) {
-    EXPECT_THAT(tools_.logLines(),
+    EXPECT_THAT(logLines(),
                 ElementsAre("sudo -n /bin/rm -f /private/etc/sudoers.d/vigilo", "sudo -n /bin/rm -f " + link_,
                             "id -u", "launchctl bootout gui/501/com.tarnwell.vigilo.watchdog"));
   } else {
-    EXPECT_THAT(tools_.logLines(), ElementsAre("systemctl --user disable --now vigilo-watchdog.timer",
-                                               "systemctl --user daemon-reload"));
+    EXPECT_THAT(logLines(), ElementsAre("systemctl --user disable --now vigilo-watchdog.timer",
+                                        "systemctl --user daemon-reload"));
     EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(link_)));
   }
   for (const char* f : {"watchdog.sh", "gone", "alive"}) EXPECT_FALSE(has(f)) << f;
@@ -317,36 +308,36 @@ TEST_F(MacWatchdogScriptTest, AfterACleanQuitOnlyALeftoverHoldIsReleased) {
   run();
   EXPECT_FALSE(has("hold"));
   EXPECT_TRUE(has("sleep-off-before"));
-  EXPECT_THAT(tools_.logLines(), IsEmpty());
+  EXPECT_THAT(logLines(), IsEmpty());
 
   // Ours, and sudo refuses: the record stays for the next run.
   fs::remove(file("sleep-off-before"));
   put("hold");
   put("powermode-restore", "powermode 1");
-  tools_.setSudoFails(true);
+  setSudoFails(true);
   run();
   EXPECT_TRUE(has("hold"));
-  tools_.setSudoFails(false);
-  tools_.clearLog();
+  setSudoFails(false);
+  clearLog();
   run();
   EXPECT_FALSE(has("hold"));
   // Only the hold: the other records are the app's own to put back.
   EXPECT_TRUE(has("powermode-restore"));
-  EXPECT_THAT(tools_.logLines(), ElementsAre("sudo -n /usr/bin/pmset -a disablesleep 0"));
+  EXPECT_THAT(logLines(), ElementsAre("sudo -n /usr/bin/pmset -a disablesleep 0"));
 }
 
 TEST_F(MacWatchdogScriptTest, PowerModeRecordsOutsideTheAllowedValuesAreDroppedWithoutPmset) {
   removeApp();
   for (const char* bad : {"powermode 7", "lowpowermode 2", "powermode 1 extra", "", "powermode; rm -rf /"}) {
     put("powermode-restore", bad);
-    tools_.clearLog();
+    clearLog();
     run();
     EXPECT_FALSE(has("powermode-restore")) << bad;
-    EXPECT_THAT(tools_.logLines(), IsEmpty()) << bad;
+    EXPECT_THAT(logLines(), IsEmpty()) << bad;
   }
   // A refused put-back keeps its record for the next minute.
   put("powermode-restore", "powermode 2");
-  tools_.setSudoFails(true);
+  setSudoFails(true);
   run();
   EXPECT_TRUE(has("powermode-restore"));
 }
@@ -358,10 +349,10 @@ TEST_F(MacWatchdogScriptTest, AGoneTimeThatIsNoNumberCountsAsNowAndALiveLinkStay
   run();
   EXPECT_TRUE(has("watchdog.sh"));
   put("gone", std::to_string(kNow - 3600));
-  tools_.clearLog();
+  clearLog();
   run();
-  EXPECT_THAT(tools_.logLines(), ElementsAre("sudo -n /bin/rm -f /private/etc/sudoers.d/vigilo", "id -u",
-                                             "launchctl bootout gui/501/com.tarnwell.vigilo.watchdog"));
+  EXPECT_THAT(logLines(), ElementsAre("sudo -n /bin/rm -f /private/etc/sudoers.d/vigilo", "id -u",
+                                      "launchctl bootout gui/501/com.tarnwell.vigilo.watchdog"));
 }
 
 // "Approve everything" is put back only where a file is as Vigilo left it,
