@@ -30,7 +30,6 @@ class WatchdogEndToEnd : public SimAppTest {
     start_ = laptop.process(paused_)->startMicros;
     writeFile(state_, laptop.toJson().dump());
   }
-  // What the laptop's state file says now.
   struct Seen {
     bool sleepDisabled = false;
     bool pausedStillStopped = false;

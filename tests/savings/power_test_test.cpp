@@ -56,7 +56,6 @@ class PowerTestTest : public EngineTest {
     laptop().setLidClosed(true);
     advance(2);
   }
-  // A new laptop with the chat app alone.
   void fresh() {
     stop();
     laptop().fromJson(nlohmann::json::object());
@@ -64,7 +63,6 @@ class PowerTestTest : public EngineTest {
   }
   bool chatPaused() { return laptop().process(chat)->stopped; }
   PowerTest& test() { return savings_->test(); }
-  // Runs the loop until the test ends, at most `limit` seconds.
   void runTest(double limit = 900) {
     for (double t = 0; t < limit && test().running(); t += 1) advance(1);
   }
@@ -361,7 +359,6 @@ TEST_F(PowerTestTest, SavingsEstimateReceiptAndStatsAgreeWithTheHandComputation)
   EXPECT_EQ(bundles["cc"], nullptr);
   EXPECT_NEAR(power_->closedEstimate(engine()), 14.825, 0.01);
 
-  // The quick estimate, with the lid open.
   std::optional<nlohmann::json> estimate;
   savings_->measureSavings([&](nlohmann::json r, std::optional<std::string>) { estimate = r; });
   advance(8);

@@ -113,7 +113,6 @@ class MacCliTest : public ::testing::Test {
     writeFile(state_, m.dump(2) + "\n");
   }
   bool inApp(const std::string& name) const { return fileExists(appFolder_ + "/" + name); }
-  // The logged command lines that start with `prefix`, in order.
   std::vector<std::string> logged(const std::string& prefix) const {
     std::vector<std::string> out;
     std::istringstream in(fileExists(log_) ? readFile(log_) : "");
