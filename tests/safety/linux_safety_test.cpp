@@ -1,14 +1,13 @@
-#include <filesystem>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "engine/engine_fixture.h"
 #include "safety/recording_runner.h"
-#include "safety/script_harness.h"
 #include "safety/setup.h"
 #include "safety/watchdog.h"
-#include "safety/watchdog_script.h"
+#include "test_support.h"
 
 namespace vigilo::test {
 namespace {
@@ -17,25 +16,7 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-
-constexpr long long kNow = 1'800'000'000;
-
-class LinuxWatchdogScriptTest : public WatchdogScriptFixture {
- protected:
-  LinuxWatchdogScriptTest() : WatchdogScriptFixture(false) {}
-};
-
-TEST_F(LinuxWatchdogScriptTest, ASimulatedLaptopsRecordsAreLeftToVigilo) {
-  removeApp();
-  PausedProcess real;
-  put("machine.json", R"({"file":"/tmp/laptop.json","machine":"sim"})");
-  put("resume-pids", std::to_string(real.pid()) + "\t/usr/bin/sleep\n");
-  put("hold");
-  run();
-  EXPECT_TRUE(real.stopped());
-  EXPECT_TRUE(has("resume-pids"));
-  EXPECT_TRUE(has("hold"));
-}
+using ::testing::Not;
 
 // Given Linux's setup in a temporary home with recorded command lines.
 class LinuxSetupTest : public ::testing::Test {
@@ -56,13 +37,23 @@ class LinuxSetupTest : public ::testing::Test {
   std::unique_ptr<LinuxSetup> setup_;
 };
 
-TEST_F(LinuxSetupTest, InstallLinksTheCommandStartsTheTimerAndSaysSo) {
-  setup_->withPolkitRule = false;
+// From nothing installed through setup, a healthy and a damaged setup to
+// removal, with what doctor says at each step.
+TEST_F(LinuxSetupTest, SetupDoctorAndRemovalStepByStep) {
+  bool active = false;
+  runner_.answer = [&](const std::vector<std::string>&) { return CommandOutput{active ? 0 : 3, ""}; };
+  EXPECT_THAT(setup_->doctorLines(),
+              ElementsAre("Watchdog: missing (run: vigilo setup)", "Command link: missing (run: vigilo setup)",
+                          "Polkit rule: missing (needed only to keep the laptop awake from the user service; run: "
+                          "vigilo setup)"));
+  active = true;
+  runner_.calls.clear();
   std::vector<std::string> said;
   ASSERT_TRUE(setup_->install(said));
   EXPECT_EQ(std::filesystem::read_symlink(home_ + "/.local/bin/vigilo"), dir_.file("vigilo"));
   EXPECT_THAT(runner_.lines(), ElementsAre("/usr/bin/systemctl --user daemon-reload",
-                                           "/usr/bin/systemctl --user enable --now vigilo-watchdog.timer"));
+                                           "/usr/bin/systemctl --user enable --now vigilo-watchdog.timer",
+                                           HasSubstr("/usr/bin/install -m 0644 -o root -g root ")));
   const std::string units = home_ + "/.config/systemd/user/";
   EXPECT_EQ(readFile(units + "vigilo-watchdog.service"),
             "# Written by Vigilo (vigilo setup); vigilo setup --remove removes it.\n[Unit]\n"
@@ -71,7 +62,7 @@ TEST_F(LinuxSetupTest, InstallLinksTheCommandStartsTheTimerAndSaysSo) {
                 home_ + "/.local/share/vigilo/watchdog.sh\"\n");
   EXPECT_THAT(readFile(units + "vigilo-watchdog.timer"), HasSubstr("OnUnitActiveSec=60\nAccuracySec=1s\n"));
   EXPECT_THAT(said, ElementsAre("Linked the vigilo command: " + home_ + "/.local/bin/vigilo → " + dir_.file("vigilo"),
-                                HasSubstr("Started the watchdog")));
+                                HasSubstr("Started the watchdog"), HasSubstr("Installed the polkit rule")));
   // The units pass systemd's own check (system mode needs no running manager).
   if (std::filesystem::exists("/usr/bin/systemd-analyze")) {
     ProcessRunner real;
@@ -79,10 +70,22 @@ TEST_F(LinuxSetupTest, InstallLinksTheCommandStartsTheTimerAndSaysSo) {
                          units + "vigilo-watchdog.service"});
     EXPECT_EQ(out.output, "");
   }
+  // The rule went through root's shell (recorded here, so put in place by hand).
+  writeFile(setup_->polkitRulePath(), LinuxSetup::polkitRule("ada"));
+  EXPECT_THAT(setup_->doctorLines(), ElementsAre("Watchdog: running every 60 seconds (vigilo-watchdog.timer)",
+                                                 "Command link: " + home_ + "/.local/bin/vigilo",
+                                                 "Polkit rule: " + dir_.file("rules.d/49-vigilo-1000.rules")));
+  // Damaged: the timer stopped, the executable moved away.
+  active = false;
+  std::filesystem::remove(dir_.file("vigilo"));
+  EXPECT_THAT(setup_->doctorLines(),
+              ElementsAre("Watchdog: installed but not loaded (run: vigilo setup)",
+                          "Command link: " + home_ + "/.local/bin/vigilo (broken: run vigilo setup)",
+                          HasSubstr("Polkit rule: ")));
 
-  // Removal takes it all out again and says so.
   said.clear();
   runner_.calls.clear();
+  setup_->withPolkitRule = false;
   ASSERT_TRUE(setup_->uninstall(said));
   EXPECT_THAT(runner_.lines(), ElementsAre("/usr/bin/systemctl --user disable --now vigilo-watchdog.timer",
                                            "/usr/bin/systemctl --user daemon-reload"));
@@ -144,32 +147,6 @@ TEST_F(LinuxSetupTest, ThePolkitRuleIsStagedThenMovedAsRoot) {
   EXPECT_FALSE(fileExists(setup.polkitRulePath()));
 }
 
-TEST_F(LinuxSetupTest, DoctorLinesForAHealthyAMissingAndADamagedSetup) {
-  bool active = false;
-  runner_.answer = [&](const std::vector<std::string>&) { return CommandOutput{active ? 0 : 3, ""}; };
-  EXPECT_THAT(setup_->doctorLines(),
-              ElementsAre("Watchdog: missing (run: vigilo setup)", "Command link: missing (run: vigilo setup)",
-                          "Polkit rule: missing (needed only to keep the laptop awake from the user service; run: "
-                          "vigilo setup)"));
-  active = true;
-  std::vector<std::string> said;
-  ASSERT_TRUE(setup_->install(said));
-  // The rule went through root's shell (recorded here, so put in place by hand).
-  EXPECT_THAT(runner_.calls.back(), Contains(HasSubstr("/usr/bin/install -m 0644 -o root -g root ")));
-  writeFile(setup_->polkitRulePath(), LinuxSetup::polkitRule("ada"));
-  EXPECT_THAT(setup_->doctorLines(),
-              ElementsAre("Watchdog: running every 60 seconds (vigilo-watchdog.timer)",
-                          "Command link: " + home_ + "/.local/bin/vigilo",
-                          "Polkit rule: " + dir_.file("rules.d/49-vigilo-1000.rules")));
-  // Damaged: the timer stopped, the executable moved away.
-  active = false;
-  std::filesystem::remove(dir_.file("vigilo"));
-  EXPECT_THAT(setup_->doctorLines(),
-              ElementsAre("Watchdog: installed but not loaded (run: vigilo setup)",
-                          "Command link: " + home_ + "/.local/bin/vigilo (broken: run vigilo setup)",
-                          HasSubstr("Polkit rule: ")));
-}
-
 // Given the engine on the simulated laptop with the safety net plugged in.
 class WatchdogJobsTest : public EngineTest {
  protected:
@@ -192,10 +169,23 @@ class WatchdogJobsTest : public EngineTest {
   bool running_ = false;
 };
 
-TEST_F(WatchdogJobsTest, TheScriptIsWrittenAtLaunchAndADeadTimerRepairedOnce) {
-  std::vector<std::string> said;
+TEST_F(WatchdogJobsTest, OnlyThisFoldersDeadTimerIsRepairedAndOnlyOnce) {
+  // No watchdog set up for this folder: another folder's is never touched.
+  Engine& e = launchWithWatchdog();
+  advance(12);
+  EXPECT_FALSE(watchdog_.watchdogRepairTried());
+  EXPECT_TRUE(watchdog_.warning());
+  EXPECT_THAT(runner_.lines(), Not(Contains(HasSubstr("enable"))));
+  EXPECT_THAT(Watchdog::systemChanges(e), IsEmpty());
+  writeFile(folder_ + "/auto-approve.json", "{}");
+  writeFile(folder_ + "/timemachine-restore", "");
+  EXPECT_THAT(Watchdog::systemChanges(e), ElementsAre("timemachine-restore", "auto-approve.json"));
+  std::filesystem::remove(folder_ + "/auto-approve.json");
+  std::filesystem::remove(folder_ + "/timemachine-restore");
+
+  // Set up once for this folder; the script is written again at launch.
   setup_->withPolkitRule = false;
-  ASSERT_TRUE(setup_->installWatchdog());  // set up once, for this folder
+  ASSERT_TRUE(setup_->installWatchdog());
   runner_.calls.clear();
   std::filesystem::remove(setup_->scriptPath());
   launchWithWatchdog();
@@ -203,32 +193,16 @@ TEST_F(WatchdogJobsTest, TheScriptIsWrittenAtLaunchAndADeadTimerRepairedOnce) {
   advance(6 * 2);  // tick 3: the first check
   EXPECT_TRUE(watchdog_.watchdogRepairTried());
   EXPECT_THAT(runner_.lines(), Contains("/usr/bin/systemctl --user enable --now vigilo-watchdog.timer"));
-  ASSERT_TRUE(watchdog_.warning());
-  EXPECT_EQ(*watchdog_.warning(),
-            "The safety watchdog isn't running, so a crash wouldn't be cleaned up automatically. Run: vigilo setup");
+  EXPECT_EQ(watchdog_.warning(),
+            "The safety watchdog isn't running, so a crash wouldn't be cleaned up "
+            "automatically. Run: vigilo setup");
   // Five minutes later: no second repair; the warning stays until it runs.
   runner_.calls.clear();
   advance(300);
-  EXPECT_THAT(runner_.lines(), ::testing::Not(Contains(HasSubstr("enable"))));
+  EXPECT_THAT(runner_.lines(), Not(Contains(HasSubstr("enable"))));
   running_ = true;
   advance(300);
   EXPECT_FALSE(watchdog_.warning());
-}
-
-TEST_F(WatchdogJobsTest, AWatchdogOfAnotherFolderIsNeverTouched) {
-  launchWithWatchdog();
-  advance(12);
-  EXPECT_FALSE(watchdog_.watchdogRepairTried());
-  EXPECT_TRUE(watchdog_.warning());
-  EXPECT_THAT(runner_.lines(), ::testing::Not(Contains(HasSubstr("enable"))));
-}
-
-TEST_F(WatchdogJobsTest, ChangesStillOutstandingIncludeApproveEverything) {
-  Engine& e = launchWithWatchdog();
-  EXPECT_THAT(Watchdog::systemChanges(e), IsEmpty());
-  writeFile(folder_ + "/auto-approve.json", "{}");
-  writeFile(folder_ + "/timemachine-restore", "");
-  EXPECT_THAT(Watchdog::systemChanges(e), ElementsAre("timemachine-restore", "auto-approve.json"));
 }
 
 }  // namespace

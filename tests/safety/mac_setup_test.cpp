@@ -45,30 +45,24 @@ class MacSetupTest : public ::testing::Test {
   std::unique_ptr<MacSetup> setup_;
 };
 
-TEST_F(MacSetupTest, TheRuleListsExactlyTheSwitchesInOrder) {
+TEST_F(MacSetupTest, TheRuleListsExactlyTheSwitchesAndPassesTheRealVisudoForAwkwardUserNames) {
   EXPECT_EQ(MacSetup::sudoersText("ada", 501),
             "# Installed by Vigilo. Lets Vigilo flip only these power switches without a password.\n"
             "Cmnd_Alias VIGILO_PMSET = " +
                 kCommandList + "\nada ALL=(root) NOPASSWD: VIGILO_PMSET\n");
-}
-
-TEST_F(MacSetupTest, TheRulePassesTheRealVisudoForAwkwardUserNames) {
   if (!std::filesystem::exists("/usr/sbin/visudo")) GTEST_SKIP() << "visudo isn't installed (scripts/setup installs sudo)";
-  struct Case {
-    std::string user;
-    std::string writtenAs;
-  };
-  const std::vector<Case> cases = {
+  // Each user name, and how the rule writes it.
+  const std::vector<std::pair<std::string, std::string>> cases = {
       {"ada", "ada"},           {"ada.l-b_2", "ada.l-b_2"}, {"a,b", "a\\,b"},          {"x:y=z", "x\\:y\\=z"},
       {"we ird", "we\\ ird"},   {"a\\b", "a\\\\b"},         {"%staff", "\\%staff"},     {"+net", "\\+net"},
       {"!no", "\\!no"},         {"o'\"q", "o\\'\\\"q"},     {"josé", "josé"},           {"ALL", "#501"},
       {"#0", "#501"},           {"", "#501"},               {"bad\nline", "#501"},
   };
-  for (const Case& c : cases) {
-    const std::string text = MacSetup::sudoersText(c.user, 501);
-    EXPECT_THAT(text, HasSubstr("\n" + c.writtenAs + " ALL=(root) NOPASSWD: VIGILO_PMSET\n")) << c.user;
+  for (const auto& [user, writtenAs] : cases) {
+    const std::string text = MacSetup::sudoersText(user, 501);
+    EXPECT_THAT(text, HasSubstr("\n" + writtenAs + " ALL=(root) NOPASSWD: VIGILO_PMSET\n")) << user;
     writeFile(dir_.file("rule"), text);
-    EXPECT_TRUE(visudoAccepts(dir_.file("rule"))) << c.user << "\n" << text;
+    EXPECT_TRUE(visudoAccepts(dir_.file("rule"))) << user << "\n" << text;
   }
 }
 
@@ -166,24 +160,11 @@ TEST_F(MacSetupTest, TheAdminPromptCarriesQuotesAndBackslashesSafely) {
             "prompt \"Say \\\"hi\\\"\"");
 }
 
-TEST_F(MacSetupTest, RemovalUnloadsTheAgentThenRemovesTheRuleAsAdministrator) {
-  std::vector<std::string> said;
-  ASSERT_TRUE(setup_->installWatchdog());
-  ASSERT_TRUE(setup_->uninstall(said));
-  EXPECT_THAT(runner_.lines().back(),
-              ::testing::EndsWith("-e do shell script \"/bin/rm -f /private/etc/sudoers.d/vigilo\" with administrator "
-                                  "privileges with prompt \"Vigilo needs your password to remove its sleep permission "
-                                  "and the vigilo command.\""));
-  EXPECT_THAT(runner_.lines(), ::testing::Contains("/bin/launchctl bootout gui/501/com.tarnwell.vigilo.watchdog"));
-  EXPECT_FALSE(fileExists(setup_->scriptPath()));
-  EXPECT_FALSE(fileExists(setup_->propertyListPath()));
-}
-
-TEST_F(MacSetupTest, DoctorSaysWhetherTheWatchdogRuns) {
+TEST_F(MacSetupTest, DoctorFollowsTheWatchdogAndRemovalUnloadsItBeforeTheRuleGoes) {
   bool loaded = false;
   runner_.answer = [&](const std::vector<std::string>&) { return CommandOutput{loaded ? 0 : 113, ""}; };
   EXPECT_THAT(setup_->doctorLines(), ElementsAre("Watchdog: missing (open Vigilo to set it up)"));
-  setup_->installWatchdog();
+  setup_->installWatchdog();  // launchctl refuses: installed, not loaded
   EXPECT_THAT(setup_->doctorLines(),
               ElementsAre("Watchdog: installed but not loaded (open Vigilo › Settings › General › Set Up)"));
   loaded = true;
@@ -191,6 +172,18 @@ TEST_F(MacSetupTest, DoctorSaysWhetherTheWatchdogRuns) {
   std::filesystem::remove(setup_->scriptPath());
   EXPECT_THAT(setup_->doctorLines(),
               ElementsAre("Watchdog: loaded but its script is missing (open Vigilo › Settings › General › Set Up)"));
+
+  std::vector<std::string> said;
+  ASSERT_TRUE(setup_->installWatchdog());
+  runner_.calls.clear();
+  ASSERT_TRUE(setup_->uninstall(said));
+  EXPECT_THAT(runner_.lines(),
+              ElementsAre("/bin/launchctl bootout gui/501/com.tarnwell.vigilo.watchdog",
+                          "/usr/bin/osascript -e do shell script \"/bin/rm -f /private/etc/sudoers.d/vigilo\" with "
+                          "administrator privileges with prompt \"Vigilo needs your password to remove its sleep "
+                          "permission and the vigilo command.\""));
+  EXPECT_FALSE(fileExists(setup_->scriptPath()));
+  EXPECT_FALSE(fileExists(setup_->propertyListPath()));
 }
 
 }  // namespace

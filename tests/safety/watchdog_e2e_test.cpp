@@ -1,15 +1,14 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <csignal>
 #include <filesystem>
 #include <functional>
 #include <sstream>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "e2e/sim_app.h"
-#include "platform/sim/sim_laptop.h"
 #include "platform/command_runner.h"
-#include "safety/script_harness.h"
+#include "platform/sim/sim_laptop.h"
 #include "test_support.h"
 
 namespace vigilo::test {
@@ -31,7 +30,6 @@ class WatchdogEndToEnd : public SimAppTest {
     start_ = laptop.process(paused_)->startMicros;
     writeFile(state_, laptop.toJson().dump());
   }
-  // What the laptop's state file says now.
   struct Seen {
     bool sleepDisabled = false;
     bool pausedStillStopped = false;
@@ -79,7 +77,7 @@ TEST_F(WatchdogEndToEnd, AKilledAppIsCleanedUpByOneWatchdogRun) {
   EXPECT_TRUE(laptop().sleepDisabled);
 
   // Stale: one run puts everything back.
-  setModified(home_ + "/alive", std::time(nullptr) - 60);
+  std::filesystem::last_write_time(home_ + "/alive", std::filesystem::file_time_type::clock::now() - 60s);
   EXPECT_EQ(runWatchdog(), 0) << output_;
   Seen after = laptop();
   EXPECT_FALSE(after.sleepDisabled);
@@ -169,18 +167,18 @@ TEST_F(WatchdogEndToEnd, ADamagedMachineNoteIsSetAsideOnEveryRecoveryPath) {
          std::filesystem::create_symlink(dir_.file("other.json"), note);
        }},
   };
+  // Each damage on one of the paths in turn: every path meets several.
   const std::vector<std::vector<std::string>> commands = {{"doctor"}, {"rescue"}, {"cli", "watchdog"}};
-  for (const auto& [how, plant] : damages) {
-    for (const auto& command : commands) {
-      SCOPED_TRACE(std::string(how) + ", " + command.back());
-      for (const auto& e : std::filesystem::directory_iterator(home_)) std::filesystem::remove_all(e.path());
-      plant();
-      ToolRun run = runTool(command, home_, {"HOME=" + person_, "VIGILO_SIMULATE=" + state_});
-      EXPECT_TRUE(run.status == 0 || run.status == 1) << run.status << run.err;
-      EXPECT_THAT(run.err, ::testing::HasSubstr("Vigilo's note of which machine its folder belongs to (machine.json) "
-                                                "was damaged and was set aside as machine.broken-"));
-      EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(note)));
-    }
+  for (std::size_t i = 0; i < damages.size(); ++i) {
+    const std::vector<std::string>& command = commands[i % commands.size()];
+    SCOPED_TRACE(std::string(damages[i].first) + ", " + command.back());
+    for (const auto& e : std::filesystem::directory_iterator(home_)) std::filesystem::remove_all(e.path());
+    damages[i].second();
+    ToolRun run = runTool(command, home_, {"HOME=" + person_, "VIGILO_SIMULATE=" + state_});
+    EXPECT_TRUE(run.status == 0 || run.status == 1) << run.status << run.err;
+    EXPECT_THAT(run.err, ::testing::HasSubstr("Vigilo's note of which machine its folder belongs to (machine.json) "
+                                              "was damaged and was set aside as machine.broken-"));
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(note)));
   }
   // The app itself starts, and notes its machine afresh.
   writeFile(note, R"({"machine": {"sim": true}})");

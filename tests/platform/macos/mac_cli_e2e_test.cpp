@@ -47,11 +47,6 @@ class MacCliTest : public ::testing::Test {
                              {"voltage", 11400}}},
                 {"setup", {{"ready", true}, {"reason", ""}}}};
     writeFile(state_, mac.dump(2) + "\n");
-    for (const std::string& kv : env_) {
-      const std::string name = kv.substr(0, kv.find('='));
-      const char* value = getenv(name.c_str());
-      saved_.emplace_back(name, value != nullptr ? std::optional<std::string>(value) : std::nullopt);
-    }
   }
   ~MacCliTest() override {
     if (app_) {
@@ -61,10 +56,6 @@ class MacCliTest : public ::testing::Test {
     for (pid_t pid : stand_ins_) {
       ::kill(pid, SIGKILL);
       ::waitpid(pid, nullptr, 0);
-    }
-    for (const auto& [name, value] : saved_) {
-      if (value) setenv(name.c_str(), value->c_str(), 1);
-      else unsetenv(name.c_str());
     }
   }
 
@@ -122,7 +113,6 @@ class MacCliTest : public ::testing::Test {
     writeFile(state_, m.dump(2) + "\n");
   }
   bool inApp(const std::string& name) const { return fileExists(appFolder_ + "/" + name); }
-  // The logged command lines that start with `prefix`, in order.
   std::vector<std::string> logged(const std::string& prefix) const {
     std::vector<std::string> out;
     std::istringstream in(fileExists(log_) ? readFile(log_) : "");
@@ -143,9 +133,10 @@ class MacCliTest : public ::testing::Test {
   // Runs the Mac watchdog script with dash, as launchd would, in this
   // test's environment.
   CommandOutput runWatchdog() {
-    for (const std::string& kv : env_) putenv(const_cast<char*>(kv.c_str()));
-    ProcessRunner runner;
-    return runner.run({"/usr/bin/timeout", "60", "/bin/dash", appFolder_ + "/watchdog.sh"});
+    std::vector<std::string> argv = {"/usr/bin/timeout", "60", "/usr/bin/env"};
+    argv.insert(argv.end(), env_.begin(), env_.end());
+    argv.insert(argv.end(), {"/bin/dash", appFolder_ + "/watchdog.sh"});
+    return ProcessRunner().run(argv);
   }
 
   TempDir dir_;
@@ -156,7 +147,6 @@ class MacCliTest : public ::testing::Test {
   std::vector<std::string> env_ = {"VIGILO_PLATFORM=macos-cli", "VIGILO_MAC_ROOT=" + sourceDir(__FILE__) + "/fake-bin",
                                    "VIGILO_MAC_STATE=" + state_, "VIGILO_MAC_LOG=" + log_, "HOME=" + userHome_,
                                    "VIGILO_HOME=" + appFolder_};
-  std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
   std::unique_ptr<AppProcess> app_;
   std::vector<pid_t> stand_ins_;
 };
