@@ -104,10 +104,8 @@ class TrayTest : public DesktopSessionTest {
     return id && sd_bus_call_method(bus_->bus(), itemName().c_str(), "/MenuBar", "com.canonical.dbusmenu",
                                     "Event", nullptr, nullptr, "isvu", *id, "clicked", "s", "", 0u) >= 0;
   }
-  bool becomes(const char* name, const std::string& expected) {
-    const bool ok = waitFor([&] { return property(name) == expected; }, 5s);
-    if (!ok) ADD_FAILURE() << name << " is " << property(name) << ", not " << expected;
-    return ok;
+  void expectBecomes(const char* name, const std::string& expected) {
+    EXPECT_TRUE(waitFor([&] { return property(name) == expected; }, 5s)) << name << " is " << property(name);
   }
 
   // The README's picture of the item and its menu, drawn from the bus as a
@@ -142,10 +140,10 @@ TEST_F(TrayTest, RegistersWhenTheHostAppearsFollowsTheStatusAndTakesClicks) {
   EXPECT_TRUE(waitFor([&] { return outputHas("The tray icon is shown"); }, 4s)) << app_->output();
 
   ASSERT_EQ(vigilo({"hold", "--reason", "training run"}).status, 0);
-  EXPECT_TRUE(becomes("ToolTip", "training run · stays awake closed"));
+  expectBecomes("ToolTip", "training run · stays awake closed");
   ASSERT_EQ(vigilo({"release"}).status, 0);
   ASSERT_TRUE(click("Always"));
-  EXPECT_TRUE(becomes("ToolTip", "Awake until you turn it off"));
+  expectBecomes("ToolTip", "Awake until you turn it off");
   EXPECT_EQ(status().value("mode", ""), "always") << status().dump();
   // This host draws icons as they are: the full-colour ones.
   EXPECT_EQ(property("IconName"), "vigilo-awake-always");
@@ -155,7 +153,7 @@ TEST_F(TrayTest, RegistersWhenTheHostAppearsFollowsTheStatusAndTakesClicks) {
   endChild(helper_);
   startWatcher("gnome-shell");
   ASSERT_TRUE(waitFor([&] { return registrations() == 2; }, 20s)) << readFile(dir_.file("watcher.txt"));
-  EXPECT_TRUE(becomes("IconName", "vigilo-awake-always-symbolic"));
+  expectBecomes("IconName", "vigilo-awake-always-symbolic");
   drawTrayPicture();
 
   ASSERT_TRUE(click("Quit Vigilo"));
