@@ -70,18 +70,15 @@ TEST_F(AppTest, KilledWhileHoldingIsAdoptedAndReleasedAtTheNextLaunchOrPutBackBy
 
 TEST_F(AppTest, TerminatedWhileHoldingPutsSleepBackAndFollowsLiveEdits) {
   auto app = launch();
-  ASSERT_TRUE(waitFor([&] { return outputOf(*app, "Nothing running"); }, 10s))
-      << app->output();
+  ASSERT_TRUE(waitFor([&] { return outputOf(*app, "Nothing running"); }, 10s)) << app->output();
   EXPECT_FALSE(sleepDisabled());
 
   // An edit of the settings file is picked up while running.
   writeFile(home_ + "/config.json", R"({"mode": "on"})");
   ASSERT_TRUE(waitFor([&] { return sleepDisabled(); }, 15s)) << app->output();
-
   // So is a hotter laptop.
   ASSERT_TRUE(editSimStateFile(state_, SystemClock(), [](SimLaptop& l) { l.setThermalState(3); }));
-  ASSERT_TRUE(waitFor([&] { return outputOf(*app, "Too hot, sleeps when closed"); }, 10s))
-      << app->output();
+  ASSERT_TRUE(waitFor([&] { return outputOf(*app, "Too hot, sleeps when closed"); }, 10s)) << app->output();
   EXPECT_FALSE(sleepDisabled());
   ASSERT_TRUE(editSimStateFile(state_, SystemClock(), [](SimLaptop& l) { l.setThermalState(0); }));
   ASSERT_TRUE(waitFor([&] { return sleepDisabled(); }, 10s)) << app->output();
@@ -98,13 +95,11 @@ TEST_F(AppTest, DamagedFilesNeverCrashTheApp) {
   for (const std::string& content :
        {std::string(), std::string("{\"mode\": \"on\", \"quietMin"), std::string("\x01\xff\xfe binary"),
         std::string("{\"mode\": 5, \"batteryFloor\": \"high\", \"heatGuard\": []}"), huge}) {
-    writeFile(home_ + "/config.json", content);
-    writeFile(home_ + "/safety.json", content);
-    writeFile(home_ + "/runtime.json", content);
-    writeFile(state_, content);
+    for (const std::string& file : {home_ + "/config.json", home_ + "/safety.json", home_ + "/runtime.json", state_}) {
+      writeFile(file, content);
+    }
     auto app = launch();
-    ASSERT_TRUE(waitFor([&] { return outputOf(*app, "sleeps when closed"); }, 15s))
-        << app->output();
+    ASSERT_TRUE(waitFor([&] { return outputOf(*app, "sleeps when closed"); }, 15s)) << app->output();
     app->signal(SIGTERM);
     EXPECT_EQ(app->wait(10s), 0) << app->output();
   }

@@ -186,7 +186,6 @@ TEST_F(ChannelTest, HostileInputLeavesTheAppAliveItsRecordsSmallAndPrivateAndNot
 // Given no app yet, and an app folder that someone else could change.
 class AppFolderTest : public SimAppTest {
  protected:
-  // Makes `path` a folder with that owner and mode.
   void plant(const std::string& path, uid_t owner, mode_t mode) {
     std::filesystem::create_directories(path);
     ASSERT_EQ(::chown(path.c_str(), owner, owner), 0);

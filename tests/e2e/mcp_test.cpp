@@ -38,7 +38,6 @@ class McpEndToEndTest : public SimAppTest {
     return std::make_unique<PipedProcess>(std::vector<std::string>{VIGILO_BINARY, "mcp"},
                                           std::vector<std::string>{"VIGILO_HOME=" + home_}, dir_.file("mcp-err.txt"));
   }
-  // Writes one message line and reads the next answer line.
   static json exchange(PipedProcess& server, const std::string& line) {
     EXPECT_TRUE(server.write(line + "\n"));
     auto answer = server.readLine(15s);
