@@ -68,9 +68,7 @@ class AgentsTest : public SimAppTest, public ::testing::WithParamInterface<Agent
     ASSERT_TRUE(makeSocketNotifications(home_, nullptr)->post(kAgentEventNotification, "{}"));
   }
   std::string reason() {
-    ToolRun r = vigilo({"status", "--json"});
-    if (r.status != 0) return "status failed: " + r.err;
-    json s = json::parse(r.out, nullptr, false);
+    json s = status();
     return s.is_object() && s["reason"].is_string() ? s["reason"].get<std::string>() : std::string();
   }
   bool reasonBecomes(const std::string& expected) {

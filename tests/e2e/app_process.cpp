@@ -16,11 +16,20 @@ namespace vigilo::test {
 
 namespace {
 
-// In a new child: becomes the real binary with `argv` (VIGILO_BINARY first),
-// VIGILO_HOME at `home`, `env` added and the signal mask cleared (the child
-// must not inherit the test runner's blocked signals).
-[[noreturn]] void execVigilo(std::vector<std::string>& argv, const std::string& home,
-                             const std::vector<std::string>& env) {
+// Starts the real binary with `args` (`binary` first), VIGILO_HOME at
+// `home`, `env` added, the given standard descriptors (-1 keeps ours) and the
+// signal mask cleared (the child must not inherit the test runner's blocked
+// signals).
+pid_t startVigilo(const std::vector<std::string>& args, const std::string& home,
+                  const std::vector<std::string>& env, const std::string& binary, int in, int out, int err) {
+  std::vector<std::string> argv{binary};
+  argv.insert(argv.end(), args.begin(), args.end());
+  const pid_t pid = ::fork();
+  if (pid < 0) throw std::runtime_error("fork failed");
+  if (pid > 0) return pid;
+  for (const auto& [from, to] : {std::pair{in, 0}, {out, 1}, {err, 2}}) {
+    if (from >= 0) ::dup2(from, to);
+  }
   ::setenv("VIGILO_HOME", home.c_str(), 1);
   for (const auto& e : env) ::putenv(const_cast<char*>(e.c_str()));
   sigset_t none;
@@ -33,29 +42,14 @@ namespace {
   ::_exit(127);
 }
 
-std::vector<std::string> vigiloArgv(const std::vector<std::string>& args,
-                                    const std::string& binary = VIGILO_BINARY) {
-  std::vector<std::string> argv{binary};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return argv;
-}
-
 }  // namespace
 
 AppProcess::AppProcess(const std::vector<std::string>& args, const std::string& home, const std::string& outputFile,
                        const std::vector<std::string>& env, const std::string& binary)
     : outputFile_(outputFile) {
-  std::vector<std::string> argv = vigiloArgv(args, binary);
-  pid_ = ::fork();
-  if (pid_ < 0) throw std::runtime_error("fork failed");
-  if (pid_ == 0) {
-    int fd = ::open(outputFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    if (fd >= 0) {
-      ::dup2(fd, 1);
-      ::dup2(fd, 2);
-    }
-    execVigilo(argv, home, env);
-  }
+  const int fd = ::open(outputFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  pid_ = startVigilo(args, home, env, binary, -1, fd, fd);
+  if (fd >= 0) ::close(fd);
 }
 
 AppProcess::~AppProcess() {
@@ -85,16 +79,9 @@ static ToolRun runToolFrom(const std::vector<std::string>& args, const std::stri
                     const std::vector<std::string>& env, int stdinFd, const std::string& binary = VIGILO_BINARY) {
   char outTmpl[] = "/tmp/vigilo-tool-out-XXXXXX";
   char errTmpl[] = "/tmp/vigilo-tool-err-XXXXXX";
-  int outFd = ::mkstemp(outTmpl);
-  int errFd = ::mkstemp(errTmpl);
-  std::vector<std::string> argv = vigiloArgv(args, binary);
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    if (stdinFd >= 0) ::dup2(stdinFd, 0);
-    ::dup2(outFd, 1);
-    ::dup2(errFd, 2);
-    execVigilo(argv, home, env);
-  }
+  const int outFd = ::mkstemp(outTmpl);
+  const int errFd = ::mkstemp(errTmpl);
+  const pid_t pid = startVigilo(args, home, env, binary, stdinFd, outFd, errFd);
   ::close(outFd);
   ::close(errFd);
   ToolRun run;

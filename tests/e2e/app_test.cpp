@@ -20,25 +20,28 @@ using namespace std::chrono_literals;
 // driven only from outside, as a person would.
 using AppTest = SimAppTest;
 
-TEST_F(AppTest, KilledWhileHoldingIsAdoptedThenReleasedAtTheNextLaunch) {
-  writeFile(home_ + "/config.json", R"({"mode": "on"})");
-  {
+bool outputOf(const AppProcess& app, const std::string& text) {
+  return app.output().find(text) != std::string::npos;
+}
+
+TEST_F(AppTest, KilledWhileHoldingIsAdoptedAndReleasedAtTheNextLaunchOrPutBackByRescue) {
+  const auto killWhileHolding = [&] {
+    writeFile(home_ + "/config.json", R"({"mode": "on"})");
     auto app = launch();
     // The status line is printed after the switch and its record are made,
     // so all three are waited for.
-    ASSERT_TRUE(waitFor(
-        [&] {
-          return sleepDisabled() && inHome("hold") &&
-                 app->output().find("Awake until you turn it off") != std::string::npos;
-        },
-        10s))
-        << app->output();
+    const auto held = [&] { return sleepDisabled() && inHome("hold") && outputOf(*app, "Awake until you"); };
+    ASSERT_TRUE(waitFor(held, 10s)) << app->output();
     app->signal(SIGKILL);
     EXPECT_EQ(app->wait(5s), 128 + SIGKILL);
-  }
-  // The crash left sleep off with its marker.
-  EXPECT_TRUE(sleepDisabled());
-  EXPECT_TRUE(inHome("hold"));
+    EXPECT_TRUE(sleepDisabled());
+    EXPECT_TRUE(inHome("hold"));
+  };
+  killWhileHolding();
+  // Without VIGILO_SIMULATE, the folder's own record names the laptop.
+  ToolRun doctor = runTool({"doctor"}, home_);
+  EXPECT_NE(doctor.out.find("Machine: the simulated laptop " + state_ + "\n"), std::string::npos) << doctor.out;
+  EXPECT_NE(doctor.out.find("Sleep switched off right now: yes"), std::string::npos) << doctor.out;
 
   // Next launch, with nothing wanting the machine awake: adopted for the
   // grace period, then released. The laptop's clock runs ten times fast, so
@@ -48,8 +51,7 @@ TEST_F(AppTest, KilledWhileHoldingIsAdoptedThenReleasedAtTheNextLaunch) {
   laptop["clockSpeed"] = 10;
   writeFile(state_, laptop.dump());
   auto app = launch();
-  ASSERT_TRUE(waitFor([&] { return app->output().find("sleeps when closed") != std::string::npos; }, 10s))
-      << app->output();
+  ASSERT_TRUE(waitFor([&] { return outputOf(*app, "sleeps when closed"); }, 10s)) << app->output();
   EXPECT_TRUE(sleepDisabled());
   EXPECT_TRUE(inHome("hold"));
   ASSERT_TRUE(waitFor([&] { return !sleepDisabled() && !inHome("hold"); }, 15s)) << app->output();
@@ -57,19 +59,9 @@ TEST_F(AppTest, KilledWhileHoldingIsAdoptedThenReleasedAtTheNextLaunch) {
   app->signal(SIGTERM);
   EXPECT_EQ(app->wait(10s), 0) << app->output();
   EXPECT_FALSE(inHome("alive"));
-}
 
-TEST_F(AppTest, RescueAndDoctorActOnTheMachineTheFolderBelongsTo) {
-  writeFile(home_ + "/config.json", R"({"mode": "on"})");
-  auto app = launch();
-  ASSERT_TRUE(waitFor([&] { return sleepDisabled() && inHome("hold"); }, 10s)) << app->output();
-  app->signal(SIGKILL);
-  EXPECT_EQ(app->wait(5s), 128 + SIGKILL);
-
-  // Without VIGILO_SIMULATE, the folder's own record names the laptop.
-  ToolRun doctor = runTool({"doctor"}, home_);
-  EXPECT_NE(doctor.out.find("Machine: the simulated laptop " + state_ + "\n"), std::string::npos) << doctor.out;
-  EXPECT_NE(doctor.out.find("Sleep switched off right now: yes"), std::string::npos) << doctor.out;
+  // Killed again, it is put back by `vigilo rescue` with no app running.
+  killWhileHolding();
   ToolRun rescue = runTool({"rescue"}, home_);
   EXPECT_EQ(rescue.status, 0) << rescue.out << rescue.err;
   EXPECT_FALSE(sleepDisabled());
@@ -78,18 +70,15 @@ TEST_F(AppTest, RescueAndDoctorActOnTheMachineTheFolderBelongsTo) {
 
 TEST_F(AppTest, TerminatedWhileHoldingPutsSleepBackAndFollowsLiveEdits) {
   auto app = launch();
-  ASSERT_TRUE(waitFor([&] { return app->output().find("Nothing running") != std::string::npos; }, 10s))
-      << app->output();
+  ASSERT_TRUE(waitFor([&] { return outputOf(*app, "Nothing running"); }, 10s)) << app->output();
   EXPECT_FALSE(sleepDisabled());
 
   // An edit of the settings file is picked up while running.
   writeFile(home_ + "/config.json", R"({"mode": "on"})");
   ASSERT_TRUE(waitFor([&] { return sleepDisabled(); }, 15s)) << app->output();
-
   // So is a hotter laptop.
   ASSERT_TRUE(editSimStateFile(state_, SystemClock(), [](SimLaptop& l) { l.setThermalState(3); }));
-  ASSERT_TRUE(waitFor([&] { return app->output().find("Too hot, sleeps when closed") != std::string::npos; }, 10s))
-      << app->output();
+  ASSERT_TRUE(waitFor([&] { return outputOf(*app, "Too hot, sleeps when closed"); }, 10s)) << app->output();
   EXPECT_FALSE(sleepDisabled());
   ASSERT_TRUE(editSimStateFile(state_, SystemClock(), [](SimLaptop& l) { l.setThermalState(0); }));
   ASSERT_TRUE(waitFor([&] { return sleepDisabled(); }, 10s)) << app->output();
@@ -106,13 +95,11 @@ TEST_F(AppTest, DamagedFilesNeverCrashTheApp) {
   for (const std::string& content :
        {std::string(), std::string("{\"mode\": \"on\", \"quietMin"), std::string("\x01\xff\xfe binary"),
         std::string("{\"mode\": 5, \"batteryFloor\": \"high\", \"heatGuard\": []}"), huge}) {
-    writeFile(home_ + "/config.json", content);
-    writeFile(home_ + "/safety.json", content);
-    writeFile(home_ + "/runtime.json", content);
-    writeFile(state_, content);
+    for (const std::string& file : {home_ + "/config.json", home_ + "/safety.json", home_ + "/runtime.json", state_}) {
+      writeFile(file, content);
+    }
     auto app = launch();
-    ASSERT_TRUE(waitFor([&] { return app->output().find("sleeps when closed") != std::string::npos; }, 15s))
-        << app->output();
+    ASSERT_TRUE(waitFor([&] { return outputOf(*app, "sleeps when closed"); }, 15s)) << app->output();
     app->signal(SIGTERM);
     EXPECT_EQ(app->wait(10s), 0) << app->output();
   }
@@ -122,42 +109,36 @@ TEST_F(AppTest, RefusesBadArgumentsPlainly) {
   // Without --simulate the app runs on this machine's Linux backend; with no
   // system bus (as in a container) it starts, says once what it can't do,
   // and quits cleanly.
-  const std::vector<std::string> noBus{"DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + dir_.file("no-bus")};
-  auto real = std::make_unique<AppProcess>(std::vector<std::string>{"app"}, home_, dir_.file("a.txt"), noBus);
+  AppProcess real({"app"}, home_, dir_.file("a.txt"),
+                  {"DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + dir_.file("no-bus")});
   // The warnings follow the first status line: wait for the last of them.
-  ASSERT_TRUE(waitFor(
-      [&] {
-        return real->output().find("Needs a one-time setup") != std::string::npos &&
-               real->output().find("warning: Linux has no system backup service") != std::string::npos;
-      },
-      10s))
-      << real->output();
-  const std::string said = real->output();
-  EXPECT_NE(said.find("on this Linux machine"), std::string::npos) << said;
+  ASSERT_TRUE(waitFor([&] { return outputOf(real, "warning: Linux has no system backup service"); }, 10s))
+      << real.output();
+  const std::string said = real.output();
+  for (const char* line : {"Needs a one-time setup", "on this Linux machine",
+                           "warning: power-profiles-daemon can't be reached"}) {
+    EXPECT_NE(said.find(line), std::string::npos) << said;
+  }
   const std::string noBusWarning = "warning: There's no system D-Bus here";
   ASSERT_NE(said.find(noBusWarning), std::string::npos) << said;
   EXPECT_EQ(said.find(noBusWarning, said.find(noBusWarning) + 1), std::string::npos) << said;
-  EXPECT_NE(said.find("warning: power-profiles-daemon can't be reached"), std::string::npos) << said;
-  real->signal(SIGTERM);
-  EXPECT_EQ(real->wait(10s), 0) << real->output();
-  auto bad = std::make_unique<AppProcess>(std::vector<std::string>{"app", "--bogus"}, home_, dir_.file("b.txt"));
-  EXPECT_EQ(bad->wait(10s), 2);
-  EXPECT_NE(bad->output().find("vigilo: app doesn't know \"--bogus\""), std::string::npos);
-  auto unknown = std::make_unique<AppProcess>(std::vector<std::string>{"frobnicate"}, home_, dir_.file("c.txt"));
-  EXPECT_EQ(unknown->wait(10s), 2);
+  real.signal(SIGTERM);
+  EXPECT_EQ(real.wait(10s), 0) << real.output();
+  AppProcess bad({"app", "--bogus"}, home_, dir_.file("b.txt"));
+  EXPECT_EQ(bad.wait(10s), 2);
+  EXPECT_TRUE(outputOf(bad, "vigilo: app doesn't know \"--bogus\"")) << bad.output();
+  EXPECT_EQ(AppProcess({"frobnicate"}, home_, dir_.file("c.txt")).wait(10s), 2);
 
   // A second app on the same folder is refused while the first runs.
   auto first = launch();
-  ASSERT_TRUE(waitFor([&] { return first->output().find("sleeps when closed") != std::string::npos; }, 10s));
+  ASSERT_TRUE(waitFor([&] { return outputOf(*first, "sleeps when closed"); }, 10s));
   // It exits with a status of its own, which the user service doesn't
   // restart on, and asks the running app to show its panel (which needs a
   // display this test doesn't give it).
   auto second = launch();
   EXPECT_EQ(second->wait(10s), 3);
-  EXPECT_NE(second->output().find("another Vigilo app is already running"), std::string::npos);
-  EXPECT_NE(second->output().find("couldn't open the running app's panel: The panel needs a graphical session"),
-            std::string::npos)
-      << second->output();
+  EXPECT_TRUE(outputOf(*second, "another Vigilo app is already running")) << second->output();
+  EXPECT_TRUE(outputOf(*second, "couldn't open the running app's panel: The panel needs a graphical session"));
   first->signal(SIGTERM);
   EXPECT_EQ(first->wait(10s), 0);
 }

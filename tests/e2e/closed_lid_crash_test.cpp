@@ -33,7 +33,6 @@ class ClosedLidCrashTest : public SimAppTest {
                     {"pid": 202, "path": "/Applications/Docker.app/Contents/MacOS/Docker"},
                     {"pid": 203, "path": "/Applications/Slack.app/Contents/MacOS/Slack"}],
       "display": {"on": true, "brightness": 0.7}})");
-    writeConfig(R"({"mode": "on", "preset": "max_battery", "pauseTimeMachine": true, "screenOffNoLock": true})");
   }
   void writeConfig(const std::string& text) { writeFile(home_ + "/config.json", text); }
   json laptop() {

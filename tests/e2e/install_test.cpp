@@ -51,12 +51,10 @@ class InstallTest : public ::testing::Test {
     return wordsOf(run.out);
   }
 
-  static TempDir* root_;
-  static std::string* error_;
+  static inline TempDir* root_ = nullptr;
+  static inline std::string* error_ = nullptr;
   TempDir home_;
 };
-TempDir* InstallTest::root_ = nullptr;
-std::string* InstallTest::error_ = nullptr;
 
 TEST_F(InstallTest, TheInstalledCommandAnswersAndTheDesktopFindsItsFiles) {
   ToolRun version = installed({"--version"});
@@ -123,19 +121,17 @@ TEST_F(InstallTest, BashCompletesCommandsAndSettingsKeys) {
   for (const CommandDoc& c : commandTable()) {
     if (!c.internal) commands.insert(c.name);
   }
-  EXPECT_EQ(complete("vigilo ''"), commands);
-  EXPECT_EQ(complete("vigilo h"), (std::set<std::string>{"help", "hold"}));
-
   std::set<std::string> keys;
   for (const SettingSpec& s : SettingsSchema::all()) keys.insert(s.key);
-  EXPECT_EQ(complete("vigilo set ''"), keys);
-  EXPECT_EQ(complete("vigilo set bat"), std::set<std::string>{"battery_floor"});
+  using Words = std::set<std::string>;
   // Flags and the words after them don't count as positions.
-  EXPECT_EQ(complete("vigilo set --json ''"), keys);
-  EXPECT_EQ(complete("vigilo rule Slack ''"), (std::set<std::string>{"leave", "slow", "pause", "default"}));
-  EXPECT_EQ(complete("vigilo hold --reason '' ''"), std::set<std::string>{});
-  EXPECT_EQ(complete("vigilo hold --"), (std::set<std::string>{"--for", "--reason", "--pid", "--json", "--help"}));
-  EXPECT_EQ(complete("vigilo status ''"), std::set<std::string>{});
+  for (const auto& [line, words] : std::vector<std::pair<std::string, Words>>{
+           {"vigilo ''", commands}, {"vigilo h", {"help", "hold"}}, {"vigilo set ''", keys},
+           {"vigilo set bat", {"battery_floor"}}, {"vigilo set --json ''", keys}, {"vigilo status ''", {}},
+           {"vigilo rule Slack ''", {"leave", "slow", "pause", "default"}}, {"vigilo hold --reason '' ''", {}},
+           {"vigilo hold --", {"--for", "--reason", "--pid", "--json", "--help"}}}) {
+    EXPECT_EQ(complete(line), words) << line;
+  }
 }
 
 TEST_F(InstallTest, ThePackageHoldsTheInstallAndNamesItsLibraries) {

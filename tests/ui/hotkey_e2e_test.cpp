@@ -1,35 +1,19 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
-#include <memory>
 #include <string>
-#include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "e2e/sim_app.h"
 #include "platform/linux/bus_children.h"
 #include "test_support.h"
-#include "commands/reply_values.h"
-#include "ui/hotkey.h"
 
 namespace vigilo::test {
 namespace {
 
 using namespace std::chrono_literals;
-using json = nlohmann::json;
-
-TEST(HotkeyModeTest, EachPressMovesToTheNextModeAndComesRound) {
-  Mode m = Mode::Off;
-  std::vector<std::string> seen;
-  for (int i = 0; i < 4; ++i) seen.push_back(modeText(m = nextMode(m)));
-  EXPECT_EQ(seen, (std::vector<std::string>{"auto", "always", "off", "auto"}));
-}
 
 class HotkeyTest : public DesktopSessionTest {
  protected:

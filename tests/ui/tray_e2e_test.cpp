@@ -1,19 +1,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "e2e/sim_app.h"
 #include "panel/png_reader.h"
@@ -67,87 +61,51 @@ class TrayTest : public DesktopSessionTest {
     const int log = ::open(dir_.file("watcher.txt").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     std::vector<std::string> argv{"/usr/bin/python3", sourceDir(__FILE__) + "/fake_watcher.py"};
     if (!as.empty()) argv.push_back(as);
-    helper_ = spawn(argv, log, log, {"DBUS_SESSION_BUS_ADDRESS=" + bus_->address()});
+    helper_ = spawn(argv, log, log, env());
     ::close(log);
   }
   int registrations() {
-    const std::string log = readFile(dir_.file("watcher.txt"));
+    const std::string log = readFile(dir_.file("watcher.txt")), line = "registered " + itemName();
     int n = 0;
-    for (auto at = log.find("registered " + itemName()); at != std::string::npos;
-         at = log.find("registered " + itemName(), at + 1)) {
-      ++n;
-    }
+    for (auto at = log.find(line); at != std::string::npos; at = log.find(line, at + 1)) ++n;
     return n;
   }
 
-  std::string iconName() {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
-    sd_bus_message* raw = nullptr;
-    const int r = sd_bus_call_method(bus_->bus(), itemName().c_str(), "/StatusNotifierItem",
-                                     "org.freedesktop.DBus.Properties", "Get", &error, &raw, "ss",
-                                     "org.kde.StatusNotifierItem", "IconName");
-    sd_bus_error_free(&error);
-    Message reply(raw);
-    const char* name = nullptr;
-    if (r < 0 || sd_bus_message_read(raw, "v", "s", &name) < 0 || name == nullptr) return {};
-    return name;
-  }
   std::string itemName() const { return "org.kde.StatusNotifierItem-" + std::to_string(app_->pid()) + "-1"; }
-
-  std::string tooltip() {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+  // A property of the tray item; for the tooltip, its text.
+  std::string property(const char* name) {
     sd_bus_message* raw = nullptr;
     const int r = sd_bus_call_method(bus_->bus(), itemName().c_str(), "/StatusNotifierItem",
-                                     "org.freedesktop.DBus.Properties", "Get", &error, &raw, "ss",
-                                     "org.kde.StatusNotifierItem", "ToolTip");
-    sd_bus_error_free(&error);
+                                     "org.freedesktop.DBus.Properties", "Get", nullptr, &raw, "ss",
+                                     "org.kde.StatusNotifierItem", name);
     Message reply(raw);
+    const char* text = nullptr;
     if (r < 0) return {};
-    const char *icon = nullptr, *title = nullptr, *text = nullptr;
-    sd_bus_message_enter_container(raw, 'v', "(sa(iiay)ss)");
-    sd_bus_message_enter_container(raw, 'r', "sa(iiay)ss");
-    sd_bus_message_read(raw, "s", &icon);
-    sd_bus_message_skip(raw, "a(iiay)");
-    sd_bus_message_read(raw, "ss", &title, &text);
+    if (std::string_view(name) == "ToolTip") {
+      sd_bus_message_enter_container(raw, 'v', "(sa(iiay)ss)");
+      sd_bus_message_enter_container(raw, 'r', "sa(iiay)ss");
+      sd_bus_message_skip(raw, "sa(iiay)s");
+      sd_bus_message_read(raw, "s", &text);
+    } else {
+      sd_bus_message_read(raw, "v", "s", &text);
+    }
     return text != nullptr ? text : "";
   }
 
-  std::optional<int> menuItem(const std::string& label) {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+  // Clicks the menu item labelled `label`, as a host does; false when there is none.
+  bool click(const std::string& label) {
     sd_bus_message* raw = nullptr;
     const int r = sd_bus_call_method(bus_->bus(), itemName().c_str(), "/MenuBar", "com.canonical.dbusmenu",
-                                     "GetLayout", &error, &raw, "iias", 0, -1, 0);
-    sd_bus_error_free(&error);
+                                     "GetLayout", nullptr, &raw, "iias", 0, -1, 0);
     Message reply(raw);
     std::uint32_t revision = 0;
-    if (r < 0 || sd_bus_message_read(raw, "u", &revision) < 0) return std::nullopt;
-    return findLabel(raw, label);
+    if (r < 0 || sd_bus_message_read(raw, "u", &revision) < 0) return false;
+    const std::optional<int> id = findLabel(raw, label);
+    return id && sd_bus_call_method(bus_->bus(), itemName().c_str(), "/MenuBar", "com.canonical.dbusmenu",
+                                    "Event", nullptr, nullptr, "isvu", *id, "clicked", "s", "", 0u) >= 0;
   }
-
-  int click(int id) {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
-    const int r = sd_bus_call_method(bus_->bus(), itemName().c_str(), "/MenuBar", "com.canonical.dbusmenu", "Event",
-                                     &error, nullptr, "isvu", id, "clicked", "s", "", 0u);
-    sd_bus_error_free(&error);
-    return r;
-  }
-
-  std::string iconThemePath() {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
-    sd_bus_message* raw = nullptr;
-    const int r = sd_bus_call_method(bus_->bus(), itemName().c_str(), "/StatusNotifierItem",
-                                     "org.freedesktop.DBus.Properties", "Get", &error, &raw, "ss",
-                                     "org.kde.StatusNotifierItem", "IconThemePath");
-    sd_bus_error_free(&error);
-    Message reply(raw);
-    const char* path = nullptr;
-    if (r < 0 || sd_bus_message_read(raw, "v", "s", &path) < 0 || path == nullptr) return {};
-    return path;
-  }
-
-  std::string statusLine() {
-    ToolRun run = vigilo({"status"});
-    return run.out.substr(0, run.out.find('\n'));
+  void expectBecomes(const char* name, const std::string& expected) {
+    EXPECT_TRUE(waitFor([&] { return property(name) == expected; }, 5s)) << name << " is " << property(name);
   }
 
   // The README's picture of the item and its menu, drawn from the bus as a
@@ -156,61 +114,49 @@ class TrayTest : public DesktopSessionTest {
     if (!pythonCan("import gi; gi.require_version('GdkPixbuf', '2.0')")) return;
     const std::string shot = (std::filesystem::path(VIGILO_BINARY).parent_path() / "tray-menu.png").string();
     std::filesystem::remove(shot);
-    const int log = ::open(dir_.file("picture.txt").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    pid_t painter = spawn({"/usr/bin/python3", sourceDir(__FILE__) + "/tray_picture.py", itemName(), shot}, log, log,
-                          {"DBUS_SESSION_BUS_ADDRESS=" + bus_->address()});
-    ::close(log);
-    int status = -1;
-    const bool done = waitFor([&] { return ::waitpid(painter, &status, WNOHANG) == painter; }, 30s);
-    if (!done) endChild(painter);
-    ASSERT_TRUE(done && WIFEXITED(status) && WEXITSTATUS(status) == 0) << readFile(dir_.file("picture.txt"));
+    const std::string script = sourceDir(__FILE__) + "/tray_picture.py";
+    ShellRun painter = shell("DBUS_SESSION_BUS_ADDRESS='" + address_ + "' timeout 30 /usr/bin/python3 '" +
+                             script + "' " + itemName() + " '" + shot + "'");
+    ASSERT_EQ(painter.status, 0) << painter.out;
     auto picture = readPng(shot);
-    ASSERT_TRUE(picture.has_value()) << readFile(dir_.file("picture.txt"));
+    ASSERT_TRUE(picture.has_value()) << painter.out;
     EXPECT_GT(distinctColours(*picture), 8);
   }
 };
 
 TEST_F(TrayTest, RegistersWhenTheHostAppearsFollowsTheStatusAndTakesClicks) {
   writeFile(home_ + "/config.json", R"({"mode": "auto"})");
-  startApp({"DBUS_SESSION_BUS_ADDRESS=" + bus_->address()});
+  startApp(env());
   // No tray host yet: the app runs on and says why there is no icon.
   ASSERT_TRUE(waitFor([&] { return outputHas("no StatusNotifierWatcher"); }, 10s)) << app_->output();
 
   startWatcher();
-  ASSERT_TRUE(waitFor(
-      [&] { return readFile(dir_.file("watcher.txt")).find("registered " + itemName()) != std::string::npos; }, 20s))
+  ASSERT_TRUE(waitFor([&] { return registrations() == 1; }, 20s))
       << readFile(dir_.file("watcher.txt")) << app_->output();
-  EXPECT_EQ(tooltip(), "Nothing running · sleeps when closed");
+  EXPECT_EQ(property("ToolTip"), "Nothing running · sleeps when closed");
   // The icons come from the checkout beside the build.
-  EXPECT_EQ(iconThemePath(), std::filesystem::path(std::string(VIGILO_SOURCE_DIR) + "/data/icons").lexically_normal().string());
+  EXPECT_EQ(property("IconThemePath"),
+            std::filesystem::path(std::string(VIGILO_SOURCE_DIR) + "/data/icons").lexically_normal().string());
   EXPECT_TRUE(waitFor([&] { return outputHas("The tray icon is shown"); }, 4s)) << app_->output();
 
-  // A hold changes the status; the tooltip follows within a tick.
   ASSERT_EQ(vigilo({"hold", "--reason", "training run"}).status, 0);
-  EXPECT_TRUE(waitFor([&] { return tooltip() == "training run · stays awake closed"; }, 4s)) << tooltip();
+  expectBecomes("ToolTip", "training run · stays awake closed");
   ASSERT_EQ(vigilo({"release"}).status, 0);
-
-  auto always = menuItem("Always");
-  ASSERT_TRUE(always);
-  ASSERT_GE(click(*always), 0);
-  EXPECT_TRUE(waitFor([&] { return statusLine() == "Awake until you turn it off"; }, 5s)) << statusLine();
+  ASSERT_TRUE(click("Always"));
+  expectBecomes("ToolTip", "Awake until you turn it off");
   EXPECT_EQ(status().value("mode", ""), "always") << status().dump();
-  EXPECT_TRUE(waitFor([&] { return tooltip() == "Awake until you turn it off"; }, 3s)) << tooltip();
   // This host draws icons as they are: the full-colour ones.
-  EXPECT_EQ(iconName(), "vigilo-awake-always");
+  EXPECT_EQ(property("IconName"), "vigilo-awake-always");
 
   // A host that recolours symbolic icons to its panel (GNOME Shell) takes
   // over: the item registers again and names the symbolic variant.
   endChild(helper_);
   startWatcher("gnome-shell");
   ASSERT_TRUE(waitFor([&] { return registrations() == 2; }, 20s)) << readFile(dir_.file("watcher.txt"));
-  EXPECT_TRUE(waitFor([&] { return iconName() == "vigilo-awake-always-symbolic"; }, 5s)) << iconName();
+  expectBecomes("IconName", "vigilo-awake-always-symbolic");
   drawTrayPicture();
 
-  // Quit from the menu puts everything back and ends the app cleanly.
-  auto quit = menuItem("Quit Vigilo");
-  ASSERT_TRUE(quit);
-  ASSERT_GE(click(*quit), 0);
+  ASSERT_TRUE(click("Quit Vigilo"));
   EXPECT_EQ(app_->wait(10s), 0) << app_->output();
   EXPECT_NE(app_->output().find("Quitting: putting everything back"), std::string::npos);
 }
@@ -222,8 +168,7 @@ TEST_F(TrayTest, SaysSoWhenItsIconsCantBeFound) {
   std::filesystem::copy_file(VIGILO_BINARY, dir_.file("bin/vigilo"));
   binary_ = dir_.file("bin/vigilo");
   startWatcher();
-  startApp({"DBUS_SESSION_BUS_ADDRESS=" + bus_->address(), "XDG_DATA_HOME=" + dir_.file("none"),
-            "XDG_DATA_DIRS=" + dir_.file("none")});
+  startApp({env()[0], "XDG_DATA_HOME=" + dir_.file("none"), "XDG_DATA_DIRS=" + dir_.file("none")});
   ASSERT_TRUE(waitFor([&] { return outputHas("warning: the tray icon has no picture: Vigilo's icons aren't installed"); },
                       10s))
       << app_->output();
