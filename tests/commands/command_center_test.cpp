@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <sys/stat.h>
+#include <tuple>
 
 #include "agents/agent_work.h"
 #include "closedlid/closed_lid.h"
@@ -27,16 +28,12 @@ using json = nlohmann::json;
 TEST(ArgumentReadersTest, ReadNumbersTextAndTruthLeniently) {
   json args = json::parse(R"({"n": 5, "s": "12.5", "pad": " 3", "big": 99999, "neg": -2, "word": "x",
                               "inf": "inf", "flag": true, "zero": 0, "t": "yes", "name": "a"})");
-  EXPECT_EQ(numberArg(args, "n", 100), 5);
-  EXPECT_EQ(numberArg(args, "s", 100), 12.5);
-  EXPECT_FALSE(numberArg(args, "pad", 100));
-  EXPECT_EQ(numberArg(args, "big", 10080), 10080);
-  EXPECT_EQ(numberArg(args, "neg", 100), -2);
   // Bounded both ways before any conversion to an integer.
   EXPECT_EQ(numberArg(json{{"v", -1e300}}, "v", 2147483647), -2147483647);
-  EXPECT_FALSE(numberArg(args, "word", 100));
-  EXPECT_FALSE(numberArg(args, "inf", 100));
-  EXPECT_FALSE(numberArg(args, "missing", 100));
+  const std::tuple<const char*, double, std::optional<double>> numbers[] = {
+      {"n", 100, 5},     {"s", 100, 12.5},  {"pad", 100, std::nullopt},  {"big", 10080, 10080},
+      {"neg", 100, -2},  {"word", 100, {}}, {"inf", 100, std::nullopt},  {"missing", 100, std::nullopt}};
+  for (const auto& [key, bound, expected] : numbers) EXPECT_EQ(numberArg(args, key, bound), expected) << key;
   EXPECT_EQ(truthArg(args, "flag"), true);
   EXPECT_EQ(truthArg(args, "zero"), false);
   EXPECT_EQ(truthArg(args, "n"), true);
