@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <tuple>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <tuple>
 
 #include "e2e/piped_process.h"
 #include "platform/text.h"
