@@ -90,14 +90,12 @@ TEST_F(McpServerTest, ToolCallsBecomeAppRequestsBoundToTheSession) {
   const json set = {{"key", "battery_floor"}, {"value", "30"}, {"extra", {1, 2}}};
   // An unbounded hold gets the session's process and 2 hours; the owner is always the session.
   const std::vector<std::tuple<std::string, json, json>> rows = {
-      {"vigilo_keep_awake", {{"reason", "x"}}, {"hold", {{"reason", "x"}, {"pid", 4242}, {"minutes", 120}, {"owner", 4242}}, 8}},
       {"vigilo_keep_awake", {{"reason", "x"}, {"minutes", 30}, {"owner", 1}},
        {"hold", {{"reason", "x"}, {"minutes", 30}, {"owner", 4242}}, 8}},
       {"vigilo_keep_awake", {{"reason", "x"}, {"pid", 7}}, {"hold", {{"reason", "x"}, {"pid", 7}, {"owner", 4242}}, 8}},
       {"vigilo_keep_awake", {{"reason", "x"}, {"minutes", nullptr}},
        {"hold", {{"reason", "x"}, {"minutes", 120}, {"pid", 4242}, {"owner", 4242}}, 8}},
       {"vigilo_release", {{"hold_id", "a1b2"}}, {"release_own", {{"id", "a1b2"}, {"pid", 4242}}, 8}},
-      {"vigilo_release", json::object(), {"release_pid", {{"pid", 4242}}, 8}},
       {"vigilo_release", {{"hold_id", ""}}, {"release_pid", {{"pid", 4242}}, 8}},
       {"vigilo_set_setting", set, {"set", set, 8}},
       {"vigilo_power", json::object(), {"power", json::object(), 10}},
