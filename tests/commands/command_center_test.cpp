@@ -321,36 +321,42 @@ class LinuxWordsTest : public CommandCenterTest {
 
 TEST_F(LinuxWordsTest, EveryTextNamesThisMachineAndNothingOfTheMac) {
   const MachineWords& words = linuxMachineWords();
-  std::vector<std::pair<std::string, std::string>> texts;
-  auto add = [&](const std::string& name, const std::string& text) { texts.emplace_back(name, text); };
+  // Each text with what it says this machine does instead of the Mac.
+  std::vector<std::tuple<std::string, std::string, std::string>> texts;
+  auto add = [&](const std::string& name, const std::string& text, const std::string& said = "") {
+    texts.emplace_back(name, text, said);
+  };
 
   // The tool's own texts, from the real binary on this Linux machine; none
   // of them starts an app.
   const std::string home = dir_.file("tool");
   const std::vector<std::string> env = {"HOME=" + dir_.file("person")};
-  add("help", runTool({"help"}, home, env).out);
-  add("pair", runTool({"pair", "--no-qr"}, home, env).out);
+  add("help", runTool({"help"}, home, env).out, "keep your Linux machine awake");
+  add("pair", runTool({"pair", "--no-qr"}, home, env).out, "can control this Linux machine.");
   add("doctor", runTool({"doctor"}, home, env).out);
-  add("mcp", runToolWithInput({"mcp"}, home,
-                              R"({"jsonrpc": "2.0", "id": 1, "method": "initialize", "params": {}})"
-                              "\n"
-                              R"({"jsonrpc": "2.0", "id": 2, "method": "tools/list"})"
-                              "\n",
-                              env)
-                 .out);
+  add("mcp",
+      runToolWithInput({"mcp"}, home,
+                       R"({"jsonrpc": "2.0", "id": 1, "method": "initialize", "params": {}})"
+                       "\n"
+                       R"({"jsonrpc": "2.0", "id": 2, "method": "tools/list"})"
+                       "\n",
+                       env)
+          .out,
+      "the battery's draw, measured only while on battery");
 
   // The app's replies, printed as the tool prints them and whole (--json).
-  auto reply = [&](const std::string& name, const json& r, const std::function<void()>& print) {
-    add(name, printed(print));
+  auto reply = [&](const std::string& name, const json& r, const std::function<void()>& print,
+                   const std::string& said) {
+    add(name, printed(print), said);
     add(name + " --json", r.dump());
   };
   const json schema = call("schema");
-  reply("settings", schema, [&] { cli::printSettings(schema); });
+  reply("settings", schema, [&] { cli::printSettings(schema); }, "Ctrl+Alt+Super+A cycles the mode.");
   add("power test, lid open", call("power_test").value("error", std::string()));
   laptop().setLidClosed(true);
   advance(4);
   const json status = call("status");
-  reply("status", status, [&] { cli::printStatus(status, words); });
+  reply("status", status, [&] { cli::printStatus(status, words); }, "Tray: ");
 
   ASSERT_TRUE(call("power_test", {{"detailed", true}})["ok"]);
   std::string progress;
@@ -358,41 +364,26 @@ TEST_F(LinuxWordsTest, EveryTextNamesThisMachineAndNothingOfTheMac) {
     progress += savings_->test().progress().value_or("") + "\n";
     advance(1);
   }
-  add("power test progress", progress);
+  add("power test progress", progress, "Measuring the power-saver profile, 1 of 2");
   const json measured = call("power");
-  reply("power", measured, [&] { cli::printPower(measured, words); });
+  reply("power", measured, [&] { cli::printPower(measured, words); }, "The power-saver profile: saves");
   ASSERT_TRUE(call("power_test")["ok"]);
   laptop().setThermalState(2);
   advance(2);
   const json aborted = call("power");
-  reply("power, test aborted", aborted, [&] { cli::printMeasured(aborted, words); });
+  reply("power, test aborted", aborted, [&] { cli::printMeasured(aborted, words); }, "the Linux machine got too hot");
   laptop().setThermalState(0);
   laptop().removeLid();
   advance(2);
-  add("power test, no lid", call("power_test").value("error", std::string()));
+  add("power test, no lid", call("power_test").value("error", std::string()),
+      "This Linux machine has no lid that Vigilo can read");
 
   const std::regex mac(R"(\bMacs?\b|macOS|menu bar|\bDock\b|⌃|⌘|Time Machine|pmset|\biOS\b)");
-  for (const auto& [name, text] : texts) {
+  for (const auto& [name, text, said] : texts) {
     std::smatch found;
     EXPECT_FALSE(text.empty()) << name;
     EXPECT_FALSE(std::regex_search(text, found, mac)) << found.str() << " in " << name << ":\n" << text;
-  }
-  // And they say what this machine does instead.
-  const std::map<std::string, std::string> said = {
-      {"help", "keep your Linux machine awake"},
-      {"pair", "can control this Linux machine."},
-      {"mcp", "the battery's draw, measured only while on battery"},
-      {"settings", "Ctrl+Alt+Super+A cycles the mode."},
-      {"status", "Tray: "},
-      {"power test progress", "Measuring the power-saver profile, 1 of 2"},
-      {"power", "The power-saver profile: saves"},
-      {"power, test aborted", "the Linux machine got too hot"},
-      {"power test, no lid", "This Linux machine has no lid that Vigilo can read"},
-  };
-  for (const auto& [name, text] : texts) {
-    if (auto it = said.find(name); it != said.end()) {
-      EXPECT_NE(text.find(it->second), std::string::npos) << text;
-    }
+    EXPECT_NE(text.find(said), std::string::npos) << name << ":\n" << text;
   }
 }
 
