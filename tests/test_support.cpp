@@ -41,27 +41,19 @@ bool fileExists(const std::string& path) {
 namespace vigilo::test {
 namespace {
 
-// No test may start an app on the real machine: every tool and RequestClient
-// this test process runs or starts leaves the app alone unless a test allows
-// it for one child ("VIGILO_NO_AUTOSTART=").
-const bool kNoAutostart = [] {
-  ::setenv("VIGILO_NO_AUTOSTART", "1", 1);
-  return true;
-}();
-
-// Nor may an app a test starts put an icon in the person's tray: tests that
-// want a tray give their own private session bus.
-const bool kNoSessionBus = [] {
-  ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/vigilo-tests-have-no-session-bus", 1);
-  return true;
-}();
-
-// Nor may it keep its heartbeat in the person's runtime folder, where a
-// test that kills it would leave the beat folder behind: apps run as where
-// there is none (no XDG_RUNTIME_DIR, an empty folder for "/run/user"), and
-// a test that wants one passes its own.
 const TempDir kNoRunUser;
-const bool kNoRuntimeFolder = [] {
+const bool kIsolated = [] {
+  // No test may start an app on the real machine: every tool and
+  // RequestClient this test process runs or starts leaves the app alone
+  // unless a test allows it for one child ("VIGILO_NO_AUTOSTART=").
+  ::setenv("VIGILO_NO_AUTOSTART", "1", 1);
+  // Nor may an app a test starts put an icon in the person's tray: tests
+  // that want a tray give their own private session bus.
+  ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/vigilo-tests-have-no-session-bus", 1);
+  // Nor may it keep its heartbeat in the person's runtime folder, where a
+  // test that kills it would leave the beat folder behind: apps run as where
+  // there is none (no XDG_RUNTIME_DIR, an empty folder for "/run/user"), and
+  // a test that wants one passes its own.
   ::unsetenv("XDG_RUNTIME_DIR");
   ::setenv("VIGILO_RUN_USER", kNoRunUser.path().c_str(), 1);
   return true;

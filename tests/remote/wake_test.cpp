@@ -3,6 +3,7 @@
 #include "platform/sim/sim_wake.h"
 
 #include <gtest/gtest.h>
+#include <tuple>
 #include <nlohmann/json.hpp>
 
 #include "engine/engine_fixture.h"
@@ -13,26 +14,14 @@ namespace {
 using json = nlohmann::json;
 
 TEST(WakePlanTest, StepsShrinkTowardsTheWakeAndNeverExceedAnHour) {
-  struct Case {
-    std::optional<double> untilWake;
-    int checkIn;
-    std::optional<int> step;
-  } cases[] = {
-      {std::nullopt, 15, 900},
-      {std::nullopt, 30, 1800},
-      {std::nullopt, 60, 3600},
-      {20 * 60, 60, 900},
-      {8 * 60, 60, 300},
-      {4 * 60, 60, 60},
-      {30, 60, 60},
-      {3 * 3600, 0, 3600},
-      {std::nullopt, 0, std::nullopt},
-      {-100, 0, 60},
-      {25 * 60, 0, 900},
+  // Seconds until the wake, check-in minutes, the next alarm step.
+  const std::tuple<std::optional<double>, int, std::optional<int>> cases[] = {
+      {std::nullopt, 15, 900}, {std::nullopt, 30, 1800}, {std::nullopt, 60, 3600}, {20 * 60, 60, 900},
+      {8 * 60, 60, 300},       {4 * 60, 60, 60},         {30, 60, 60},             {3 * 3600, 0, 3600},
+      {std::nullopt, 0, std::nullopt}, {-100, 0, 60},    {25 * 60, 0, 900},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(WakePlan::nextStep(c.untilWake, c.checkIn), c.step)
-        << "until " << c.untilWake.value_or(-1) << " check-in " << c.checkIn;
+  for (const auto& [untilWake, checkIn, step] : cases) {
+    EXPECT_EQ(WakePlan::nextStep(untilWake, checkIn), step) << untilWake.value_or(-1) << " " << checkIn;
   }
 }
 
