@@ -46,10 +46,10 @@ class RecordingSlowJobs final : public SlowJobs {
 class TestMachine final : public PlatformWrapper {
  public:
   explicit TestMachine(Platform& laptop) : PlatformWrapper(laptop), switch_(laptop.power(), *this) {}
-  const MachineWords& words() const override { return words_ ? *words_ : PlatformWrapper::words(); }
+  const MachineWords& words() const override { return spoken ? *spoken : PlatformWrapper::words(); }
   PowerControl& power() override { return switch_; }
 
-  std::optional<MachineWords> words_;
+  std::optional<MachineWords> spoken;
   bool refuseOff = false;
   bool refuseOn = false;
   int refusedOff = 0;  // switch-offs refused so far
@@ -90,7 +90,7 @@ class EngineTest : public ::testing::Test {
   }
   Engine& engine() { return *engine_; }
   // The laptop speaks in `words`.
-  void speak(MachineWords words) { machine_->words_ = std::move(words); }
+  void speak(MachineWords words) { machine_->spoken = std::move(words); }
   // The sleep switch refuses to switch sleep off, or back on.
   void refuse(bool off, bool on) {
     machine_->refuseOff = off;
