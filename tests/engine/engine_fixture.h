@@ -40,14 +40,32 @@ class RecordingSlowJobs final : public SlowJobs {
   std::vector<std::string> calls;
 };
 
-// The simulated laptop naming itself in another backend's words.
-class SpeakingLaptop final : public PlatformWrapper {
+// The simulated laptop as the engine sees it: it may name itself in another
+// backend's words, and its sleep switch may refuse, as a broken setup or a
+// system that says no would. Refused calls never reach the laptop.
+class TestMachine final : public PlatformWrapper {
  public:
-  SpeakingLaptop(Platform& laptop, MachineWords words) : PlatformWrapper(laptop), words_(std::move(words)) {}
-  const MachineWords& words() const override { return words_; }
+  explicit TestMachine(Platform& laptop) : PlatformWrapper(laptop), switch_(laptop.power(), *this) {}
+  const MachineWords& words() const override { return spoken ? *spoken : PlatformWrapper::words(); }
+  PowerControl& power() override { return switch_; }
+
+  std::optional<MachineWords> spoken;
+  bool refuseOff = false;
+  bool refuseOn = false;
+  int refusedOff = 0;  // switch-offs refused so far
 
  private:
-  MachineWords words_;
+  struct Switch final : PowerControlWrapper {
+    Switch(PowerControl& target, TestMachine& m) : PowerControlWrapper(target), m_(m) {}
+    Result setSleepDisabled(bool disabled) override {
+      if (disabled ? m_.refuseOff : m_.refuseOn) {
+        m_.refusedOff += disabled ? 1 : 0;
+        return Result::fail("The switch refused.");
+      }
+      return PowerControlWrapper::setSleepDisabled(disabled);
+    }
+    TestMachine& m_;
+  } switch_;
 };
 
 // Given a simulated laptop, a manual clock and an engine in a fresh app
@@ -56,6 +74,7 @@ class EngineTest : public ::testing::Test {
  protected:
   EngineTest() : loop_(clock_) {
     sim_ = makeSimPlatform(clock_, loop_, SimPlatformOptions{"", dir_.file("home")});
+    machine_ = std::make_unique<TestMachine>(*sim_);
     folder_ = dir_.file("home");
   }
   ~EngineTest() override { engine_.reset(); }
@@ -70,9 +89,14 @@ class EngineTest : public ::testing::Test {
     return *engine_;
   }
   Engine& engine() { return *engine_; }
-  // From the next engine on, the laptop speaks in `words`.
-  void speak(MachineWords words) { speaking_ = std::make_unique<SpeakingLaptop>(*sim_, std::move(words)); }
-  Platform& machine() { return speaking_ ? static_cast<Platform&>(*speaking_) : *sim_; }
+  // The laptop speaks in `words`.
+  void speak(MachineWords words) { machine_->spoken = std::move(words); }
+  // The sleep switch refuses to switch sleep off, or back on.
+  void refuse(bool off, bool on) {
+    machine_->refuseOff = off;
+    machine_->refuseOn = on;
+  }
+  TestMachine& machine() { return *machine_; }
   SimLaptop& laptop() { return sim_->laptop(); }
   StateFiles files() const { return StateFiles(folder_); }
   void advance(double seconds) { loop_.advance(seconds); }
@@ -93,7 +117,7 @@ class EngineTest : public ::testing::Test {
   ManualClock clock_;
   ManualRunLoop loop_;
   std::unique_ptr<SimPlatform> sim_;
-  std::unique_ptr<SpeakingLaptop> speaking_;
+  std::unique_ptr<TestMachine> machine_;
   std::string folder_;
   ScriptedWork work_;
   std::unique_ptr<Engine> engine_;

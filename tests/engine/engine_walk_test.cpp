@@ -4,7 +4,7 @@
 //
 // Each run takes a fresh seed and prints it when a check fails; to replay
 // one, run with VIGILO_ENGINE_SEED=<seed> (VIGILO_ENGINE_STEPS=<n> for a
-// longer walk, VIGILO_ENGINE_TRACE=1 to print every step).
+// longer walk).
 
 #include <cstdlib>
 #include <deque>
@@ -116,7 +116,7 @@ class EngineWalk : public EngineTest {
       case 12: {
         const bool off = chance(30), on = chance(30);
         what = "refuse off=" + std::to_string(off) + " on=" + std::to_string(on);
-        laptop().setRefusals(off, on);
+        refuse(off, on);
         outsideAt_ = clock_.now();
         break;
       }
@@ -223,7 +223,7 @@ class EngineWalk : public EngineTest {
 
     // The switch is off exactly while the engine keeps the machine awake.
     if (held && !disabled) {
-      EXPECT_TRUE(lagging || (e.warning() && laptop().toJson()["refuse"]["sleepOff"] == true))
+      EXPECT_TRUE(lagging || (e.warning() && machine().refuseOff))
           << "holding, but sleep is on";
     }
     if (!held && disabled && !notOurs) {
@@ -272,7 +272,6 @@ TEST_F(EngineWalk, SwitchStatusAndRecordsAgreeAfterEveryStep) {
   rng_.seed(seed);
   launch();
   std::deque<std::string> recent;
-  std::uint64_t traced = 0;
   for (int i = 0; i < steps && !HasFailure(); ++i) {
     const bool setupBroken = !engine().setupReady() && !laptop().setupStatus().ready;
     const std::size_t noticesBefore = notices_.size();
@@ -291,10 +290,6 @@ TEST_F(EngineWalk, SwitchStatusAndRecordsAgreeAfterEveryStep) {
     recent.push_back(std::to_string(i) + " " + what + " -> " + engine().statusLine() +
                      (laptop().sleepDisabled() ? " [sleep off]" : "") + (engine().holding() ? " [holding]" : ""));
     if (recent.size() > 16) recent.pop_front();
-    if (std::getenv("VIGILO_ENGINE_TRACE")) {
-      std::fprintf(stderr, "%s\n", recent.back().c_str());
-      for (const std::string& c : newCommands(traced)) std::fprintf(stderr, "    %s\n", c.c_str());
-    }
     if (HasFailure()) {
       std::ostringstream trail;
       for (const std::string& r : recent) trail << "\n  " << r;

@@ -106,12 +106,6 @@ void SimLaptop::setSetup(bool ready, std::string reason) {
   s_->notify();
 }
 
-void SimLaptop::setRefusals(bool refuseOff, bool refuseOn) {
-  s_->refuseOff = refuseOff;
-  s_->refuseOn = refuseOn;
-  s_->notify();
-}
-
 void SimLaptop::setExternalDisplay(bool connected) {
   s_->externalDisplay = connected;
   s_->notify();
@@ -223,12 +217,6 @@ int SimLaptop::powerMode(const std::string& key) const {
 Result SimLaptop::setSleepDisabled(bool disabled) {
   State& s = *s_;
   const std::string entry = disabled ? "disablesleep 1" : "disablesleep 0";
-  if (disabled ? s.refuseOff : s.refuseOn) {
-    s.record(entry + " (refused)");
-    s_->notify();
-    return Result::fail(disabled ? "The simulated laptop refused to switch sleep off."
-                                 : "The simulated laptop refused to switch sleep back on.");
-  }
   advanceToNow();
   s.record(entry);
   s.sleepDisabled = disabled;

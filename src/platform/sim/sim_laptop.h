@@ -72,9 +72,6 @@ class SimLaptop {
   // Someone else switches sleep off or on (the user running pmset by hand).
   void setSleepDisabledExternally(bool disabled);
   void setSetup(bool ready, std::string reason = {});
-  // Makes the sleep switch refuse to switch sleep off (`refuseOff`) or back
-  // on (`refuseOn`), as a missing or broken setup would.
-  void setRefusals(bool refuseOff, bool refuseOn);
   // Starts a process and returns its pid; `pid` reuses a given id (a process
   // with that id must not be running).
   std::int32_t startProcess(const std::string& path, std::vector<std::string> args = {}, std::int32_t ppid = 1,

@@ -84,8 +84,6 @@ struct SimLaptop::State {
   int thermal = 0;
   double clockSpeed = 1.0;  // how many simulated seconds pass per real second
   bool sleepDisabled = false;
-  bool refuseOff = false;
-  bool refuseOn = false;
   bool displayOn = true;
   double brightness = 1.0;
   bool automaticBackups = true;

@@ -148,7 +148,6 @@ json SimLaptop::State::toJson() const {
           {"battery", batteryJson()},
           {"thermal", thermal},
           {"sleepDisabled", sleepDisabled},
-          {"refuse", {{"sleepOff", refuseOff}, {"sleepOn", refuseOn}}},
           {"display",
            {{"on", displayOn},
             {"brightness", brightness},
@@ -232,11 +231,6 @@ void SimLaptop::State::readSwitches(const json& j) {
   if (auto v = numberIn(j, "thermal", 0.0, 3.0)) thermal = static_cast<int>(std::lround(*v));
   if (auto v = numberIn(j, "clockSpeed", 1.0, kMaxClockSpeed)) clockSpeed = *v;
   if (auto v = boolean(j, "sleepDisabled")) sleepDisabled = *v;
-  {
-    const json& r = object(j, "refuse");
-    if (auto v = boolean(r, "sleepOff")) refuseOff = *v;
-    if (auto v = boolean(r, "sleepOn")) refuseOn = *v;
-  }
   {
     const json& d = object(j, "display");
     if (auto v = boolean(d, "on")) displayOn = *v;
