@@ -101,7 +101,8 @@ TEST_F(TrayModelTest, ClicksChangeTheEngineThroughTheCommandCenter) {
   launch();
   const Hold first = engine().addHold(std::string(100, 'x') + "_é", 30, std::nullopt, std::nullopt);
   const Hold second = engine().addHold("export", std::nullopt, std::nullopt, std::nullopt);
-  const TrayMenuItem* item = findMenuItem(trayView(engine()).menu, "hold:" + first.id);
+  const TrayView view = trayView(engine());
+  const TrayMenuItem* item = findMenuItem(view.menu, "hold:" + first.id);
   ASSERT_NE(item, nullptr);
   EXPECT_LT(item->label.size(), 100u);  // cut, without splitting a character
   EXPECT_NE(item->label.find("…”"), std::string::npos);
