@@ -102,7 +102,8 @@ TEST_F(CliTest, ModesSettingsWakesAndTheStatusKeys) {
                           "blocked_by", "warning", "reason"}) {
     EXPECT_TRUE(s.contains(key)) << key;
   }
-  EXPECT_EQ(s["battery"]["percent"], 80);
+  // The simulated battery drains as real seconds pass, a few on a loaded machine.
+  EXPECT_NEAR(s["battery"]["percent"].get<double>(), 80, 3);
 
   // Wakes are looked at every tenth second of the laptop's clock: at five
   // times the speed, every two seconds.
