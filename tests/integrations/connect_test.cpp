@@ -98,13 +98,10 @@ TEST_F(ConnectTest, WithoutClaudeCodesToolItsFileIsEditedKeepingTheRest) {
               "(new sessions).");
   }
   json file = json::parse(readFile(places_.claudeJson()));
-  EXPECT_EQ(file["numStartups"], 3);
   EXPECT_EQ(file["mcpServers"]["other"]["command"], "x");
   EXPECT_EQ(file["mcpServers"]["vigilo"], json({{"type", "stdio"}, {"command", server_.command}, {"args", {"mcp"}}}));
   EXPECT_TRUE(fileExists(places_.claudeJson() + ".vigilo-backup"));
-  const json stop = json::parse(readFile(places_.claudeSettings()))["hooks"]["Stop"];
-  EXPECT_EQ(stop.size(), 1u);
-  EXPECT_EQ(stop[0]["hooks"][0]["command"], hook_);
+  EXPECT_TRUE(ClaudeHooks::installedAt(places_.claudeSettings(), hook_));
 }
 
 TEST_F(ConnectTest, FilesThatArentJsonObjectsAreLeftAlone) {
