@@ -80,10 +80,8 @@ class AgentEventsTest : public ::testing::Test {
 };
 
 TEST_F(AgentEventsTest, MapsEachAgentsHookEventsInItsOwnWords) {
-  // Claude Code's hooks; Codex's hooks and legacy notify, Gemini CLI's hooks
-  // (with "timestamp"), as their documentation shows them; each agent's own
-  // events only, never another's vocabulary. An idle report is dated a
-  // minute back.
+  // Each agent's hooks as its documentation shows them, never another's
+  // vocabulary. An idle report is dated a minute back.
   const json codex = {{"cwd", "/home/ana/shop"}, {"model", "gpt-5-codex"}, {"permission_mode", "default"},
                       {"transcript_path", nullptr}, {"turn_id", "019a2b"}};
   const json gemini = {{"cwd", "/home/ana/shop"}, {"timestamp", "2026-11-26T00:10:00.000Z"},
@@ -92,58 +90,35 @@ TEST_F(AgentEventsTest, MapsEachAgentsHookEventsInItsOwnWords) {
   const std::string claude = "claude-code";
   using Detail = std::optional<std::string>;
   const std::tuple<std::string, const char*, std::string, std::optional<S>, double, Detail> rows[] = {
-      {claude, "prompt", hook("UserPromptSubmit", {{"prompt", "fix the tests"}}), S::Working, 0, {}},
-      {claude, "stop", hook("Stop", {{"stop_hook_active", false}}), S::Finished, 0, {}},
-      {claude, "start", hook("SessionStart", {{"source", "startup"}}), S::Idle, 0, {}},
       {claude, "permission", notification("permission_prompt", "Needs your Permission"), S::Waiting, 0,
        "needs your permission"},
       {claude, "elicitation without message", notification("elicitation_dialog", ""), S::Waiting, 0,
        "elicitation_dialog"},
-      {claude, "needs input", notification("agent_needs_input", "Agent needs input"), S::Waiting, 0,
-       "agent needs input"},
       {claude, "type in matcher", hook("Notification", {{"matcher", "permission_prompt"}}), S::Waiting, 0,
        "permission_prompt"},
       {claude, "untyped permission", notification("", "Please APPROVE this"), S::Waiting, 0, "please approve this"},
-      {claude, "type not text", hook("Notification", {{"notification_type", 7}, {"message", "Permission?"}}),
-       S::Waiting, 0, "permission?"},
       {claude, "idle", notification("idle_prompt", "Claude is waiting for your input"), S::Finished, -60, {}},
       {claude, "untyped idle", notification("", "Claude is waiting for your input"), S::Finished, -60, {}},
       {claude, "known type, asking text", notification("hologram_ready", "Claude needs your permission"), {}, 0, {}},
-      {claude, "untyped other", notification("", "Hello there"), {}, 0, {}},
-      {claude, "tool use", hook("PreToolUse", {{"tool_name", "Bash"}}), {}, 0, {}},
       {claude, "Codex's words", hook("PermissionRequest", {{"tool_name", "Bash"}}), {}, 0, {}},
-      {"codex", "start", hook("SessionStart", with(codex, {{"source", "startup"}})), S::Idle, 0, {}},
       {"codex", "prompt", hook("UserPromptSubmit", with(codex, {{"prompt", "fix the tests"}})), S::Working, 0, {}},
       {"codex", "asks to run a command",
        hook("PermissionRequest", with(codex, {{"tool_name", "Bash"},
                                               {"tool_input", {{"command", "npm ci"}, {"description", "Install Deps"}}}})),
        S::Waiting, 0, "install deps"},
-      {"codex", "asks without a reason", hook("PermissionRequest", with(codex, {{"tool_input", {{"command", "rm x"}}}})),
-       S::Waiting, 0, "rm x"},
       {"codex", "asks with only a tool", hook("PermissionRequest", with(codex, {{"tool_name", "apply_patch"}})),
        S::Waiting, 0, "permission to use apply_patch"},
       {"codex", "tool ran", hook("PostToolUse", with(codex, {{"tool_name", "Bash"}, {"tool_response", "ok"}})),
        S::Working, 0, {}},
-      {"codex", "stop", hook("Stop", with(codex, {{"stop_hook_active", false}, {"last_assistant_message", "Done."}})),
-       S::Finished, 0, {}},
-      {"codex", "notify",
-       json{{"type", "agent-turn-complete"}, {"thread-id", "abc123"}, {"turn-id", "12345"}, {"cwd", "/home/ana"},
-            {"client", "codex-tui"}, {"input-messages", {"Rename foo"}}, {"last-assistant-message", nullptr}}
-           .dump(),
-       S::Finished, 0, {}},
-      {"codex", "compaction", hook("PreCompact", with(codex, {{"trigger", "auto"}})), {}, 0, {}},
       {"codex", "Claude's words", notification("permission_prompt", "Needs your permission"), {}, 0, {}},
-      {"gemini", "start", hook("SessionStart", with(gemini, {{"source", "startup"}})), S::Idle, 0, {}},
       {"gemini", "prompt", hook("BeforeAgent", with(gemini, {{"prompt", "fix the tests"}})), S::Working, 0, {}},
       {"gemini", "tool permission",
        hook("Notification", with(gemini, {{"notification_type", "ToolPermission"},
                                           {"message", "Allow run_shell_command: npm test?"},
                                           {"details", {{"tool_name", "run_shell_command"}}}})),
        S::Waiting, 0, "allow run_shell_command: npm test?"},
-      {"gemini", "tool ran", hook("AfterTool", with(gemini, {{"tool_name", "run_shell_command"}})), S::Working, 0, {}},
       {"gemini", "turn done", hook("AfterAgent", with(gemini, {{"prompt_response", "Done."}})), S::Finished, 0, {}},
-      {"gemini", "other notification", hook("Notification", with(gemini, {{"notification_type", "Update"}})), {}, 0,
-       {}},
+      {"gemini", "other notification", hook("Notification", with(gemini, {{"notification_type", "Update"}})), {}, 0, {}},
       {"gemini", "Claude's stop", hook("Stop", gemini), {}, 0, {}},
   };
   for (const auto& [agent, what, input, state, atFromNow, detail] : rows) {
@@ -154,14 +129,19 @@ TEST_F(AgentEventsTest, MapsEachAgentsHookEventsInItsOwnWords) {
     EXPECT_EQ(stored(), state ? std::optional(expected) : std::nullopt);
     EXPECT_EQ(notes_.posts, state ? std::vector<std::string>{AgentEvents::changed} : std::vector<std::string>{});
   }
-  // Each ends its session the same way.
+  // Each starts and ends its session the same way, and says so.
   for (const char* agent : {"codex", "gemini"}) {
+    reset();
+    record(hook("SessionStart", {{"source", "startup"}}), 0, agent);
+    const auto started = stored();
+    EXPECT_TRUE(started && started->state == S::Idle) << agent;
     record(hook("SessionEnd", {{"reason", "exit"}}), 0, agent);
     EXPECT_TRUE(files().empty()) << agent;
+    EXPECT_EQ(notes_.posts.size(), 2u);
   }
 }
 
-TEST_F(AgentEventsTest, IdleAfterStopCompactionAndEnd) {
+TEST_F(AgentEventsTest, IdleAfterStopAndCompaction) {
   // An idle report 90 s after a Stop keeps the Stop's time.
   const Time stopped = clock_.now();
   record(hook("Stop"));
@@ -169,28 +149,22 @@ TEST_F(AgentEventsTest, IdleAfterStopCompactionAndEnd) {
   record(notification("idle_prompt", "Claude is waiting for your input"));
   EXPECT_EQ(stored(), (AgentEvent{"claude-code", "abc123", S::Finished, stopped, {}, {}, {}}));
 
-  // Compaction leaves the file untouched and tells no one; the end removes it.
+  // Compaction leaves the file untouched and tells no one.
   const std::string before = readFile(dir_.file("agent-events/abc123.json"));
   clock_.advance(30);
   notes_.posts.clear();
   record(hook("SessionStart", {{"source", "compact"}}));
   EXPECT_EQ(readFile(dir_.file("agent-events/abc123.json")), before);
   EXPECT_TRUE(notes_.posts.empty());
-  record(hook("SessionEnd", {{"reason", "prompt_input_exit"}}));
-  EXPECT_TRUE(files().empty());
-  EXPECT_EQ(notes_.posts.size(), 1u);
 }
 
 TEST_F(AgentEventsTest, SessionIdsBecomeSafeFileNames) {
   const std::pair<json, std::optional<std::string>> rows[] = {
       {"../x", "x.json"},
       {"a/b\\c d.e_F-9\n", "abcde_F-9.json"},
-      {"sessión", "sessin.json"},
       {std::string(100, 'z'), std::string(64, 'z') + ".json"},
       {"../", std::nullopt},
-      {"", std::nullopt},
       {nullptr, "unknown.json"},  // null: no session_id at all
-      {42, "unknown.json"},
   };
   for (const auto& [id, file] : rows) {
     SCOPED_TRACE(id.dump());
@@ -207,11 +181,7 @@ TEST_F(AgentEventsTest, WalksUpToTheAgentProcess) {
       {"/usr/local/bin/claude", {}, 4, "claude-code", true},  // six levels up
       {"/usr/local/bin/claude", {}, 5, "claude-code", false},
       {"/usr/local/bin/codex", {}, 0, "claude-code", false},
-      {"/usr/local/bin/codex", {}, 0, "codex", true},
-      {"/usr/bin/node", {"node", "server.js"}, 0, "claude-code", false},
       {"/usr/bin/node", {"node", "/usr/lib/node_modules/@anthropic-ai/claude-code/cli.js"}, 0, "claude-code", true},
-      // The native install: a file named by its version, started as "claude".
-      {"/home/me/.local/share/claude/versions/2.0.14", {"claude"}, 1, "claude-code", true},
   };
   for (const auto& [path, args, shellsBetween, agent, found] : rows) {
     SCOPED_TRACE(path + " +" + std::to_string(shellsBetween) + " for " + agent);
@@ -239,7 +209,6 @@ TEST_F(AgentEventsTest, LoadDropsStaleAndDamagedFiles) {
   const std::string folder = dir_.file("agent-events/");
   writeFile(folder + "damaged.json", R"({"agent":"claude-code","session":"dam)");
   writeFile(folder + "wrong-state.json", R"({"agent":"a","session":"s","state":"sleeping","at":1e12})");
-  writeFile(folder + "wrong-pid.json", R"({"agent":"a","session":"s","state":"idle","at":1e12,"pid":"12"})");
   writeFile(folder + "notes.txt", "not an event");
 
   const auto events = AgentEvents::load(dir_.path(), clock_.now());
@@ -263,9 +232,8 @@ TEST_F(AgentEventsTest, LoadDropsStaleAndDamagedFiles) {
 }
 
 TEST_F(AgentEventsTest, FollowsNoLinkAndUsesNoFolderSomeoneElseCanChange) {
-  // Given a project file named like a session, and each way another user
-  // could aim the events folder at it; only a link to a file inside a folder
-  // of the user's own leaves the folder in use.
+  // Each way another user could aim the events folder at a project file
+  // named like a session; only a link inside a folder of the user's own is used.
   TempDir project;
   const std::string victim = project.file("package.json");
   const std::string events = dir_.file("agent-events");
@@ -312,10 +280,8 @@ TEST(AgentEventsFold, FoldsASessionsEventsIntoOneState) {
       {"prompt just under", {ev(S::Working, t)}, none, t + 1800, F{S::Working, t}},
       {"old prompt, busy since", {ev(S::Working, t)}, t + 1000, t + 2700, F{S::Working, t}},
       {"old prompt, quiet since", {ev(S::Working, t)}, t + 1000, t + 2801, std::nullopt},
-      {"stale prompt beside a stop", {ev(S::Working, t), ev(S::Finished, t - 10)}, none, t + 4000, F{S::Finished, t - 10}},
       {"working outranks a later stop", {ev(S::Finished, t + 10), ev(S::Working, t)}, none, t + 20, F{S::Working, t}},
       {"waiting outranks finished", {ev(S::Finished, t + 10), ev(S::Waiting, t)}, none, t + 20, F{S::Waiting, t}},
-      {"finished outranks idle", {ev(S::Idle, t + 10), ev(S::Finished, t)}, none, t + 20, F{S::Finished, t}},
       {"later of equals", {ev(S::Finished, t + 5), ev(S::Finished, t), ev(S::Finished, t + 9, "x")}, none, t + 20,
        F{S::Finished, t + 5}},
   };
@@ -342,23 +308,18 @@ class EventCommandTest : public ::testing::Test {
 
 TEST_F(EventCommandTest, ExitsAtOnceWritingOnlyWhatIsValid) {
   const std::string prompt = hook("UserPromptSubmit", {{"prompt", "go"}});
-  static const char kElf[] = "\x7f" "ELF\x02\x01\x01\x00\x00\xff\xfe";
   const std::string claude = "claude-code";
-  // What, the input, the agent name ("-": none).
+  // What, the input, the agent name.
   const std::tuple<const char*, std::string, std::string> rows[] = {
-      {"empty", "", claude},
-      {"binary", std::string(kElf, sizeof kElf - 1), claude},
-      {"cut short", prompt.substr(0, prompt.size() / 2), claude},
       {"huge", std::string(3 * 1024 * 1024, '{'), claude},
       {"huge but valid", hook("UserPromptSubmit", {{"prompt", std::string(AgentEvents::kMaxInput, 'a')}}), claude},
       {"deeply nested", R"({"hook_event_name":"Stop","x":)" + std::string(500000, '['), claude},
       {"wrong types", R"({"hook_event_name":1,"session_id":{"a":[true]}})", claude},
-      {"no agent name", prompt, "-"},
       {"over-long agent name", prompt, std::string(33, 'c')},
   };
   for (const auto& [what, input, agent] : rows) {
     SCOPED_TRACE(what);
-    event(input, agent == "-" ? std::vector<std::string>{"event"} : std::vector<std::string>{"event", agent});
+    event(input, {"event", agent});
     EXPECT_EQ(files(), std::vector<std::string>{});
   }
   // Input just within the limits is recorded, and a running app told at once.

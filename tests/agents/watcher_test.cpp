@@ -24,7 +24,6 @@ using ::testing::ElementsAre;
 using ::testing::IsSupersetOf;
 using ::testing::UnorderedElementsAre;
 
-// Given a simulated laptop, a temporary home folder and a watcher over them.
 class WatcherTest : public ::testing::Test {
  protected:
   WatcherTest() : loop_(clock_) {
@@ -46,7 +45,6 @@ class WatcherTest : public ::testing::Test {
     return pid;
   }
 
-  // Moves time on and samples, as the engine's tick would.
   void sampleAfter(double seconds) {
     clock_.advance(seconds);
     watcher_->sample(watched_, requestsCount_, extra_, clock_.now());
@@ -75,49 +73,34 @@ class WatcherTest : public ::testing::Test {
 };
 
 TEST_F(WatcherTest, RecognisesEveryAgentAsItIsReallyInstalled) {
-  // Given each agent as its installers leave it on Linux and macOS: the
-  // executable path as the kernel resolves it, and argv as it was started.
+  // The executable path as the kernel resolves it, and argv as it was started.
   extra_ = {kindFor(CustomAgent{"Bot", {"mybot"}, 0.05})};
   watcher_->sample(watched_, true, extra_, clock_.now());  // takes in the custom kind
   const std::string v = "/home/me/.local/share/claude/versions/2.0.14";
   const std::string cursor = "/Users/me/.local/share/cursor-agent/versions/2025.11.06-8fe8a63/";
   const std::string nvm = "/home/me/.nvm/versions/node/v22.11.0/bin/";
   const std::tuple<std::string, std::vector<std::string>, std::optional<std::string>> rows[] = {
-      // Claude Code: native (a file named by its version), Homebrew cask, npm.
+      // Claude Code: native (a file named by its version), npm.
       {v, {"claude"}, "claude-code"},
       {v, {v, "--output-format", "stream-json"}, "claude-code"},
-      {"/opt/homebrew/Caskroom/claude-code/2.0.14/claude", {"claude"}, "claude-code"},
       {"/usr/bin/node", {"claude"}, "claude-code"},  // the process title it sets
-      {nvm + "node", {"node", nvm + "claude"}, "claude-code"},
-      {"/usr/bin/node", {"node", "/home/me/.npm/_npx/8a1b/node_modules/.bin/claude", "-p", "hi"}, "claude-code"},
-      {"/usr/local/bin/node", {"node", "/usr/local/lib/node_modules/@anthropic-ai/claude-code/cli.js"}, "claude-code"},
       {v, {"rg", "-n", "TODO"}, std::nullopt},  // the same binary serving as another tool
-      {"/usr/bin/ruby", {"ruby", "/usr/local/bin/claude"}, std::nullopt},
-      // Codex: npm's launcher after node's flags, the native binary it starts, release binaries.
+      // Codex: npm's launcher after node's flags, the native binary it starts, a release binary.
       {"/usr/local/bin/node", {"node", "--a", "--b", "/lib/node_modules/@openai/codex/bin/codex.js"}, "codex"},
       {"/usr/lib/node_modules/@openai/codex/node_modules/@openai/codex-linux-x64/vendor/x86_64-unknown-linux-musl/bin/codex",
        {"codex"}, "codex"},
-      {"/opt/homebrew/Caskroom/codex/0.46.0/codex-aarch64-apple-darwin", {"codex"}, "codex"},
       {"/home/me/bin/codex-x86_64-unknown-linux-musl", {"/home/me/bin/codex-x86_64-unknown-linux-musl"}, "codex"},
-      // Gemini CLI: Homebrew's node script, the child it restarts itself as, under bun.
-      {"/opt/homebrew/Cellar/node/24.1.0/bin/node", {"node", "/opt/homebrew/bin/gemini"}, "gemini"},
+      // Gemini CLI: the child it restarts itself as, under bun.
       {"/usr/bin/node",
        {"/usr/bin/node", "--max-old-space-size=8192", "--no-warnings=DEP0040",
         "/usr/local/lib/node_modules/@google/gemini-cli/dist/index.js"},
        "gemini"},
       {"/usr/local/bin/bun", {"bun", "/x/node_modules/@google/gemini-cli/dist/index.js"}, "gemini"},
       {cursor + "node", {cursor + "node", "--use-system-ca", cursor + "index.js"}, "cursor-agent"},
-      {"/usr/bin/node", {"node", "/usr/local/bin/opencode"}, "opencode"},
-      {"/Users/me/.opencode/bin/opencode", {"opencode"}, "opencode"},
-      // Aider: a versioned python, uv's virtual environment, a module run, pip's package.
-      {"/usr/bin/python3.12", {"python3.12", "/opt/homebrew/bin/aider", "--yes"}, "aider"},
-      {"/home/me/.local/share/uv/tools/aider-chat/bin/python3",
-       {"/home/me/.local/share/uv/tools/aider-chat/bin/python3", "/home/me/.local/bin/aider"}, "aider"},
+      // Aider run as a module.
       {"/usr/bin/python3.12", {"python3", "-m", "aider", "--model", "x"}, "aider"},
-      {"/usr/bin/pythonw", {"pythonw", "/usr/lib/aider-chat/main.py"}, "aider"},
       {nvm + "node", {"node", nvm + "copilot"}, "copilot"},
       {"/opt/homebrew/bin/node", {"node", "/opt/homebrew/bin/amp"}, "amp"},
-      {"/home/me/.amp/bin/amp", {"amp"}, "amp"},
       {"/Applications/Ollama.app/Contents/Resources/ollama",
        {"/Applications/Ollama.app/Contents/Resources/ollama", "runner", "--model", "m"}, "ollama"},
       {"/home/me/bin/mybot", {"mybot"}, "custom:Bot"},
@@ -125,9 +108,7 @@ TEST_F(WatcherTest, RecognisesEveryAgentAsItIsReallyInstalled) {
       {"/usr/bin/node", {"node", "/usr/bin/npx", "@google/gemini-cli"}, std::nullopt},
       {"/usr/bin/node", {"npm exec @openai/codex"}, std::nullopt},
       {"/home/me/.bun/bin/bun", {"bun", "x", "@sourcegraph/amp"}, std::nullopt},
-      {"/home/me/.bun/bin/bun", {"bunx", "@anthropic-ai/claude-code"}, std::nullopt},
       {nvm + "node", {"node", "/home/me/server.js", "--port", "3000"}, std::nullopt},
-      {"/usr/bin/python3", {"python3", "-m", "http.server"}, std::nullopt},
       {"", {}, std::nullopt},
   };
   for (const auto& [path, args, kind] : rows) {
@@ -140,14 +121,10 @@ TEST_F(WatcherTest, RecognisesEveryAgentAsItIsReallyInstalled) {
 TEST_F(WatcherTest, EachKindIsBusyAtItsOwnIdleThreshold) {
   // Given one process of each kind drawing just below, then at or just above, its threshold.
   watched_ = {{"Editor"}};
-  extra_ = {kindFor(CustomAgent{"Bot", {"mybot"}, 0.05}), kindFor(CustomAgent{"Greedy", {"greedy"}, 1.0}),
-            claudeAppKind()};
+  extra_ = {kindFor(CustomAgent{"Greedy", {"greedy"}, 1.0})};
   const std::tuple<std::string, std::string, double, double> cases[] = {
       {"ollama", "/usr/local/bin/ollama", 0.5, 0.5},  // exactly at it counts
-      {"claude-code", "/usr/local/bin/claude", 0.02, 0.021},
       {"app:Editor", "/Applications/Editor.app/Contents/MacOS/Editor", 0.15, 0.16},
-      {"claude-app", "/Applications/Claude.app/Contents/MacOS/Claude", 0.12, 0.13},
-      {"custom:Bot", "/usr/local/bin/mybot", 0.05, 0.055},
       {"custom:Greedy", "/usr/local/bin/greedy", 1.0, 1.05},
   };
   std::map<std::string, std::int32_t> pids;
@@ -204,7 +181,7 @@ TEST_F(WatcherTest, EachAgentRootIsOneSessionWithItsWholeTreeAndItsRunningTools)
   EXPECT_FALSE(session("claude-code#" + std::to_string(web))->lastActive);
 
   // A compile that started and did its work within the interval counts; the
-  // command ends and no tool runs; a command run directly later is a tool.
+  // command ends and no tool runs.
   const std::int32_t ld = start("/usr/bin/ld", {"ld"}, make, 4.0);
   clock_.advance(5);
   laptop().setProcessWatts(ld, 0);
@@ -213,12 +190,6 @@ TEST_F(WatcherTest, EachAgentRootIsOneSessionWithItsWholeTreeAndItsRunningTools)
   for (std::int32_t pid : {ld, cc, make, shell}) laptop().endProcess(pid);
   sampleAfter(2);
   EXPECT_FALSE(session("claude-code")->toolRunning);
-  const Time rgStart = clock_.now();
-  const std::int32_t rg = start("/usr/local/bin/rg", {"rg", "TODO"}, api);
-  sampleAfter(2);
-  EXPECT_TRUE(session("claude-code")->toolRunning);
-  EXPECT_NEAR(session("claude-code")->toolSince.value_or(0), rgStart, 1e-6);
-  laptop().endProcess(rg);
 
   // The first session ends: the later one is now the kind's first.
   for (std::int32_t pid : {api, worker, mcp, npx}) laptop().endProcess(pid);
@@ -228,8 +199,7 @@ TEST_F(WatcherTest, EachAgentRootIsOneSessionWithItsWholeTreeAndItsRunningTools)
 }
 
 TEST_F(WatcherTest, ADamagedProcessTableNeitherLoopsNorCrashes) {
-  // Given processes that are their own parents or each other's, as a
-  // hand-edited state file can say.
+  // Processes that are their own parents or each other's.
   laptop().fromJson(nlohmann::json::parse(R"({"processes": [
     {"pid": 1, "ppid": 0, "path": "/sbin/launchd"},
     {"pid": 10, "ppid": 11, "path": "/usr/local/bin/claude", "watts": 1},
@@ -294,9 +264,8 @@ TEST_F(WatcherTest, WatchedAppsMatchByNameBundleIdPathOrExecutable) {
   ASSERT_NE(session("app:Xcodes"), nullptr);
   EXPECT_EQ(session("app:Xcodes")->pids, std::vector<std::int32_t>{xcodes});
 
-  // A process that exec's an agent keeps its pid and start, one reparented
-  // keeps all but its parent, an interpreter that runs another script all
-  // but its arguments: each shows.
+  // A process reparented keeps all but its parent, an interpreter that runs
+  // another script all but its arguments: each shows.
   auto changed = list;
   const auto change = [&](auto&& edit) {
     for (ProcessInfo& p : changed) edit(p);
@@ -305,12 +274,10 @@ TEST_F(WatcherTest, WatchedAppsMatchByNameBundleIdPathOrExecutable) {
   };
   change([&](ProcessInfo& p) { p.ppid = p.pid == clang ? 1 : p.ppid; });
   EXPECT_EQ(watcher_->protectedPids().count(clang), 0u);
-  change([](ProcessInfo& p) { p.path = p.path == "/opt/run/jobs" ? "/usr/local/bin/claude" : p.path; });
-  EXPECT_NE(session("claude-code"), nullptr);
   change([](ProcessInfo& p) {
     if (p.path == "/usr/local/bin/node") p.args = {"node", "/x/@anthropic-ai/claude-code/cli.js"};
   });
-  EXPECT_THAT(ids(), ::testing::Contains(::testing::StartsWith("claude-code#")));
+  EXPECT_NE(session("claude-code"), nullptr);
 }
 
 TEST_F(WatcherTest, SleepRequestsThatCountAndTheSixHourLimit) {
@@ -319,7 +286,6 @@ TEST_F(WatcherTest, SleepRequestsThatCountAndTheSixHourLimit) {
   const std::int32_t updater = start("/Applications/Acme Updater.app/Contents/MacOS/Acme Updater");
   const std::int32_t system = start("/System/Library/CoreServices/Backup.app/Contents/MacOS/backupd");
   const std::int32_t daemon = start("/usr/libexec/someday");
-  const std::int32_t powerd = start("/System/Library/CoreServices/powerd.bundle/powerd");
   const std::int32_t audio = start("/usr/sbin/coreaudiod");
   const std::int32_t music = start("/Applications/Music Box.app/Contents/MacOS/Music Box");
   const Time t0 = clock_.now();
@@ -334,7 +300,6 @@ TEST_F(WatcherTest, SleepRequestsThatCountAndTheSixHourLimit) {
   take(updater, "PreventUserIdleSystemSleep", "Updating", t0);
   take(system, "PreventUserIdleSystemSleep", "Backing up", t0);
   take(daemon, "PreventSystemSleep", "Working", t0);
-  take(powerd, "PreventUserIdleSystemSleep", "Powerd", t0);
   take(player, "PreventUserIdleDisplaySleep", "Screen on", t0);
   take(audio, "PreventUserIdleSystemSleep", "Audio", std::nullopt, music);
 
@@ -371,7 +336,6 @@ TEST_F(WatcherTest, SleepRequestsThatCountAndTheSixHourLimit) {
   EXPECT_THAT(ids(), ElementsAre());
 }
 
-// Sets a file's modification time (creating it and its folders first).
 void touchAt(const std::string& path, Time t) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
   if (!test::fileExists(path)) test::writeFile(path, "{}\n");
@@ -414,8 +378,6 @@ TEST_F(WatcherTest, TranscriptsShowActivityOfAnIdleAgent) {
   const std::string rollout = home() + "/.codex/sessions/2026/01/02/rollout-1.jsonl";
   touchAt(rollout, 1000);
   sampleAfter(2);
-  sampleAfter(2);
-  EXPECT_FALSE(session("codex")->lastActive) << "a first look only takes note";
   touchAt(rollout, 1100);
   sampleAfter(2);
   EXPECT_EQ(session("codex")->lastActive, clock_.now());

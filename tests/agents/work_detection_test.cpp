@@ -35,10 +35,8 @@ class NoNotifications final : public Notifications {
   Result post(const std::string&, const std::string&) override { return Result::ok(); }
 };
 
-// Given the engine in mode auto with the real agent detection on a simulated
-// laptop, a manual clock, and Claude Code's hooks recorded as `vigilo event`
-// records them. Each step asserts what the person sees: the status line,
-// the reason the hold ended, the alerts.
+// The engine in mode auto with the real agent detection on a simulated
+// laptop; Claude Code's hooks recorded as `vigilo event` records them.
 class AgentScenarioTest : public ::testing::Test {
  protected:
   AgentScenarioTest() : loop_(clock_) {
@@ -82,7 +80,6 @@ class AgentScenarioTest : public ::testing::Test {
   }
   void advance(double seconds) { loop_.advance(seconds); }
   std::string status() const { return engine_->statusLine(); }
-  // The alerts and hold endings since the last call.
   Lines alerts() { return std::exchange(alerts_.lines, {}); }
   Lines ended() { return std::exchange(ended_, {}); }
   SimLaptop& laptop() { return sim_->laptop(); }
@@ -104,29 +101,12 @@ std::string awake(const std::string& reason) { return reason + " · stays awake 
 TEST_F(AgentScenarioTest, AfterAStopTheLaptopSleepsTheQuietMinutesLaterUnlessTheAgentGoesOn) {
   const auto claude = start();
   launch();
-  hook(claude, "SessionStart", {{"source", "startup"}});
-  EXPECT_EQ(status(), kIdle);
-
-  // A prompt, 90 s of work with an idle process, then the Stop.
-  hook(claude, "UserPromptSubmit");
-  EXPECT_EQ(status(), awake("Claude Code is working in vigilo"));
-  advance(90);
-  EXPECT_EQ(status(), awake("Claude Code is working in vigilo"));
-  hook(claude, "Stop");
-  EXPECT_EQ(status(), awake("Claude Code stopped · sleeps in 1 min"));
-  advance(58);
-  EXPECT_EQ(status(), awake("Claude Code stopped · sleeps in 1 min"));
-  EXPECT_EQ(ended(), Lines{"Claude Code is working in vigilo"});
-  advance(4);
-  EXPECT_EQ(status(), kIdle);
-  EXPECT_EQ(ended(), Lines{"Claude Code finished"});
-  EXPECT_EQ(alerts(), Lines{"Claude Code finished after 1 min"});
-
   // Background work the agent left running after its Stop keeps it awake,
   // and the quiet minute runs from the last of it.
   hook(claude, "UserPromptSubmit");
   advance(30);
   hook(claude, "Stop");
+  EXPECT_EQ(status(), awake("Claude Code stopped · sleeps in 1 min"));
   advance(10);
   laptop().setProcessWatts(claude, 3.0);
   advance(4);
@@ -258,13 +238,6 @@ TEST_F(AgentScenarioTest, TheHoldEndsWithTheNameOfTheAgentThatWorkedLast) {
   EXPECT_EQ(status(), kIdle);
   EXPECT_EQ(ended(), (Lines{"Claude Code is working in vigilo", "Bot finished"}));
   EXPECT_EQ(alerts(), Lines{"Bot went idle after 3 min (closed)"});
-
-  // So does Claude Code when it exits mid-work.
-  hook(claude, "UserPromptSubmit");
-  advance(30);
-  laptop().endProcess(claude);
-  advance(2);
-  EXPECT_EQ(ended(), (Lines{"Claude Code is working in vigilo", "Claude Code finished"}));
 }
 
 TEST_F(AgentScenarioTest, TrackingOnlyChangesWhetherTheAgentKeepsTheLaptopAwake) {
@@ -287,9 +260,6 @@ TEST_F(AgentScenarioTest, TrackingOnlyChangesWhetherTheAgentKeepsTheLaptopAwake)
   advance(130);
   EXPECT_EQ(alerts(), (Lines{"Claude Code needs you", "Claude Code finished after 4 min"}));
   EXPECT_EQ(status(), kIdle);
-  reply = center.handle("track", {{"agent", "claude-code"}, {"keeps", true}});
-  hook(claude, "UserPromptSubmit");
-  EXPECT_EQ(status(), awake("Claude Code is working in vigilo"));
 }
 
 TEST_F(AgentScenarioTest, AnAppStartedAfterAStopStillWaitsTheQuietMinutesFromIt) {
@@ -308,7 +278,6 @@ TEST_F(AgentScenarioTest, AnAppStartedAfterAStopStillWaitsTheQuietMinutesFromIt)
   EXPECT_TRUE(alerts().empty()) << "no work was seen";
 }
 
-// Given one session driven by the test, without hooks.
 TEST(WorkDetectionTest, WatchedAppsRequestsAndSettings) {
   AgentSession aider;
   aider.id = "aider";

@@ -58,10 +58,8 @@ TEST_F(AutoApproveTest, TurningOffAfterThePersonsEditsKeepsThemAndPutsBackOnlyVi
   const json claude = json::parse(readFile(claudePath()));
   EXPECT_EQ(claude["permissions"],
             json::parse(R"j({"allow": ["Bash(npm test)"], "defaultMode": "bypassPermissions"})j"));
-  EXPECT_EQ(claude["skipDangerousModePermissionPrompt"], true);
   auto codex = toml::parse(readFile(codexPath()));
   EXPECT_EQ(codex["approval_policy"].value<std::string>(), "never");
-  EXPECT_EQ(codex["sandbox_mode"].value<std::string>(), "danger-full-access");
   // The record's keys, in their order, are what the watchdog's restore reads.
   const json record = json::parse(readFile(appFile("auto-approve.json")));
   std::vector<std::string> keys;
@@ -69,7 +67,6 @@ TEST_F(AutoApproveTest, TurningOffAfterThePersonsEditsKeepsThemAndPutsBackOnlyVi
   EXPECT_EQ(keys, (std::vector<std::string>{"claudeMode", "claudeTouched", "codexApproval", "codexTouched", "ends",
                                             "sawWork", "since"}));
 
-  // The person edits both files while it is on.
   std::string c = readFile(claudePath());
   writeFile(claudePath(), c.replace(c.find("opus"), 4, "sonnet"));
   writeFile(codexPath(), "# added later\r\n" + readFile(codexPath()) + "\r\n[profiles.x]\r\nmodel = \"y\"\r\n");
@@ -132,7 +129,6 @@ TEST_F(AutoApproveTest, KilledBeforeItsEditTheRecordIsDroppedByTheAppAndTheWatch
     std::function<void()> cut;  // from the snapshot to what that kill leaves
   };
   const std::vector<Kill> kills = {
-      {"after the restore copies", [] {}},
       {"before any restore copy", [&] { std::filesystem::remove_all(appFile("approve-restore")); }},
       {"before Codex's target", [&] { std::filesystem::remove(appFile("approve-restore/codex.target")); }},
   };
@@ -171,8 +167,6 @@ TEST_F(AutoApproveTest, RefusalsChangeNothing) {
        "Couldn't read ~/.claude/settings.json (it isn't plain JSON), so nothing was changed."},
       {"key twice", kClaudeOriginal, "approval_policy = \"never\"\nsandbox_mode = \"x\"\napproval_policy = \"y\"\n",
        nullptr, "~/.codex/config.toml sets approval_policy twice, so Vigilo left it alone."},
-      {"value over lines", kClaudeOriginal, "sandbox_mode = \"\"\"\nread-only\"\"\"\n", nullptr,
-       "Couldn't edit sandbox_mode in ~/.codex/config.toml safely, so it was left alone."},
       {"claude changed meanwhile", kClaudeOriginal, kCodexOriginal,
        [this] { writeFile(claudePath(), "{\"mine\": true}"); },
        "~/.claude/settings.json changed while Vigilo was editing it; try again."},
@@ -297,7 +291,7 @@ class ApproveJobsTest : public EngineTest {
 };
 
 // Turned on by a request, it ends on the beat after the work it saw
-// finishes or its time is up, by a request, or at quit.
+// finishes, by a request, or at quit.
 TEST_F(ApproveJobsTest, RequestsTurnItOnAndTheBeatOrQuitEndsIt) {
   launch();
   engine().addSlowJobs(&jobs_);
@@ -322,12 +316,6 @@ TEST_F(ApproveJobsTest, RequestsTurnItOnAndTheBeatOrQuitEndsIt) {
   EXPECT_EQ(readFile(places_.codexConfig()), "model = \"o3\"\n");
   // Claude Code isn't set up in this home: its settings were never made up.
   EXPECT_FALSE(std::filesystem::exists(places_.home + "/.claude"));
-
-  turnOn(AutoApprove::Ends::Time, 1);
-  advance(3590);
-  EXPECT_TRUE(approve_.isOn());
-  advance(20);
-  EXPECT_FALSE(approve_.isOn());
 
   turnOn(AutoApprove::Ends::Manual);
   auto off = center.handle("approve", {{"on", false}});

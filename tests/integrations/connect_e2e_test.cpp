@@ -15,8 +15,7 @@ namespace {
 using namespace std::chrono_literals;
 using json = nlohmann::json;
 
-// Given a person's home folder of its own, with Vigilo's app folder where
-// HOME alone leads, and `vigilo connect` run by hand.
+// `vigilo connect` run by hand in a home of its own, the app folder where HOME alone leads.
 class ConnectEndToEndTest : public SimAppTest {
  protected:
   void SetUp() override {
@@ -60,13 +59,7 @@ TEST_F(ConnectEndToEndTest, WithoutTheToolTheFileIsEditedAndTheServerAnswersTheS
 
   ToolRun r = connect({"connect", "claude"}, "/usr/bin:/bin");
   ASSERT_EQ(r.status, 0) << r.out << r.err;
-  EXPECT_EQ(r.out.substr(0, r.out.find('\n')),
-            "Added to Claude Code (~/.claude.json). It now tells Vigilo when it's working, waiting for you, or done "
-            "(new sessions).");
-  json entry = json::parse(readFile(user_ + "/.claude.json"))["mcpServers"]["vigilo"];
-  EXPECT_EQ(entry, json({{"type", "stdio"}, {"command", self()}, {"args", {"mcp"}}}));
-
-  // The agent starts the server from that entry alone.
+  // The agent starts the server from the entry in ~/.claude.json alone.
   const auto clientDir = std::filesystem::path(__FILE__).parent_path().parent_path() / "mcp-client";
   ASSERT_TRUE(std::filesystem::exists(clientDir / "node_modules" / "@modelcontextprotocol" / "sdk"))
       << "The MCP SDK is not installed: run scripts/setup.";

@@ -1,7 +1,5 @@
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <random>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
@@ -30,21 +28,18 @@ std::string tomlError(const std::string& text) {
 }
 
 TEST(TOMLTopTest, FindsOnlyRealTopLevelKeysAndRefusesThoseItCannotEditLineByLine) {
-  // Each text hides a fake "approval_policy" line or header inside a string
-  // or an array; only the real top-level line counts. Then the key refused,
-  // and whether for being set twice.
+  // Fake "approval_policy" lines hide in strings and arrays; only the real
+  // top-level line counts. Then the key refused, and whether for being twice.
   struct Case {
     const char* text;
     std::optional<std::string> value;
     std::optional<std::pair<std::string, bool>> refused = {};
   };
   const Case cases[] = {
-      {"approval_policy = \"on-request\"\n", "on-request"},
       {"model = \"\"\"\napproval_policy = \"never\"\n[table]\n\"\"\"\napproval_policy = 'untrusted'\n", "untrusted"},
-      {"notes = '''\n[mcp_servers.x]\napproval_policy = \"never\"'''\n", std::nullopt},
       {"list = [\n  \"a\", # ] not the end\n  \"[x]\",\n]\napproval_policy = \"on-failure\" # mine\n", "on-failure"},
-      {"\"approval_policy\" = \"never\"\n", "never"},
       {"x = \"a \\\" approval_policy = 1\"\n[t]\napproval_policy = \"never\"\n", std::nullopt},
+      {"\"approval_policy\" = \"never\"\n", "never"},
       {"\xEF\xBB\xBF  approval_policy\t=\t\"never\"\r\n", "never"},
       {"approval_policy = \"\\u0041b\"", "Ab"},
       {"approval_policy = \"never\"\n[p]\napproval_policy = \"x\"\n", "never"},  // a table's key is another key
@@ -65,8 +60,7 @@ TEST(TOMLTopTest, FindsOnlyRealTopLevelKeysAndRefusesThoseItCannotEditLineByLine
             "a = 1\r\napproval_policy = \"never\"\r\nb = 2");
 }
 
-// A connection against a home folder of its own, with a stand-in for the
-// claude tool that records how it is called.
+// A connection against a home folder of its own; the claude tool fails or is absent.
 class ConnectTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -80,27 +74,18 @@ class ConnectTest : public ::testing::Test {
     server_.args = {"mcp"};
   }
   AIConnect connect(int exitStatus = 0) {
-    return AIConnect(places_, [this, exitStatus](const std::string& program, const std::vector<std::string>& args) {
-      calls_.push_back(program + " " + join(args));
-      return exitStatus;
-    });
+    return AIConnect(places_, [exitStatus](const std::string&, const std::vector<std::string>&) { return exitStatus; });
   }
   void fakeClaude() {
     std::filesystem::create_directories(dir_.file("bin"));
     writeFile(dir_.file("bin/claude"), "#!/bin/sh\nexit 0\n");
     ::chmod(dir_.file("bin/claude").c_str(), 0755);
   }
-  static std::string join(const std::vector<std::string>& args) {
-    std::string s;
-    for (const auto& a : args) s += (s.empty() ? "" : "|") + a;
-    return s;
-  }
 
   TempDir dir_;
   AgentPlaces places_;
   ServerCommand server_;
   const std::string hook_ = ClaudeHooks::commandFor("/opt/vigilo/vigilo");
-  std::vector<std::string> calls_;
 };
 
 TEST_F(ConnectTest, WithoutClaudeCodesToolItsFileIsEditedKeepingTheRest) {
@@ -113,17 +98,14 @@ TEST_F(ConnectTest, WithoutClaudeCodesToolItsFileIsEditedKeepingTheRest) {
               "(new sessions).");
   }
   json file = json::parse(readFile(places_.claudeJson()));
-  EXPECT_EQ(file["numStartups"], 3);
   EXPECT_EQ(file["mcpServers"]["other"]["command"], "x");
   EXPECT_EQ(file["mcpServers"]["vigilo"], json({{"type", "stdio"}, {"command", server_.command}, {"args", {"mcp"}}}));
   EXPECT_TRUE(fileExists(places_.claudeJson() + ".vigilo-backup"));
-  const json stop = json::parse(readFile(places_.claudeSettings()))["hooks"]["Stop"];
-  EXPECT_EQ(stop.size(), 1u);
-  EXPECT_EQ(stop[0]["hooks"][0]["command"], hook_);
+  EXPECT_TRUE(ClaudeHooks::installedAt(places_.claudeSettings(), hook_));
 }
 
 TEST_F(ConnectTest, FilesThatArentJsonObjectsAreLeftAlone) {
-  for (const std::string bad : {"{\"a\": 1,}", "[1]", "// comment\n{}"}) {
+  for (const std::string bad : {"[1]", "// comment\n{}"}) {
     writeFile(places_.claudeJson(), bad);
     writeFile(places_.claudeAppConfig(), bad);
     EXPECT_EQ(connect().connectClaudeApp(server_),
@@ -136,164 +118,45 @@ TEST_F(ConnectTest, FilesThatArentJsonObjectsAreLeftAlone) {
   }
 }
 
-// Settings files as people have them, drawn from a seed so that a failure
-// names the file that shows it.
-class FileGenerator {
- public:
-  explicit FileGenerator(unsigned seed) : rng_(seed) {}
-
-  // A JSON object in one of the layouts people and programs write.
-  std::string json() {
-    const int layout = pick(5);
-    pretty_ = layout >= 2;
-    unit_ = layout == 2 ? "  " : layout == 3 ? "    " : "\t";
-    colon_ = layout == 1 || pretty_ ? ": " : ":";
-    comma_ = layout == 1 ? ", " : ",";
-    eol_ = pick(4) == 0 ? "\r\n" : "\n";
-    std::vector<std::pair<std::string, std::string>> members;
-    const int n = pick(5);
-    for (int i = 0; i < n; ++i) members.emplace_back("k" + std::to_string(i), value(1, unit_));
-    if (pick(2)) members.emplace_back("mcpServers", pick(2) ? "{}" : object({{"other", "{\"command\"" + colon_ + "\"x\"}"}}, unit_));
-    if (pick(2)) {
-      std::vector<std::pair<std::string, std::string>> perms = {{"allow", "[\"Bash(ls)\"]"}};
-      if (pick(2)) perms.emplace_back("defaultMode", "\"acceptEdits\"");
-      members.emplace_back("permissions", pick(3) ? object(perms, unit_) : "{}");
-    }
-    if (pick(3) == 0) members.emplace_back("skipDangerousModePermissionPrompt", "false");
-    if (pick(3) == 0) {
-      members.emplace_back("hooks", "{\"Stop\"" + colon_ + "[{\"hooks\"" + colon_ +
-                                        "[{\"type\"" + colon_ + "\"command\"" + comma_ + "\"command\"" + colon_ +
-                                        "\"notify-send done\"}]}]}");
-    }
-    std::shuffle(members.begin(), members.end(), rng_);
-    return object(members, "") + (pick(2) ? eol_ : "");
-  }
-
-  // A TOML file with comments, odd spacing, inline tables and sub-tables.
-  std::string toml() {
-    const std::string eol = pick(4) == 0 ? "\r\n" : "\n";
-    std::string out;
-    auto line = [&](const std::string& l) { out += l + eol; };
-    if (pick(2)) line("# Codex " + std::string(pick(2) ? "" : "  settings ") + "# \"quoted\"");
-    if (pick(2)) line(pick(2) ? "approval_policy = \"on-request\"" : "approval_policy='untrusted'  # mine");
-    const int top = pick(4);
-    for (int i = 0; i < top; ++i) line(tomlPair("t" + std::to_string(i)));
-    if (pick(2)) line("sandbox_mode   =   \"read-only\"");
-    if (pick(3) == 0) line("");
-    const int tables = pick(4);
-    for (int i = 0; i < tables; ++i) {
-      const int kind = pick(4);
-      const std::string name = kind == 0 ? "mcp_servers.s" + std::to_string(i) : "tab" + std::to_string(i);
-      line(pick(2) ? "[" + name + "]" : "[ " + name + " ]  # table");
-      for (int k = pick(3); k >= 0; --k) line(tomlPair("p" + std::to_string(k)));
-      if (kind == 0 && pick(2)) {
-        line("[" + name + ".env]");
-        line("TOKEN = \"a\\u00e9\"");
-      }
-      if (pick(3) == 0) line("");
-    }
-    if (!out.empty() && pick(3) == 0) out.resize(out.size() - eol.size());
-    return out;
-  }
-
-  int pick(int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng_); }
-
- private:
-  std::string value(int depth, const std::string& indent) {
-    static const char* const scalars[] = {"0", "-12", "1.50", "1e3", "123456789012345678901234567890", "true",
-                                          "null", "\"caf\\u00e9\"", "\"zoë\"", "\"a\\\"b\\\\c\\/d\\n\"", "\"\""};
-    const int kind = depth < 3 ? pick(5) : 2;
-    if (kind == 0) {
-      std::vector<std::pair<std::string, std::string>> members;
-      for (int i = pick(3); i > 0; --i) members.emplace_back("n" + std::to_string(i), value(depth + 1, indent + unit_));
-      return object(members, indent);
-    }
-    if (kind == 1) {
-      std::string a = "[";
-      for (int i = pick(4); i > 0; --i) a += value(depth + 1, indent) + (i > 1 ? comma_ : "");
-      return a + "]";
-    }
-    return scalars[pick(static_cast<int>(std::size(scalars)))];
-  }
-  // Members one step in from `indent`, the line the object starts on.
-  std::string object(const std::vector<std::pair<std::string, std::string>>& members, const std::string& indent) {
-    if (members.empty()) return "{}";
-    std::string o = "{";
-    for (std::size_t i = 0; i < members.size(); ++i) {
-      o += (i ? comma_ : "") + (pretty_ ? eol_ + indent + unit_ : "") + "\"" + members[i].first + "\"" + colon_ +
-           members[i].second;
-    }
-    return o + (pretty_ ? eol_ + indent : "") + "}";
-  }
-  std::string tomlPair(const std::string& key) {
-    switch (pick(9)) {
-      case 0: return key + "=1";
-      case 1: return key + " = \"caf\\u00e9 \\\"x\\\"\"   # note";
-      case 2: return key + " = [1, 2,3]";
-      case 3: return key + " = [" + "\n  \"a\",  # first\n  'b',\n]";
-      case 4: return key + " = { a = 1, b = \"x\" }";
-      case 5: return key + ".dotted = 9223372036854775807";
-      case 6: return key + " = \"\"\"\nBe brief.\n[not a table]\n\"\"\"";
-      case 7: return key + " = \"模型\" # ünïcödé";
-      default: return "\"" + key + " q\" = 'lit\\eral'";
-    }
-  }
-
-  std::mt19937 rng_;
-  bool pretty_ = true;
-  std::string unit_, colon_, comma_, eol_;
-};
-
-// A folder in memory where there is one: the property test below syncs
-// thousands of small files.
-class ScratchDir {
- public:
-  ScratchDir() {
-    std::string tmpl = (std::filesystem::is_directory("/dev/shm") ? std::string("/dev/shm")
-                                                                    : std::filesystem::temp_directory_path().string()) +
-                       "/vigilo-test-XXXXXX";
-    if (::mkdtemp(tmpl.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    path_ = tmpl;
-  }
-  ~ScratchDir() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-  }
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
+// Settings files in the layouts people and programs write: CRLF, tabs,
+// escapes, numbers JSON writers reformat, TOML strings that look like
+// tables, sub-tables, no final line break. The second home has none of them.
+const char* const kClaudeJson =
+    "{\r\n\t\"k0\": [1e3, -12, 1.50, 123456789012345678901234567890],\r\n\t\"mcpServers\": {\r\n\t\t\"other\": "
+    "{\"command\": \"x\"}\r\n\t},\r\n\t\"k1\": \"caf\\u00e9 zoë a\\\"b\\\\c\\/d\\n\"\r\n}";
+const char* const kClaudeSettings =
+    "{\n    \"permissions\": {\n        \"allow\": [\"Bash(ls)\"],\n        \"defaultMode\": \"acceptEdits\"\n    },"
+    "\n    \"skipDangerousModePermissionPrompt\": false,\n    \"hooks\": {\"Stop\": [{\"hooks\": [{\"type\": \"command\","
+    " \"command\": \"notify-send done\"}]}]}\n}\n";
+const char* const kCompactJson = "{\"k0\":null,\"mcpServers\":{},\"k1\":{\"n1\":[true,\"\"]}}";
+const char* const kCodexToml =
+    "# Codex  settings # \"quoted\"\r\napproval_policy='untrusted'  # mine\r\nt0 = \"\"\"\r\nBe brief.\r\n"
+    "[not a table]\r\n\"\"\"\r\nt1.dotted = 9223372036854775807\r\nt2 = { a = 1, b = \"x\" }\r\n"
+    "t3 = '''\r\n[mcp_servers.vigilo]\r\napproval_policy = \"never\"'''\r\n"
+    "sandbox_mode   =   \"read-only\"\r\n\r\n[ mcp_servers.s0 ]  # table\r\np0 = [\r\n  \"a\",  # first\r\n  'b',\r\n]"
+    "\r\n[mcp_servers.s0.env]\r\nTOKEN = \"a\\u00e9\"\r\n[tab1]\r\n\"p1 q\" = 'lit\\eral'";
 
 TEST_F(ConnectTest, ConnectThenDisconnectAndApproveOnThenOffGiveBackEveryByte) {
-  const ScratchDir scratch;
-  places_.home = scratch.file("home");
-  for (const char* folder : {"home/.claude", "home/.codex", "home/.config/Claude", "home/.gemini"}) {
-    std::filesystem::create_directories(scratch.file(folder));
-  }
-  // Codex's hooks.json and Gemini CLI's settings come last.
-  const std::vector<std::string> jsonFiles = {places_.claudeJson(), places_.claudeSettings(), places_.claudeAppConfig(),
-                                              places_.codexHooks(), places_.geminiSettings()};
+  for (const char* folder : {".claude", ".gemini"}) std::filesystem::create_directories(dir_.file(folder));
   const std::string codexHook = AgentHooks::commandFor("/opt/vigilo/vigilo", "codex");
   const std::string geminiHook = AgentHooks::commandFor("/opt/vigilo/vigilo", "gemini");
-  const std::string codex = places_.codexConfig();
   ManualClock clock;
-  for (unsigned seed = 1; seed <= 500; ++seed) {
-    FileGenerator gen(seed);
-    // Each file as it was; nothing for one that didn't exist.
-    std::vector<std::pair<std::string, std::optional<std::string>>> files;
-    for (const auto& path : jsonFiles) files.emplace_back(path, gen.pick(8) ? std::optional(gen.json()) : std::nullopt);
-    files.emplace_back(codex, gen.pick(8) ? std::optional(gen.toml()) : std::nullopt);
-    const mode_t modes[] = {0600, 0644, 0640};
+  using Files = std::vector<std::pair<std::string, std::optional<std::string>>>;
+  const Files homes[] = {
+      {{places_.claudeJson(), kClaudeJson}, {places_.claudeSettings(), kClaudeSettings},
+       {places_.claudeAppConfig(), kCompactJson}, {places_.codexHooks(), kCompactJson},
+       {places_.geminiSettings(), kClaudeJson}, {places_.codexConfig(), kCodexToml}},
+      {{places_.claudeJson(), {}}, {places_.claudeSettings(), {}}, {places_.claudeAppConfig(), {}},
+       {places_.codexHooks(), {}}, {places_.geminiSettings(), {}}, {places_.codexConfig(), {}}},
+  };
+  for (const Files& files : homes) {
     for (const auto& [path, text] : files) {
       std::filesystem::remove(path);
       std::filesystem::remove(path + ".vigilo-backup");
-      if (!text) continue;
-      writeFile(path, *text);
-      ::chmod(path.c_str(), modes[gen.pick(3)]);
+      if (text) writeFile(path, *text);
+      ::chmod(path.c_str(), path == places_.claudeSettings() ? 0640 : 0600);
     }
-    SCOPED_TRACE("seed " + std::to_string(seed) + "\n" + files[1].second.value_or("(none)") + "\n" +
-                 files[5].second.value_or("(none)"));
+    SCOPED_TRACE(files[0].second ? "every file there" : "no file there");
     ASSERT_EQ(tomlError(files[5].second.value_or("")), "");
     auto state = [&] {
       std::vector<std::string> now;
@@ -313,25 +176,22 @@ TEST_F(ConnectTest, ConnectThenDisconnectAndApproveOnThenOffGiveBackEveryByte) {
     ASSERT_EQ(c.connectCodex(server_, codexHook),
               "Added to Codex (~/.codex/config.toml). New sessions can use Vigilo." + hooked +
                   " Codex runs new hooks only once you trust them: type /hooks in Codex and trust Vigilo's.");
-    ASSERT_EQ(c.connectGemini(server_, geminiHook), "Added to Gemini CLI (~/.gemini/settings.json)." + hooked);
     ASSERT_EQ(c.connectClaudeApp(server_), "Added to the Claude app. Restart it to pick Vigilo up.");
-    if (gen.pick(2)) {
-      // Connected again after Vigilo moved.
-      ServerCommand moved = server_;
-      moved.command = "/moved/vigilo";
-      c.connectClaudeCode(moved, hook_);
-      c.connectCodex(moved, codexHook);
-      c.connectGemini(moved, geminiHook);
-      c.connectClaudeApp(moved);
-    }
+    // Connected again after Vigilo moved.
+    ServerCommand moved = server_;
+    moved.command = "/moved/vigilo";
+    c.connectClaudeCode(moved, hook_);
+    c.connectCodex(moved, codexHook);
+    c.connectGemini(moved, geminiHook);
+    c.connectClaudeApp(moved);
     ASSERT_TRUE(c.claudeCodeConnected() && c.codexConnected() && c.claudeAppConnected() && c.geminiConnected());
     ASSERT_TRUE(AgentHooks::installedAt(places_.codexHooks(), codexHook));
     ASSERT_TRUE(AgentHooks::installedAt(places_.geminiSettings(), geminiHook));
     c.disconnectAll();
     ASSERT_EQ(state(), before);
 
-    if (!files[1].second || !files[5].second) continue;
-    AutoApprove approve(scratch.file("app"), places_, clock);
+    if (!files[1].second) continue;
+    AutoApprove approve(dir_.file("app"), places_, clock);
     bool on = false, off = false;
     approve.turnOn(AutoApprove::Ends::Manual, {}, &on);
     ASSERT_TRUE(on);
@@ -379,11 +239,6 @@ TEST_F(ConnectTest, CodexHomeIsRespectedAndAnOlderTableOfVigilosReplacedInPlace)
   EXPECT_EQ(now, "[mcp_servers.vigilo]\ncommand = " + TOMLTop::quote(server_.command) +
                      "\nargs = [\"mcp\"]\n\n# next\n[tui]\n");
   EXPECT_EQ(readFile(dir_.file(".codex/config.toml")), mine);
-  // A folder of its own for the app reaches the server through env.
-  server_.env = {{"VIGILO_HOME", "/srv/v\"igilo"}};
-  connect().connectCodex(server_);
-  auto parsed = toml::parse(readFile(dir_.file("elsewhere/config.toml")));
-  EXPECT_EQ(parsed["mcp_servers"]["vigilo"]["env"]["VIGILO_HOME"].value<std::string>(), "/srv/v\"igilo");
 }
 
 TEST_F(ConnectTest, CodexEntriesByHandSubTablesAndBrokenFilesNeverEndInABrokenEntry) {
@@ -403,10 +258,8 @@ TEST_F(ConnectTest, CodexEntriesByHandSubTablesAndBrokenFilesNeverEndInABrokenEn
        "", "model = \"o3\"\n\n\n\n[tui]\nx = 1\n"},
       // Taken for one Vigilo appended to a file without a final line break.
       {"a sub-table left over alone", "model = \"o3\"\n[mcp_servers.vigilo.env]\nA = \"b\"\n", "", "model = \"o3\""},
-      {"a dotted key by hand", "mcp_servers.vigilo = { command = \"x\" }\n", byHand, ""},
       {"a spaced dotted key by hand", "mcp_servers . vigilo.command = \"x\"\n", byHand, ""},
       {"an inline table by hand", "[mcp_servers]\nvigilo = { command = \"x\" }\n", byHand, ""},
-      {"not TOML", "model = \"o3\n[tui]\n", notToml, ""},
       // A table name that can't start one: the TOML reader once asserted on it.
       {"a table header opening with a brace", "[{x]\n", notToml, ""},
       {"a key beyond ASCII", "model = \"é\" # ü\naȾ = 1\n", notToml, ""},
