@@ -106,7 +106,7 @@ TEST(PmsetText, AssertionSamples) {
   EXPECT_EQ(audio[0].onBehalfOf, 64578);
   EXPECT_EQ(audio[0].resources, (std::vector<std::string>{"audio-out", "1E6DCB5B-0000-0000-0121-0104B53C2278"}));
   // An age past an hour.
-  EXPECT_EQ(parsePmsetAssertions(sample("assertions-no-kernel.txt"))[1].since, 1682265335.0 - (3600 + 9 * 60 + 14));
+  EXPECT_EQ(parsePmsetAssertions(sample("assertions-no-kernel.txt")).at(1).since, 1682265335.0 - (3600 + 9 * 60 + 14));
 
   // An old report, pasted without its indentation: no process name, no age,
   // and a stamp pmset no longer prints.
