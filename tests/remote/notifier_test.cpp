@@ -22,6 +22,7 @@ const std::string kHere = sourceDir(__FILE__);
 
 TEST(AlertTextTest, TitlesAndLengthsReadAsThePersonExpects) {
   EXPECT_EQ(busyFor(89), "Busy for 89 min");
+  EXPECT_EQ(busyFor(90), "Busy for 1.5 hours");
   EXPECT_EQ(busyFor(135), "Busy for 2.2 hours");  // 2.25 rounds to even
   EXPECT_EQ(finishedTitle("Codex", false, "is still waiting"), "Codex is waiting for you");
   EXPECT_EQ(finishedTitle("Codex", true, "finished"), "Codex closed");

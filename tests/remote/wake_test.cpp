@@ -109,7 +109,7 @@ TEST_F(ScheduledWakesTest, ACheckInHoldsBrieflyAndAPhoneWakeTakesOver) {
 
 TEST_F(ScheduledWakesTest, BadTimesCancelsAndMachinesThatCannotWakeAreToldApart) {
   Engine& e = start();
-  for (const json& bad : {json("7:00"), json(nullptr), json("12:60")}) {
+  for (const json& bad : {json("25:00"), json("7:00"), json(nullptr), json("12:60")}) {
     EXPECT_EQ(wakes_.wakeAt(e, {{"time", bad}})["error"], "time: HH:MM (24-hour), off, or Unix seconds") << bad;
   }
   EXPECT_EQ(wakes_.wakeAt(e, {{"time", "100"}})["error"], "That time has passed: give one still to come.");

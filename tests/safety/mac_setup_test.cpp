@@ -54,7 +54,7 @@ TEST_F(MacSetupTest, TheRuleListsExactlyTheSwitchesAndPassesTheRealVisudoForAwkw
   // Each user name, and how the rule writes it.
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"ada.l-b_2", "ada.l-b_2"}, {"x:y=z", "x\\:y\\=z"}, {"a\\b", "a\\\\b"}, {"%staff", "\\%staff"},
-      {"o'\"q", "o\\'\\\"q"},     {"ALL", "#501"},       {"bad\nline", "#501"},
+      {"o'\"q", "o\\'\\\"q"},     {"ALL", "#501"},       {"#0", "#501"},       {"bad\nline", "#501"},
   };
   for (const auto& [user, writtenAs] : cases) {
     const std::string text = MacSetup::sudoersText(user, 501);
