@@ -130,6 +130,7 @@ TEST_F(McpServerTest, BadRequestsGetTheRightErrorAndReachNoApp) {
   // never a different request ("2 hours" must not become a hold without end).
   const std::vector<std::tuple<std::string, json, std::string>> calls = {
       {"vigilo_keep_awake", {{"reason", "r"}, {"minutes", "2 hours"}}, R"(minutes must be a number, not "2 hours")"},
+      {"vigilo_keep_awake", {{"reason", "r"}, {"minutes", true}}, "minutes must be a number, not true"},
       {"vigilo_keep_awake", {{"reason", "r"}, {"pid", 1.5}}, "pid must be a whole number, not 1.5"},
       // Required arguments left out or null.
       {"vigilo_set_app_rule", {{"app", "Slack"}, {"rule", nullptr}}, "rule is required: leave, slow, pause or default"},

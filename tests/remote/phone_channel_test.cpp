@@ -165,6 +165,7 @@ TEST(RelayLineTest, LinesOfTheWrongShapeAreSkippedAndAbsurdTimesAreNoPlaceToResu
       {R"({"event":"open","topic":"t"})", Kind::Open, 0},
       {R"({"event":"message","topic":["t"],"message":"box"})", Kind::Other, 0},
       {R"({"event":"message","topic":"t","message":"box","time":"soon"})", Kind::Message, 0},
+      {R"({"event":"message","topic":"t","message":"box","time":-5})", Kind::Message, 0},
       {R"({"event":"message","topic":"t","message":"box","time":1800003600})", Kind::Message, 0},
       {std::string(10000, '[') + std::string(10000, ']'), Kind::Other, 0},
   };
@@ -239,6 +240,7 @@ TEST_F(PhoneCommandsTest, RefusalsHaveTheirExactTextsAndRunNothing) {
       {cmd(std::string(65, 'a'), "panel", now).dump(), "bad id"},
       {cmd("future-61", "panel", now + 61).dump(), tooOld},
       {cmd("old-wake", "wake", now - kWakeMaxAge - 1).dump(), tooOld},
+      {json{{"n", "no-t"}, {"cmd", "panel"}}.dump(), tooOld},
       {cmd("hold-1", "hold", now).dump(), "hold isn't allowed from the phone"},
       {cmd("long-cmd", longCmd, now).dump(), longCmd.substr(0, 60) + "… isn't allowed from the phone"},
       {R"({"n":"deep","cmd":"set","t":1800000000,"args":{"key":"mode","value":)" + deep + "}}",

@@ -50,7 +50,6 @@ TEST_F(MacSetupTest, TheRuleListsExactlyTheSwitchesAndPassesTheRealVisudoForAwkw
             "# Installed by Vigilo. Lets Vigilo flip only these power switches without a password.\n"
             "Cmnd_Alias VIGILO_PMSET = " +
                 kCommandList + "\nada ALL=(root) NOPASSWD: VIGILO_PMSET\n");
-  if (!std::filesystem::exists("/usr/sbin/visudo")) GTEST_SKIP() << "visudo isn't installed (scripts/setup installs sudo)";
   // Each user name, and how the rule writes it.
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"ada.l-b_2", "ada.l-b_2"}, {"x:y=z", "x\\:y\\=z"}, {"a\\b", "a\\\\b"}, {"%staff", "\\%staff"},
@@ -59,6 +58,8 @@ TEST_F(MacSetupTest, TheRuleListsExactlyTheSwitchesAndPassesTheRealVisudoForAwkw
   for (const auto& [user, writtenAs] : cases) {
     const std::string text = MacSetup::sudoersText(user, 501);
     EXPECT_THAT(text, HasSubstr("\n" + writtenAs + " ALL=(root) NOPASSWD: VIGILO_PMSET\n")) << user;
+    // Checked by the real visudo where it is installed (scripts/setup installs sudo).
+    if (!std::filesystem::exists("/usr/sbin/visudo")) continue;
     writeFile(dir_.file("rule"), text);
     EXPECT_TRUE(visudoAccepts(dir_.file("rule"))) << user << "\n" << text;
   }

@@ -363,7 +363,8 @@ TEST(FastSimClockTest, SpeedIsKeptInTheFileClampedAndScalesTheClock) {
     const char* file;
     double speed;
   };
-  for (Case c : {Case{R"({"clockSpeed": 50})", 50}, Case{R"({"clockSpeed": 5000})", 100}, Case{"{broken", 1}}) {
+  for (Case c : {Case{R"({"clockSpeed": 50})", 50}, Case{R"({"clockSpeed": 5000})", 100},
+                 Case{R"({"clockSpeed": 0.1})", 1}, Case{"{broken", 1}}) {
     writeFile(dir.file("laptop.json"), c.file);
     EXPECT_EQ(simClockSpeed(dir.file("laptop.json")), c.speed) << c.file;
   }

@@ -41,6 +41,7 @@ TEST(SavingsStatsTest, CapWindowAndTotals) {
     const auto w = s.week(kNow);
     EXPECT_EQ(w.count, c.count) << c.ago;
     EXPECT_DOUBLE_EQ(w.wh, 2.0 * c.count);
+    EXPECT_DOUBLE_EQ(w.whAvoided, 1.0 * c.count);
     EXPECT_DOUBLE_EQ(w.sleptMinutes, 4.0 * c.count);
   }
 }
