@@ -26,7 +26,8 @@ namespace {
 using json = nlohmann::json;
 
 TEST(ArgumentReadersTest, ReadNumbersTextAndTruthLeniently) {
-  json args = json::parse(R"({"n": 5, "s": "12.5", "pad": " 3", "big": 99999, "inf": "inf", "zero": 0, "t": "yes"})");
+  json args = json::parse(R"({"n": 5, "s": "12.5", "pad": " 3", "big": 99999, "inf": "inf",
+                              "zero": 0, "t": "yes"})");
   // Bounded both ways before any conversion to an integer.
   EXPECT_EQ(numberArg(json{{"v", -1e300}}, "v", 2147483647), -2147483647);
   const std::tuple<const char*, double, std::optional<double>> numbers[] = {

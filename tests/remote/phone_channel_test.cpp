@@ -378,7 +378,8 @@ TEST(PairQrTest, TheCodeIsBlackOnWhiteWithAQuietZoneWhateverTheTerminalsColours)
     // The top-left finder pattern, dark ring, light ring, dark core: not inverted.
     for (int y = 0; y < 7; ++y) {
       for (int x = 0; x < 7; ++x) {
-        EXPECT_EQ(m[4 + y][4 + x], std::min(std::min(x, y), std::min(6 - x, 6 - y)) == 1 ? 0 : 1) << x << "," << y;
+        const int ring = std::min(std::min(x, y), std::min(6 - x, 6 - y));
+        EXPECT_EQ(m[4 + y][4 + x], ring == 1 ? 0 : 1) << x << "," << y;
       }
     }
     // No line leaves its colours to what the terminal prints next.
