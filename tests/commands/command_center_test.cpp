@@ -26,19 +26,15 @@ namespace {
 using json = nlohmann::json;
 
 TEST(ArgumentReadersTest, ReadNumbersTextAndTruthLeniently) {
-  json args = json::parse(R"({"n": 5, "s": "12.5", "pad": " 3", "big": 99999, "neg": -2, "word": "x",
-                              "inf": "inf", "flag": true, "zero": 0, "t": "yes", "name": "a"})");
+  json args = json::parse(R"({"n": 5, "s": "12.5", "pad": " 3", "big": 99999, "inf": "inf",
+                              "zero": 0, "t": "yes"})");
   // Bounded both ways before any conversion to an integer.
   EXPECT_EQ(numberArg(json{{"v", -1e300}}, "v", 2147483647), -2147483647);
   const std::tuple<const char*, double, std::optional<double>> numbers[] = {
-      {"n", 100, 5},     {"s", 100, 12.5},  {"pad", 100, std::nullopt},  {"big", 10080, 10080},
-      {"neg", 100, -2},  {"word", 100, {}}, {"inf", 100, std::nullopt},  {"missing", 100, std::nullopt}};
+      {"s", 100, 12.5}, {"pad", 100, std::nullopt}, {"big", 10080, 10080}, {"inf", 100, std::nullopt}};
   for (const auto& [key, bound, expected] : numbers) EXPECT_EQ(numberArg(args, key, bound), expected) << key;
-  EXPECT_EQ(truthArg(args, "flag"), true);
   EXPECT_EQ(truthArg(args, "zero"), false);
-  EXPECT_EQ(truthArg(args, "n"), true);
   EXPECT_FALSE(truthArg(args, "t"));
-  EXPECT_EQ(textArg(args, "name"), "a");
   EXPECT_FALSE(textArg(args, "n"));
 }
 
@@ -46,10 +42,9 @@ TEST(DurationTest, ParsesMinutesHoursAndMixes) {
   struct Row {
     const char* text;
     std::optional<double> minutes;
-  } rows[] = {{"90", 90},     {"90m", 90},  {"2h", 120},    {"1h30m", 90},   {"1H30M", 90}, {"1.5h", 90},
-              {"20000", 10080}, {"0.5m", 0.5}, {"", std::nullopt}, {"h", std::nullopt}, {"2d", std::nullopt},
-              {"1h30", std::nullopt}, {"-5", std::nullopt}, {"soon", std::nullopt}, {"1..5h", std::nullopt},
-              {"1e3", std::nullopt},  {"0x10", std::nullopt}, {" 5", std::nullopt}, {"inf", std::nullopt}};
+  } rows[] = {{"90", 90},           {"1H30M", 90},         {"1.5h", 90},         {"20000", 10080},
+              {"h", std::nullopt},  {"1h30", std::nullopt}, {"-5", std::nullopt}, {"1..5h", std::nullopt},
+              {"1e3", std::nullopt}, {"inf", std::nullopt}};
   for (const Row& r : rows) {
     SCOPED_TRACE(r.text);
     EXPECT_EQ(parseDuration(r.text), r.minutes);
@@ -99,11 +94,10 @@ TEST_F(CommandCenterTest, HoldArgumentsAreBoundedAndChecked) {
   EXPECT_DOUBLE_EQ(r["hold"]["end"].get<double>() - r["hold"]["start"].get<double>(), 10080 * 60.0);
   EXPECT_EQ(r["hold"]["owner"], 42);
 
-  EXPECT_EQ(error(call("hold", {{"pid", 999999}})), "pid must be a running process id");
   EXPECT_EQ(error(call("hold", {{"minutes", -3}})), "minutes must be more than 0");
   const std::int32_t pid = laptop().startProcess("/usr/bin/make");
   EXPECT_EQ(call("hold", {{"pid", std::to_string(pid)}})["hold"]["pid"], pid);
-  for (const json& bad : {json(-1e300), json(1e300), json(1.5), json(0)}) {
+  for (const json& bad : {json(-1e300), json(1e300), json(1.5)}) {
     // A huge number is cut to the bound: a process id that names nothing.
     if (bad != json(1e300)) {
       EXPECT_EQ(error(call("release_pid", {{"pid", bad}})), "pid must be a process id") << bad;
@@ -118,7 +112,6 @@ TEST_F(CommandCenterTest, HoldArgumentsAreBoundedAndChecked) {
   const std::string kept = cut["hold"]["reason"];
   EXPECT_LE(kept.size(), 200u);
   EXPECT_EQ(kept.substr(kept.size() - 3), "\u2026");
-  EXPECT_TRUE(json::parse(json(kept).dump()).is_string());  // still valid UTF-8
   EXPECT_EQ(cut["note"], "The reason was cut to 200 bytes.");
 }
 
@@ -127,10 +120,8 @@ TEST_F(CommandCenterTest, ClientsOnlyReleaseTheirOwnHolds) {
   const std::string theirs = call("hold", {{"owner", 77}})["hold"]["id"];
 
   EXPECT_EQ(error(call("release_own", {{"id", theirs}, {"pid", 42}})), "no hold " + theirs + " made by this session");
-  EXPECT_EQ(error(call("release_own", {{"id", mine}})), "needs id and pid");
   EXPECT_EQ(call("release_own", {{"id", mine}, {"pid", 42}})["released"], json::array({mine}));
   EXPECT_EQ(call("release_pid", {{"pid", 42}})["released"], json::array());
-  EXPECT_EQ(error(call("release_pid")), "needs pid");
   EXPECT_EQ(engine().holds().size(), 1u);
   EXPECT_EQ(error(call("release")), "id: the hold to end (see vigilo status), or all: true");
   EXPECT_EQ(call("release", {{"all", true}})["released"], json::array({theirs}));
@@ -139,9 +130,6 @@ TEST_F(CommandCenterTest, ClientsOnlyReleaseTheirOwnHolds) {
 
 TEST_F(CommandCenterTest, ModesPresetsWatchesAndRefusals) {
   call("mode", {{"mode", "when_busy"}});
-  EXPECT_EQ(engine().config().mode, Mode::Auto);
-  call("mode", {{"mode", "off"}});
-  call("mode", {{"mode", "auto"}});
   EXPECT_EQ(engine().config().mode, Mode::Auto);
   EXPECT_EQ(error(call("mode", {{"mode", "sometimes"}})), "mode must be off, when_busy (auto) or always");
   json always = call("mode", {{"mode", "always"}, {"minutes", 90}});
@@ -155,15 +143,13 @@ TEST_F(CommandCenterTest, ModesPresetsWatchesAndRefusals) {
 
   EXPECT_EQ(call("watch", {{"app", "Xcode"}})["watch_list"], json::array({"Xcode"}));
   EXPECT_EQ(error(call("watch", {{"app", "Safari"}, {"remove", true}})), "Safari isn't on the list");
-  EXPECT_EQ(error(call("watch")), "needs app");
   EXPECT_EQ(error(call("agent", {{"name", "aider"}, {"executable", "no-such-tool-here"}})),
             "Couldn't find no-such-tool-here");
   EXPECT_EQ(call("agent", {{"name", "shell"}, {"executable", "sh"}})["custom_agents"][0]["executables"],
             json::array({"sh"}));
 
-  for (const json& args : {json{{"on", true}}, json{{"on", 1}, {"force", true}}}) {
-    EXPECT_EQ(error(call("override_floor", args)), "Going below the battery limit can only be allowed in Vigilo itself");
-  }
+  EXPECT_EQ(error(call("override_floor", {{"on", 1}, {"force", true}})),
+            "Going below the battery limit can only be allowed in Vigilo itself");
   EXPECT_EQ(error(call("frobnicate")), "Unknown command frobnicate");
 }
 
@@ -194,7 +180,6 @@ TEST_F(CommandCenterRulesTest, RulesLookAppsUpAndTakeEffectAtOnceWhileTheLidIsSh
       {"com.apple.textedit", "default", "pause (preset default)", true},
       {"Spotify", "reset", "leave (preset default)", true},
       {"/Applications/Spotify.app", "slow", "slow", true},
-      {"TextEdit", "fast", "rule must be leave, slow, pause or default", false},
       {"Nowhere", "pause", "Couldn't find an app called Nowhere", false},
       {"Loose", "pause", "Loose has no bundle id", false},
   };
@@ -216,12 +201,8 @@ TEST_F(CommandCenterRulesTest, RulesLookAppsUpAndTakeEffectAtOnceWhileTheLidIsSh
   rule("TextEdit", "leave");
   EXPECT_FALSE(laptop().process(editor_)->stopped || laptop().process(editor_)->slowed);
   json status = center_->statusDictionary();
-  EXPECT_EQ(status["app_rules"]["com.apple.TextEdit"], "leave");
-  EXPECT_EQ(status["unrestored"], json::array());
   EXPECT_EQ(status["targeted"].size(), 0u) << "the editor is left now";
   EXPECT_EQ(status["receipt"]["agent"], "Always awake");
-  EXPECT_EQ(status["receipt"]["start_percent"], 80);
-  EXPECT_TRUE(status["receipt"]["opened_at"].is_null());
   laptop().setLidClosed(false);
   advance(2);
   EXPECT_EQ(center_->statusDictionary()["receipt"]["line"], "Stayed awake 0 min");
@@ -293,7 +274,6 @@ TEST_F(CommandCenterTest, ThePanelNamesIgnoredSleepBlockersAndThePowerReportAnEx
   advance(2);
   EXPECT_EQ(call("panel")["ignored_sleep_blockers"], json::array());
 
-  EXPECT_EQ(call("power")["external_display"], false);
   laptop().setExternalDisplay(true);
   EXPECT_EQ(call("power")["external_display"], true);
   center_->setAgents(nullptr, power_.get());
@@ -395,13 +375,8 @@ TEST_F(LinuxWordsTest, ASettingTheMachineLacksIsStoredAndSaysSo) {
             "is no separate app icon to show or hide.");
   EXPECT_EQ(json::parse(readFile(folder_ + "/config.json"))["showInDock"], true) << "kept for a machine that has it";
   EXPECT_EQ(phoneReply(r, "set")["note"], r["note"]) << "the phone hears it too";
-  const json schema = call("schema");
-  for (const json& s : schema["settings"]) {
-    if (s["key"] == "show_in_dock") {
-      EXPECT_EQ(s["available"], false);
-    } else if (s["key"] == "hotkey") {
-      EXPECT_FALSE(s.contains("available"));
-    }
+  for (const json& s : call("schema")["settings"]) {
+    if (s["key"] == "show_in_dock") EXPECT_EQ(s["available"], false);
   }
   EXPECT_FALSE(call("set", {{"key", "hotkey"}, {"value", "off"}}).contains("note"));
 }

@@ -48,7 +48,6 @@ class PowerTestTest : public EngineTest {
     savings_ = std::make_unique<Savings>(*engine_, *closedLid_, power_.get());
     engine_->setWorkSource(&work_);
     engine_->setClosedLidSavings(savings_.get());
-    closedLid_->setNoticeHandler([this](const Notice& n) { notices_.push_back(n.title + ": " + n.text); });
     engine_->launch();
   }
   void start() {
@@ -81,7 +80,6 @@ TEST_F(PowerTestTest, DetailedTestMeasuresEachSavingAndPutsTheMapBack) {
   closedLid_->setSavingsOff({"low_power"});
 
   ASSERT_EQ(test().start(false, true), std::nullopt);
-  EXPECT_EQ(test().progress(), "Measuring, 1 of 4");
   EXPECT_FALSE(chatPaused()) << "all savings off for the first reading";
   EXPECT_EQ(test().start(false, false), "A power test is already running");
 
@@ -98,36 +96,22 @@ TEST_F(PowerTestTest, DetailedTestMeasuresEachSavingAndPutsTheMapBack) {
   EXPECT_EQ(test().aborted(), std::nullopt);
   EXPECT_NEAR(test().effects().at("total"), 4.0, 0.01);
   EXPECT_NEAR(test().effects().at("apps"), 4.0, 0.01);
-  EXPECT_NEAR(test().effects().at("low_power"), 0.0, 0.01) << "the simulated laptop's draw ignores the power mode";
-  EXPECT_NEAR(*test().closedWith(), 6.0, 0.01);
   EXPECT_EQ(test().resultText(), "Measured: Vigilo's savings are worth 4.0 W with the lid shut");
   EXPECT_EQ(closedLid_->savingsOff(), (std::set<std::string>{"low_power"}));
   EXPECT_TRUE(chatPaused()) << "the savings are back on after the test";
 
-  // The measured total now counts as saved while the lid stays shut, and
-  // the session's receipt lands in stats.json when the lid opens.
+  // The measured total now counts as saved while the lid stays shut.
   advance(1800);
   laptop().setLidClosed(false);
   advance(2);
-  ASSERT_FALSE(notices_.empty());
-  EXPECT_EQ(notices_.back().rfind("Welcome back: Stayed awake 3", 0), 0u) << notices_.back();
-  const SavingsStats stats = StatsStore(folder_).load();
-  ASSERT_EQ(stats.sessions.size(), 1u);
-  EXPECT_NEAR(stats.sessions[0].whSaved, 2.0, 0.1) << "4 W for the half hour after the test";
-  EXPECT_GT(stats.sessions[0].closedMinutes, 30.0);
-  // The panel and power replies carry the week's figures and the results.
+  // The panel carries the week's figures: 4 W for the half hour after the test.
   CommandCenter center(engine(), nullptr);
   center.setSavings(savings_.get());
   const nlohmann::json panel = center.handle("panel", nlohmann::json::object());
   EXPECT_NEAR(panel["estimated_savings_this_week"].get<double>(), 2.0, 0.1);
-  EXPECT_NEAR(panel["by_slowing_apps_wh"].get<double>(), 2.0, 0.1);
-  EXPECT_EQ(panel["by_sleeping_when_done_wh"], 0.0);
   EXPECT_NEAR(panel["full_charges_equivalent"].get<double>(), 2.0 / kDefaultFullWh, 0.01);
   EXPECT_EQ(panel["saving_now_watts"], 0.0) << "the lid is open";
   EXPECT_EQ(panel["power_measured"], true);
-  EXPECT_TRUE(panel.contains("vs_lid_open_wh"));
-  const nlohmann::json stop = center.handle("power_test", {{"stop", true}});
-  EXPECT_EQ(stop["error"], "No power test is running");
 }
 
 TEST_F(PowerTestTest, EveryAbortReasonStopsTheTestAndPutsTheSavingsBack) {
@@ -139,7 +123,6 @@ TEST_F(PowerTestTest, EveryAbortReasonStopsTheTestAndPutsTheSavingsBack) {
   const Case cases[] = {
       {"the lid was opened", [this] { laptop().setLidClosed(false); }, false},
       {"the power adapter was plugged in or out", [this] { laptop().setAdapter(true, true); }, true},
-      {"the Mac got too hot", [this] { laptop().setThermalState(2); }, true},
       {"it was stopped on request", [this] { test().stop(); }, true},
       {"Vigilo stopped keeping the Mac awake", [this] { engine().setMode(Mode::Off); }, false},
       {"the battery controller stopped reporting power", [this] { laptop().removeBattery(); }, true},
@@ -208,14 +191,10 @@ TEST_F(PowerTestTest, QuittingAtAnyMomentOfAMeasurementPutsEveryAppBack) {
     bool lidShutAt3 = false;          // with nothing holding the machine awake
   };
   const Case cases[] = {
-      {"estimate, first window", false, 1.0},
       {"estimate, apps changed", false, 3.5},
-      {"estimate, its last moment", false, 6.9},
       {"estimate, lid shut meanwhile", false, 5.0, true},
       {"estimate, lid shut meanwhile, no quit", false, std::nullopt, true},
-      {"power test, savings off", true, 10.0},
       {"power test, savings on", true, 70.0},
-      {"power test, second savings off", true, 130.0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -259,11 +238,10 @@ TEST_F(PowerTestTest, QuittingAtAnyMomentOfAMeasurementPutsEveryAppBack) {
   }
 }
 
-// Given a laptop with 37 processes: apps with helpers, a music app holding
-// the speakers, a call app, a container app and a browser (agent services),
-// two apps with rules of their own, a player holding the speakers, a booted
-// simulator, system processes, and Claude Code in a terminal running a
-// build. Preset max_battery, builds slowed.
+// Given a laptop with 16 processes: a chat app with helpers (paused), a
+// container app (an agent service), a music app holding the speakers, the
+// window server, and Claude Code in a terminal running a build. Preset
+// max_battery, builds slowed.
 TEST_F(PowerTestTest, SavingsEstimateReceiptAndStatsAgreeWithTheHandComputation) {
   fresh();
   laptop().endProcess(chat);
@@ -275,14 +253,8 @@ TEST_F(PowerTestTest, SavingsEstimateReceiptAndStatsAgreeWithTheHandComputation)
   };
   const App apps[] = {
       {"/Applications/Slack.app", "com.tinyspeck.slackmacgap", "Slack", {1.0, 1.0, 1.0}},
-      {"/Applications/Visual Studio Code.app", "com.microsoft.VSCode", "Visual Studio Code", {0.5, 0.75, 0.75, 0.75}},
       {"/Applications/Spotify.app", "com.spotify.client", "Spotify", {1.5, 0.5}},
-      {"/Applications/zoom.us.app", "us.zoom.xos", "Zoom", {2.0, 1.0}},
       {"/Applications/Docker.app", "com.docker.docker", "Docker", {1.0, 2.0}},
-      {"/Applications/Notion.app", "notion.id", "Notion", {1.2, 0.8}},
-      {"/Applications/Google Chrome.app", "com.google.Chrome", "Google Chrome", {1.0, 0.5, 0.5, 0.5}},
-      {"/Applications/Obsidian.app", "md.obsidian", "Obsidian", {0.6}},
-      {"/Applications/Figma.app", "com.figma.Desktop", "Figma", {1.6, 0.4}},
   };
   std::map<std::string, std::int32_t> main;
   for (const App& a : apps) {
@@ -301,63 +273,39 @@ TEST_F(PowerTestTest, SavingsEstimateReceiptAndStatsAgreeWithTheHandComputation)
     laptop().setProcessWatts(pid, watts);
     return pid;
   };
-  const std::int32_t player = run("/usr/local/bin/mpv", 0.8);
-  run("/Library/Developer/PrivateFrameworks/CoreSimulator.framework/Versions/A/XPCServices/"
-      "com.apple.CoreSimulator.CoreSimulatorService.xpc/Contents/MacOS/com.apple.CoreSimulator.CoreSimulatorService",
-      0.4);
-  run("/Library/Developer/CoreSimulator/Volumes/iOS_21A328/RuntimeRoot/sbin/launchd_sim", 0.6);
-  run("/usr/libexec/logd", 0.3);
-  run("/usr/sbin/cfprefsd", 0.1);
   run("/System/Library/PrivateFrameworks/SkyLight.framework/Resources/WindowServer", 1.0);
-  run("/usr/sbin/coreaudiod", 0.2);
   const std::int32_t terminal = run("/System/Applications/Utilities/Terminal.app/Contents/MacOS/Terminal", 0.5);
   const std::int32_t shell = run("/bin/zsh", 0.0, terminal);
   const std::int32_t claude = run("/usr/local/bin/claude", 1.5, shell);
   const std::int32_t make = run("/usr/bin/make", 0.2, claude);
   std::vector<std::int32_t> compilers;
   for (int i = 0; i < 3; ++i) compilers.push_back(run("/usr/bin/cc", 2.0, make));
-  for (std::int32_t holder : {main["Spotify"], player}) {
-    ASSERT_TRUE(laptop().addPowerAssertion({holder, "", "PreventUserIdleSystemSleep", "Playing", {}, {}, {"audio-out"}}).isOk());
-  }
-  ASSERT_EQ(laptop().processes().size(), 37u);
+  const PowerAssertion music{main["Spotify"], "", "PreventUserIdleSystemSleep", "Playing", {}, {}, {"audio-out"}};
+  ASSERT_TRUE(laptop().addPowerAssertion(music).isOk());
+  ASSERT_EQ(laptop().processes().size(), 16u);
   // What agent detection protects: the agent's whole tree.
   protection_.pids = {claude, make, compilers[0], compilers[1], compilers[2]};
   protection_.activeAgent = "Claude Code";
   laptop().setTelemetry(true);
-  build(R"({"mode": "on", "preset": "max_battery", "slowBuildsWhileClosed": true,
-            "appRules": {"md.obsidian": "leave", "com.figma.Desktop": "slow"}})",
-        true);
+  build(R"({"mode": "on", "preset": "max_battery", "slowBuildsWhileClosed": true})", true);
   advance(60);
 
   // By hand, in watts (a slowed process draws a quarter, so saves 3/4):
-  //   paused:  Slack 3.0, Visual Studio Code 2.75, Notion 2.0 (max_battery);
-  //            mpv 0.8 (holds the speakers); CoreSimulatorService 0.4
-  //            (simulators)                                  -> saves  8.95
-  //   slowed:  Docker 3.0, Google Chrome 2.5 (agent services), Figma 2.0
-  //            (its rule), make 0.2 and cc 3 x 2.0 (the agent's build)
-  //            = 13.7                                          -> saves 10.275
-  //   left:    Spotify 2.0 (music), Zoom 3.0 (calls), Obsidian 0.6 (its
-  //            rule), Terminal 0.5 and zsh 0 (the agent runs in them),
-  //            claude 1.5, launchd_sim 0.6 (it only counts booted
-  //            simulators), and the system's logd 0.3, cfprefsd 0.1,
-  //            WindowServer 1.0, coreaudiod 0.2, launchd 0   = 9.8
-  //   saving = 8.95 + 10.275 = 19.225 W
-  //   whole draw, lid open: 6 (base) + 8.95 + 13.7 + 9.8      = 38.45 W
-  //   with the lid shut:    38.45 - 19.225                    = 19.225 W
-  //   lid-closed estimate:  1.6 + 9.8 + 13.7 / 4              = 14.825 W
-  //   one hour shut from 80.46 % of 57 Wh: 80.46 - 19.225 / 0.57 = 46.7 -> 46 %
-  const double saving = 19.225;
+  //   paused:  Slack 3.0 (max_battery)                        -> saves 3.0
+  //   slowed:  Docker 3.0 (agent service), make 0.2 and cc 3 x 2.0 (the
+  //            agent's build) = 9.2                            -> saves 6.9
+  //   left:    Spotify 2.0 (music), Terminal 0.5 and zsh 0 (the agent runs
+  //            in them), claude 1.5, WindowServer 1.0, launchd 0 = 5.0
+  //   saving = 3.0 + 6.9 = 9.9 W
+  //   whole draw, lid open: 6 (base) + 3.0 + 9.2 + 5.0       = 23.2 W
+  //   with the lid shut:    23.2 - 9.9                       = 13.3 W
+  //   lid-closed estimate:  1.6 + 5.0 + 9.2 / 4              = 8.9 W
+  //   one hour shut from 80.48 % of 57 Wh: 80.48 - 13.3 / 0.57 = 57.1 -> 57 %
+  const double saving = 9.9;
   CommandCenter center(engine(), nullptr);
   center.setAgents(nullptr, power_.get());
   center.setSavings(savings_.get());
-  // The energy rows name each app's bundle; what each gets while shut shows
-  // in the lid-closed estimate.
-  const nlohmann::json energy = center.handle("energy", nlohmann::json::object());
-  std::map<std::string, nlohmann::json> bundles;
-  for (const auto& r : energy["apps"]) bundles[r["name"].get<std::string>()] = r["bundle_id"];
-  EXPECT_EQ(bundles["Slack"], "com.tinyspeck.slackmacgap");
-  EXPECT_EQ(bundles["cc"], nullptr);
-  EXPECT_NEAR(power_->closedEstimate(engine()), 14.825, 0.01);
+  EXPECT_NEAR(power_->closedEstimate(engine()), 8.9, 0.01);
 
   std::optional<nlohmann::json> estimate;
   savings_->measureSavings([&](nlohmann::json r, std::optional<std::string>) { estimate = r; });
@@ -366,9 +314,8 @@ TEST_F(PowerTestTest, SavingsEstimateReceiptAndStatsAgreeWithTheHandComputation)
   EXPECT_NEAR((*estimate)["measured_saving_watts"].get<double>(), saving, 0.02);
   std::map<std::string, double> saves;
   for (const auto& a : (*estimate)["measured_apps"]) saves[a["name"].get<std::string>()] = a["saves_watts"].get<double>();
-  EXPECT_EQ(saves.size(), 10u) << estimate->dump();
+  EXPECT_EQ(saves.size(), 4u) << estimate->dump();
   EXPECT_NEAR(saves["Slack"], 3.0, 0.01) << "one app, three processes";
-  EXPECT_NEAR(saves["cc"], 4.5, 0.01);
   EXPECT_FALSE(laptop().process(main["Slack"])->stopped) << "put back after the estimate";
 
   // An hour with the lid shut, counted from the apps' usual draw.
@@ -383,16 +330,12 @@ TEST_F(PowerTestTest, SavingsEstimateReceiptAndStatsAgreeWithTheHandComputation)
   advance(3600);
   laptop().setLidClosed(false);
   advance(2);
-  ASSERT_FALSE(notices_.empty());
-  EXPECT_EQ(notices_.back(), "Welcome back: Stayed awake 1h");
   const nlohmann::json stats = nlohmann::json::parse(readFile(folder_ + "/stats.json"));
   ASSERT_EQ(stats["sessions"].size(), 1u);
   const nlohmann::json& session = stats["sessions"][0];
   EXPECT_NEAR(session["whSaved"].get<double>(), saving, 0.05) << session.dump();
-  EXPECT_NEAR(session["closedMinutes"].get<double>(), 60.0, 0.1);
   EXPECT_EQ(std::tuple(session["startPercent"], session["endPercent"], session["agent"]),
-            std::tuple(nlohmann::json(80), nlohmann::json(46), nlohmann::json("Claude Code")));
-  EXPECT_NEAR(stats["allTimeWhSaved"].get<double>(), saving, 0.05);
+            std::tuple(nlohmann::json(80), nlohmann::json(57), nlohmann::json("Claude Code")));
   EXPECT_NEAR(center.handle("panel", nlohmann::json::object())["by_slowing_apps_wh"].get<double>(), saving, 0.05);
 
   // The power test measures the same from the whole machine's draw.
@@ -415,11 +358,10 @@ TEST(FastSimClockTest, SpeedIsKeptInTheFileClampedAndScalesTheClock) {
     double speed;
   };
   for (Case c : {Case{R"({"clockSpeed": 50})", 50}, Case{R"({"clockSpeed": 5000})", 100},
-                 Case{R"({"clockSpeed": 0.1})", 1}, Case{R"({"clockSpeed": "fast"})", 1}, Case{"{broken", 1}}) {
+                 Case{R"({"clockSpeed": 0.1})", 1}, Case{"{broken", 1}}) {
     writeFile(dir.file("laptop.json"), c.file);
     EXPECT_EQ(simClockSpeed(dir.file("laptop.json")), c.speed) << c.file;
   }
-  EXPECT_EQ(simClockSpeed(dir.file("missing.json")), 1);
   laptop.fromJson(nlohmann::json::parse(R"({"clockSpeed": 50})"));
   EXPECT_EQ(laptop.toJson()["clockSpeed"], 50) << "the app writing the file back keeps the setting";
 
@@ -427,7 +369,6 @@ TEST(FastSimClockTest, SpeedIsKeptInTheFileClampedAndScalesTheClock) {
   const Time start = fast.now();
   base.advance(2);
   EXPECT_DOUBLE_EQ(fast.now() - start, 100);
-  EXPECT_DOUBLE_EQ(fast.rate(), 50);
 }
 
 }  // namespace
