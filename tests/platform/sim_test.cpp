@@ -308,7 +308,9 @@ TEST_F(SimLaptopTest, ProcessesDrawOnTopOfTheBaseAndTheControllerReportsTheWhole
   laptop_.setProcessWatts(pid, 2.0);
   EXPECT_EQ(std::tuple(laptop_.wholeDraw(), battery().amperage), std::tuple(8.0, -702));
   laptop_.slow(pid);
-  EXPECT_EQ(std::tuple(battery().amperage, battery().systemLoad), std::tuple(-570, std::nullopt));
+  EXPECT_EQ(battery().amperage, -570);
+  laptop_.stop(pid);
+  EXPECT_EQ(std::tuple(battery().amperage, battery().systemLoad), std::tuple(-526, std::nullopt));
 
   // The controller's telemetry: SystemLoad in mW, added to the accumulator
   // every 30 s at the draw of that moment.
