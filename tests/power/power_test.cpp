@@ -61,6 +61,7 @@ TEST(PowerSensorTest, TelemetryFirstThenTheDischargeCurrentAndNothingElse) {
          return b;
        }(), PowerSample{12.0, std::nullopt, std::nullopt, 50}},
       {"instant current first", current(-500, -100, 12000), PowerSample{6.0, std::nullopt, std::nullopt, 50}},
+      {"plain current", current(std::nullopt, -250, 12000), PowerSample{3.0, std::nullopt, std::nullopt, 50}},
       {"charging", current(1500, 1500, 12000), std::nullopt},
       {"no voltage", current(-500, -500, 0), std::nullopt},
   };
@@ -95,6 +96,7 @@ TEST(BatteryReadingTest, RawControllerPropertiesGiveTheGuardsReading) {
   } cases[] = {
       {"no battery controller", std::nullopt, std::nullopt},
       {"no maximum", capacity(10, 0), std::nullopt},
+      {"no current capacity", with(BatteryProperties{}, [](auto& b) { b.maxCapacity = 5000; }), std::nullopt},
       {"stale capacity above the maximum", capacity(6000, 5000), onBattery(100, 0)},
       {"instant current wins, 65535 means unknown", with(capacity(4999, 5000), [](auto& b) {
          b.instantAmperage = -1500;
