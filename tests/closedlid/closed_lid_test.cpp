@@ -299,6 +299,7 @@ TEST(ClosedTargets, BackgroundClassesAndSkips) {
   // The booted device (11) is counted, never paused.
   EXPECT_EQ(scanBackgroundWork(in).simulators, 1);
   EXPECT_EQ(rules(closedTargets(in, {})), (M{{10, "pause"}, {12, "pause"}, {14, "slow"}}));
+  EXPECT_EQ(rules(closedTargets(in, {"simulators", "builds"})), (M{{12, "pause"}}));
   EXPECT_EQ(rules(closedTargets(in, {"audio"})), (M{{10, "pause"}, {14, "slow"}}));
 
   // A UI test runner keeps simulators running; so does an agent using Xcode.
