@@ -260,7 +260,6 @@ TEST_F(ClosedLidTest, BootedSimulatorsAreShutDownOnceUnlessTestsRun) {
   }
 }
 
-// The selection itself, as a pure function.
 TEST(ClosedTargets, BackgroundClassesAndSkips) {
   TargetInputs in;
   const std::pair<std::int32_t, const char*> procs[] = {

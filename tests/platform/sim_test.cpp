@@ -208,7 +208,6 @@ TEST_F(SimPlatformTest, FileIsWrittenAtOnceAndAPersonsEditsArePickedUp) {
   p.refresh();
   EXPECT_EQ(std::tuple(p.processes().info(claude.pid)->energyNanojoules, p.registry().battery()->accumulatorCount),
             std::tuple(75'000'000'000u, 4));
-  // Deleting the entry ends it.
   person([](json& s) { s["processes"].erase(1); });
   p.refresh();
   EXPECT_EQ(p.processes().info(claude.pid), std::nullopt);
