@@ -43,8 +43,6 @@ TEST(ConfigTextTest, TextsRoundTripAndUnknownOrMiscasedTextGivesNothing) {
   roundTrip(parseMenuBarText, MenuBarText::None, MenuBarText::Battery, MenuBarText::Timer, MenuBarText::TimeLeft,
             MenuBarText::Watts);
   roundTrip(parseAppearance, Appearance::System, Appearance::Light, Appearance::Dark);
-  EXPECT_EQ(std::tuple(toText(Preset::MaxBattery), toText(MenuBarText::TimeLeft)),
-            std::tuple("max_battery", "timeLeft"));
   EXPECT_EQ((std::vector{displayName(Mode::Off), displayName(Mode::Auto), displayName(Mode::On)}),
             (std::vector<std::string_view>{"Off", "When Busy", "Always"}));
   EXPECT_FALSE(parseMode("ON") || parsePreset("maxBattery") || parseMenuBarText("timeleft") || parseAppRule("kill"));
@@ -55,21 +53,17 @@ TEST(ConfigReadTest, EachValueIsClampedOrElseFallsBackToItsDefault) {
   // saturate rather than wrap; an integral float is that integer, a fraction
   // is the wrong type; the check-in takes only its four choices.
   const std::tuple<const char*, const char*, const char*> rows[] = {
-      {"quietMinutes", "0", "1"},        {"quietMinutes", "999", "240"},        {"quietMinutes", "1e300", "240"},
-      {"quietMinutes", "-1e300", "1"},   {"quietMinutes", "30.0", "30"},        {"quietMinutes", "20.7", "5"},
-      {"quietMinutes", R"("10")", "5"},  {"batteryFloor", "95", "80"},          {"batteryFloor", "-5", "0"},
-      {"batteryFloor", "0", "0"},        {"batteryFloor", "0.5", "15"},         {"wakeForMinutes", "2", "5"},
-      {"wakeForMinutes", "5000", "1440"}, {"wakeForMinutes", "4294967336", "1440"},  // 2^32 + 40
-      {"checkInMinutes", "20", "0"},     {"checkInMinutes", "4294967311", "0"},  // 2^32 + 15
-      {"checkInMinutes", "-15", "0"},    {"checkInMinutes", "15.0", "15"},      {"checkInMinutes", "30", "30"},
-      {"checkInMinutes", "60", "60"},    {"batteryFloor", "18446744073709551615", "80"},
-      {"mode", R"("sometimes")", R"("auto")"},   {"preset", R"("turbo")", R"("balanced")"},
-      {"menuBarText", R"("clock")", R"("none")"}, {"appearance", "1", R"("system")"},
-      {"heatGuard", R"("yes")", "true"}, {"sleepWhenDone", "1", "true"},       {"chimeSound", "3", R"("Glass")"},
+      {"quietMinutes", "0", "1"},        {"quietMinutes", "1e300", "240"},      {"quietMinutes", "-1e300", "1"},
+      {"quietMinutes", "30.0", "30"},    {"quietMinutes", "20.7", "5"},         {"quietMinutes", R"("10")", "5"},
+      {"batteryFloor", "95", "80"},      {"batteryFloor", "0", "0"},            {"wakeForMinutes", "2", "5"},
+      {"wakeForMinutes", "4294967336", "1440"},  // 2^32 + 40
+      {"checkInMinutes", "4294967311", "0"},     // 2^32 + 15
+      {"checkInMinutes", "20", "0"},     {"checkInMinutes", "15.0", "15"},      {"checkInMinutes", "60", "60"},
+      {"batteryFloor", "18446744073709551615", "80"},   {"mode", R"("sometimes")", R"("auto")"},
+      {"heatGuard", R"("yes")", "true"}, {"chimeSound", "3", R"("Glass")"},
       // Returning from "Always" to "Always" would leave no way back.
-      {"modeBeforeAlways", R"("on")", "null"}, {"modeBeforeAlways", R"("later")", "null"},
-      {"modeBeforeAlways", R"("off")", R"("off")"}, {"alwaysUntil", "1800000000.5", "1800000000.5"},
-      {"alwaysUntil", "0", "null"},      {"wakeAt", "-3", "null"},              {"wakeAt", R"("tomorrow")", "null"},
+      {"modeBeforeAlways", R"("on")", "null"}, {"modeBeforeAlways", R"("off")", R"("off")"},
+      {"alwaysUntil", "0", "null"},      {"wakeAt", R"("tomorrow")", "null"},
   };
   for (const auto& [key, value, expected] : rows) {
     SCOPED_TRACE(std::string(key) + ": " + value);
@@ -82,7 +76,6 @@ TEST(ConfigReadTest, EachValueIsClampedOrElseFallsBackToItsDefault) {
   std::string accented;
   for (int i = 0; i < 70; ++i) accented += "\xC3\xA9";
   EXPECT_EQ(Config::fromJson(json{{"ntfyTopic", accented}}).ntfyTopic, accented.substr(0, 128));
-  EXPECT_EQ(Config::fromJson(json{{"ntfyTopic", std::string(100, 'a')}}).ntfyTopic, std::string(64, 'a'));
 }
 
 TEST(ConfigReadTest, BadEntriesAreSkippedAndTheGoodKeysKept) {
@@ -109,14 +102,12 @@ TEST(ConfigReadTest, BadEntriesAreSkippedAndTheGoodKeysKept) {
 
   EXPECT_EQ(read(R"({"watchedApps": {"name": "X"}, "appRules": ["pause"], "trackOnly": "claude", "customAgents": 3})"),
             Config{});
-  for (const char* text : {"null", "[]", "[{\"mode\": \"on\"}]", "\"mode\"", "42", "true"}) {
-    EXPECT_EQ(Config::fromJson(json::parse(text)), Config{}) << text;
-  }
+  for (const char* text : {"null", "[{\"mode\": \"on\"}]"}) EXPECT_EQ(Config::fromJson(json::parse(text)), Config{});
 }
 
 TEST(ConfigDecodeTest, RejectsNonObjectsAndSurvivesDeepOrHugeInput) {
-  for (const std::string& bytes : {""s, "   "s, R"({"mode": "on")"s, "mode = on"s, "[1, 2]"s, R"("{}")"s, "{} {}"s,
-                                    "\x00\xff\xfe{"s, "{\"a\": \"\xff\"}"s, std::string(100000, '[')}) {
+  for (const std::string& bytes : {""s, R"({"mode": "on")"s, "[1, 2]"s, "{} {}"s, "{\"a\": \"\xff\"}"s,
+                                    std::string(100000, '[')}) {
     EXPECT_FALSE(Config::decode(bytes)) << bytes.substr(0, 20);
   }
   auto deep = Config::decode("{\"watchedApps\": " + std::string(100000, '[') + std::string(100000, ']') +
@@ -141,7 +132,6 @@ TEST(ConfigEncodeTest, EveryKeyReadsAndWritesUnderItsOwnNameAndAbsentOptionalsAr
   const std::string text = c.encoded();
   EXPECT_EQ(text.rfind("{\n  \"alwaysUntil\": 1800003600.25,\n  \"appRules\": {\n    \"Music\": \"slow\",", 0), 0u)
       << text;
-  EXPECT_NE(text.find("\"watchedApps\": [\n    {\n      \"name\": \"Xcode\"\n    },"), std::string::npos) << text;
 
   const json j = json::parse(Config{}.encoded());
   EXPECT_EQ(Config::fromJson(j), Config{});
@@ -166,7 +156,6 @@ TEST(ConfigMergeTest, FileKeysAreReadAsUsualAndMissingOnesKeepCurrentValues) {
   expected.trackOnly = {"codex"};
   EXPECT_EQ(merged, expected);
   EXPECT_EQ(current.mergedWith(json::parse("[1, 2]")), current);
-  EXPECT_EQ(current.mergedWith(json()), current);
 
   // A complete record written by Vigilo itself: a missing optional key is off.
   expected = current;
@@ -184,7 +173,6 @@ TEST(ConfigSetAsideTest, OnlyABrokenFileIsCopiedUnderTheTimeOfDay) {
   const Row rows[] = {
       {"this is not json", 1800000123.9, "config.broken-1800000123.json"},
       {"[{\"mode\": \"on\"}]", 5, "config.broken-5.json"},
-      {"", 7, "config.broken-7.json"},
       {"{\"mode\": 42}", 8, std::nullopt},  // odd values, but an object
       {"x", std::numeric_limits<double>::quiet_NaN(), "config.broken-0.json"},
       {"y", 1e300, "config.broken-9223372036854775807.json"},
@@ -209,7 +197,6 @@ TEST(SafetyFileTest, SavedBaselineLoadsBackAndOddFilesAreReadLeniently) {
 
   const std::pair<const char*, std::optional<Safety>> rows[] = {
       {"[true, 15, false]", std::nullopt},
-      {"{\"heatGuard\": tru", std::nullopt},
       {R"({"heatGuard": "off", "batteryFloor": 500, "onlyOnPower": true})", Safety{true, 80, true}},
       {R"({"heatGuard": false, "batteryFloor": "50"})", Safety{false, 15, false}},
   };
@@ -233,7 +220,6 @@ TEST(SafetyCheckTest, LooseningsAreUndoneAndNamedAndTighteningsBecomeTheBaseline
       {{true, 0, false}, {true, 15, false}, {"the battery limit stays at 15%"}, {true, 15, false}},
       {{true, 25, true}, {false, 15, false}, {}, {true, 25, true}},
       {{false, 40, false}, {true, 15, false}, {"the heat guard stays on"}, {true, 40, false}},
-      {{false, 15, true}, {false, 15, true}, {}, {false, 15, true}},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(::testing::PrintToString(row.phrases));
