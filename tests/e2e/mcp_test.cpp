@@ -1,12 +1,9 @@
-#include <csignal>
 #include <filesystem>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "e2e/sim_app.h"
 #include "e2e/piped_process.h"
-#include "platform/sim/sim_laptop.h"
 #include "test_support.h"
 
 namespace vigilo::test {
@@ -25,11 +22,6 @@ class McpEndToEndTest : public SimAppTest {
     // that passes only HOME still finds it.
     home_ = user_ + "/.local/share/vigilo";
     std::filesystem::create_directories(home_);
-    // The simulated laptop knows only its own processes; this one stands for
-    // the agent session, so holds tied to it are taken.
-    ASSERT_TRUE(editSimStateFile(state_, SystemClock(), [](SimLaptop& l) {
-      l.startProcess("/usr/local/bin/claude", {"claude"}, 1, static_cast<std::int32_t>(::getpid()));
-    }));
     startApp();
   }
 
