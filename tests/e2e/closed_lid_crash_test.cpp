@@ -66,18 +66,14 @@ TEST_F(ClosedLidCrashTest, KilledAtEveryStepEveryChangeComesBack) {
     }
     return false;
   };
-  // Each step of entering the session that the app makes visible, in its
-  // records or on the laptop; every kill lands right after one, on a fresh
-  // machine.
+  // Each step of entering the session that the app makes visible on the
+  // laptop (a record alone undoes to what is already there); every kill
+  // lands right after one, on a fresh machine.
   const std::vector<std::pair<const char*, std::function<bool()>>> steps = {
       {"at launch", [] { return true; }},
       {"sleep switched off", [this] { return sleepDisabled(); }},
-      {"brightness recorded", [this] { return inHome("brightness-restore"); }},
-      {"screen off recorded", [this] { return inHome("display-off"); }},
       {"screen off", [this] { return laptop()["display"]["on"] == false; }},
-      {"power mode recorded", [this] { return inHome("powermode-restore"); }},
       {"low power on", [this] { return laptop()["powerModes"]["lowpowermode"] == 1; }},
-      {"backups recorded", [this] { return inHome("timemachine-restore"); }},
       {"backups off", [this] { return laptop()["automaticBackups"] == false; }},
       {"a pause recorded", [this] { return inHome("touched.json"); }},
       {"an app paused", [&] { return anyProcess("stopped"); }},
@@ -126,10 +122,7 @@ TEST_F(ClosedLidCrashTest, KilledAtEveryStepEveryChangeComesBack) {
   app->signal(SIGTERM);
   ASSERT_EQ(app->wait(10s), 0);
   l = laptop();
-  for (const auto& p : l["processes"]) {
-    EXPECT_FALSE(p.value("stopped", false)) << p["pid"];
-    EXPECT_FALSE(p.value("slowed", false)) << p["pid"];
-  }
+  for (const auto& p : l["processes"]) EXPECT_FALSE(p.value("stopped", false) || p.value("slowed", false)) << p;
   EXPECT_EQ(l["display"]["on"], true);
   EXPECT_EQ(l["display"]["brightness"], 0.7);
   EXPECT_EQ(l["powerModes"]["lowpowermode"], 0);

