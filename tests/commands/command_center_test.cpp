@@ -376,7 +376,9 @@ TEST_F(LinuxWordsTest, ASettingTheMachineLacksIsStoredAndSaysSo) {
   EXPECT_EQ(json::parse(readFile(folder_ + "/config.json"))["showInDock"], true) << "kept for a machine that has it";
   EXPECT_EQ(phoneReply(r, "set")["note"], r["note"]) << "the phone hears it too";
   for (const json& s : call("schema")["settings"]) {
-    if (s["key"] == "show_in_dock") EXPECT_EQ(s["available"], false);
+    if (s["key"] == "show_in_dock") {
+      EXPECT_EQ(s["available"], false);
+    }
   }
   EXPECT_FALSE(call("set", {{"key", "hotkey"}, {"value", "off"}}).contains("note"));
 }

@@ -23,7 +23,7 @@ class McpServerTest : public ::testing::Test {
               if (throwOnSend_) throw std::runtime_error("the channel broke");
               return reply_;
             },
-            4242, &log_};
+            4242, &log_, MachineWords{}};
   }
   json answer(const std::string& line) {
     auto out = McpServer(context()).handleLine(line);

@@ -360,7 +360,7 @@ std::vector<std::vector<int>> drawnModules(const std::string& qr) {
 }
 
 TEST(PairQrTest, TheCodeIsBlackOnWhiteWithAQuietZoneWhateverTheTerminalsColours) {
-  for (const std::string link : {"https://vigilo.example/p#k=" + std::string(43, 'A'), std::string("x")}) {
+  for (const std::string& link : {"https://vigilo.example/p#k=" + std::string(43, 'A'), std::string("x")}) {
     const std::string qr = terminalQrCode(link);
     const auto m = drawnModules(qr);
     ASSERT_GT(m.size(), 20u);
@@ -372,7 +372,9 @@ TEST(PairQrTest, TheCodeIsBlackOnWhiteWithAQuietZoneWhateverTheTerminalsColours)
       for (int x = 0; x < width; ++x) {
         ASSERT_NE(m[y][x], -1) << "module " << x << "," << y << " is in the terminal's own colour";
         const bool quiet = x < 4 || y < 4 || x >= 4 + n || static_cast<int>(y) >= 4 + n;
-        if (quiet) ASSERT_EQ(m[y][x], 0) << "the quiet zone at " << x << "," << y;
+        if (quiet) {
+          ASSERT_EQ(m[y][x], 0) << "the quiet zone at " << x << "," << y;
+        }
       }
     }
     // The top-left finder pattern, dark ring, light ring, dark core: not inverted.
