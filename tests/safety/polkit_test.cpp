@@ -50,21 +50,21 @@ dbus-daemon --config-file="$D/bus.conf" --fork --print-pid=3 3>"$D/bus.pid" || e
 export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$D/bus"
 /usr/lib/polkit-1/polkitd --no-debug >"$D/polkitd.log" 2>&1 &
 pk=$!
-setpriv --reuid=65534 --regid=65534 --clear-groups sleep 30 &
+setpriv --reuid=65534 --regid=65534 --clear-groups sleep 60 &
 subject=$!
 i=0
 until dbus-send --system --print-reply --dest=org.freedesktop.DBus / org.freedesktop.DBus.NameHasOwner \
     string:org.freedesktop.PolicyKit1 2>/dev/null | grep -q 'boolean true'; do
-  i=$((i + 1)); [ $i -gt 200 ] && break; sleep 0.05
+  i=$((i + 1)); [ $i -gt 600 ] && break; sleep 0.05
 done
 for a in inhibit-handle-lid-switch inhibit-block-sleep inhibit-block-idle power-off; do
   pkcheck --action-id "org.freedesktop.login1.$a" --process "$subject" >/dev/null 2>&1
   printf '%s=%s ' "$a" "$?"
 done
-kill "$subject" "$pk" "$(cat "$D/bus.pid")"
+kill "$subject" "$pk" "$(cat "$D/bus.pid")" 2>/dev/null
 )SH");
     ProcessRunner runner;
-    auto out = runner.run({"/usr/bin/timeout", "30", "/usr/bin/unshare", "-m", "--propagation", "private", "/bin/sh",
+    auto out = runner.run({"/usr/bin/timeout", "60", "/usr/bin/unshare", "-m", "--propagation", "private", "/bin/sh",
                            dir_.file("check.sh")});
     return out.output;
   }
