@@ -17,7 +17,7 @@
 namespace vigilo::test {
 namespace {
 
-using json = nlohmann::ordered_json;
+using ordered_json = nlohmann::ordered_json;
 
 const std::string kClaudeOriginal =
     "{\r\n  \"permissions\": {\r\n    \"allow\": [\r\n      \"Bash(npm test)\"\r\n    ],\r\n    \"defaultMode\": "
@@ -55,13 +55,13 @@ class AutoApproveTest : public ::testing::Test {
 
 TEST_F(AutoApproveTest, TurningOffAfterThePersonsEditsKeepsThemAndPutsBackOnlyVigilosValues) {
   EXPECT_EQ(turnOn(), "On. New Claude Code and Codex sessions won't ask.");
-  const json claude = json::parse(readFile(claudePath()));
+  const ordered_json claude = ordered_json::parse(readFile(claudePath()));
   EXPECT_EQ(claude["permissions"],
-            json::parse(R"j({"allow": ["Bash(npm test)"], "defaultMode": "bypassPermissions"})j"));
+            ordered_json::parse(R"j({"allow": ["Bash(npm test)"], "defaultMode": "bypassPermissions"})j"));
   auto codex = toml::parse(readFile(codexPath()));
   EXPECT_EQ(codex["approval_policy"].value<std::string>(), "never");
   // The record's keys, in their order, are what the watchdog's restore reads.
-  const json record = json::parse(readFile(appFile("auto-approve.json")));
+  const ordered_json record = ordered_json::parse(readFile(appFile("auto-approve.json")));
   std::vector<std::string> keys;
   for (const auto& [k, v] : record.items()) keys.push_back(k);
   EXPECT_EQ(keys, (std::vector<std::string>{"claudeMode", "claudeTouched", "codexApproval", "codexTouched", "ends",
@@ -104,7 +104,7 @@ TEST_F(AutoApproveTest, ACrashWhileOnLeavesWhatTheShellRestoreNeeds) {
   bool ok = false;
   approve().turnOff(&ok);
   EXPECT_TRUE(ok);
-  EXPECT_EQ(json::parse(readFile(claudePath()))["permissions"]["defaultMode"], "acceptEdits");
+  EXPECT_EQ(ordered_json::parse(readFile(claudePath()))["permissions"]["defaultMode"], "acceptEdits");
   EXPECT_FALSE(fileExists(folder));
 }
 

@@ -26,7 +26,7 @@ namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-constexpr long long kNow = 1'800'000'000;
+constexpr long long kScriptNow = 1'800'000'000;
 
 // A real process that stays paused until continued.
 class PausedProcess {
@@ -88,7 +88,7 @@ class WatchdogScriptTest : public ::testing::TestWithParam<bool> {
     tool("shasum", "shift 2; sha256sum \"$@\"");
     writeFile(tools_ + "/ps-table", "");
     clearLog();
-    setNow(kNow);
+    setNow(kScriptNow);
     home_ = dir_.file("home");
     exe_ = dir_.file(mac ? "Vigilo" : "vigilo");
     if (mac) {
@@ -187,12 +187,12 @@ TEST_P(WatchdogScriptTest, AFreshHeartbeatIsLeftAloneAStaleOneHandsOverToTheApp)
   // Given "alive" 39 seconds old: the app lives, nothing is done.
   put("alive");
   put("gone", "123");
-  setModified(file("alive"), kNow - 39);
+  setModified(file("alive"), kScriptNow - 39);
   EXPECT_EQ(run(), 0);
   EXPECT_THAT(logLines(), IsEmpty());
   EXPECT_FALSE(has("gone"));  // the executable is there again
   // 40 seconds: the app died or hangs; its executable undoes the records.
-  setModified(file("alive"), kNow - 40);
+  setModified(file("alive"), kScriptNow - 40);
   EXPECT_EQ(run(), 0);
   EXPECT_THAT(logLines(), ElementsAre("exe cli watchdog"));
   if (mac_) return;  // a clean quit on a Mac: see below
@@ -243,15 +243,15 @@ TEST_P(WatchdogScriptTest, GoneForTenMinutesRemovesTheSetupAndItself) {
   ::symlink(dir_.file("nowhere").c_str(), link_.c_str());
   put("alive");
   run();
-  EXPECT_EQ(readFile(file("gone")), std::to_string(kNow) + "\n");
+  EXPECT_EQ(readFile(file("gone")), std::to_string(kScriptNow) + "\n");
   EXPECT_THAT(logLines(), IsEmpty());
 
-  setNow(kNow + 599);
+  setNow(kScriptNow + 599);
   run();
   EXPECT_TRUE(has("watchdog.sh"));
   for (const std::string& f : setupFiles_) EXPECT_TRUE(fileExists(f)) << f;
 
-  setNow(kNow + 600);
+  setNow(kScriptNow + 600);
   EXPECT_EQ(run(), 0);
   if (mac_) {
     EXPECT_THAT(logLines(),
@@ -342,7 +342,7 @@ TEST_F(MacWatchdogScriptTest, AGoneTimeThatIsNoNumberCountsAsNowAndALiveLinkStay
   put("gone", "yesterday");
   run();
   EXPECT_TRUE(has("watchdog.sh"));
-  put("gone", std::to_string(kNow - 3600));
+  put("gone", std::to_string(kScriptNow - 3600));
   clearLog();
   run();
   EXPECT_THAT(logLines(), ElementsAre("sudo -n /bin/rm -f /private/etc/sudoers.d/vigilo", "id -u",

@@ -25,6 +25,7 @@
 #include "platform/macos/path_sockets.h"
 #include "platform/macos/posix_run_loop.h"
 #include "platform/manual_run_loop.h"
+#include "platform/macos/mac_samples.h"
 #include "test_support.h"
 
 namespace vigilo::test {
@@ -44,13 +45,6 @@ class ScriptedRunner final : public CommandRunner {
   std::map<std::string, CommandOutput> answers;
   std::vector<std::string> ran;
 };
-
-std::string sample(const std::string& name) {
-  std::ifstream in(std::string(VIGILO_SOURCE_DIR) + "/tests/platform/macos/data/" + name);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
 
 class MacPlatformTest : public ::testing::Test {
  protected:
@@ -114,14 +108,14 @@ TEST_F(MacPlatformTest, PrivilegedLinesTheirFailuresAndWhatIsNeverRun) {
 
 TEST_F(MacPlatformTest, ReadingsFallBackAndProcessesKeepPathsWithSpaces) {
   // ioreg refused: pmset's summary still gives the charge.
-  runner.answer(mac::readPowerSource(), {0, sample("batt-discharging.txt")});
+  runner.answer(mac::readPowerSource(), {0, macSample("batt-discharging.txt")});
   auto battery = platform->registry().battery();
   ASSERT_TRUE(battery);
   EXPECT_EQ(battery->currentCapacity, 95);
   EXPECT_EQ(battery->externalConnected, false);
   runner.answer(mac::readClamshell(), {0, "  |   \"AppleClamshellState\" = Yes\n"});
   EXPECT_EQ(platform->registry().lidClosed(), true);
-  runner.answer(mac::readLiveSettings(), {0, sample("pmset-g-apple-silicon.txt")});
+  runner.answer(mac::readLiveSettings(), {0, macSample("pmset-g-apple-silicon.txt")});
   EXPECT_EQ(platform->registry().sleepDisabled(), true);
 
   runner.answer(mac::readAutoBackup(), {0, "1\n"});
@@ -145,7 +139,7 @@ TEST_F(MacPlatformTest, ReadingsFallBackAndProcessesKeepPathsWithSpaces) {
   // The adapter and a gap in time only sleep explains, seen by the poll.
   std::vector<SystemEvent> events;
   platform->events().subscribe([&](SystemEvent e) { events.push_back(e); });
-  runner.answer(mac::readPowerSource(), {0, sample("batt-charged.txt")});
+  runner.answer(mac::readPowerSource(), {0, macSample("batt-charged.txt")});
   loop.advance(5);
   clock.advance(3600);
   loop.advance(5);

@@ -16,22 +16,13 @@
 #include "platform/macos/ioreg_text.h"
 #include "platform/macos/pmset_text.h"
 #include "platform/macos/ps_text.h"
+#include "platform/macos/mac_samples.h"
 #include "safety/setup.h"
 
 namespace vigilo::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-fs::path dataDir() { return fs::path(VIGILO_SOURCE_DIR) / "tests/platform/macos/data"; }
-
-std::string sample(const std::string& name) {
-  std::ifstream in(dataDir() / name, std::ios::binary);
-  EXPECT_TRUE(in) << name;
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
 
 struct BattCase {
   std::string file, drawingFrom;
@@ -53,7 +44,7 @@ TEST(PmsetText, PowerSourceSamples) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.file);
-    auto source = parsePmsetBatt(sample(c.file));
+    auto source = parsePmsetBatt(macSample(c.file));
     ASSERT_TRUE(source);
     EXPECT_EQ(source->drawingFrom, c.drawingFrom);
     auto reading = readingFrom(batteryFromPmset(*source));
@@ -72,11 +63,11 @@ TEST(PmsetText, PowerSourceSamples) {
 }
 
 TEST(PmsetText, ThermalSamplesAndLevels) {
-  auto intel = parsePmsetTherm(sample("therm-intel-throttled.txt"));
+  auto intel = parsePmsetTherm(macSample("therm-intel-throttled.txt"));
   ASSERT_TRUE(intel);
   EXPECT_EQ(intel->cpuSpeedLimit, 35);
   EXPECT_EQ(thermalStateFromPmset(*intel), 2);
-  auto silicon = parsePmsetTherm(sample("therm-apple-silicon.txt"));
+  auto silicon = parsePmsetTherm(macSample("therm-apple-silicon.txt"));
   ASSERT_TRUE(silicon);
   EXPECT_FALSE(silicon->cpuSpeedLimit);
   EXPECT_EQ(thermalStateFromPmset(*silicon), 0);
@@ -91,7 +82,7 @@ TEST(PmsetText, ThermalSamplesAndLevels) {
 }
 
 TEST(PmsetText, AssertionSamples) {
-  auto caffeinate = parsePmsetAssertions(sample("assertions-caffeinate.txt"));
+  auto caffeinate = parsePmsetAssertions(macSample("assertions-caffeinate.txt"));
   ASSERT_EQ(caffeinate.size(), 3u);
   // 2025-11-02 13:20:57 -0600 is 19:20:57 UTC, 1762111257; held for 3 s.
   EXPECT_EQ(std::tuple(caffeinate[0].pid, caffeinate[0].processName, caffeinate[0].type, caffeinate[0].name,
@@ -101,30 +92,30 @@ TEST(PmsetText, AssertionSamples) {
 
   // The audio daemon holds it for another process and names its output; the
   // sample's last line is cut short and is left out.
-  auto audio = parsePmsetAssertions(sample("assertions-audio-cut-short.txt"));
+  auto audio = parsePmsetAssertions(macSample("assertions-audio-cut-short.txt"));
   ASSERT_EQ(audio.size(), 1u);
   EXPECT_EQ(audio[0].onBehalfOf, 64578);
   EXPECT_EQ(audio[0].resources, (std::vector<std::string>{"audio-out", "1E6DCB5B-0000-0000-0121-0104B53C2278"}));
   // An age past an hour.
-  EXPECT_EQ(parsePmsetAssertions(sample("assertions-no-kernel.txt")).at(1).since, 1682265335.0 - (3600 + 9 * 60 + 14));
+  EXPECT_EQ(parsePmsetAssertions(macSample("assertions-no-kernel.txt")).at(1).since, 1682265335.0 - (3600 + 9 * 60 + 14));
 
   // An old report, pasted without its indentation: no process name, no age,
   // and a stamp pmset no longer prints.
-  auto old = parsePmsetAssertions(sample("assertions-2012-flattened.txt"));
+  auto old = parsePmsetAssertions(macSample("assertions-2012-flattened.txt"));
   ASSERT_EQ(old.size(), 1u);
   EXPECT_EQ(std::tuple(old[0].pid, old[0].processName, old[0].name, old[0].since),
             std::tuple(1827, "", "com.apple.audio.'AppleHDAEngineOutput:1B,0,1,1:0'.noidlesleep", std::nullopt));
 }
 
 TEST(PmsetText, SettingsSamples) {
-  const std::string silicon = sample("pmset-g-apple-silicon.txt"), intel = sample("pmset-g-intel.txt");
+  const std::string silicon = macSample("pmset-g-apple-silicon.txt"), intel = macSample("pmset-g-intel.txt");
   EXPECT_EQ(sleepDisabledFromPmset(silicon), true);
   EXPECT_EQ(sleepDisabledFromPmset(intel), false);
   auto inUse = powerModeInUse(silicon);
   ASSERT_TRUE(inUse);
   EXPECT_EQ(std::tuple(inUse->key, inUse->value), std::tuple("lowpowermode", 0));
   EXPECT_FALSE(powerModeInUse(intel));
-  EXPECT_EQ(batteryPowerModeFromCustom(sample("custom-apple-silicon.txt"))->key, "powermode");
+  EXPECT_EQ(batteryPowerModeFromCustom(macSample("custom-apple-silicon.txt"))->key, "powermode");
   // Only the battery's section counts, and only an integer value.
   auto mode = batteryPowerModeFromCustom(
       "AC Power:\n lowpowermode         0\nBattery Power:\n lowpowermode         x\n lowpowermode         1\n");
@@ -168,9 +159,9 @@ TEST(MacCommands, ExactArgvWithinTheSudoersRule) {
 // Bad text gives nothing, never a crash or a made-up value: every sample cut
 // at every byte, and text that only looks like pmset's.
 TEST(PmsetText, HostileText) {
-  for (const auto& entry : fs::directory_iterator(dataDir())) {
+  for (const auto& entry : fs::directory_iterator(macSampleDir())) {
     if (entry.path().extension() != ".txt") continue;
-    const std::string text = sample(entry.path().filename().string());
+    const std::string text = macSample(entry.path().filename().string());
     for (std::size_t n = 0; n <= text.size(); ++n) {
       const std::string_view cut(text.data(), n);
       if (auto s = parsePmsetBatt(cut); s && s->internalBattery) {
@@ -233,7 +224,7 @@ TEST(IoregText, SmartBatterySamples) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.file);
-    const std::string text = sample(c.file);
+    const std::string text = macSample(c.file);
     EXPECT_FALSE(parseSmartBattery(text)) << "a cut-short plist is not read";
     auto p = parseSmartBattery(text + c.closing);
     ASSERT_TRUE(p);
@@ -299,14 +290,14 @@ TEST(IoregText, SmartBatteryForms) {
         "<plist>" + std::string(20000, '[') + "</plist>", std::string(100000, '<'), deep}) {
     EXPECT_FALSE(parseSmartBattery(junk));
   }
-  const std::string whole = sample("smartbattery-t2-cut-short.plist") + "\t\t</dict>\n\t</dict>\n</array>\n</plist>\n";
+  const std::string whole = macSample("smartbattery-t2-cut-short.plist") + "\t\t</dict>\n\t</dict>\n</array>\n</plist>\n";
   for (std::size_t n = 0; n < whole.size(); n += 7) (void)parseSmartBattery(std::string_view(whole.data(), n));
 }
 
 TEST(IoregText, LidAndLock) {
-  EXPECT_EQ(clamshellFromIoreg(sample("clamshell-open-grepped.txt")), false);
-  EXPECT_EQ(clamshellFromIoreg(sample("clamshell-cut-short.txt")), std::nullopt) << "the value was cut off";
-  EXPECT_EQ(clamshellFromIoreg(sample("clamshell-cut-short.txt") + " = Yes\n"), true);
+  EXPECT_EQ(clamshellFromIoreg(macSample("clamshell-open-grepped.txt")), false);
+  EXPECT_EQ(clamshellFromIoreg(macSample("clamshell-cut-short.txt")), std::nullopt) << "the value was cut off";
+  EXPECT_EQ(clamshellFromIoreg(macSample("clamshell-cut-short.txt") + " = Yes\n"), true);
   for (const char* text : {"\"AppleClamshellState\" = Yesterday\n", "\"AppleClamshellStateX\" = Yes\n"}) {
     EXPECT_EQ(clamshellFromIoreg(text), std::nullopt) << text;
   }
