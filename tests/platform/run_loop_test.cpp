@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "platform/manual_run_loop.h"
+#include "platform/run_bounded.h"
 #include "test_support.h"
 
 namespace vigilo {
@@ -112,22 +113,8 @@ TEST_F(ManualRunLoopTest, RunDrainsPostedWorkAndEventsReachOnlyTheirWatchers) {
   EXPECT_EQ(std::tuple(state, other, fd, term), std::tuple(1, 0, 1, 1));
 }
 
-// PollRunLoop, against the real kernel: a guard thread stops a run after
-// `limit`, so that a missing event fails the test instead of hanging it.
-bool runBounded(RunLoop& loop, std::chrono::milliseconds limit = 3000ms) {
-  std::atomic<bool> timedOut = false;
-  std::jthread guard([&](std::stop_token stop) {
-    std::mutex mutex;
-    std::unique_lock lock(mutex);
-    if (std::condition_variable_any().wait_for(lock, stop, limit, [&] { return stop.stop_requested(); })) return;
-    timedOut = true;
-    loop.stop();
-  });
-  loop.run();
-  guard.request_stop();
-  guard.join();
-  return !timedOut;
-}
+// PollRunLoop, against the real kernel (runBounded guards every run).
+using test::runBounded;
 
 class PollRunLoopTest : public ::testing::Test {
  protected:

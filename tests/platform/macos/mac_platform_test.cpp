@@ -26,6 +26,7 @@
 #include "platform/macos/posix_run_loop.h"
 #include "platform/manual_run_loop.h"
 #include "platform/macos/mac_samples.h"
+#include "platform/run_bounded.h"
 #include "test_support.h"
 
 namespace vigilo::test {
@@ -164,21 +165,6 @@ TEST(MacDesktop, NotificationTextStaysInsideItsLiteral) {
   EXPECT_EQ(runner.ran, (std::vector<std::string>{
                             "/usr/bin/osascript -e display notification \"Done\" with title \"Vigilo\""}));
   EXPECT_TRUE(desktop->trayUnavailable());
-}
-
-bool runBounded(RunLoop& loop, std::chrono::milliseconds limit = 3000ms) {
-  std::atomic<bool> timedOut = false;
-  std::jthread guard([&](std::stop_token stop) {
-    std::mutex mutex;
-    std::unique_lock lock(mutex);
-    if (std::condition_variable_any().wait_for(lock, stop, limit, [&] { return stop.stop_requested(); })) return;
-    timedOut = true;
-    loop.stop();
-  });
-  loop.run();
-  guard.request_stop();
-  guard.join();
-  return !timedOut;
 }
 
 TEST(PosixRunLoop, TimersPostsFileChangesAndSignals) {
