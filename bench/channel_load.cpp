@@ -30,10 +30,10 @@
 #include <unistd.h>
 #include <vector>
 
+#include "bench_app.h"
 #include "commands/channel.h"
 #include "platform/notifications.h"
 
-extern char** environ;
 
 namespace {
 
@@ -80,31 +80,15 @@ int main(int argc, char** argv) {
   const int requests = argc > 1 ? std::max(1, std::atoi(argv[1])) : 10000;
   const int tools = argc > 2 ? std::max(1, std::atoi(argv[2])) : 20;
   const int idleCount = argc > 3 ? std::max(0, std::atoi(argv[3])) : 1000;
-  char tmpl[] = "/tmp/vigilo-bench-XXXXXX";
-  if (::mkdtemp(tmpl) == nullptr) return 1;
-  const std::string home = std::string(tmpl) + "/home";
-  const std::string state = std::string(tmpl) + "/laptop.json";
-  ::setenv("VIGILO_HOME", home.c_str(), 1);
-  ::setenv(vigilo::kNoAutostartVariable, "1", 1);
-
-  std::vector<std::string> appArgv{VIGILO_BINARY, "app", "--simulate", state};
-  std::vector<char*> appArgs;
-  for (auto& a : appArgv) appArgs.push_back(a.data());
-  appArgs.push_back(nullptr);
-  posix_spawn_file_actions_t quiet;
-  posix_spawn_file_actions_init(&quiet);
-  posix_spawn_file_actions_addopen(&quiet, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&quiet, 2, "/dev/null", O_WRONLY, 0);
-  pid_t app = 0;
-  if (::posix_spawn(&app, appArgs[0], &quiet, nullptr, appArgs.data(), environ) != 0) return 1;
+  vigilo::bench::BenchApp bench;
+  const pid_t app = bench.pid();
+  const std::string& home = bench.home();
+  if (app <= 0) return 1;
   vigilo::RequestClient warm(home);
-  for (int i = 0; i < 500 && !vigilo::runningApp(home); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
   // Holding its folder, the app is reached once it listens (within the timeout).
   const bool up = warm.send("status", nlohmann::json::object(), 8).value("ok", false);
   if (!up) {
     std::fprintf(stderr, "the app didn't start\n");
-    ::kill(app, SIGTERM);
-    ::waitpid(app, nullptr, 0);
     return 1;
   }
   // A few requests first so the "before" figures include what any first
@@ -161,9 +145,6 @@ int main(int argc, char** argv) {
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   const long rssAfter = rssKb(app), fdsAfter = openFds(app);
 
-  ::kill(app, SIGTERM);
-  ::waitpid(app, nullptr, 0);
-  std::filesystem::remove_all(tmpl);
 
   std::printf("%d requests from %d tools in %.2f s: %.0f requests/s, %d lost\n", requests, tools, seconds,
               static_cast<double>(requests) / seconds, lost.load());

@@ -20,9 +20,9 @@
 #include <unistd.h>
 #include <vector>
 
+#include "bench_app.h"
 #include "commands/channel.h"
 
-extern char** environ;
 
 namespace {
 
@@ -48,26 +48,9 @@ double cpuMillis(pid_t pid) {
 
 int main(int argc, char** argv) {
   const int seconds = argc > 1 ? std::max(5, std::atoi(argv[1])) : 60;
-  char tmpl[] = "/tmp/vigilo-bench-XXXXXX";
-  if (::mkdtemp(tmpl) == nullptr) return 1;
-  const std::string home = std::string(tmpl) + "/home";
-  const std::string state = std::string(tmpl) + "/laptop.json";
-  std::filesystem::create_directories(home);
-  ::setenv("VIGILO_HOME", home.c_str(), 1);
-  // A bench never starts an app on the real machine.
-  ::setenv(vigilo::kNoAutostartVariable, "1", 1);
-
-  pid_t app = 0;
-  std::vector<std::string> appArgv{VIGILO_BINARY, "app", "--simulate", state};
-  std::vector<char*> appArgs;
-  for (auto& a : appArgv) appArgs.push_back(a.data());
-  appArgs.push_back(nullptr);
-  posix_spawn_file_actions_t quiet;
-  posix_spawn_file_actions_init(&quiet);
-  posix_spawn_file_actions_addopen(&quiet, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&quiet, 2, "/dev/null", O_WRONLY, 0);
-  if (::posix_spawn(&app, appArgs[0], &quiet, nullptr, appArgs.data(), environ) != 0) return 1;
-  for (int i = 0; i < 500 && !vigilo::runningApp(home); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  vigilo::bench::BenchApp bench;
+  const pid_t app = bench.pid();
+  if (app <= 0) return 1;
   // Start-up (the first readings, the watchdog script) is not idling.
   std::this_thread::sleep_for(std::chrono::seconds(5));
   const double before = cpuMillis(app);
@@ -75,9 +58,6 @@ int main(int argc, char** argv) {
   std::this_thread::sleep_for(std::chrono::seconds(seconds));
   const double after = cpuMillis(app);
   const double minutes = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() / 60.0;
-  ::kill(app, SIGTERM);
-  ::waitpid(app, nullptr, 0);
-  std::filesystem::remove_all(tmpl);
   if (before < 0 || after < 0) {
     std::printf("couldn't read the app's CPU time\n");
     return 1;

@@ -18,9 +18,9 @@
 #include <unistd.h>
 #include <vector>
 
+#include "bench_app.h"
 #include "commands/channel.h"
 
-extern char** environ;
 
 namespace {
 
@@ -50,26 +50,8 @@ double median(std::vector<double> v) {
 
 int main(int argc, char** argv) {
   const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 200;
-  char tmpl[] = "/tmp/vigilo-bench-XXXXXX";
-  if (::mkdtemp(tmpl) == nullptr) return 1;
-  const std::string home = std::string(tmpl) + "/home";
-  const std::string state = std::string(tmpl) + "/laptop.json";
-  std::filesystem::create_directories(home);
-  ::setenv("VIGILO_HOME", home.c_str(), 1);
-  // A bench never starts an app on the real machine.
-  ::setenv(vigilo::kNoAutostartVariable, "1", 1);
-
-  pid_t app = 0;
-  std::vector<std::string> appArgv{VIGILO_BINARY, "app", "--simulate", state};
-  std::vector<char*> appArgs;
-  for (auto& a : appArgv) appArgs.push_back(a.data());
-  appArgs.push_back(nullptr);
-  posix_spawn_file_actions_t quiet;
-  posix_spawn_file_actions_init(&quiet);
-  posix_spawn_file_actions_addopen(&quiet, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&quiet, 2, "/dev/null", O_WRONLY, 0);
-  if (::posix_spawn(&app, appArgs[0], &quiet, nullptr, appArgs.data(), environ) != 0) return 1;
-  for (int i = 0; i < 500 && !vigilo::runningApp(home); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  vigilo::bench::BenchApp bench;
+  if (bench.pid() <= 0) return 1;
   for (int i = 0; i < 100 && runOnce({VIGILO_BINARY, "status"}) < 0; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
@@ -85,10 +67,6 @@ int main(int argc, char** argv) {
     }
     truth.push_back(runOnce({"/bin/true"}));
   }
-  ::kill(app, SIGTERM);
-  ::waitpid(app, nullptr, 0);
-  std::filesystem::remove_all(tmpl);
-
   std::printf("vigilo status: median %.2f ms over %zu runs (%d failed)\n", median(status), status.size(), failures);
   std::printf("/bin/true:     median %.2f ms over %zu runs\n", median(truth), truth.size());
   return failures == 0 ? 0 : 1;
