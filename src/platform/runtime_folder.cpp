@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "platform/private_folder.h"
+#include "platform/text.h"
 
 namespace vigilo {
 
@@ -28,15 +29,7 @@ std::string beatFolderFor(const std::string& appFolder) {
   auto path = std::filesystem::weakly_canonical(std::filesystem::absolute(appFolder, ec), ec);
   std::string text = (ec ? std::filesystem::path(appFolder) : path).lexically_normal().string();
   while (text.size() > 1 && text.back() == '/') text.pop_back();
-  // FNV-1a: short and stable, and cheap enough for every hook run.
-  std::uint64_t h = 1469598103934665603ull;
-  for (unsigned char c : text) {
-    h ^= c;
-    h *= 1099511628211ull;
-  }
-  char key[17];
-  std::snprintf(key, sizeof key, "%016llx", static_cast<unsigned long long>(h));
-  return runtime + "/vigilo-" + key;
+  return runtime + "/vigilo-" + shortHash(text);
 }
 
 }  // namespace vigilo

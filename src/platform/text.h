@@ -27,6 +27,10 @@ std::string cutUtf8(std::string_view text, std::size_t maxBytes);
 // stays as it is.
 std::string terminalSafe(std::string_view text);
 
+// 16 hex digits of `text`'s FNV-1a hash: a short, stable name for a path,
+// cheap enough for every hook run (no secret: anyone can compute it).
+std::string shortHash(std::string_view text);
+
 // Spaces, tabs and line ends: what `trimmed` cuts and words are split at.
 inline constexpr std::string_view kBlanks = " \t\r\n";
 

@@ -17,6 +17,7 @@
 #include "platform/linux/unique_fd.h"
 #include "platform/notifications.h"
 #include "platform/socket_listener.h"
+#include "platform/text.h"
 
 namespace vigilo {
 namespace {
@@ -45,17 +46,8 @@ constexpr double kLongestRetry = 2.0;
 // never does).
 constexpr int kPostTimeoutSeconds = 3;
 
-// FNV-1a: a short, stable name for an app folder's path.
-std::string keyFor(const std::string& appFolder) {
-  std::uint64_t h = 1469598103934665603ull;
-  for (unsigned char c : appFolder) {
-    h ^= c;
-    h *= 1099511628211ull;
-  }
-  char buf[17];
-  std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(h));
-  return buf;
-}
+// A short, stable name for an app folder's path.
+std::string keyFor(const std::string& appFolder) { return shortHash(appFolder); }
 
 // The same folder named two ways ("~/x/", "~/x", through a link) must give
 // one address.

@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "platform/result.h"
+#include "platform/text.h"
 
 namespace vigilo {
 namespace {
@@ -104,14 +105,7 @@ std::string keyFor(const std::string& appFolder) {
     text = (ec ? absolute : canonical).lexically_normal().string();
   }
   while (text.size() > 1 && text.back() == '/') text.pop_back();
-  std::uint64_t h = 1469598103934665603ull;
-  for (unsigned char c : text) {
-    h ^= c;
-    h *= 1099511628211ull;
-  }
-  char buf[17];
-  std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(h));
-  return buf;
+  return shortHash(text);
 }
 
 std::string socketFolder() { return "/tmp/vigilo-" + std::to_string(::getuid()); }
